@@ -1,0 +1,32 @@
+# One place for what every target of ours is compiled with.
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE_PROGRAM}")
+endif()
+
+# g++ 12 warns falsely on std::string at -O3 (GCC bug 105651), so release stays at -O2.
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
+set(CMAKE_CXX_FLAGS_DEBUG "-O0 -g")
+
+add_library(kestrine_compile INTERFACE)
+target_include_directories(kestrine_compile INTERFACE "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}")
+target_compile_definitions(kestrine_compile INTERFACE _GNU_SOURCE)
+target_compile_options(kestrine_compile INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wconversion -Wno-sign-conversion -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(kestrine_compile INTERFACE -Wthread-safety)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # GCC bug 105651: a false -Wrestrict on std::string concatenation.
+  target_compile_options(kestrine_compile INTERFACE -Wno-restrict)
+endif()
+
+if(KESTRINE_SANITIZE)
+  add_compile_options(-fsanitize=${KESTRINE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${KESTRINE_SANITIZE})
+  add_compile_definitions(KESTRINE_SANITIZED=1)
+  if(KESTRINE_SANITIZE MATCHES "thread")
+    # GCC and clang warn on std::atomic_thread_fence under TSan, which GoogleTest's headers use.
+    add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
+  endif()
+endif()

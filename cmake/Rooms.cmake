@@ -1,0 +1,35 @@
+# A room is one folder, one library target and the list of rooms that it may use.
+# What a room does not name it cannot include from without failing to link.
+
+# kestrine_room(NAME USES target...): a library of every *.cpp in the current folder but main.cpp.
+function(kestrine_room name)
+  cmake_parse_arguments(ROOM "" "" "USES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS "*.cpp")
+  list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
+  if(NOT sources)
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE kestrine_compile ${ROOM_USES})
+    return()
+  endif()
+  add_library(${name} STATIC ${sources})
+  target_link_libraries(${name} PUBLIC kestrine_compile ${ROOM_USES})
+endfunction()
+
+# kestrine_tests(NAME USES target... [TIMEOUT s] [LABELS l...]): one test program of every *.cpp in the current folder, so that no
+# test file can be left out by mistake; each test case becomes one CTest test.
+include(GoogleTest)
+function(kestrine_tests name)
+  cmake_parse_arguments(TESTS "" "TIMEOUT" "USES;LABELS" ${ARGN})
+  if(NOT TESTS_TIMEOUT)
+    set(TESTS_TIMEOUT 300)
+  endif()
+  file(GLOB sources CONFIGURE_DEPENDS "*.cpp")
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(${name} ${sources})
+  target_link_libraries(${name} PRIVATE kestrine_test_support ${TESTS_USES})
+  target_precompile_headers(${name} REUSE_FROM kestrine_test_pch)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 TEST_PREFIX "${name}."
+    PROPERTIES TIMEOUT ${TESTS_TIMEOUT} LABELS "${TESTS_LABELS}")
+endfunction()

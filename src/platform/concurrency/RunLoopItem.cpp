@@ -1,0 +1,8 @@
+#include "platform/concurrency/RunLoop.h"
+
+namespace platform {
+
+RunLoopItem::~RunLoopItem() = default;
+RunLoop::~RunLoop() = default;
+
+}  // namespace platform

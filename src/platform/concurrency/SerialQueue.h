@@ -1,0 +1,48 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace platform {
+
+/// Runs blocks one after another on threads that it borrows.
+///
+/// Guarantees:
+///  1. Blocks run in the order of `async`, each once; a block begins after the former one returned, and sees everything that it wrote.
+///  2. What the calling thread wrote before `async` is visible to the block.
+///  3. A block that never returns holds up its own queue only: a queue borrows a thread while it has work, from a pool without a maximum.
+///  4. The queue lives until its last block ran, also when its owner let go of it; destroying the handle does not wait.
+///  5. While suspended no block begins; a running one ends. Suspensions nest and are balanced by `resume`.
+///  6. `sync` returns after its block ran. Called on the queue itself it deadlocks, as on the platform.
+///  7. An exception that leaves a block is said in the log and ends there.
+/// Not promised: a thread of its own; two blocks may run on different threads.
+///
+/// Threads: any thread may call anything.
+class SerialQueue {
+ public:
+  /// `label` names it in the log and in debuggers; may be empty.
+  static std::shared_ptr<SerialQueue> create(std::string label = {});
+  virtual ~SerialQueue();
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  virtual void async(std::function<void()> block) = 0;
+  virtual void sync(const std::function<void()>& block) = 0;
+  virtual void suspend() = 0;
+  virtual void resume() = 0;
+  [[nodiscard]] virtual const std::string& label() const = 0;
+  /// Whether the calling thread is running one of its blocks.
+  [[nodiscard]] virtual bool isCurrent() const = 0;
+
+ protected:
+  SerialQueue() = default;
+};
+
+/// The queue whose blocks the main thread's run loop runs. The same guarantees, except that it cannot be suspended (suspend and resume do nothing).
+std::shared_ptr<SerialQueue> mainQueue();
+
+/// Runs `block` on a borrowed thread of the same pool, beside everything else. At most four idle threads park, without a time-out.
+void runOnPoolThread(std::function<void()> block);
+
+}  // namespace platform

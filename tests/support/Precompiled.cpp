@@ -1,0 +1,1 @@
+// The precompiled header of all test programs is built with this file.

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+namespace kestrine::test {
+
+/// A new empty folder, removed with everything in it (unreadable folders and paths beyond PATH_MAX included) when destroyed.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+  /// `path()` + "/" + `name`.
+  [[nodiscard]] std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+void writeFile(const std::string& path, const std::string& text);
+void appendFile(const std::string& path, const std::string& text);
+std::string readFile(const std::string& path);
+void makeFolder(const std::string& path);
+
+}  // namespace kestrine::test
