@@ -1,0 +1,319 @@
+#include "platform/concurrency/RunLoop.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Eventually.h"
+
+namespace kestrine::test {
+namespace {
+
+using platform::RunLoop;
+using platform::RunLoopSource;
+using platform::RunLoopTimer;
+
+TEST(RunLoop, IsOnePerThreadForTheLifeOfTheThread) {
+  const auto mine = RunLoop::current();
+  EXPECT_EQ(mine, RunLoop::current());
+  std::shared_ptr<RunLoop> first;
+  std::shared_ptr<RunLoop> second;
+  std::thread([&] { first = RunLoop::current(), second = RunLoop::current(); }).join();
+  EXPECT_EQ(first, second);
+  EXPECT_NE(first, mine);
+}
+
+TEST(RunLoop, OutlivesItsThreadWhileSomeoneHoldsIt) {
+  std::shared_ptr<RunLoop> loop;
+  std::thread([&] { loop = RunLoop::current(); }).join();
+  const auto held = std::make_shared<int>(0);
+  loop->perform([held] { FAIL() << "nobody can run this loop"; });
+  const auto timer = RunLoopTimer::create(0, 0, [held] { FAIL() << "nobody can run this loop"; });
+  loop->add(timer);
+  timer->invalidate();
+  loop->stop();
+  EXPECT_FALSE(loop->isRunning());
+  EXPECT_FALSE(loop->isCurrent());
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(RunLoop, DestroysTheBlocksThatNobodyRan) {
+  const auto held = std::make_shared<int>(0);
+  std::thread([&] {
+    RunLoop::current()->perform([held] { FAIL() << "the loop was never run"; });
+    EXPECT_EQ(held.use_count(), 2);
+  }).join();
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(RunLoop, OfTheMainThreadIsKnownEverywhere) {
+  EXPECT_EQ(RunLoop::main(), RunLoop::current());
+  EXPECT_TRUE(RunLoop::main()->isCurrent());
+  std::thread([] {
+    EXPECT_NE(RunLoop::main(), RunLoop::current());
+    EXPECT_FALSE(RunLoop::main()->isCurrent());
+    EXPECT_TRUE(RunLoop::current()->isCurrent());
+  }).join();
+}
+
+TEST(RunLoop, MayOnlyBeRunByItsOwnThread) {
+  std::thread([] { EXPECT_ANY_THROW(RunLoop::main()->run()); }).join();
+}
+
+TEST(RunLoop, ReturnsAtOnceWhenNothingIsScheduled) {
+  RunLoop::current()->run();
+  EXPECT_FALSE(RunLoop::current()->isRunning());
+}
+
+TEST(RunLoop, IsKeptRunningByAnItemScheduledBefore) {
+  const auto loop = RunLoop::current();
+  int calls = 0;
+  std::shared_ptr<RunLoopSource> source;
+  source = RunLoopSource::create([&] {
+    ++calls;
+    EXPECT_TRUE(loop->isRunning());
+    source->invalidate();
+  });
+  loop->add(source);
+  std::thread signaller([&] { source->signal(); });
+  loop->run();
+  signaller.join();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(RunLoop, ReturnsAfterStop) {
+  const auto loop = RunLoop::current();
+  const auto source = RunLoopSource::create([] {});
+  loop->add(source);
+  loop->perform([&] { loop->stop(); });
+  loop->run();
+  EXPECT_TRUE(source->isValid());
+  std::thread stopper([&] {
+    EXPECT_TRUE(eventually([&] { return loop->isRunning(); }));
+    loop->stop();
+  });
+  loop->run();
+  stopper.join();
+  source->invalidate();
+}
+
+TEST(RunLoop, IgnoresAStopFromBeforeItRan) {
+  const auto loop = RunLoop::current();
+  loop->stop();
+  bool ran = false;
+  loop->perform([&] { ran = true; });
+  loop->run();
+  EXPECT_TRUE(ran);
+}
+
+TEST(RunLoop, ReturnsAfterTheCallbackThatStopped) {
+  const auto loop = RunLoop::current();
+  std::vector<int> ran;
+  loop->perform([&] { ran.push_back(1), loop->stop(); });
+  loop->perform([&] { ran.push_back(2); });
+  loop->run();
+  EXPECT_EQ(ran, std::vector<int>({1}));
+  loop->run();
+  EXPECT_EQ(ran, std::vector<int>({1, 2}));
+}
+
+long contextSwitches() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nvcsw;
+}
+
+TEST(RunLoop, SleepsWithoutWakingWhileNothingHappens) {
+  const auto loop = RunLoop::current();
+  const auto source = RunLoopSource::create([] {});
+  loop->add(source);
+  const auto before = contextSwitches();
+  EXPECT_FALSE(loop->runFor(0.5));
+  // One sleep to the end of the time; a loop that polled would have slept and woken many times.
+  EXPECT_LE(contextSwitches() - before, 3);
+  source->invalidate();
+}
+
+TEST(RunLoop, WaitsTheWholeTimeEvenWhenNothingIsScheduled) {
+  const auto begun = std::chrono::steady_clock::now();
+  EXPECT_FALSE(RunLoop::current()->runFor(0.05));
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(50));
+}
+
+TEST(RunLoop, TellsThatATimedRunWasStopped) {
+  const auto loop = RunLoop::current();
+  loop->perform([&] { loop->stop(); });
+  EXPECT_TRUE(loop->runFor(60));
+}
+
+TEST(RunLoop, ServesWhatIsDueInATimedRunOfNoTime) {
+  int calls = 0;
+  RunLoop::current()->perform([&] { ++calls; });
+  EXPECT_FALSE(RunLoop::current()->runFor(0));
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(RunLoop, NeverCallsInsideAddSignalOrPerform) {
+  const auto loop = RunLoop::current();
+  bool inside = true;
+  int calls = 0;
+  const auto outside = [&] {
+    EXPECT_FALSE(inside);
+    ++calls;
+  };
+  const auto source = RunLoopSource::create(outside);
+  source->signal();
+  loop->add(source);
+  source->signal();
+  const auto timer = RunLoopTimer::create(0, 0, outside);
+  loop->add(timer);
+  loop->perform([&, running = false]() mutable {
+    outside();
+    running = true;
+    loop->perform([&] {
+      EXPECT_TRUE(running);
+      ++calls, source->invalidate();
+    });
+    inside = true;
+    source->signal();
+    inside = false;
+  });
+  inside = false;
+  loop->run();
+  EXPECT_GE(calls, 4);
+}
+
+TEST(RunLoop, RunsCallbacksOnItsThreadOneAtATime) {
+  const auto loop = RunLoop::current();
+  const auto thread = std::this_thread::get_id();
+  int depth = 0;
+  int calls = 0;
+  constexpr int kEach = 500;
+  const auto callback = [&] {
+    EXPECT_EQ(++depth, 1);
+    EXPECT_EQ(std::this_thread::get_id(), thread);
+    --depth;
+    if (++calls == 4 * kEach) loop->stop();
+  };
+  const auto keeper = RunLoopSource::create([] {});
+  loop->add(keeper);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int each = 0; each < kEach; ++each) loop->perform(callback);
+    });
+  }
+  loop->run();
+  for (auto& each : threads) each.join();
+  EXPECT_EQ(calls, 4 * kEach);
+  keeper->invalidate();
+}
+
+TEST(RunLoop, RunsBlocksInTheOrderGivenEachOnce) {
+  std::vector<int> ran;
+  for (int i = 0; i < 1000; ++i) RunLoop::current()->perform([&, i] { ran.push_back(i); });
+  RunLoop::current()->run();
+  ASSERT_EQ(ran.size(), 1000U);
+  EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(RunLoop, IsKeptRunningByBlocksThatBlocksAdd) {
+  const auto loop = RunLoop::current();
+  int left = 100;
+  std::function<void()> again = [&] {
+    if (--left > 0) loop->perform(again);
+  };
+  loop->perform(again);
+  loop->run();
+  EXPECT_EQ(left, 0);
+}
+
+TEST(RunLoop, ShowsABlockWhatThePerformingThreadWrote) {
+  const auto loop = RunLoop::current();
+  const auto keeper = RunLoopSource::create([] {});
+  loop->add(keeper);
+  int written = 0;
+  std::thread writer([&] {
+    written = 7;
+    loop->perform([&] {
+      EXPECT_EQ(written, 7);
+      keeper->invalidate();
+    });
+  });
+  loop->run();
+  writer.join();
+}
+
+TEST(RunLoop, MayBeRunAgainAfterItReturned) {
+  int calls = 0;
+  for (int i = 0; i < 3; ++i) {
+    RunLoop::current()->perform([&] { ++calls; });
+    RunLoop::current()->run();
+  }
+  EXPECT_EQ(calls, 3);
+}
+
+TEST(RunLoop, MayBeRunInsideACallbackAndServesAllItemsThere) {
+  const auto loop = RunLoop::current();
+  std::vector<int> ran;
+  std::shared_ptr<RunLoopSource> source;
+  source = RunLoopSource::create([&] { ran.push_back(2), source->invalidate(); });
+  loop->add(source);
+  loop->perform([&] {
+    ran.push_back(1);
+    source->signal();
+    loop->run();
+    ran.push_back(4);
+  });
+  loop->perform([&] { ran.push_back(3); });
+  loop->run();
+  std::sort(ran.begin() + 1, ran.begin() + 3);
+  EXPECT_EQ(ran, std::vector<int>({1, 2, 3, 4}));
+}
+
+TEST(RunLoop, StopsTheInnermostRunOnly) {
+  const auto loop = RunLoop::current();
+  const auto keeper = RunLoopSource::create([] {});
+  loop->add(keeper);
+  bool outerWentOn = false;
+  loop->perform([&] {
+    loop->perform([&] { loop->stop(); });
+    loop->run();
+    loop->perform([&] { outerWentOn = true, loop->stop(); });
+  });
+  loop->run();
+  EXPECT_TRUE(outerWentOn);
+  EXPECT_FALSE(loop->isRunning());
+  keeper->invalidate();
+}
+
+TEST(RunLoop, LetsAnExceptionOutAndCanBeRunAgain) {
+  const auto loop = RunLoop::current();
+  int calls = 0;
+  loop->perform([] { throw std::runtime_error("out"); });
+  loop->perform([&] { ++calls; });
+  EXPECT_THROW(loop->run(), std::runtime_error);
+  EXPECT_FALSE(loop->isRunning());
+  loop->run();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(RunLoop, DropsPerformedBlocksOnRequest) {
+  const auto loop = RunLoop::current();
+  const auto held = std::make_shared<int>(0);
+  loop->perform([held] { FAIL() << "dropped before the run"; });
+  loop->discardPerformed();
+  EXPECT_EQ(held.use_count(), 1);
+  bool ran = false;
+  loop->perform([&] { ran = true; });
+  loop->run();
+  EXPECT_TRUE(ran);
+}
+
+}  // namespace
+}  // namespace kestrine::test
