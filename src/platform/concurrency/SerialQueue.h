@@ -16,7 +16,9 @@ namespace platform {
 ///  5. While suspended no block begins; a running one ends. Suspensions nest and are balanced by `resume`.
 ///  6. `sync` returns after its block ran. Called on the queue itself it deadlocks, as on the platform.
 ///  7. An exception that leaves a block is said in the log and ends there.
-/// Not promised: a thread of its own; two blocks may run on different threads.
+/// Not promised: a thread of its own; two blocks may run on different threads. What a block schedules on its thread's run loop and leaves
+/// there is forgotten when the queue gives its thread back. Blocks of a queue that its owner let go of while it was suspended are destroyed
+/// unrun.
 ///
 /// Threads: any thread may call anything.
 class SerialQueue {
@@ -30,6 +32,7 @@ class SerialQueue {
   virtual void async(std::function<void()> block) = 0;
   virtual void sync(const std::function<void()>& block) = 0;
   virtual void suspend() = 0;
+  /// Throws Exception(NSInternalInconsistencyException) when the queue is not suspended.
   virtual void resume() = 0;
   [[nodiscard]] virtual const std::string& label() const = 0;
   /// Whether the calling thread is running one of its blocks.
@@ -39,10 +42,14 @@ class SerialQueue {
   SerialQueue() = default;
 };
 
-/// The queue whose blocks the main thread's run loop runs. The same guarantees, except that it cannot be suspended (suspend and resume do nothing).
+/// The queue whose blocks the main thread's run loop runs. The same guarantees, except that it cannot be suspended (suspend and resume do
+/// nothing). A block wakes a main loop that runs and keeps it running until the block ran; waiting for more takes a RunLoopItem on
+/// RunLoop::main().
 std::shared_ptr<SerialQueue> mainQueue();
 
-/// Runs `block` on a borrowed thread of the same pool, beside everything else. At most four idle threads park, without a time-out.
+/// Runs `block` on a borrowed thread of the same pool, beside everything else. At most four idle threads park, without a time-out. An
+/// exception that leaves the block is said in the log and ends there. Threads of the pool block all signals, so a process started from one
+/// must unblock its own.
 void runOnPoolThread(std::function<void()> block);
 
 }  // namespace platform
