@@ -1,0 +1,36 @@
+// What lies between the platform's stream and the product's handler: path to URL, filter, event object.
+#include <benchmark/benchmark.h>
+
+#include <string>
+#include <vector>
+
+#include "bench/TemporaryFolder.h"
+#include "platform/concurrency/RunLoop.h"
+#include "platform/fsevents/FSEventStream.h"
+#include "watcher/CDEvents.h"
+
+namespace {
+
+using kestrine::CDEvents;
+using platform::FSEvent;
+using platform::URL;
+
+void deliverBatch(benchmark::State& state) {
+  const kestrine::bench::TemporaryFolder folder;
+  std::vector<FSEvent> batch;
+  for (int number = 0; number < 1000; ++number) {
+    batch.push_back({.path = folder.path() + "/some folder/file number " + std::to_string(number),
+                     .flags = platform::kFSEventStreamEventFlagItemCreated,
+                     .id = static_cast<platform::FSEventStreamEventId>(number)});
+  }
+  std::size_t delivered = 0;
+  CDEvents events(
+      {URL::fileURLWithPath(folder.path())}, [&delivered](CDEvents&, const auto&) { ++delivered; }, platform::RunLoop::current(),
+      kestrine::kCDEventsSinceEventNow, 3, false, std::vector<URL>{URL::fileURLWithPath("/somewhere/else")},
+      kestrine::kCDEventsDefaultEventStreamFlags);
+  while (state.KeepRunning()) CDEventsCallback(events, batch);
+  if (delivered != batch.size() * state.iterations()) state.SkipWithError("not everything was delivered");
+}
+BENCHMARK(deliverBatch)->Name("CDEvents: a batch of 1,000 events to the handler");
+
+}  // namespace
