@@ -1,1 +1,19 @@
-int main() { return 0; }
+#include <memory>
+
+#include "platform/xpc/ServiceProcess.h"
+#include "platform/xpc/XPCListener.h"
+#include "service/LegacyService.h"
+#include "service/ServiceDelegate.h"
+#include "util/ServicesUtilities.h"
+
+int main() {
+  platform::xpc::ServiceProcess::begin("Ostrabyte.FileWatcherXpcService");
+  if (kestrine::ServicesUtilities::is10_7()) return kestrine::runLegacyService();
+
+  // The listener does not keep its delegate; this variable does, for the life of the process.
+  const auto delegate = std::make_shared<kestrine::ServiceDelegate>();
+  platform::XPCListener& listener = platform::XPCListener::serviceListener();
+  listener.setDelegate(delegate);
+  listener.resume();
+  return 0;
+}

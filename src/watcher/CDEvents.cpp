@@ -1,0 +1,162 @@
+#include "watcher/CDEvents.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/Exception.h"
+#include "platform/foundation/Object.h"
+#include "watcher/CDEventsDelegate.h"
+#include "watcher/CDEventsImpl.h"
+
+namespace kestrine {
+
+namespace {
+
+constexpr double kDefaultNotificationLatency = 3.0;
+constexpr bool kDefaultIgnoreEventsFromSubDirectories = false;
+
+[[noreturn]] void throwInvalidArguments() {
+  throw platform::Exception(platform::NSInvalidArgumentException, "Invalid arguments passed to CDEvents init-method.");
+}
+
+// The block of the delegate form. It asks the stream that delivers, so that it serves whatever delegate is set at that moment.
+void forwardToDelegate(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event) {
+  if (const std::shared_ptr<CDEventsDelegate> delegate = URLWatcher.delegate()) delegate->URLWatcher_eventOccurred(URLWatcher, event);
+}
+
+std::weak_ptr<CDEventsDelegate> present(std::weak_ptr<CDEventsDelegate> delegate) {
+  if (delegate.expired()) throwInvalidArguments();
+  return delegate;
+}
+
+CDEventsEventBlock present(CDEventsEventBlock block) {
+  if (!block) throwInvalidArguments();
+  return block;
+}
+
+std::vector<platform::URL> present(std::vector<platform::URL> URLs) {
+  if (URLs.empty()) throwInvalidArguments();
+  return URLs;
+}
+
+}  // namespace
+
+CDEvents::CDEvents(std::vector<platform::URL> URLs, std::weak_ptr<CDEventsDelegate> delegate)
+    : CDEvents(std::move(URLs), std::move(delegate), platform::RunLoop::current()) {}
+
+CDEvents::CDEvents(std::vector<platform::URL> URLs, std::weak_ptr<CDEventsDelegate> delegate,
+                   const std::shared_ptr<platform::RunLoop>& onRunLoop)
+    : CDEvents(std::move(URLs), std::move(delegate), onRunLoop, kCDEventsSinceEventNow, kDefaultNotificationLatency,
+               kDefaultIgnoreEventsFromSubDirectories, std::nullopt, kCDEventsDefaultEventStreamFlags) {}
+
+CDEvents::CDEvents(std::vector<platform::URL> URLs, std::weak_ptr<CDEventsDelegate> delegate,
+                   const std::shared_ptr<platform::RunLoop>& onRunLoop, platform::FSEventStreamEventId sinceEventIdentifier,
+                   double notificationLantency, bool ignoreEventsFromSubDirs, std::optional<std::vector<platform::URL>> excludeURLs,
+                   platform::FSEventStreamCreateFlags streamCreationFlags)
+    : impl_(std::make_shared<Impl>(*this, Impl::Configuration{.delegate = present(std::move(delegate)),
+                                                              .watchedURLs = present(std::move(URLs)),
+                                                              .excludedURLs = std::move(excludeURLs),
+                                                              .eventBlock = forwardToDelegate,
+                                                              .sinceEventIdentifier = sinceEventIdentifier,
+                                                              .eventStreamCreationFlags = streamCreationFlags,
+                                                              .notificationLatency = notificationLantency,
+                                                              .ignoreEventsFromSubDirectories = ignoreEventsFromSubDirs})) {
+  createEventStream();
+  startOnRunLoop(onRunLoop);
+}
+
+CDEvents::CDEvents(std::vector<platform::URL> URLs, CDEventsEventBlock block)
+    : CDEvents(std::move(URLs), std::move(block), platform::RunLoop::current()) {}
+
+CDEvents::CDEvents(std::vector<platform::URL> URLs, CDEventsEventBlock block, const std::shared_ptr<platform::RunLoop>& onRunLoop)
+    : CDEvents(std::move(URLs), std::move(block), onRunLoop, kCDEventsSinceEventNow, kDefaultNotificationLatency,
+               kDefaultIgnoreEventsFromSubDirectories, std::nullopt, kCDEventsDefaultEventStreamFlags) {}
+
+CDEvents::CDEvents(std::vector<platform::URL> URLs, CDEventsEventBlock block, const std::shared_ptr<platform::RunLoop>& onRunLoop,
+                   platform::FSEventStreamEventId sinceEventIdentifier, double notificationLantency, bool ignoreEventsFromSubDirs,
+                   std::optional<std::vector<platform::URL>> excludeURLs, platform::FSEventStreamCreateFlags streamCreationFlags)
+    : impl_(std::make_shared<Impl>(*this, Impl::Configuration{.delegate = {},
+                                                              .watchedURLs = present(std::move(URLs)),
+                                                              .excludedURLs = std::move(excludeURLs),
+                                                              .eventBlock = present(std::move(block)),
+                                                              .sinceEventIdentifier = sinceEventIdentifier,
+                                                              .eventStreamCreationFlags = streamCreationFlags,
+                                                              .notificationLatency = notificationLantency,
+                                                              .ignoreEventsFromSubDirectories = ignoreEventsFromSubDirs})) {
+  createEventStream();
+  startOnRunLoop(onRunLoop);
+}
+
+CDEvents::~CDEvents() {
+  impl_->abandon();
+  disposeEventStream();
+  setDelegate({});
+}
+
+void CDEvents::createEventStream() {
+  std::vector<std::string> paths;
+  const std::vector<platform::URL> URLs = watchedURLs();
+  paths.reserve(URLs.size());
+  for (const platform::URL& url : URLs) paths.push_back(url.path());
+
+  // The stream does not keep its CDEvents alive; only a delivery under way does that for the part of it that it needs.
+  auto callback = [weak = std::weak_ptr(impl_)](platform::FSEventStream&, std::span<const platform::FSEvent> events) {
+    if (const std::shared_ptr<Impl> impl = weak.lock()) impl->deliver(events);
+  };
+  impl_->eventStream = std::make_unique<platform::FSEventStream>(std::move(callback), std::move(paths), impl_->sinceEventIdentifier,
+                                                                 impl_->notificationLatency, impl_->eventStreamCreationFlags);
+}
+
+void CDEvents::startOnRunLoop(const std::shared_ptr<platform::RunLoop>& runLoop) {
+  if (runLoop) impl_->eventStream->scheduleWithRunLoop(runLoop);
+  if (!impl_->eventStream->start()) {
+    throw platform::Exception(CDEventsEventStreamCreationFailureException, "Failed to create event stream.");
+  }
+}
+
+void CDEvents::disposeEventStream() {
+  if (!impl_->eventStream) return;
+  impl_->eventStream->stop();
+  impl_->eventStream->invalidate();
+  impl_->eventStream.reset();
+}
+
+std::unique_ptr<CDEvents> CDEvents::copyWithZone() const {
+  return std::make_unique<CDEvents>(watchedURLs(), eventBlock(), platform::RunLoop::current(), sinceEventIdentifier(),
+                                    notificationLatency(), ignoreEventsFromSubDirectories(), excludedURLs(),
+                                    impl_->eventStreamCreationFlags);
+}
+
+std::shared_ptr<CDEventsDelegate> CDEvents::delegate() const { return impl_->read(impl_->delegate).lock(); }
+void CDEvents::setDelegate(const std::weak_ptr<CDEventsDelegate>& delegate) { impl_->exchange(impl_->delegate, delegate); }
+
+CDEventsEventBlock CDEvents::eventBlock() const { return impl_->eventBlock; }
+double CDEvents::notificationLatency() const { return impl_->notificationLatency; }
+platform::FSEventStreamEventId CDEvents::sinceEventIdentifier() const { return impl_->sinceEventIdentifier; }
+
+std::shared_ptr<const CDEvent> CDEvents::lastEvent() const { return impl_->read(impl_->lastEvent); }
+void CDEvents::setLastEvent(std::shared_ptr<const CDEvent> event) { impl_->exchange(impl_->lastEvent, std::move(event)); }
+
+std::vector<platform::URL> CDEvents::watchedURLs() const { return impl_->read(impl_->watchedURLs); }
+void CDEvents::setWatchedURLs(std::vector<platform::URL> URLs) { impl_->exchange(impl_->watchedURLs, std::move(URLs)); }
+std::optional<std::vector<platform::URL>> CDEvents::excludedURLs() const { return impl_->read(impl_->excludedURLs); }
+void CDEvents::setExcludedURLs(std::optional<std::vector<platform::URL>> URLs) { impl_->exchange(impl_->excludedURLs, std::move(URLs)); }
+
+bool CDEvents::ignoreEventsFromSubDirectories() const { return impl_->ignoreEventsFromSubDirectories; }
+void CDEvents::setIgnoreEventsFromSubDirectories(bool ignore) { impl_->ignoreEventsFromSubDirectories = ignore; }
+
+void CDEvents::flushSynchronously() { impl_->eventStream->flushSync(); }
+void CDEvents::flushAsynchronously() { impl_->eventStream->flushAsync(); }
+platform::FSEventStreamEventId CDEvents::currentEventIdentifier() { return platform::FSEventsGetCurrentEventId(); }
+
+std::string CDEvents::description() const {
+  platform::Array URLs;
+  for (const platform::URL& url : watchedURLs()) URLs.emplace_back(url.description());
+  return fmt::format("<CDEvents: {} {{ watchedURLs = {} }}>", fmt::ptr(this), platform::Object(std::move(URLs)).description());
+}
+
+std::string CDEvents::streamDescription() const { return impl_->eventStream->copyDescription(); }
+
+}  // namespace kestrine

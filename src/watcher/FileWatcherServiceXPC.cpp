@@ -1,0 +1,95 @@
+#include "watcher/FileWatcherServiceXPC.h"
+
+#include <fmt/format.h>
+
+#include <string_view>
+#include <utility>
+
+#include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/Log.h"
+#include "platform/foundation/Paths.h"
+#include "platform/foundation/UserDefaults.h"
+#include "watcher/CDEvent.h"
+#include "watcher/WatchStatus.h"
+#include "watcher/systemVersionIsAtLeast.h"
+
+namespace kestrine {
+
+namespace {
+
+constexpr std::string_view kSharedPreferencesDomain = "Ostrabyte.Kestrine";
+constexpr std::string_view kBasePathKey = "kestrinePathKey";
+constexpr std::string_view kFileWatcherStatusKey = "FileWatcherStatusKey";
+constexpr double kNotificationLatency = 3.0;
+
+// A list of the one URL that `text` makes, as it stands.
+std::vector<platform::URL> listOfURL(const std::string& text) {
+  std::optional<platform::URL> url = platform::URL::URLWithString(text);
+  if (!url) throw platform::Exception(platform::NSInvalidArgumentException, fmt::format("\"{}\" makes no URL to put into a list.", text));
+  return {*std::move(url)};
+}
+
+}  // namespace
+
+platform::FSEventStreamCreateFlags watchCreationFlags() {
+  platform::FSEventStreamCreateFlags flags = kCDEventsDefaultEventStreamFlags;
+  if (systemVersionIsAtLeast(10, 6)) flags |= platform::kFSEventStreamCreateFlagIgnoreSelf;
+  if (systemVersionIsAtLeast(10, 7)) flags |= platform::kFSEventStreamCreateFlagFileEvents;
+  return flags;
+}
+
+void raiseFileWatcherStatus(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event) {
+  platform::UserDefaults& defaults = platform::UserDefaults::standardUserDefaults();
+  defaults.setObject_forKey("1", kFileWatcherStatusKey);
+  platform::NSLog("FileWatcher 1 in filewatcher service");
+  defaults.synchronize();
+  platform::NSLog(fmt::format("[Block] URLWatcher: {}\nEvent: {}", URLWatcher.description(), event->description()));
+}
+
+FileWatcherServiceXPC::FileWatcherServiceXPC() : status_(std::make_unique<Status>()) {}
+
+FileWatcherServiceXPC::~FileWatcherServiceXPC() {
+  if (events_) events_->setDelegate({});
+}
+
+void FileWatcherServiceXPC::initFileWatcher() {
+  platform::NSLog("inside initFilewatcher");
+  setIAppsPrefs(platform::Dictionary());
+  setIAppsPrefs(platform::UserDefaults::standardUserDefaults().persistentDomainForName(kSharedPreferencesDomain));
+  try {
+    run();
+    status_->stands();
+  } catch (const platform::Exception& exception) {
+    status_->failed(exception.reason());
+    logErrorMethod(exception);
+  } catch (...) {
+    // Not ours to handle, but nobody may be left waiting for a watch that never comes.
+    status_->failed("an exception of an unknown kind");
+    throw;
+  }
+}
+
+void FileWatcherServiceXPC::run() {
+  platform::NSLog(fmt::format("watcher url  {}", iAppsPrefs_.objectForKey(kBasePathKey).description()));
+  const std::string folder = fmt::format("{}/Kestrine", iAppsPrefs_.objectForKey(kBasePathKey).description());
+  status_->watches(folder);
+  std::vector<platform::URL> watched = listOfURL(folder);
+  status_->watches(watched.front().path());
+
+  // Only this path is escaped: the application writes the base path as a URL's text already.
+  const std::string downloads = platform::stringByAppendingPathComponent(platform::NSHomeDirectory(), "Downloads");
+  std::vector<platform::URL> excluded = listOfURL(platform::stringByAddingPercentEscapes(downloads));
+
+  const platform::FSEventStreamCreateFlags creationFlags = watchCreationFlags();
+  if (events_) return;
+
+  events_ = std::make_unique<CDEvents>(std::move(watched), raiseFileWatcherStatus, platform::RunLoop::current(), kCDEventsSinceEventNow,
+                                       kNotificationLatency, false, std::move(excluded), creationFlags);
+  platform::NSLog(fmt::format("-[FileWatcherServiceXPC run]:\n{}\n------\n{}", events_->description(), events_->streamDescription()));
+}
+
+void FileWatcherServiceXPC::URLWatcher_eventOccurred(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event) {
+  platform::NSLog(fmt::format("[Delegate] URLWatcher: {}\nEvent: {}", URLWatcher.description(), event->description()));
+}
+
+}  // namespace kestrine
