@@ -15,13 +15,16 @@ using kestrine::CDEvents;
 using platform::FSEvent;
 using platform::URL;
 
+constexpr std::size_t kBatch = 1000;
+
 void deliverBatch(benchmark::State& state) {
   const kestrine::bench::TemporaryFolder folder;
   std::vector<FSEvent> batch;
-  for (int number = 0; number < 1000; ++number) {
+  batch.reserve(kBatch);
+  for (std::size_t number = 0; number < kBatch; ++number) {
     batch.push_back({.path = folder.path() + "/some folder/file number " + std::to_string(number),
                      .flags = platform::kFSEventStreamEventFlagItemCreated,
-                     .id = static_cast<platform::FSEventStreamEventId>(number)});
+                     .id = number});
   }
   std::size_t delivered = 0;
   CDEvents events(
