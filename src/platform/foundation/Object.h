@@ -61,8 +61,8 @@ class Object {
 
   /// Nil.
   Object() = default;
-  Object(std::nullptr_t) {}  // NOLINT(google-explicit-constructor): nil is written as nullptr
-  Object(std::string text);  // NOLINT(google-explicit-constructor): values are written as they are, as in literals
+  Object(std::nullptr_t) {}       // NOLINT(google-explicit-constructor): nil is written as nullptr
+  Object(std::string text);       // NOLINT(google-explicit-constructor): values are written as they are, as in literals
   Object(std::string_view text);  // NOLINT(google-explicit-constructor)
   Object(const char* text);       // NOLINT(google-explicit-constructor): a null pointer gives nil
   Object(platform::Data data);    // NOLINT(google-explicit-constructor)
@@ -71,8 +71,8 @@ class Object {
   Object(std::shared_ptr<const platform::FileHandle> handle);  // NOLINT(google-explicit-constructor): a null pointer gives nil
   Object(platform::Array array);                               // NOLINT(google-explicit-constructor)
   Object(platform::Dictionary dictionary);                     // NOLINT(google-explicit-constructor)
-  Object(bool) = delete;  // say numberWithBool; a pointer must not silently become a boolean
-  Object(int) = delete;   // say which number: the type code is kept
+  Object(bool) = delete;                                       // say numberWithBool; a pointer must not silently become a boolean
+  Object(int) = delete;                                        // say which number: the type code is kept
 
   static Object null();
   static Object numberWithBool(bool value);
@@ -93,8 +93,10 @@ class Object {
   [[nodiscard]] bool isDictionary() const noexcept { return kind() == Kind::Dictionary; }
   explicit operator bool() const noexcept { return !isNil(); }
 
-  // Numbers. Conversions between number types are C's; nil gives 0; other kinds throw, except that text is read as a number the way
-  // the platform's strings are (leading blanks skipped, trailing text ignored, no number gives 0).
+  // Numbers. Conversions between number types are C's, and where C leaves a floating-point value undefined the nearest representable one
+  // is given (0 for NaN). Nil gives 0 (and a number type of 0); other kinds throw, except that text is read as a number the way the
+  // platform's strings are: leading blanks skipped, trailing text ignored, no number gives 0, one that does not fit gives the nearest.
+  // Text is true when, after blanks, a sign and zeros, it goes on with a digit from 1 to 9 or with Y, y, T or t.
   [[nodiscard]] NumberType numberType() const;
   [[nodiscard]] bool boolValue() const;
   [[nodiscard]] int intValue() const;
@@ -119,17 +121,18 @@ class Object {
   [[nodiscard]] std::size_t count() const;
 
   /// What "%@" prints: "(null)" for nil, "<null>" for null, text as it stands, numbers in decimal (booleans as 1 and 0), arrays and
-  /// dictionaries in the platform's parenthesised form over several lines.
+  /// dictionaries in the platform's parenthesised form over several lines. Inside those, text that holds anything but ASCII letters and
+  /// digits is quoted and escaped, so that one line of the form is one line of the log.
   [[nodiscard]] std::string description() const;
 
-  /// By value. Numbers of different type codes differ; file handles are equal when they are the same handle.
+  /// By value. Numbers of different type codes differ, NaN equals NaN; file handles are equal when they are the same handle.
   friend bool operator==(const Object& a, const Object& b);
 
  private:
   struct Number {
     NumberType type;
     std::variant<std::int64_t, std::uint64_t, double> value;
-    friend bool operator==(const Number&, const Number&) = default;
+    bool operator==(const Number& other) const;
   };
   struct NullTag {
     friend bool operator==(const NullTag&, const NullTag&) = default;

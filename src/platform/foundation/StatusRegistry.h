@@ -8,10 +8,10 @@
 
 namespace platform {
 
-/// What a process is doing, for people who ask from outside: each living part registers a section and a function that describes it. The local channel
-/// answers a status frame with a snapshot of it.
-/// Threads: any thread may add, remove and take a snapshot. A describe function runs on the asking thread, must not block and must not call the registry.
-/// On return of the registration's destructor its function is not running and never runs again.
+/// What a process is doing, for people who ask from outside: each living part registers a section and a function that describes it. The
+/// local channel answers a status frame with a snapshot of it. Threads: any thread may add, remove and take a snapshot. A describe function
+/// runs on the asking thread, must not block and must not call the registry. On return of the registration's destructor its function is not
+/// running and never runs again.
 class StatusRegistry {
  public:
   class Registration {

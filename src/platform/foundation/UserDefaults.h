@@ -5,14 +5,10 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/ApplicationIdentifier.h"
 #include "platform/foundation/Object.h"
 
 namespace platform {
-
-/// The name under which this process keeps its own preferences (its application domain) and by which its log lines name it, such as
-/// "Ostrabyte.FileWatcherXpcService". Set once by `main`, before anything reads preferences; the program's file name until then.
-void setApplicationIdentifier(std::string identifier);
-std::string applicationIdentifier();
 
 /// The folder of the preferences: ${XDG_CONFIG_HOME:-~/.config}/Preferences. Not made here.
 std::string preferencesFolder();

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string_view>
+
+namespace platform {
+
+inline bool isASCIILetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+inline bool isASCIIDigit(char c) { return c >= '0' && c <= '9'; }
+
+/// Whether a URL may hold `c` as itself: the unreserved and reserved characters of RFC 2396, section 2. '%', '#', '[' and ']' have a place
+/// in a URL only where its syntax puts them and so are not among them.
+inline bool isLegalInURL(char c) {
+  return isASCIILetter(c) || isASCIIDigit(c) || (c != '\0' && std::string_view("-_.!~*'();/?:@&=+$,").find(c) != std::string_view::npos);
+}
+
+}  // namespace platform
