@@ -43,6 +43,7 @@ class Process {
 
  private:
   void drain();
+  bool waitForText(const std::string& gathered, const std::string& text, std::chrono::milliseconds limit);
   pid_t pid_ = -1;
   int out_ = -1;
   int err_ = -1;
@@ -57,6 +58,8 @@ struct Outcome {
   std::string output;
   std::string errorOutput;
 };
-Outcome runToEnd(const std::vector<std::string>& arguments, const Process::Options& options = {}, std::chrono::milliseconds limit = std::chrono::seconds(60));
+/// A status of -1 says that it was still running after `limit`; it is then killed.
+Outcome runToEnd(const std::vector<std::string>& arguments, const Process::Options& options = {},
+                 std::chrono::milliseconds limit = std::chrono::seconds(60));
 
 }  // namespace kestrine::test

@@ -20,6 +20,7 @@ class TemporaryDirectory {
   std::string path_;
 };
 
+/// These throw std::runtime_error when the system refuses; reading a file that does not exist is such a refusal.
 void writeFile(const std::string& path, const std::string& text);
 void appendFile(const std::string& path, const std::string& text);
 std::string readFile(const std::string& path);

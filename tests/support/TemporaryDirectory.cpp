@@ -1,0 +1,141 @@
+#include "tests/support/TemporaryDirectory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <vector>
+
+#include "platform/foundation/FileHandle.h"
+
+namespace kestrine::test {
+
+namespace {
+
+constexpr int kOpenFolder = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+[[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
+
+/// The folder on `name` in `parent`, given all permissions first when it refuses.
+platform::FileHandle openFolder(int parent, const char* name) {
+  platform::FileHandle folder(openat(parent, name, kOpenFolder));
+  if (!folder.isOpen() && errno == EACCES && fchmodat(parent, name, 0700, 0) == 0) {
+    folder = platform::FileHandle(openat(parent, name, kOpenFolder));
+  }
+  return folder;
+}
+
+struct Entry {
+  std::string name;
+  bool isFolder;
+};
+
+/// The last folder comes last; nothing is listed twice, so the caller may remove while it looks.
+std::vector<Entry> entriesOf(int folder) {
+  std::vector<Entry> entries;
+  const int copy = openat(folder, ".", kOpenFolder);
+  DIR* const stream = copy < 0 ? nullptr : fdopendir(copy);
+  if (stream == nullptr) return entries;
+  while (const dirent* entry = readdir(stream)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat status {};
+    const bool isFolder = fstatat(folder, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+    entries.push_back({name, isFolder});
+  }
+  closedir(stream);
+  return entries;
+}
+
+/// One folder on the way down. Only the deepest is open: a deep tree must not use up the descriptors.
+struct Level {
+  std::string name;
+  std::vector<std::string> foldersLeft;
+};
+
+/// Removes what is not a folder and returns the folders' names.
+std::vector<std::string> removeFiles(int folder) {
+  std::vector<std::string> folders;
+  fchmod(folder, 0700);
+  for (Entry& entry : entriesOf(folder)) {
+    if (entry.isFolder) {
+      folders.push_back(std::move(entry.name));
+    } else {
+      unlinkat(folder, entry.name.c_str(), 0);
+    }
+  }
+  return folders;
+}
+
+/// Empties the folder `top` without recursion and without a path longer than one name.
+void emptyFolder(platform::FileHandle top) {
+  platform::FileHandle current = std::move(top);
+  std::vector<Level> levels;
+  levels.push_back({"", removeFiles(current.fileDescriptor())});
+  for (;;) {
+    Level& level = levels.back();
+    if (!level.foldersLeft.empty()) {
+      std::string name = std::move(level.foldersLeft.back());
+      level.foldersLeft.pop_back();
+      platform::FileHandle folder = openFolder(current.fileDescriptor(), name.c_str());
+      if (!folder.isOpen()) continue;
+      current = std::move(folder);
+      levels.push_back({std::move(name), removeFiles(current.fileDescriptor())});
+      continue;
+    }
+    if (levels.size() == 1) return;
+    platform::FileHandle parent(openat(current.fileDescriptor(), "..", kOpenFolder));
+    if (!parent.isOpen()) return;
+    unlinkat(parent.fileDescriptor(), level.name.c_str(), AT_REMOVEDIR);
+    current = std::move(parent);
+    levels.pop_back();
+  }
+}
+
+}  // namespace
+
+TemporaryDirectory::TemporaryDirectory() {
+  const char* base = std::getenv("TMPDIR");
+  std::string name = std::string(base != nullptr && base[0] == '/' ? base : "/tmp") + "/kestrine-XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) fail("mkdtemp " + name);
+  char* const canonical = realpath(name.c_str(), nullptr);
+  if (canonical == nullptr) fail("realpath " + name);
+  path_ = canonical;
+  std::free(canonical);
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  emptyFolder(openFolder(AT_FDCWD, path_.c_str()));
+  rmdir(path_.c_str());
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  if (!file.flush()) fail("write " + path);
+}
+
+void appendFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary | std::ios::app);
+  file << text;
+  if (!file.flush()) fail("append " + path);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) fail("read " + path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void makeFolder(const std::string& path) {
+  if (mkdir(path.c_str(), 0777) != 0) fail("mkdir " + path);
+}
+
+}  // namespace kestrine::test
