@@ -1,1 +1,14 @@
-int main() { return 0; }
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "app/Command.h"
+#include "platform/foundation/UserDefaults.h"
+
+int main(int count, char** words) {
+  // A reader that goes away is an error value of the write, not a signal that ends us in the middle of one.
+  std::signal(SIGPIPE, SIG_IGN);
+  platform::setApplicationIdentifier("kestrine");
+  const std::vector<std::string> arguments(words + (count > 0 ? 1 : 0), words + count);
+  return static_cast<int>(kestrine::runCommandLine(arguments));
+}

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kestrine {
+
+/// How a request to watch ended.
+struct WatchStart {
+  enum class Outcome {
+    /// A new watch stands.
+    Watching,
+    /// A watch of this folder stood already; none was asked for.
+    AlreadyWatching,
+    /// No base folder is set, or the service cannot watch the one that is. Nothing was asked.
+    UnusableBase,
+    /// The service was asked, and says that the watch could not start.
+    NotWatching,
+    /// The service is not installed, does not start, or ended while it was asked.
+    NoService,
+    /// The service did not say in time whether the watch stands. It may still come to stand.
+    TimedOut,
+  };
+  Outcome outcome = Outcome::TimedOut;
+  /// The watched folder; empty with UnusableBase.
+  std::string folder;
+  /// What happened and, where something went wrong, what to do about it.
+  std::string text;
+  /// The service; 0 when it was not reached.
+  pid_t process = 0;
+  /// What a user should know in any case, such as that another folder is watched than the one typed.
+  std::vector<std::string> warnings;
+
+  [[nodiscard]] bool stands() const { return outcome == Outcome::Watching || outcome == Outcome::AlreadyWatching; }
+};
+
+/// The folder-watching service, as an application uses it:
+///
+///     kestrine::FileWatcherClient watcher;
+///     watcher.setBasePath("/home/me/Documents");           // the folder "Kestrine" in it is watched
+///     const auto start = watcher.startWatching();
+///     if (!start.stands()) return complain(start.text);
+///     for (;;) {
+///       if (watcher.waitForFlag(std::chrono::minutes(5))) synchronise();
+///     }
+///
+/// The service raises one flag for any number of changes. Waiting for it takes it, that is, resets it, before the call returns, so what
+/// changes while the application synchronises raises it again and nothing is missed. The watch goes on when the client is destroyed.
+///
+/// When the service process dies after a watch was started, the client says so to the event handler and asks again, which starts the
+/// service anew; when that keeps failing it waits longer each time, up to a minute. A service that was stopped on purpose is asked again
+/// too, as long as a client wants its watch.
+///
+/// Threads: any thread may call anything; `waitForFlag` runs the calling thread's run loop. The event handler is called on a thread of the
+/// client's own and must not destroy the client. Destroying it may wait for a request of that thread, up to ten seconds.
+class FileWatcherClient {
+ public:
+  /// What happened to the service since the watch was started.
+  struct ServiceEvent {
+    enum class Kind { Died, WatchingAgain, StillNotWatching };
+    Kind kind;
+    std::string text;
+  };
+
+  FileWatcherClient();
+  ~FileWatcherClient();
+  FileWatcherClient(const FileWatcherClient&) = delete;
+  FileWatcherClient& operator=(const FileWatcherClient&) = delete;
+
+  /// Stores the folder in whose folder "Kestrine" the user's files are: an absolute path. Watches that stand are not moved. False, with the
+  /// reason in the log, when the preferences cannot be written.
+  bool setBasePath(const std::string& path);
+
+  /// Starts the service where it does not run and asks it to watch; returns when the watch stands or has failed.
+  WatchStart startWatching(std::chrono::milliseconds limit = std::chrono::seconds(60));
+
+  /// Waits, asleep, until the flag is raised, takes it and returns true; false when it was not raised within `limit`. Throws
+  /// std::runtime_error when the flag cannot be watched or cannot be reset.
+  bool waitForFlag(std::chrono::milliseconds limit);
+  /// Takes the flag if it is raised, without waiting. Throws as waitForFlag.
+  bool takeFlag();
+
+  /// Set it before `startWatching`.
+  void setEventHandler(std::function<void(const ServiceEvent&)> handler);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kestrine

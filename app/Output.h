@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string_view>
+
+namespace kestrine {
+
+/// Standard output for commands that print while things happen: every `write` reaches the reader before it returns.
+///
+/// A reader that has gone, or one that does not read while the command is told to end, closes it: further text is dropped.
+/// Threads: one at a time.
+class Output {
+ public:
+  /// `descriptor` is written to; when `interrupt` (not owned, -1 for none) becomes readable, a write that would wait gives up.
+  explicit Output(int descriptor, int interrupt = -1) : descriptor_(descriptor), interrupt_(interrupt) {}
+
+  /// False when it is closed, or has been closed by this write.
+  bool write(std::string_view text);
+
+  [[nodiscard]] bool isClosed() const { return state_ != State::Open; }
+  /// Closed because the reader has gone: a quiet end.
+  [[nodiscard]] bool readerHasGone() const { return state_ == State::ReaderGone; }
+  /// Why it is closed, for people.
+  [[nodiscard]] const char* reason() const;
+
+ private:
+  enum class State { Open, ReaderGone, ReaderStuck, Failed };
+  bool waitUntilWritable();
+
+  int descriptor_;
+  int interrupt_;
+  int error_ = 0;
+  State state_ = State::Open;
+};
+
+}  // namespace kestrine
