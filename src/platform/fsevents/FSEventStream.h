@@ -13,8 +13,8 @@ namespace platform {
 
 class RunLoop;
 
-/// The identifier that a change made now would get at the earliest: comparable between processes and restarts, so an application may store it.
-/// Never later than a change that is not yet delivered. Any thread.
+/// The identifier that a change made now would get at the earliest: comparable between processes and restarts, so an application may store
+/// it. Never later than a change that is not yet delivered. Any thread.
 FSEventStreamEventId FSEventsGetCurrentEventId();
 
 /// A stream of the changes below a list of paths, delivered in batches on a run loop.
@@ -26,27 +26,28 @@ FSEventStreamEventId FSEventsGetCurrentEventId();
 /// | stopped     | started    | nothing   | scheduled | invalid              |
 /// | invalid     | false      | nothing   | nothing   | nothing              |
 ///
-/// When `start` has returned true, every later change below the paths is told: exactly, or, where the kernel or this stream lost something, by an
-/// event with MustScanSubDirs for the folder above it. New folders are taken up as they appear, moved folders keep being told
-/// under their new paths, and folders that leave fall silent. Symbolic links below a watched path are not followed; a watched path that is one is.
-/// A watched path need not exist: watching begins when it appears.
+/// When `start` has returned true, every later change below the paths is told: exactly, or, where the kernel or this stream lost something,
+/// by an event with MustScanSubDirs for the folder above it. New folders are taken up as they appear, moved folders keep being told under
+/// their new paths, and folders that leave fall silent. Symbolic links below a watched path are not followed; a watched path that is one
+/// is. A watched path need not exist: watching begins when it appears.
 ///
-/// Known limits: a write through a hard link in a folder that is not watched, a store through a shared mapping (told when the mapping ends) and
-/// changes by other machines on a network file system are not told.
+/// Known limits: a write through a hard link in a folder that is not watched, a store through a shared mapping (told when the mapping ends)
+/// and changes by other machines on a network file system are not told.
 ///
 /// Threads: any thread may call anything. The callback runs on the thread of the run loop that the stream is scheduled on. `stop`,
-/// `invalidate` and destruction wait for a running callback, except when called from inside it, and end that run loop when nothing else is on it.
+/// `invalidate` and destruction wait for a running callback, except when called from inside it, and end that run loop when nothing else is
+/// on it.
 class FSEventStream {
  public:
   /// `events` is valid during the call only. Events of one path are in the order in which they happened.
   using Callback = std::function<void(FSEventStream& stream, std::span<const FSEvent> events)>;
 
-  /// Which part of the kernel tells the changes. Automatic prefers fanotify and uses inotify for what fanotify refuses; the others use nothing else.
-  /// Automatic obeys the environment variable KESTRINE_FSEVENTS_SOURCE ("fanotify", "inotify") when it is set.
+  /// Which part of the kernel tells the changes. Automatic prefers fanotify and uses inotify for what fanotify refuses; the others use
+  /// nothing else. Automatic obeys the environment variable KESTRINE_FSEVENTS_SOURCE ("fanotify", "inotify") when it is set.
   enum class Source { Automatic, Fanotify, Inotify };
 
-  /// Creates a stream; nothing is watched before `start`. `latency` is in seconds, counted from the first change of a window; `sinceWhen` is
-  /// kFSEventStreamEventIdSinceNow or an identifier of the past, which asks for what changed since (followed by HistoryDone).
+  /// Creates a stream; nothing is watched before `start`. `latency` is in seconds, counted from the first change of a window; `sinceWhen`
+  /// is kFSEventStreamEventIdSinceNow or an identifier of the past, which asks for what changed since (followed by HistoryDone).
   FSEventStream(Callback callback, std::vector<std::string> pathsToWatch, FSEventStreamEventId sinceWhen, double latency,
                 FSEventStreamCreateFlags flags, Source source = Source::Automatic);
   ~FSEventStream();
@@ -55,22 +56,22 @@ class FSEventStream {
 
   /// Names the run loop to deliver on; it keeps running while the stream is scheduled on it and valid.
   void scheduleWithRunLoop(const std::shared_ptr<RunLoop>& runLoop);
-  /// Begins watching and returns when the watch stands. False, with the reason in the log and in `status()`, when the kernel offers no source at all
-  /// (or not the one asked for), when no path was given or when the stream is not scheduled.
+  /// Begins watching and returns when the watch stands. False, with the reason in the log and in `status()`, when the kernel offers no
+  /// source at all (or not the one asked for), when no path was given or when the stream is not scheduled.
   [[nodiscard]] bool start();
   /// Ends watching and forgets what was not delivered; the stream stays scheduled.
   void stop();
   /// Ends everything for good.
   void invalidate();
 
-  /// Delivers every change made before the call and returns then. On the run loop's own thread the callback runs inside the call; on another it
-  /// waits for the run loop, if that is running.
+  /// Delivers every change made before the call and returns then. On the run loop's own thread the callback runs inside the call; on
+  /// another it waits for the run loop, if that is running.
   void flushSync();
   /// The same without waiting. Returns the identifier of the last event that was given out so far.
   FSEventStreamEventId flushAsync();
 
-  /// Leaves out everything at and below these paths (whole components: "/a/b" does not exclude "/a/bc"); they cost no watches. Before `start` only:
-  /// returns false afterwards. At most once per stream takes effect, the last call.
+  /// Leaves out everything at and below these paths (whole components: "/a/b" does not exclude "/a/bc"); they cost no watches. Before
+  /// `start` only: returns false afterwards. At most once per stream takes effect, the last call.
   bool setExclusionPaths(std::vector<std::string> paths);
 
   /// The watched paths, the latest identifier, the flags and the state, for people.
@@ -78,9 +79,9 @@ class FSEventStream {
   [[nodiscard]] const std::vector<std::string>& pathsBeingWatched() const;
   [[nodiscard]] FSEventStreamEventId getLatestEventId() const;
 
-  /// A dictionary of what `kestrine status` shows: "paths" (array), "state" (text: "created", "started", "stopped", "invalid"), "source" ("fanotify",
-  /// "inotify" or both joined by "+"), "foldersMarked", "eventsDelivered", "deliveries" (numbers), "losses" (array of dictionaries "reason", "path",
-  /// "count"), "unreadable" (array of paths), "polled" (array of paths), "error" (text, when start failed).
+  /// A dictionary of what `kestrine status` shows: "paths" (array), "state" (text: "created", "started", "stopped", "invalid"), "source"
+  /// ("fanotify", "inotify" or both joined by "+"), "foldersMarked", "eventsDelivered", "deliveries" (numbers), "losses" (array of
+  /// dictionaries "reason", "path", "count"), "unreadable" (array of paths), "polled" (array of paths), "error" (text, when start failed).
   [[nodiscard]] Object status() const;
 
  private:

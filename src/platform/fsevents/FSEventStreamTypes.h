@@ -46,7 +46,8 @@ inline constexpr FSEventStreamEventFlags kFSEventStreamEventFlagItemIsFile = 0x0
 inline constexpr FSEventStreamEventFlags kFSEventStreamEventFlagItemIsDir = 0x00020000;
 inline constexpr FSEventStreamEventFlags kFSEventStreamEventFlagItemIsSymlink = 0x00040000;
 
-/// The names of the bits set in `flags` without their common prefix, lowest bit first: "ItemCreated", "MustScanSubDirs". Bits without a name are left out.
+/// The names of the bits set in `flags` without their common prefix, lowest bit first: "ItemCreated", "MustScanSubDirs". Bits without a
+/// name are left out.
 std::vector<std::string> FSEventStreamEventFlagNames(FSEventStreamEventFlags flags);
 
 /// One delivered notice.

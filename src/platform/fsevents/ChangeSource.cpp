@@ -1,0 +1,65 @@
+#include "platform/fsevents/ChangeSource.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+namespace platform::fsevents {
+namespace {
+
+constexpr std::size_t kReadSize = std::size_t{64} << 10U;
+/// A backlog's memory is given back once it was larger than this.
+constexpr std::size_t kKeptCapacity = std::size_t{256} << 10U;
+
+void clearAndShrink(std::vector<char>& bytes) {
+  bytes.clear();
+  if (bytes.capacity() > kKeptCapacity) bytes.shrink_to_fit();
+}
+
+}  // namespace
+
+bool ChangeSource::drain() {
+  bool any = false;
+  std::array<char, kReadSize> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): read fills what is used
+  while (!isBacklogFull()) {
+    const ssize_t count = ::read(queue_.fileDescriptor(), buffer.data(), buffer.size());
+    if (count > 0) {
+      any = true;
+      backlog_.insert(backlog_.end(), buffer.data(), buffer.data() + count);
+      continue;
+    }
+    if (count < 0 && errno == EINTR) continue;
+    break;
+  }
+  if (any) lastRead_ = Clock::now();
+  return any;
+}
+
+std::optional<ChangeSource::Clock::time_point> ChangeSource::dispatch(const Visitor& visit) {
+  while (true) {
+    while (begin_ < current_.size()) {
+      std::optional<Clock::time_point> wait;
+      const std::size_t used = dispatchOne(current_.data() + begin_, current_.size() - begin_, visit, wait);
+      if (!wait) {
+        begin_ += used;
+        continue;
+      }
+      if (backlog_.empty()) return wait;
+      current_.insert(current_.end(), backlog_.begin(), backlog_.end());
+      clearAndShrink(backlog_);
+    }
+    begin_ = 0;
+    clearAndShrink(current_);
+    if (backlog_.empty()) return std::nullopt;
+    current_.swap(backlog_);
+  }
+}
+
+void ChangeSource::clearBacklog() {
+  begin_ = 0;
+  clearAndShrink(current_);
+  clearAndShrink(backlog_);
+}
+
+}  // namespace platform::fsevents

@@ -1,0 +1,237 @@
+#include "platform/fsevents/DirectoryTree.h"
+
+#include <cstring>
+#include <functional>
+
+namespace platform::fsevents {
+namespace {
+
+constexpr std::size_t kTextHeader = 3;
+
+std::size_t hashBytes(std::string_view bytes, std::size_t seed) {
+  // The multiplier spreads neighbouring seeds (node numbers) over the whole word.
+  return std::hash<std::string_view>{}(bytes) ^ (seed * 0x9E3779B97F4A7C15ULL);
+}
+
+}  // namespace
+
+template <class Matches>
+NodeId DirectoryTree::Index::find(std::size_t hash, const Matches& matches) const {
+  if (slots_.empty()) return kNoNode;
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t slot = hash & mask; slots_[slot] != kNoNode; slot = (slot + 1) & mask) {
+    if (matches(slots_[slot])) return slots_[slot];
+  }
+  return kNoNode;
+}
+
+void DirectoryTree::Index::insert(const DirectoryTree& tree, NodeId node) {
+  if ((used_ + 1) * 4 > slots_.size() * 3) grow(tree);
+  const std::size_t mask = slots_.size() - 1;
+  std::size_t slot = (tree.*hash_)(node)&mask;
+  while (slots_[slot] != kNoNode) slot = (slot + 1) & mask;
+  slots_[slot] = node;
+  ++used_;
+}
+
+void DirectoryTree::Index::erase(const DirectoryTree& tree, NodeId node) {
+  if (slots_.empty()) return;
+  const std::size_t mask = slots_.size() - 1;
+  std::size_t hole = (tree.*hash_)(node)&mask;
+  while (slots_[hole] != node) {
+    if (slots_[hole] == kNoNode) return;
+    hole = (hole + 1) & mask;
+  }
+  // Whatever probed past the hole moves into it, or a later look-up would stop there.
+  for (std::size_t slot = (hole + 1) & mask; slots_[slot] != kNoNode; slot = (slot + 1) & mask) {
+    const std::size_t home = (tree.*hash_)(slots_[slot]) & mask;
+    if (((slot - home) & mask) >= ((slot - hole) & mask)) {
+      slots_[hole] = slots_[slot];
+      hole = slot;
+    }
+  }
+  slots_[hole] = kNoNode;
+  --used_;
+}
+
+void DirectoryTree::Index::grow(const DirectoryTree& tree) {
+  std::vector<NodeId> old(std::move(slots_));
+  slots_.assign(old.empty() ? 64 : old.size() * 2, kNoNode);
+  used_ = 0;
+  for (const NodeId node : old) {
+    if (node != kNoNode) insert(tree, node);
+  }
+}
+
+DirectoryTree::DirectoryTree() {
+  const NodeId root = allocate();
+  setText(root, "", "");
+}
+
+NodeId DirectoryTree::allocate() {
+  ++size_;
+  if (freeList_ != kNoNode) {
+    const NodeId node = freeList_;
+    freeList_ = at(node).next;
+    at(node) = Node{};
+    return node;
+  }
+  if ((fresh_ & (kChunkSize - 1)) == 0) chunks_.push_back(std::make_unique<Node[]>(kChunkSize));  // NOLINT(modernize-avoid-c-arrays)
+  return fresh_++;
+}
+
+void DirectoryTree::release(NodeId node) {
+  at(node) = Node{};
+  at(node).next = freeList_;
+  freeList_ = node;
+  --size_;
+}
+
+void DirectoryTree::setText(NodeId node, std::string_view name, std::string_view key) {
+  auto text = std::make_unique<char[]>(kTextHeader + key.size() + name.size());  // NOLINT(modernize-avoid-c-arrays)
+  const auto length = static_cast<std::uint16_t>(name.size());
+  std::memcpy(text.get(), &length, sizeof length);
+  text[2] = static_cast<char>(key.size());
+  std::memcpy(text.get() + kTextHeader, key.data(), key.size());
+  std::memcpy(text.get() + kTextHeader + key.size(), name.data(), name.size());
+  at(node).text = std::move(text);
+}
+
+std::string_view DirectoryTree::name(NodeId node) const {
+  const char* text = at(node).text.get();
+  std::uint16_t length = 0;
+  std::memcpy(&length, text, sizeof length);
+  return {text + kTextHeader + static_cast<unsigned char>(text[2]), length};
+}
+
+std::string_view DirectoryTree::key(NodeId node) const {
+  const char* text = at(node).text.get();
+  return {text + kTextHeader, static_cast<unsigned char>(text[2])};
+}
+
+std::size_t DirectoryTree::keyHash(NodeId node) const { return hashBytes(key(node), 0); }
+
+std::size_t DirectoryTree::placeHash(NodeId node) const { return hashBytes(name(node), at(node).parent + 1); }
+
+void DirectoryTree::link(NodeId node, NodeId parent) {
+  Node& item = at(node);
+  item.parent = parent;
+  item.previous = kNoNode;
+  item.next = at(parent).firstChild;
+  if (item.next != kNoNode) at(item.next).previous = node;
+  at(parent).firstChild = node;
+}
+
+void DirectoryTree::unlink(NodeId node) {
+  Node& item = at(node);
+  if (item.previous != kNoNode) {
+    at(item.previous).next = item.next;
+  } else {
+    at(item.parent).firstChild = item.next;
+  }
+  if (item.next != kNoNode) at(item.next).previous = item.previous;
+}
+
+NodeId DirectoryTree::add(NodeId parent, std::string_view name) {
+  const NodeId node = allocate();
+  setText(node, name, "");
+  link(node, parent);
+  byPlace_.insert(*this, node);
+  return node;
+}
+
+void DirectoryTree::setKey(NodeId node, std::string_view newKey) {
+  if (key(node) == newKey) return;
+  if (!key(node).empty()) byKey_.erase(*this, node);
+  const std::string keptName(name(node));
+  setText(node, keptName, newKey);
+  if (!newKey.empty()) byKey_.insert(*this, node);
+}
+
+void DirectoryTree::detach(NodeId node) {
+  if (at(node).detached || node == kRoot) return;
+  byPlace_.erase(*this, node);
+  at(node).detached = true;
+}
+
+void DirectoryTree::move(NodeId node, NodeId newParent, std::string_view newName) {
+  detach(node);
+  unlink(node);
+  const std::string keptName(newName);
+  const std::string keptKey(key(node));
+  setText(node, keptName, keptKey);
+  link(node, newParent);
+  at(node).detached = false;
+  byPlace_.insert(*this, node);
+}
+
+void DirectoryTree::remove(NodeId top, const std::function<void(std::string_view key, std::uint8_t flags)>& forgotten) {
+  // Leaves first, without recursion: a tree may be deeper than any stack.
+  NodeId node = top;
+  while (true) {
+    if (at(node).firstChild != kNoNode) {
+      node = at(node).firstChild;
+      continue;
+    }
+    const NodeId above = at(node).parent;
+    if (!key(node).empty()) {
+      if (forgotten) forgotten(key(node), at(node).flags);
+      byKey_.erase(*this, node);
+    }
+    if (node == kRoot) {
+      setText(node, "", "");
+      at(node).flags = 0;
+      return;
+    }
+    if (!at(node).detached) byPlace_.erase(*this, node);
+    unlink(node);
+    release(node);
+    if (node == top) return;
+    node = above;
+  }
+}
+
+NodeId DirectoryTree::findByKey(std::string_view wanted) const {
+  if (wanted.empty()) return kNoNode;
+  return byKey_.find(hashBytes(wanted, 0), [&](NodeId node) { return key(node) == wanted; });
+}
+
+NodeId DirectoryTree::child(NodeId parent, std::string_view wanted) const {
+  return byPlace_.find(hashBytes(wanted, parent + 1), [&](NodeId node) { return at(node).parent == parent && name(node) == wanted; });
+}
+
+bool DirectoryTree::isBelowOrSame(NodeId node, NodeId ancestor) const {
+  for (; node != kNoNode; node = at(node).parent) {
+    if (node == ancestor) return true;
+  }
+  return false;
+}
+
+void DirectoryTree::appendPath(NodeId node, std::string& path) const {
+  std::size_t length = 0;
+  for (NodeId step = node; step != kRoot; step = at(step).parent) length += 1 + name(step).size();
+  path.resize(path.size() + length);
+  char* end = path.data() + path.size();
+  for (NodeId step = node; step != kRoot; step = at(step).parent) {
+    const std::string_view text = name(step);
+    end -= text.size();
+    std::memcpy(end, text.data(), text.size());
+    *--end = '/';
+  }
+}
+
+void DirectoryTree::forEach(const std::function<void(NodeId)>& visit) const {
+  for (NodeId node = 0; node < fresh_; ++node) {
+    if (at(node).text) visit(node);
+  }
+}
+
+void DirectoryTree::forEachChild(NodeId node, const std::function<void(NodeId)>& visit) const {
+  for (NodeId child = at(node).firstChild; child != kNoNode;) {
+    const NodeId next = at(child).next;
+    visit(child);
+    child = next;
+  }
+}
+
+}  // namespace platform::fsevents

@@ -1,0 +1,137 @@
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sched.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/fsevents/ChangeSource.h"
+
+namespace platform::fsevents {
+namespace {
+
+constexpr std::uint32_t kFolderMask =
+    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_EXCL_UNLINK;
+constexpr std::uint32_t kFileMask = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
+/// How long the second half of a folder's move may be behind the first.
+constexpr std::chrono::milliseconds kPatience(10);
+/// The halves of a move are queued by one system call: only what other processors did in that moment can stand between them.
+constexpr int kSearchedEvents = 4096;
+
+struct BitRow {
+  std::uint32_t kernel;
+  std::uint32_t ours;
+};
+constexpr BitRow kBits[] = {
+    // NOLINT(modernize-avoid-c-arrays): a table
+    {IN_CREATE, RawChange::kCreated},          {IN_DELETE, RawChange::kRemoved},    {IN_MODIFY, RawChange::kModified},
+    {IN_CLOSE_WRITE, RawChange::kClosedWrite}, {IN_ATTRIB, RawChange::kAttributes}, {IN_MOVED_FROM, RawChange::kRenamed},
+    {IN_MOVED_TO, RawChange::kRenamed},        {IN_IGNORED, RawChange::kForgotten}, {IN_Q_OVERFLOW, RawChange::kOverflow},
+};
+
+/// inotify (inotify(7)), one watch per folder. Its key is the watch descriptor. A folder is always watched through an open descriptor, so
+/// that the watch and the listing that follows are of one inode: by making it the working directory of the thread, which the thread has for
+/// itself (unshare(2), CLONE_FS), or, where that is refused, through /proc/self/fd.
+class InotifySource final : public ChangeSource {
+ public:
+  explicit InotifySource(FileHandle queue) : ChangeSource(std::move(queue)) {}
+
+  [[nodiscard]] const char* name() const override { return "inotify"; }
+  [[nodiscard]] bool knowsTargets() const override { return false; }
+  [[nodiscard]] std::size_t orphans() const override { return 0; }
+  void identify(int /*parent*/, const char* /*name*/, KernelKey& key) const override { key.clear(); }
+
+  void forget(std::string_view key) override {
+    int watch = -1;
+    if (key.size() != sizeof watch) return;
+    std::memcpy(&watch, key.data(), sizeof watch);
+    // Fails where the kernel let go of it first, with the folder: nothing to do then.
+    static_cast<void>(::inotify_rm_watch(descriptor(), watch));
+  }
+
+  int mark(int descriptor, bool isFolder, KernelKey& key) override {
+    key.clear();
+    const int watch = addWatch(descriptor, isFolder);
+    if (watch < 0) return errno;
+    key.append(&watch, sizeof watch);
+    return 0;
+  }
+
+ protected:
+  std::size_t dispatchOne(char* bytes, std::size_t count, const Visitor& visit, std::optional<Clock::time_point>& wait) override {
+    auto* event = reinterpret_cast<inotify_event*>(bytes);
+    if (count < sizeof *event || count < sizeof *event + event->len) return count;
+    const std::size_t used = sizeof *event + event->len;
+    if (event->mask == 0) return used;  // the second half of a move that was handed over with the first
+    RawChange change;
+    for (const BitRow& row : kBits) {
+      if ((event->mask & row.kernel) != 0) change.bits |= row.ours;
+    }
+    if (change.bits == 0) return used;
+    change.isDirectory = (event->mask & IN_ISDIR) != 0;
+    const std::string_view folder(reinterpret_cast<const char*>(&event->wd), sizeof event->wd);
+    const std::string_view name(event->name, event->len == 0 ? 0 : ::strnlen(event->name, event->len));
+    if ((event->mask & IN_MOVED_TO) != 0) {
+      change.newFolder = folder;
+      change.newName = name;
+    } else {
+      change.folder = folder;
+      change.name = name;
+      if ((event->mask & IN_MOVED_FROM) != 0 && change.isDirectory && !findSecondHalf(bytes + used, count - used, event->cookie, change)) {
+        if (const auto until = lastRead() + kPatience; Clock::now() < until) {
+          wait = until;
+          return 0;
+        }
+      }
+    }
+    visit(change);
+    return used;
+  }
+
+ private:
+  static bool findSecondHalf(char* bytes, std::size_t count, std::uint32_t cookie, RawChange& change) {
+    for (int i = 0; i < kSearchedEvents && count >= sizeof(inotify_event); ++i) {
+      auto* event = reinterpret_cast<inotify_event*>(bytes);
+      const std::size_t used = sizeof *event + event->len;
+      if (used > count) return false;
+      if ((event->mask & IN_MOVED_TO) != 0 && event->cookie == cookie) {
+        change.newFolder = {reinterpret_cast<const char*>(&event->wd), sizeof event->wd};
+        change.newName = {event->name, ::strnlen(event->name, event->len)};
+        event->mask = 0;
+        return true;
+      }
+      bytes += used;
+      count -= used;
+    }
+    return false;
+  }
+
+  int addWatch(int folder, bool isFolder) {
+    if (isFolder && hasOwnDirectory() && ::fchdir(folder) == 0) return ::inotify_add_watch(descriptor(), ".", kFolderMask | IN_ONLYDIR);
+    std::array<char, 40> path{};
+    fmt::format_to_n(path.data(), path.size() - 1, "/proc/self/fd/{}", folder);
+    return ::inotify_add_watch(descriptor(), path.data(), isFolder ? kFolderMask : kFileMask);
+  }
+
+  static bool hasOwnDirectory() {
+    thread_local const bool own = ::unshare(CLONE_FS) == 0;
+    return own;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ChangeSource> makeInotifySource(int& error) {
+  FileHandle queue(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (!queue.isOpen()) {
+    error = errno;
+    return nullptr;
+  }
+  return std::make_unique<InotifySource>(std::move(queue));
+}
+
+}  // namespace platform::fsevents

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/foundation/FileHandle.h"
+#include "platform/fsevents/FSEventStreamTypes.h"
+
+namespace platform::fsevents {
+
+/// Opens the folder `relative` ("/a/b", or "" for the folder itself) below the open folder `root` for reading. No symbolic link is followed
+/// and the length of the path has no limit. An empty handle and errno on failure (ELOOP or ENOTDIR where a link or a file stands on the
+/// way).
+FileHandle openFolderBelow(int root, std::string_view relative);
+/// Opens the folder `name` in `parent`, which may not be a symbolic link. errno on failure.
+FileHandle openFolderIn(int parent, const char* name);
+
+/// What stands at an absolute path of any length, the last component not followed: ItemIsFile, ItemIsDir or ItemIsSymlink; 0 where nothing
+/// can be seen.
+FSEventStreamEventFlags kindOfItem(const std::string& path);
+FSEventStreamEventFlags kindOfMode(unsigned mode);
+
+}  // namespace platform::fsevents

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/FileHandle.h"
+
+namespace platform::fsevents {
+
+/// What stands at a watched path.
+struct RootIdentity {
+  bool exists = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+  friend bool operator==(const RootIdentity&, const RootIdentity&) = default;
+};
+
+/// Notices when watched paths come to mean something else: when the path itself, a folder above it or a symbolic link on the way is
+/// removed, renamed or replaced, and when a missing one appears.
+///
+/// Of a path that exists only the removal and the move of its own components are watched, so whatever else happens in the folders above
+/// wakes nobody. Of a missing path the deepest folder that exists is watched for the name that is missing. It uses inotify with either
+/// source of changes, since the components may lie on file systems that fanotify cannot join; a component that cannot be watched is polled.
+///
+/// Threads: owned and used by one thread.
+class RootMonitor {
+ public:
+  explicit RootMonitor(std::vector<std::string> paths);
+
+  /// Watches every path anew as it stands now and returns what stands there.
+  const std::vector<RootIdentity>& arm();
+  /// The descriptor to wait for; -1 when everything must be polled.
+  [[nodiscard]] int descriptor() const { return queue_.fileDescriptor(); }
+  /// Reads what was told. True when a path may mean something else now: then `arm` again.
+  bool read();
+  /// Whether the last `read` told of a component of the path of this number.
+  [[nodiscard]] bool wasTouched(std::size_t path) const { return touched_.contains(path); }
+  /// Whether the last `read` told of a component that was moved (not removed).
+  [[nodiscard]] bool sawMove() const { return sawMove_; }
+  /// The components that cannot be watched; while there are any, `arm` from time to time.
+  [[nodiscard]] const std::vector<std::string>& polled() const { return polled_; }
+
+ private:
+  void armPath(std::size_t number, RootIdentity& identity);
+  void watchComponent(std::size_t number, const std::string& path);
+  void awaitName(std::size_t number, const std::string& folder, const std::string& name);
+
+  std::vector<std::string> paths_;
+  std::vector<RootIdentity> identities_;
+  FileHandle queue_;
+  /// Paths that a watch stands for, and names that are missing in the folder of a watch.
+  std::multimap<int, std::size_t> watched_;
+  std::multimap<int, std::pair<std::size_t, std::string>> awaited_;
+  std::set<std::size_t> touched_;
+  std::vector<std::string> polled_;
+  bool sawMove_ = false;
+};
+
+}  // namespace platform::fsevents

@@ -1,0 +1,190 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/FileHandle.h"
+#include "platform/fsevents/ChangeSource.h"
+#include "platform/fsevents/Coalescer.h"
+#include "platform/fsevents/DirectoryTree.h"
+#include "platform/fsevents/FSEventStream.h"
+#include "platform/fsevents/StreamStatus.h"
+
+namespace platform::fsevents {
+
+/// What a watched tree is told once and for all.
+struct TreeOptions {
+  /// The path as the caller gave it, without trailing separators: what reported paths begin with. "/" is the empty text.
+  std::string reportedPath;
+  /// The absolute path to open.
+  std::string openPath;
+  /// Paths to leave out, relative to the tree ("/a/b"; "" leaves out everything), whole components.
+  std::vector<std::string> exclusions;
+  bool fileEvents = false;
+  bool ignoreSelf = false;
+  FSEventStream::Source source = FSEventStream::Source::Automatic;
+};
+
+/// One watched path with everything below it: marks its folders, keeps their tree true to the changes that the kernel tells, and turns
+/// those changes into pending events. It has kernel queues of its own, so a storm or a loss in one watched path touches no other.
+///
+/// A folder is marked first and listed after, so nothing that happens in it in the meantime is missed. Changes are applied in the order of
+/// the queue; where the queue and the disk disagree about where a folder is, the folder's key as seen on the disk decides.
+///
+/// Threads: owned and used by one thread.
+class WatchedTree {
+ public:
+  using Clock = std::chrono::steady_clock;
+  enum class Attached { Standing, Missing, Refused };
+
+  WatchedTree(std::uint32_t number, TreeOptions options, Coalescer& coalescer, StreamStatus& status);
+  ~WatchedTree();
+  WatchedTree(const WatchedTree&) = delete;
+  WatchedTree& operator=(const WatchedTree&) = delete;
+
+  /// Begins to watch what stands at the path now. With `report` other than 0 what is found is reported with these flags (ItemCreated).
+  /// Refused: the kernel offers no queue; `error` tells errno.
+  Attached attach(FSEventStreamEventFlags report, int& error);
+  /// Lets go of everything.
+  void detach();
+  [[nodiscard]] bool isAttached() const { return !sources_.empty(); }
+
+  /// The kernel queues to wait for.
+  [[nodiscard]] const std::vector<std::unique_ptr<ChangeSource>>& sources() const { return sources_; }
+  /// Empties the kernel queues into the backlog; cheap, and never touches the file system. True when there was anything.
+  bool drain();
+  /// Applies the backlog, repairs the tree after a loss and does what is due. Returns when to call again at the latest.
+  std::optional<Clock::time_point> process();
+  /// Applies everything that can be applied, without waiting for the second half of a move.
+  void processAll();
+  [[nodiscard]] bool hasBacklog() const;
+  /// Rebuilds what only a new kernel queue can free, if there is anything. Call when the tree has been quiet for a while.
+  void tidy();
+  [[nodiscard]] bool needsTidying() const;
+
+  /// Reports the watched path itself.
+  void reportRoot(FSEventStreamEventFlags flags);
+  /// ItemIsDir or ItemIsFile of what is being watched.
+  [[nodiscard]] FSEventStreamEventFlags rootKind() const {
+    return rootIsFolder_ ? kFSEventStreamEventFlagItemIsDir : kFSEventStreamEventFlagItemIsFile;
+  }
+  [[nodiscard]] const TreeOptions& options() const { return options_; }
+
+ private:
+  /// The owner's flags of a node: which source marked it (plus one, 0 for none), and whether it could not be read.
+  static constexpr std::uint8_t kSourceMask = 0x3;
+  static constexpr std::uint8_t kUnreadable = 0x4;
+
+  struct OpenParent {
+    OpenParent(FileHandle folder, int& count) : handle(std::move(folder)), count_(count) { ++count_; }
+    ~OpenParent() { --count_; }
+    OpenParent(const OpenParent&) = delete;
+    OpenParent& operator=(const OpenParent&) = delete;
+    FileHandle handle;
+
+   private:
+    int& count_;
+  };
+  /// A folder still to be entered, with its parent open where there are descriptors to spare.
+  struct Pending {
+    NodeId node;
+    std::shared_ptr<OpenParent> parent;
+  };
+  struct Displaced {
+    NodeId node;
+    std::string key;
+    Clock::time_point until;
+  };
+  /// A place where a folder was said to be.
+  struct Sighting {
+    std::string target;
+    std::string folder;
+    std::string name;
+  };
+  struct Retry {
+    std::string folder;
+    std::string name;
+  };
+
+  // WatchedTreeCrawl.cpp: marking and listing.
+  void crawl(NodeId start, FileHandle folder, FSEventStreamEventFlags report);
+  void enter(NodeId node, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
+  /// The node that the key belongs to after `node` was found to have it; kNoNode where it must not be entered.
+  NodeId settleKey(NodeId node, std::string_view key);
+  void list(NodeId node, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
+  int markFolder(int folder, bool isFolder, KernelKey& key, std::uint8_t& sourceNumber);
+  ChangeSource* source(std::size_t index);
+  void openFailed(NodeId node, const std::shared_ptr<OpenParent>& parent, int error);
+  void markRefused(NodeId node, int error);
+  bool isStillAt(NodeId node, std::string_view key);
+  void repair(FSEventStreamEventFlags dropped);
+  void retryUnopened();
+  void renewQueue();
+  bool remark(ChangeSource& fresh);
+
+  // WatchedTreeChanges.cpp: applying what the kernel tells.
+  void apply(const RawChange& change);
+  void applyRename(const RawChange& change, bool silent);
+  void folderCreated(NodeId folder, std::string_view name, FSEventStreamEventFlags report);
+  void folderRemoved(NodeId folder, std::string_view name, std::string_view target);
+  void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
+  void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report);
+  void checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report);
+  void checkSightings();
+  void displace(NodeId node);
+  void expireDisplaced(bool all);
+  enum class Why { Removed, Left };
+  void forget(NodeId node, Why why);
+  bool isOwnPreferences(NodeId folder, std::string_view name) const;
+
+  void report(NodeId folder, std::string_view name, FSEventStreamEventFlags flags, bool needsKind);
+  [[nodiscard]] std::string relativePath(NodeId node) const;
+  [[nodiscard]] bool isExcluded(NodeId folder, std::string_view name) const;
+  FileHandle openFolder(NodeId folder, std::string_view name = {});
+  int rootDescriptor();
+  void countMarks();
+
+  std::uint32_t number_;
+  TreeOptions options_;
+  Coalescer& coalescer_;
+  StreamStatus& status_;
+
+  bool rootIsFolder_ = true;
+  /// The first is the preferred one; a second stands in for folders that the first cannot mark.
+  std::vector<std::unique_ptr<ChangeSource>> sources_;
+  /// A queue that a new one has replaced and that is still being emptied.
+  std::unique_ptr<ChangeSource> retiring_;
+  DirectoryTree tree_;
+  std::int64_t marked_ = 0;
+  std::int64_t markedReported_ = 0;
+  std::uint16_t generation_ = 0;
+  int openParents_ = 0;
+  /// Open while a batch is worked on only, so that the file system can be unmounted.
+  FileHandle root_;
+
+  bool overflowed_ = false;
+  bool backlogDropped_ = false;
+  bool limitSaid_ = false;
+  std::vector<Displaced> displaced_;
+  std::vector<Sighting> sightings_;
+  std::vector<Retry> unopened_;
+  std::optional<Clock::time_point> retryAt_;
+
+  // The path that was reported last, which the next change is usually about too.
+  std::string pathBuffer_;
+  NodeId cachedFolder_ = kNoNode;
+  std::size_t cachedLength_ = 0;
+  std::string lastName_;
+  NodeId lastFolder_ = kNoNode;
+  std::size_t lastNumber_ = 0;
+  std::uint64_t lastEpoch_ = ~std::uint64_t{0};
+  void pathsChanged() { cachedFolder_ = lastFolder_ = kNoNode; }
+};
+
+}  // namespace platform::fsevents

@@ -1,0 +1,282 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/foundation/PreferencesWrites.h"
+#include "platform/fsevents/PathOpener.h"
+#include "platform/fsevents/WatchedTree.h"
+
+namespace platform::fsevents {
+namespace {
+
+/// How long a folder whose place another has taken may wait for the change that tells where it went.
+constexpr std::chrono::milliseconds kDisplacedPatience(10);
+
+struct FlagRow {
+  std::uint32_t raw;
+  FSEventStreamEventFlags flag;
+};
+constexpr FlagRow kFlags[] = {
+    // NOLINT(modernize-avoid-c-arrays): a table
+    {RawChange::kCreated, kFSEventStreamEventFlagItemCreated},
+    {RawChange::kRemoved, kFSEventStreamEventFlagItemRemoved},
+    {RawChange::kModified, kFSEventStreamEventFlagItemModified},
+    // The only notice of what was stored through a shared mapping.
+    {RawChange::kClosedWrite, kFSEventStreamEventFlagItemModified},
+    {RawChange::kAttributes, kFSEventStreamEventFlagItemInodeMetaMod},
+};
+
+}  // namespace
+
+void WatchedTree::apply(const RawChange& change) {
+  if ((change.bits & RawChange::kOverflow) != 0) {
+    overflowed_ = true;
+    return;
+  }
+  NodeId folder = tree_.findByKey(change.folder);
+  if ((change.bits & RawChange::kForgotten) != 0) {
+    if (folder != kNoNode && folder != DirectoryTree::kRoot) forget(folder, Why::Removed);
+    return;
+  }
+  bool silent = change.own && options_.ignoreSelf;
+  if ((change.bits & RawChange::kRenamed) != 0) {
+    applyRename(change, silent);
+    return;
+  }
+  std::string_view name = change.name;
+  if (folder == kNoNode && !rootIsFolder_ && tree_.findByKey(change.target) == DirectoryTree::kRoot) {
+    folder = DirectoryTree::kRoot;
+    name = {};
+  }
+  if (folder == kNoNode) return;
+  silent = silent || (options_.ignoreSelf && isOwnPreferences(folder, name));
+
+  FSEventStreamEventFlags flags = 0;
+  for (const FlagRow& row : kFlags) {
+    if ((change.bits & row.raw) != 0) flags |= row.flag;
+  }
+  // Only regular files are written to; of the rest the kernel says no more than whether it is a folder.
+  const bool isFile = !change.isDirectory && (flags & kFSEventStreamEventFlagItemModified) != 0;
+  const bool isFolder = change.isDirectory || (name.empty() && rootIsFolder_);
+  if (isFolder) flags |= kFSEventStreamEventFlagItemIsDir;
+  if (isFile) flags |= kFSEventStreamEventFlagItemIsFile;
+  if (!silent) report(folder, name, flags, !isFile && !isFolder);
+
+  if (!isFolder) return;
+  if ((change.bits & RawChange::kCreated) != 0) folderCreated(folder, name, silent ? 0 : kFSEventStreamEventFlagItemCreated);
+  if ((change.bits & RawChange::kRemoved) != 0) folderRemoved(folder, name, change.target);
+  if ((change.bits & RawChange::kAttributes) != 0) {
+    const NodeId node = name.empty() ? folder : tree_.child(folder, name);
+    if (node != kNoNode && (tree_.flags(node) & kUnreadable) != 0) {
+      if (FileHandle opened = openFolder(node); opened.isOpen()) crawl(node, std::move(opened), kFSEventStreamEventFlagItemCreated);
+    }
+  }
+}
+
+bool WatchedTree::isOwnPreferences(NodeId folder, std::string_view name) const {
+  PreferencesWrites& writes = PreferencesWrites::shared();
+  if (name.empty() || sources_.front()->knowsTargets() || !writes.hasName(name)) return false;
+  struct stat info {};
+  const std::string path = options_.openPath + relativePath(folder);
+  return ::stat(path.c_str(), &info) == 0 && writes.isOwnWrite(info.st_dev, info.st_ino, name);
+}
+
+void WatchedTree::applyRename(const RawChange& change, bool silent) {
+  const NodeId from = tree_.findByKey(change.folder);
+  const NodeId to = tree_.findByKey(change.newFolder);
+  const FSEventStreamEventFlags flags =
+      kFSEventStreamEventFlagItemRenamed | (change.isDirectory ? kFSEventStreamEventFlagItemIsDir : FSEventStreamEventFlags{0});
+  const auto reportSide = [&](NodeId folder, std::string_view name) {
+    if (folder == kNoNode || silent || (options_.ignoreSelf && isOwnPreferences(folder, name))) return;
+    report(folder, name, flags, !change.isDirectory);
+  };
+  reportSide(from, change.name);
+  reportSide(to, change.newName);
+  if (change.isDirectory) folderRenamed(from, change.name, to, change.newName, change.target, silent);
+}
+
+void WatchedTree::folderCreated(NodeId folder, std::string_view name, FSEventStreamEventFlags report) {
+  if (name.empty() || isExcluded(folder, name)) return;
+  takeUp(folder, name, report);
+}
+
+void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report) {
+  NodeId node = tree_.child(folder, name);
+  FileHandle opened = openFolder(folder, name);
+  if (!opened.isOpen()) {
+    const int error = errno;
+    if (error == ENOENT || error == ENOTDIR || error == ELOOP) return;  // gone or moved on already: a change further down the queue tells
+    if (node == kNoNode) node = tree_.add(folder, name);
+    openFailed(node, nullptr, error);
+    return;
+  }
+  KernelKey key;
+  std::uint8_t used = 0;
+  if (const int error = markFolder(opened.fileDescriptor(), true, key, used); error != 0) {
+    if (node == kNoNode) node = tree_.add(folder, name);
+    markRefused(node, error);
+    return;
+  }
+  const NodeId known = tree_.findByKey(key.view());
+  if (known != kNoNode) {
+    if (known == node) return;
+    // Known in another place. Where that place still holds it, or the change that brings it here is still in the queue, nothing is to be
+    // done.
+    if (!tree_.isDetached(known) && (sources_.front()->knowsTargets() || isStillAt(known, key.view()))) return;
+    if (tree_.isBelowOrSame(folder, known)) return;
+    if (node != kNoNode) displace(node);
+    pathsChanged();
+    tree_.move(known, folder, name);
+    return;
+  }
+  if (node != kNoNode && !tree_.key(node).empty()) {
+    displace(node);
+    node = kNoNode;
+  }
+  if (node == kNoNode) node = tree_.add(folder, name);
+  crawl(node, std::move(opened), report);
+}
+
+void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::string_view target) {
+  if (!target.empty()) {
+    const NodeId node = tree_.findByKey(target);
+    if (node != kNoNode && node != DirectoryTree::kRoot) forget(node, Why::Removed);
+    return;
+  }
+  const NodeId node = name.empty() ? kNoNode : tree_.child(folder, name);
+  if (node == kNoNode) return;
+  // The name may already belong to a new folder, which must not be forgotten for the old one's sake.
+  const FileHandle opened = openFolder(folder, name);
+  if (opened.isOpen()) {
+    KernelKey key;
+    std::uint8_t used = 0;
+    if (markFolder(opened.fileDescriptor(), true, key, used) == 0 && key.view() == tree_.key(node)) return;
+    forget(node, Why::Removed);
+    takeUp(folder, name, kFSEventStreamEventFlagItemCreated);
+    return;
+  }
+  forget(node, Why::Removed);
+}
+
+void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target,
+                                bool silent) {
+  const bool exact = !target.empty();
+  NodeId node = exact ? tree_.findByKey(target) : kNoNode;
+  if (!exact && from != kNoNode) node = tree_.child(from, oldName);
+  if (to == kNoNode || isExcluded(to, newName)) {
+    // It left. Unless the tree knows it in another place by now: then a listing was faster than the queue.
+    if (node != kNoNode && tree_.parent(node) == from && tree_.name(node) == oldName) forget(node, Why::Left);
+    return;
+  }
+  const FSEventStreamEventFlags flags = silent ? 0 : kFSEventStreamEventFlagItemRenamed;
+  if (node == kNoNode) {
+    takeUp(to, newName, flags);
+    return;
+  }
+  if (tree_.isBelowOrSame(to, node)) {
+    overflowed_ = overflowed_ || !exact;
+    return;
+  }
+  const NodeId occupant = tree_.child(to, newName);
+  if (occupant != node) {
+    if (occupant != kNoNode) displace(occupant);
+    pathsChanged();
+    tree_.move(node, to, newName);
+  }
+  if (exact) {
+    // Unread renames of one folder merge, so the last one told need not be the last one made.
+    if (from != kNoNode) sightings_.push_back({std::string(target), std::string(tree_.key(from)), std::string(oldName)});
+    sightings_.push_back({std::string(target), std::string(tree_.key(to)), std::string(newName)});
+  } else {
+    checkPlace(node, from, oldName, flags);
+  }
+}
+
+void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report) {
+  const NodeId parent = tree_.parent(node);
+  const std::string name(tree_.name(node));
+  const FileHandle opened = openFolder(node);
+  if (!opened.isOpen()) return;  // moved on: the queue will tell
+  KernelKey key;
+  std::uint8_t used = 0;
+  if (markFolder(opened.fileDescriptor(), true, key, used) != 0 || key.view() == tree_.key(node)) return;
+  const std::string former(formerName);
+  displace(node);
+  takeUp(parent, name, report);
+  // Whoever was taken for the other is likely to be where the other came from.
+  if (formerParent != kNoNode && tree_.isDetached(node)) takeUp(formerParent, former, report);
+}
+
+void WatchedTree::checkSightings() {
+  std::vector<Sighting> sightings = std::exchange(sightings_, {});
+  std::stable_sort(sightings.begin(), sightings.end(), [](const Sighting& a, const Sighting& b) { return a.target < b.target; });
+  for (std::size_t i = 0; i < sightings.size();) {
+    std::size_t end = i + 1;
+    while (end < sightings.size() && sightings[end].target == sightings[i].target) ++end;
+    const NodeId node = tree_.findByKey(sightings[i].target);
+    // One rename is two sightings and cannot have merged with another.
+    if (end - i > 2 && node != kNoNode && !isStillAt(node, sightings[i].target)) {
+      for (std::size_t k = end; k-- > i;) {
+        const NodeId folder = tree_.findByKey(sightings[k].folder);
+        if (folder == kNoNode || tree_.isBelowOrSame(folder, node)) continue;
+        const FileHandle opened = openFolder(folder, sightings[k].name);
+        KernelKey key;
+        std::uint8_t used = 0;
+        if (!opened.isOpen() || markFolder(opened.fileDescriptor(), true, key, used) != 0 || key.view() != sightings[i].target) continue;
+        if (const NodeId occupant = tree_.child(folder, sightings[k].name); occupant != kNoNode && occupant != node) displace(occupant);
+        pathsChanged();
+        tree_.move(node, folder, sightings[k].name);
+        break;
+      }
+    }
+    i = end;
+  }
+}
+
+void WatchedTree::displace(NodeId node) {
+  if (tree_.key(node).empty()) {
+    forget(node, Why::Removed);  // nothing could ever claim it
+    return;
+  }
+  pathsChanged();
+  tree_.detach(node);
+  displaced_.push_back({node, std::string(tree_.key(node)), Clock::now() + kDisplacedPatience});
+}
+
+void WatchedTree::expireDisplaced(bool all) {
+  const auto now = Clock::now();
+  for (std::size_t i = 0; i < displaced_.size();) {
+    if (!all && displaced_[i].until > now) {
+      ++i;
+      continue;
+    }
+    const Displaced item = displaced_[i];
+    displaced_.erase(displaced_.begin() + static_cast<std::ptrdiff_t>(i));
+    if (tree_.findByKey(item.key) != item.node || !tree_.isDetached(item.node)) continue;
+    const NodeId parent = tree_.parent(item.node);
+    const std::string name(tree_.name(item.node));
+    if (isStillAt(item.node, item.key) && tree_.child(parent, name) == kNoNode) {
+      pathsChanged();
+      tree_.move(item.node, parent, name);
+    } else {
+      forget(item.node, Why::Removed);
+    }
+  }
+}
+
+void WatchedTree::forget(NodeId node, Why why) {
+  pathsChanged();
+  tree_.remove(node, [&](std::string_view key, std::uint8_t flags) {
+    const std::size_t index = flags & kSourceMask;
+    if (index == 0) return;
+    --marked_;
+    if (index > sources_.size()) return;
+    ChangeSource& source = *sources_[index - 1];
+    // A removed folder takes its mark along; only inotify can be asked to let go of one at all.
+    if (why == Why::Left || !source.knowsTargets()) source.forget(key);
+  });
+}
+
+}  // namespace platform::fsevents
