@@ -76,7 +76,7 @@ void FileWatcherServiceXPC::run() {
   std::vector<platform::URL> watched = listOfURL(folder);
   status_->watches(watched.front().path());
 
-  // Only this path is escaped: the application writes the base path as a URL's text already.
+  // Only this path is escaped; the base path is the text of a URL as it stands.
   const std::string downloads = platform::stringByAppendingPathComponent(platform::NSHomeDirectory(), "Downloads");
   std::vector<platform::URL> excluded = listOfURL(platform::stringByAddingPercentEscapes(downloads));
 
