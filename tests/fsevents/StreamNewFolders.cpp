@@ -1,0 +1,160 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "tests/fsevents/support/StreamTest.h"
+
+// Folders made while the stream watches, and what is put into them at once: before the stream can know of the folder.
+
+namespace kestrine::test {
+namespace {
+
+class StreamNewFolders : public StreamTest {};
+KESTRINE_PER_SOURCE(StreamNewFolders);
+
+TEST_P(StreamNewFolders, MadeDeepWithAFileAtOnceMissNothing) {
+  const int repeats = longOrShort(500, 80);
+  const auto stream = watchRoot();
+  for (int i = 0; i < repeats; ++i) {
+    const auto top = in(std::to_string(i));
+    makeFolders(top + "/a/b/c/d");
+    writeFile(top + "/a/b/c/d/file", "text");
+  }
+  stream->flush();
+  for (int i = 0; i < repeats; ++i) {
+    for (const auto* name : {"", "/a", "/a/b", "/a/b/c", "/a/b/c/d"}) {
+      EXPECT_EQ(stream->flagsOf(in(std::to_string(i)) + name) & (kCreated | kKinds), kCreated | kIsFolder) << i << name;
+    }
+    EXPECT_EQ(stream->flagsOf(in(std::to_string(i)) + "/a/b/c/d/file") & (kCreated | kKinds), kCreated | kIsFile) << i;
+  }
+  EXPECT_EQ(stream->allFlags() & kMustScan, 0U);
+  EXPECT_TRUE(marksAreThoseOf(*stream, {root_}));
+}
+
+TEST_P(StreamNewFolders, MadeOneByOneAreEachReady) {
+  const int repeats = longOrShort(200, 40);
+  const auto stream = watchRoot();
+  for (int i = 0; i < repeats; ++i) {
+    const auto top = in(std::to_string(i));
+    makeFolders(top + "/a/b");
+    writeFile(top + "/a/b/file", "text");
+    stream->flush();
+    ASSERT_NE(stream->flagsOf(top + "/a/b/file") & kCreated, 0U) << i << "\n" << stream->describe();
+    // What was made before the flush is watched after it, so this is told exactly.
+    stream->clear();
+    appendFile(top + "/a/b/file", "more");
+    removeItem(top + "/a/b/file");
+    stream->flush();
+    ASSERT_EQ(stream->flagsOf(top + "/a/b/file") & (kModified | kRemoved), kModified | kRemoved) << i << "\n" << stream->describe();
+    stream->clear();
+  }
+}
+
+TEST_P(StreamNewFolders, MadeBySeveralThreadsAtOnceMissNothing) {
+  const int repeats = longOrShort(100, 20);
+  const auto stream = watchRoot();
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < repeats; ++i) {
+        const auto top = in(std::to_string(thread) + "-" + std::to_string(i));
+        makeFolders(top + "/x/y");
+        for (int file = 0; file < 5; ++file) touchFile(top + "/x/y/" + std::to_string(file));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  stream->flush();
+  std::set<std::string> told;
+  for (const auto& event : stream->events()) told.insert(event.path);
+  for (int thread = 0; thread < 4; ++thread) {
+    for (int i = 0; i < repeats; ++i) {
+      for (int file = 0; file < 5; ++file) {
+        const auto path = in(std::to_string(thread) + "-" + std::to_string(i)) + "/x/y/" + std::to_string(file);
+        EXPECT_TRUE(told.contains(path)) << path;
+      }
+    }
+  }
+  EXPECT_EQ(stream->allFlags() & kMustScan, 0U);
+  EXPECT_TRUE(marksAreThoseOf(*stream, {root_}));
+}
+
+TEST_P(StreamNewFolders, RenamedAtOnceAreToldWithWhatIsInThem) {
+  const int repeats = longOrShort(300, 60);
+  const auto stream = watchRoot();
+  for (int i = 0; i < repeats; ++i) {
+    const auto name = std::to_string(i);
+    makeFolders(in("new" + name) + "/sub");
+    writeFile(in("new" + name) + "/sub/file", "text");
+    moveItem(in("new" + name), in("final" + name));
+    writeFile(in("final" + name) + "/sub/second", "text");
+  }
+  stream->flush();
+  for (int i = 0; i < repeats; ++i) {
+    const auto name = std::to_string(i);
+    EXPECT_NE(stream->flagsOf(in("final" + name)) & (kRenamed | kCreated), 0U) << i;
+    // Which name a file is told under depends on what the folder was called when it was found.
+    for (const auto* file : {"/sub/file", "/sub/second"}) {
+      EXPECT_TRUE(stream->tells(in("new" + name) + file) || stream->tells(in("final" + name) + file)) << i << file;
+    }
+  }
+  EXPECT_EQ(stream->allFlags() & kMustScan, 0U);
+  EXPECT_TRUE(marksAreThoseOf(*stream, {root_}));
+}
+
+TEST_P(StreamNewFolders, FilesWrittenWhileTheirFolderIsRenamedMissNothing) {
+  const int folders = longOrShort(100, 20);
+  const auto stream = watchRoot();
+  for (int i = 0; i < folders; ++i) {
+    const auto name = std::to_string(i);
+    makeFolder(in(name));
+    std::thread writer([&] {
+      for (int file = 0; file < 20; ++file) {
+        // The folder is renamed meanwhile; one of its two names is right at any moment, and the loop finds it.
+        for (;;) {
+          const int descriptor = ::open((in(name) + "/" + std::to_string(file)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+          const int other =
+              descriptor >= 0 ? -1 : ::open((in(name) + "r/" + std::to_string(file)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+          if (descriptor >= 0) ::close(descriptor);
+          if (other >= 0) ::close(other);
+          if (descriptor >= 0 || other >= 0) break;
+        }
+      }
+    });
+    for (int turn = 0; turn < 3; ++turn) {
+      moveItem(in(name), in(name) + "r");
+      if (turn < 2) moveItem(in(name) + "r", in(name));
+    }
+    writer.join();
+  }
+  stream->flush();
+  for (int i = 0; i < folders; ++i) {
+    const auto name = std::to_string(i);
+    for (int file = 0; file < 20; ++file) {
+      const auto last = "/" + std::to_string(file);
+      EXPECT_TRUE(stream->tells(in(name) + last) || stream->tells(in(name) + "r" + last)) << i << last;
+    }
+  }
+  EXPECT_EQ(stream->allFlags() & kMustScan, 0U);
+  stream->clear();
+  for (int i = 0; i < folders; ++i) touchFile(in(std::to_string(i)) + "r/late");
+  stream->flush();
+  for (int i = 0; i < folders; ++i) EXPECT_TRUE(stream->tells(in(std::to_string(i)) + "r/late")) << i;
+  EXPECT_TRUE(marksAreThoseOf(*stream, {root_}));
+}
+
+TEST_P(StreamNewFolders, RemovedAtOnceLeaveNoMarks) {
+  const int repeats = longOrShort(500, 80);
+  const auto stream = watchRoot();
+  for (int i = 0; i < repeats; ++i) {
+    makeFolders(in("d/e/f"));
+    writeFile(in("d/e/f/file"), "text");
+    removeTree(in("d"));
+  }
+  stream->flush();
+  EXPECT_EQ(stream->flagsOf(in("d")) & (kCreated | kRemoved), kCreated | kRemoved) << stream->describe();
+  EXPECT_EQ(stream->allFlags() & kMustScan, 0U);
+  EXPECT_TRUE(marksAreThoseOf(*stream, {root_}));
+}
+
+}  // namespace
+}  // namespace kestrine::test

@@ -1,0 +1,16 @@
+#!/bin/sh
+# Runs a program, together with the helper beside it, as a user without any rights, from copies that such a user can reach.
+#   unprivileged.sh PROGRAM HELPER [ARGUMENT...]
+set -eu
+program=$1
+helper=$2
+shift 2
+folder=$(mktemp -d)
+trap 'chmod -R u+rwx "$folder"; rm -rf "$folder"' EXIT
+mkdir "$folder/bin" "$folder/tmp" "$folder/home"
+cp "$program" "$helper" "$folder/bin/"
+chmod -R a+rX "$folder"
+chown 65534:65534 "$folder/tmp" "$folder/home"
+cd "$folder"
+TMPDIR=$folder/tmp HOME=$folder/home setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all \
+  "$folder/bin/$(basename "$program")" "$@"
