@@ -73,9 +73,12 @@ class Connection {
   /// Ends the connection at once; what was not yet written is lost.
   void cancel();
   /// Queues one message and returns. `message` must be a dictionary within the wire format's bounds, else
-  /// Exception(NSInvalidArgumentException). More than kMaximumQueuedBytes waiting for a peer that does not read end the connection (at the
-  /// client's end with Interrupted).
+  /// Exception(NSInvalidArgumentException). More than 32 MiB waiting for a peer that does not read end the connection (at the client's end
+  /// with Interrupted).
   void send(const Value& message);
+  /// Calls `block` on the target queue when everything sent before has been written to the socket, or when it never will be because the
+  /// connection was interrupted or is over. For who wants to end right after a message.
+  void sendBarrier(std::function<void()> block);
 
   /// The service's name; nullopt for a peer's connection.
   [[nodiscard]] std::optional<std::string> name() const;
@@ -87,9 +90,6 @@ class Connection {
   [[nodiscard]] gid_t egid() const;
   [[nodiscard]] pid_t pid() const;
   [[nodiscard]] std::uint32_t asid() const;
-
-  /// Bytes that may wait in a connection for the other end to read them.
-  static constexpr std::size_t kMaximumQueuedBytes = std::size_t{32} << 20U;
 
   class Core;
 

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "platform/foundation/FileHandle.h"
 #include "platform/xpc/Connection.h"
@@ -37,6 +39,15 @@ class Listener {
   void resume();
   /// Stops accepting and closes the socket before it returns.
   void cancel();
+  /// Stops accepting and tells every peer's handler TerminationImminent; `done` is called, on any thread, when all of them have returned.
+  void terminate(const std::string& reason, std::function<void()> done);
+
+  struct Statistics {
+    std::size_t openSockets = 0;
+    std::size_t peers = 0;
+    std::uint64_t accepted = 0;
+  };
+  [[nodiscard]] Statistics statistics() const;
 
   class Core;
 

@@ -60,6 +60,10 @@ class XPCConnection {
   /// Exception(NSInvalidArgumentException) when the remote interface has no such operation.
   void callRemote(const std::string& selector);
 
+  /// Calls `block` on the connection's queue when every call made before has been handed to the service's socket, or never will be (see
+  /// `lastErrorDescription`). For who wants to end right after a call.
+  void scheduleSendBarrierBlock(std::function<void()> block);
+
   /// Called each time the service ended; the next call starts it again. Client's end only.
   void setInterruptionHandler(std::function<void()> handler);
   /// Called once: the connection is over.

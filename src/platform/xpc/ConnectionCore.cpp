@@ -1,0 +1,232 @@
+#include "platform/xpc/ConnectionCore.h"
+
+#include <exception>
+#include <utility>
+
+#include "platform/xpc/IOThread.h"
+
+namespace platform::xpc {
+
+namespace {
+
+/// Runs `attempt` on a pool thread; what it throws becomes the error that it would have returned.
+template <class Result>
+void attemptOnPoolThread(std::function<Result()> attempt, std::function<void(Result)> done) {
+  const auto failed = [done](const std::exception& exception) { done(LaunchError{exception.what()}); };
+  try {
+    runOnPoolThread([attempt = std::move(attempt), done = std::move(done), failed] {
+      try {
+        done(attempt());
+      } catch (const std::exception& exception) {
+        failed(exception);
+      }
+    });
+  } catch (const std::exception& exception) {
+    failed(exception);
+  }
+}
+
+}  // namespace
+
+Connection::Core::Core(std::optional<std::string> name) : name_(std::move(name)), inbox_(Inbox::create(name_.value_or("xpc.peer"))) {}
+
+// A channel belongs to the I/O thread, whose last look at it may not be over.
+Connection::Core::~Core() {
+  if (channel_) onIOThread([channel = std::move(channel_)] { channel->close(); });
+}
+
+std::shared_ptr<Connection> Connection::Core::makeConnection(std::shared_ptr<Core> core) {
+  std::shared_ptr<Connection> connection(new Connection(core));
+  core->inbox_->setRoomHandler([weak = core->weak_from_this()] {
+    onIOThread([weak] {
+      if (const auto self = weak.lock()) self->updateReading();
+    });
+  });
+  const std::lock_guard lock(core->mutex_);
+  core->self_ = connection;
+  return connection;
+}
+
+Credentials Connection::Core::credentials() const {
+  const std::lock_guard lock(mutex_);
+  return credentials_;
+}
+
+void Connection::Core::resume() {
+  inbox_->resume();
+  {
+    const std::lock_guard lock(mutex_);
+    if (over_) return;
+    if (!name_) kept_ = self_.lock();
+    if (std::exchange(resumedOnce_, true) || !name_) return;
+  }
+  using Result = std::variant<std::monostate, LaunchError>;
+  attemptOnPoolThread<Result>([name = *name_] { return checkService(name); },
+                              [weak = weak_from_this()](const Result& result) {
+                                const auto self = weak.lock();
+                                if (!self || !std::holds_alternative<LaunchError>(result)) return;
+                                onIOThread([self, reason = std::get<LaunchError>(result).reason] { self->fail(reason); });
+                              });
+}
+
+void Connection::Core::send(OutgoingFrame frame) {
+  onIOThread([self = shared_from_this(), sent = std::make_shared<OutgoingFrame>(std::move(frame))] {
+    if (self->state_ == State::Over) return;
+    if (self->state_ == State::Open) return self->channel_->write(std::move(*sent));
+    self->waitingBytes_ += sent->bytes.size();
+    self->waiting_.push_back({std::move(*sent), nullptr});
+    if (self->waitingBytes_ > Channel::kMaximumQueuedBytes) return self->interrupt("too many messages wait for it to start");
+    if (self->state_ == State::Closed && self->name_) self->open();
+  });
+}
+
+void Connection::Core::sendBarrier(std::function<void()> block) {
+  onIOThread([self = shared_from_this(), inbox = inbox_, block = std::move(block)] {
+    auto barrier = [inbox, block] { inbox->runOnQueue(block); };
+    if (self->state_ == State::Open) return self->channel_->afterWriting(std::move(barrier));
+    if (self->waiting_.empty()) return barrier();
+    self->waiting_.push_back({{}, std::move(barrier)});
+  });
+}
+
+void Connection::Core::cancel(bool tell) {
+  {
+    const std::lock_guard lock(mutex_);
+    over_ = true;
+  }
+  // From here on no call of the handler begins but, if asked for, the last.
+  if (tell) {
+    inbox_->dropMessages();
+  } else {
+    inbox_->closeNow();
+  }
+  onIOThread([self = shared_from_this()] {
+    if (self->state_ == State::Over) return;
+    self->inbox_->dropMessages();
+    self->finish("Connection invalid: it was cancelled");
+  });
+}
+
+void Connection::Core::adopt(std::shared_ptr<Channel> channel) {
+  attach(std::move(channel));
+  if (state_ == State::Open) channel_->write(OutgoingFrame::make(FrameKind::Hello));
+}
+
+void Connection::Core::startReading() {
+  mayRead_ = true;
+  updateReading();
+}
+
+void Connection::Core::terminate(const std::string& reason, std::function<void()> told) {
+  inbox_->putError({ConnectionError::Kind::TerminationImminent, "Termination imminent: " + reason}, std::move(told));
+}
+
+void Connection::Core::attach(std::shared_ptr<Channel> channel) {
+  state_ = State::Open;
+  channel_ = std::move(channel);
+  const auto weak = weak_from_this();
+  channel_->setHandlers(
+      [weak](Frame frame) {
+        if (const auto self = weak.lock()) self->receive(std::move(frame));
+      },
+      [weak](const std::string& reason) {
+        if (const auto self = weak.lock()) self->ended(reason);
+      });
+  const std::lock_guard lock(mutex_);
+  credentials_ = channel_->credentials();
+}
+
+void Connection::Core::receive(Frame frame) {
+  if (state_ != State::Open) return;
+  {
+    const std::lock_guard lock(mutex_);
+    credentials_ = channel_->credentials();
+  }
+  if (frame.kind != FrameKind::Message) return;
+  auto message = decode(frame.payload, std::move(frame.descriptors));
+  const auto* error = std::get_if<WireError>(&message);
+  if (error == nullptr && std::get<Value>(message).isDictionary()) {
+    inbox_->put(std::move(std::get<Value>(message)), std::move(frame.hold));
+    return updateReading();
+  }
+  channel_->close();
+  ended("it broke the protocol: " + (error != nullptr ? error->reason : std::string("a message that is no dictionary")));
+}
+
+void Connection::Core::updateReading() {
+  if (state_ == State::Open) channel_->setReading(mayRead_ && !inbox_->isFull());
+}
+
+void Connection::Core::open() {
+  state_ = State::Opening;
+  using Result = std::variant<FileHandle, LaunchError>;
+  attemptOnPoolThread<Result>([name = *name_] { return connectToService(name); },
+                              [weak = weak_from_this()](Result result) {
+                                onIOThread([weak, shared = std::make_shared<Result>(std::move(result))] {
+                                  if (const auto self = weak.lock()) self->opened(std::move(*shared));
+                                });
+                              });
+}
+
+void Connection::Core::opened(std::variant<FileHandle, LaunchError> result) {
+  if (state_ != State::Opening) return;
+  if (const auto* error = std::get_if<LaunchError>(&result)) return fail(error->reason);
+  attach(Channel::create(std::move(std::get<FileHandle>(result)), Channel::Side::Client));
+  for (Waiting& waiting : std::exchange(waiting_, {})) {
+    if (state_ != State::Open) break;
+    if (waiting.barrier) {
+      channel_->afterWriting(std::move(waiting.barrier));
+    } else {
+      channel_->write(std::move(waiting.frame));
+    }
+  }
+  waitingBytes_ = 0;
+  startReading();
+}
+
+void Connection::Core::ended(const std::string& reason) {
+  if (state_ == State::Over) return;
+  if (name_) return interrupt(reason);
+  finish("Connection invalid: the client is gone: " + reason);
+}
+
+void Connection::Core::interrupt(const std::string& reason) {
+  if (channel_) channel_->close();
+  channel_ = nullptr;
+  state_ = State::Closed;
+  dropWaiting();
+  {
+    const std::lock_guard lock(mutex_);
+    credentials_ = {};
+  }
+  inbox_->putError({ConnectionError::Kind::Interrupted,
+                    "Connection interrupted: the service " + *name_ + ": " + reason + "; the next message starts it again"},
+                   nullptr);
+}
+
+void Connection::Core::fail(const std::string& reason) {
+  if (state_ != State::Over) finish("Connection invalid: " + reason);
+}
+
+void Connection::Core::finish(const std::string& description) {
+  state_ = State::Over;
+  if (channel_) channel_->close();
+  channel_ = nullptr;
+  std::shared_ptr<Connection> kept;
+  {
+    const std::lock_guard lock(mutex_);
+    over_ = true;
+    kept = std::move(kept_);
+  }
+  inbox_->close({ConnectionError::Kind::Invalid, description}, std::move(kept));
+  dropWaiting();
+}
+
+void Connection::Core::dropWaiting() {
+  waitingBytes_ = 0;
+  for (Waiting& waiting : std::exchange(waiting_, {})) {
+    if (waiting.barrier) waiting.barrier();
+  }
+}
+
+}  // namespace platform::xpc

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "platform/concurrency/SerialQueue.h"
+#include "platform/xpc/Channel.h"
+#include "platform/xpc/Connection.h"
+#include "platform/xpc/Inbox.h"
+#include "platform/xpc/ServiceLauncher.h"
+
+// Internal to the channel: what a Connection does.
+namespace platform::xpc {
+
+/// The machinery of one connection: an inbox towards the handler, and a channel that is there, being opened or not there. Lives as long as
+/// the connection, its socket or a pending event needs it.
+///
+/// Threads: members below "I/O thread" are used there only; the rest anywhere.
+class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
+ public:
+  /// The client's end of the service `name`, or a peer's without one.
+  explicit Core(std::optional<std::string> name);
+
+  [[nodiscard]] static std::shared_ptr<Connection> makeConnection(std::shared_ptr<Core> core);
+  ~Core();
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
+  [[nodiscard]] Inbox& inbox() { return *inbox_; }
+  [[nodiscard]] const std::optional<std::string>& name() const { return name_; }
+  [[nodiscard]] Credentials credentials() const;
+
+  void resume();
+  void send(OutgoingFrame frame);
+  void sendBarrier(std::function<void()> block);
+  /// `tell`: whether the handler receives Invalid.
+  void cancel(bool tell);
+
+  // I/O thread.
+  /// Takes over a socket that a peer connected; nothing is read before `startReading`.
+  void adopt(std::shared_ptr<Channel> channel);
+  void receive(Frame frame);
+  void startReading();
+  /// Tells the handler TerminationImminent, and calls `told` when it has returned.
+  void terminate(const std::string& reason, std::function<void()> told);
+  [[nodiscard]] bool isOver() const { return state_ == State::Over; }
+
+ private:
+  enum class State { Closed, Opening, Open, Over };
+  void open();
+  void opened(std::variant<FileHandle, LaunchError> result);
+  void attach(std::shared_ptr<Channel> channel);
+  void ended(const std::string& reason);
+  void interrupt(const std::string& reason);
+  void fail(const std::string& reason);
+  void finish(const std::string& description);
+  void updateReading();
+  void dropWaiting();
+
+  const std::optional<std::string> name_;
+  const std::shared_ptr<Inbox> inbox_;
+
+  mutable std::mutex mutex_;
+  Credentials credentials_;
+  std::weak_ptr<Connection> self_;
+  /// A resumed peer's connection, until it is over.
+  std::shared_ptr<Connection> kept_;
+  bool over_ = false;
+  bool resumedOnce_ = false;
+
+  // I/O thread.
+  State state_ = State::Closed;
+  std::shared_ptr<Channel> channel_;
+  bool mayRead_ = false;
+  struct Waiting {
+    OutgoingFrame frame;
+    std::function<void()> barrier;
+  };
+  std::deque<Waiting> waiting_;
+  std::size_t waitingBytes_ = 0;
+};
+
+}  // namespace platform::xpc

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "platform/concurrency/SerialQueue.h"
+#include "platform/xpc/Connection.h"
+#include "platform/xpc/Frame.h"
+
+// Internal to the channel: events on their way to a connection's handler.
+namespace platform::xpc {
+
+/// Holds a connection's events and calls its handler with them, one at a time and in order, on the target queue, while it is not suspended.
+/// Bounded by its feeder, which asks `isFull` and is told when that ends. Threads: any.
+class Inbox : public std::enable_shared_from_this<Inbox> {
+ public:
+  static std::shared_ptr<Inbox> create(std::string label);
+
+  void setHandler(Connection::EventHandler handler);
+  void setQueue(std::shared_ptr<SerialQueue> queue);
+  /// Called on the target queue's thread each time the inbox is no longer full.
+  void setRoomHandler(std::function<void()> room);
+  /// Begins suspended. Throws Exception(NSInternalInconsistencyException) when it is not.
+  void resume();
+  void suspend();
+
+  void put(Value message, Hold hold);
+  /// The handler's call is followed by `told`.
+  void putError(ConnectionError error, std::function<void()> told = {});
+  /// `last` is the last event; the handler is released after it, and `kept` with it.
+  void close(ConnectionError last, std::shared_ptr<void> kept);
+  /// Drops what waits, `last` included, and the handler: no call begins any more.
+  void closeNow();
+  /// Drops the messages that wait.
+  void dropMessages();
+  /// Runs on the target queue like an event, also while suspended and after the end.
+  void runOnQueue(std::function<void()> block);
+  [[nodiscard]] bool isFull() const;
+
+  static constexpr std::size_t kMaximumMessages = 64;
+  static constexpr std::size_t kMaximumBytes = std::size_t{4} << 20U;
+  static constexpr std::size_t kMaximumDescriptors = 64;
+
+ private:
+  struct Item {
+    Event event;
+    Hold hold{};
+    /// Called after the handler, or when the event is dropped.
+    std::function<void()> told{};
+    bool last = false;
+    std::shared_ptr<void> kept{};
+  };
+  explicit Inbox(std::string label);
+  void putItem(Item item);
+  void postIfDue();
+  void call(const Connection::EventHandler& handler, const Item& item);
+  void deliver();
+  [[nodiscard]] bool full() const;
+
+  const std::string label_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<SerialQueue> queue_;
+  Connection::EventHandler handler_;
+  std::function<void()> room_;
+  std::deque<Item> items_;
+  std::size_t bytes_ = 0;
+  std::size_t descriptors_ = 0;
+  int suspensions_ = 1;
+  bool posted_ = false;
+  bool closed_ = false;
+};
+
+}  // namespace platform::xpc

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "platform/foundation/FileHandle.h"
+#include "platform/xpc/Credentials.h"
+#include "platform/xpc/Frame.h"
+
+// Internal to the channel: one recvmsg and one sendmsg with what travels beside the bytes (unix(7)).
+namespace platform::xpc {
+
+/// A frame on its way out.
+struct OutgoingFrame {
+  std::vector<std::byte> bytes;
+  std::vector<std::shared_ptr<const FileHandle>> descriptors;
+  std::size_t written = 0;
+
+  /// A frame without a payload, or with an encoded value.
+  static OutgoingFrame make(FrameKind kind, Encoded value = {});
+};
+
+/// Makes the kernel deliver the sender's credentials on this socket.
+void enableCredentials(int socket);
+
+struct Received {
+  std::size_t bytes = 0;
+  std::vector<FileHandle> descriptors;
+  /// Nothing when the kernel had none.
+  std::optional<Credentials> credentials;
+};
+enum class Blocked { Yes };
+/// Reads what is there into `buffer`. 0 bytes are the end of the stream. Never blocks.
+std::variant<Received, Blocked, WireError> receive(int socket, std::span<std::byte> buffer);
+/// Writes what fits of `frame`, with the descriptors at its first byte and, when asked, this process's credentials. Never blocks.
+std::variant<std::size_t, Blocked, WireError> transmit(int socket, const OutgoingFrame& frame, bool withCredentials);
+
+}  // namespace platform::xpc
