@@ -103,6 +103,7 @@ TEST_F(WatcherService, TellsNothingThatItDoesItselfWhereTheKernelKnowsIt) {
 
 TEST_F(WatcherService, LeavesTheDownloadsFolderOut) {
   makeFolder(folder("home/Kestrine"));
+  makeFolder(folder("home/Downloads"));
   makeFolder(folder("home/Downloads/Kestrine"));
   setBasePath(folder("home/Downloads"));
   startService();

@@ -152,6 +152,7 @@ TEST_F(FileWatcherServiceXPCTest, LogsAnEventWhenMadeADelegate) {
 
 TEST_F(FileWatcherServiceXPCTest, RaisesNothingForTheDownloadsFolderOfTheHome) {
   const std::string downloads = platform::NSHomeDirectory() + "/Downloads";
+  makeFolder(downloads);
   makeFolder(downloads + "/Kestrine");
   setBasePath(downloads);
   FileWatcherServiceXPC controller;
