@@ -1,0 +1,119 @@
+#include "platform/fsevents/RootMonitor.h"
+
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "tests/support/TemporaryDirectory.h"
+
+namespace kestrine::test {
+namespace {
+
+namespace fs = std::filesystem;
+using platform::fsevents::RootIdentity;
+using platform::fsevents::RootMonitor;
+
+class RootMonitorTest : public ::testing::Test {
+ protected:
+  RootMonitorTest() {
+    fs::create_directories(path);
+    monitor.arm();
+  }
+
+  TemporaryDirectory folder;
+  std::string path = folder / "a/b/watched";
+  RootMonitor monitor{{path}};
+};
+
+TEST_F(RootMonitorTest, TellsWhatStandsAtThePath) {
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  EXPECT_EQ(monitor.arm().front(), (RootIdentity{true, info.st_dev, info.st_ino}));
+  fs::remove(path);
+  EXPECT_FALSE(monitor.arm().front().exists);
+}
+
+TEST_F(RootMonitorTest, IsNotWokenByTheNeighbours) {
+  writeFile(folder / "a/b/neighbour", "x");
+  fs::create_directory(folder / "a/other");
+  fs::rename(folder / "a/other", folder / "a/another");
+  fs::remove(folder / "a/b/neighbour");
+  writeFile(path + "/inside", "x");
+  int queued = -1;
+  ASSERT_EQ(::ioctl(monitor.descriptor(), FIONREAD, &queued), 0);
+  EXPECT_EQ(queued, 0);
+  EXPECT_FALSE(monitor.read());
+}
+
+TEST_F(RootMonitorTest, NoticesTheRemovalAndTheMoveOfEachComponent) {
+  fs::rename(path, folder / "a/b/elsewhere");
+  EXPECT_TRUE(monitor.read());
+  EXPECT_TRUE(monitor.sawMove());
+  EXPECT_TRUE(monitor.wasTouched(0));
+  EXPECT_FALSE(monitor.arm().front().exists);
+  fs::rename(folder / "a/b/elsewhere", path);
+  EXPECT_TRUE(monitor.read());
+  EXPECT_TRUE(monitor.arm().front().exists);
+  fs::rename(folder / "a", folder / "z");
+  EXPECT_TRUE(monitor.read());
+  EXPECT_FALSE(monitor.arm().front().exists);
+  fs::rename(folder / "z", folder / "a");
+  EXPECT_TRUE(monitor.read());
+  EXPECT_TRUE(monitor.arm().front().exists);
+  fs::remove(path);
+  EXPECT_TRUE(monitor.read());
+  EXPECT_FALSE(monitor.sawMove());
+}
+
+TEST_F(RootMonitorTest, WaitsForAMissingNameOnly) {
+  fs::remove_all(folder / "a");
+  EXPECT_TRUE(monitor.read());
+  EXPECT_FALSE(monitor.arm().front().exists);
+  fs::create_directory(folder / "b");
+  EXPECT_FALSE(monitor.read());
+  fs::create_directory(folder / "a");
+  EXPECT_TRUE(monitor.read());
+  monitor.arm();
+  fs::create_directory(folder / "a/b");
+  EXPECT_TRUE(monitor.read());
+}
+
+TEST_F(RootMonitorTest, FollowsLinksOnTheWayAndNoticesWhenOneIsReplaced) {
+  fs::create_directories(folder / "one/watched");
+  fs::create_directories(folder / "two/watched");
+  fs::create_symlink("one", folder / "link");
+  RootMonitor linked({folder / "link/watched"});
+  const RootIdentity first = linked.arm().front();
+  ASSERT_TRUE(first.exists);
+  fs::create_symlink("two", folder / "fresh");
+  EXPECT_FALSE(linked.read());
+  fs::rename(folder / "fresh", folder / "link");
+  EXPECT_TRUE(linked.read());
+  const RootIdentity second = linked.arm().front();
+  EXPECT_TRUE(second.exists);
+  EXPECT_NE(first.inode, second.inode);
+  fs::remove(folder / "link");
+  EXPECT_TRUE(linked.read());
+  EXPECT_FALSE(linked.arm().front().exists);
+}
+
+TEST_F(RootMonitorTest, GivesUpOnLinksThatGoRoundInACircle) {
+  fs::create_symlink("circle", folder / "circle");
+  RootMonitor circle({folder / "circle/watched"});
+  EXPECT_FALSE(circle.arm().front().exists);
+}
+
+TEST_F(RootMonitorTest, TellsWhichOfSeveralPathsWasTouched) {
+  fs::create_directories(folder / "other/watched");
+  RootMonitor two({path, folder / "other/watched"});
+  two.arm();
+  fs::remove(folder / "other/watched");
+  ASSERT_TRUE(two.read());
+  EXPECT_FALSE(two.wasTouched(0));
+  EXPECT_TRUE(two.wasTouched(1));
+}
+
+}  // namespace
+}  // namespace kestrine::test
