@@ -52,9 +52,9 @@ class Bench:
 
     def run(self, who, source, *arguments):
         command = [os.path.join(self.programs, "bench_" + who), source, *map(str, arguments)]
-        done = subprocess.run(command, stdout=subprocess.PIPE, text=True)
+        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         if done.returncode != 0:
-            sys.exit(f"failed: bench_{who} {source} {arguments[0]} (exit code {done.returncode})")
+            sys.exit(f"{done.stderr}failed: bench_{who} {source} {arguments[0]} (exit code {done.returncode})")
         return json.loads(done.stdout.strip().splitlines()[-1])
 
     def alternate(self, source, rounds, measure):
