@@ -5,7 +5,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <thread>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <utility>
 
 #include "platform/concurrency/RunLoop.h"
 #include "platform/foundation/Paths.h"
@@ -31,8 +34,28 @@ bool kernelHas(platform::FSEventStream::Source source, const std::string& folder
   return probe.start();
 }
 
-constexpr const char* kFlagLine = "FileWatcher 1 in filewatcher service\n";
-constexpr const char* kEventLine = "[Block] URLWatcher: <CDEvents: ";
+constexpr const char* kFlagText = "FileWatcher 1 in filewatcher service";
+constexpr const char* kEventText = "[Block] URLWatcher: <CDEvents: ";
+
+struct LogEntry {
+  std::string thread;
+  std::string text;
+};
+
+/// The log's texts, which may span lines, with the threads that logged them.
+std::vector<LogEntry> logEntries(const std::string& log) {
+  static const std::regex& prefix = *new std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [^ ]+\[\d+:(\d+)\] (.*)$)");
+  std::vector<LogEntry> entries;
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);) {
+    if (std::smatch match; std::regex_match(line, match, prefix)) {
+      entries.push_back({match[1], match[2]});
+    } else if (!entries.empty()) {
+      entries.back().text += "\n" + line;
+    }
+  }
+  return entries;
+}
 
 }  // namespace
 
@@ -130,21 +153,21 @@ bool WatcherService::eventuallyStanding(const std::vector<std::int64_t>& numbers
 }
 
 bool WatcherService::eventuallyTold(std::size_t count) {
-  return eventually([&] { return occurrences(log(), kEventLine) >= count; }, std::chrono::seconds(60));
+  return eventually([&] { return occurrences(log(), kEventText) >= count; }, std::chrono::seconds(60));
 }
 
 std::vector<std::string> WatcherService::toldPaths() {
   const std::string text = log();
   std::vector<std::string> paths;
-  std::size_t position = 0;
-  while ((position = text.find(kFlagLine, position)) != std::string::npos) {
-    position += std::string(kFlagLine).size();
-    const std::size_t lineEnd = text.find('\n', position);
-    EXPECT_NE(text.substr(position, lineEnd - position).find(kEventLine), std::string::npos) << "no event behind the flag in\n" << text;
-    const std::size_t url = text.find(", URL = ", position) + 8;
-    paths.push_back(platform::URL::URLWithString(text.substr(url, text.find(", flags = ", url) - url)).value().path());
+  std::map<std::string, std::string> lastTextOfThread;
+  for (const LogEntry& entry : logEntries(text)) {
+    const std::string last = std::exchange(lastTextOfThread[entry.thread], entry.text);
+    if (!entry.text.starts_with(kEventText)) continue;
+    EXPECT_EQ(last, kFlagText) << "before an event in\n" << text;
+    const std::size_t url = entry.text.find(", URL = ") + 8;
+    paths.push_back(platform::URL::URLWithString(entry.text.substr(url, entry.text.find(", flags = ", url) - url)).value().path());
   }
-  EXPECT_EQ(paths.size(), occurrences(text, kEventLine));
+  EXPECT_EQ(paths.size(), occurrences(text, kFlagText));
   return paths;
 }
 

@@ -65,7 +65,7 @@ class WatcherService : public testing::Test {
   static bool eventuallyStanding(const std::vector<std::int64_t>& numbers);
   /// Waits for the log to hold `count` changes that were told, or more.
   bool eventuallyTold(std::size_t count);
-  /// The paths of the changes told, in order; each checked to stand behind the line that is logged when the flag was set.
+  /// The paths of the changes told, in order; each checked to stand behind its thread's line that the flag was set.
   std::vector<std::string> toldPaths();
 
   /// The flag as the application reads it.

@@ -42,6 +42,7 @@ TEST_F(WatcherStart, LogsItsStepsInOrder) {
 }
 
 TEST_F(WatcherStart, FailsOnceOnABasePathWithABlankAndLeavesTheServiceRunning) {
+  makeFolder(folder("a b"));
   makeFolder(folder("a b/Kestrine"));
   setBasePath(folder("a b"));
   startAndCall();
