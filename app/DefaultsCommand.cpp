@@ -130,7 +130,8 @@ void remove(const Arguments& arguments) {
 void list(const Arguments& arguments) {
   const auto& operands = arguments.operands();
   if (operands.size() > 1) {
-    for (const auto& [key, value] : read(operands[1]).dictionaryValue()) fmt::print("{}\n", key);
+    const Object values = read(operands[1]);
+    for (const auto& [key, value] : values.dictionaryValue()) fmt::print("{}\n", key);
     return;
   }
   for (const std::string& domain : UserDefaults::standardUserDefaults().persistentDomainNames()) fmt::print("{}\n", domain);

@@ -150,6 +150,7 @@ class EventPrinter {
 
   /// What happened before the signal is still told.
   void end() {
+    output_.hurry();
     stream_.flushSync();
     loop_->stop();
   }

@@ -31,7 +31,10 @@ class Follower {
   explicit Follower(bool json) : json_(json), output_(STDOUT_FILENO, signals_.fileDescriptor()) {}
 
   ExitCode run() {
-    signals_.schedule(*loop_, [this] { loop_->stop(); });
+    signals_.schedule(*loop_, [this] {
+      output_.hurry();
+      loop_->stop();
+    });
     if (!monitor_.start()) {
       throw CommandError(ExitCode::Failed,
                          fmt::format("the preferences in '{}' cannot be watched: {}", platform::preferencesFolder(), monitor_.error()));

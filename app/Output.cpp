@@ -10,6 +10,13 @@
 
 namespace kestrine {
 
+namespace {
+
+// In milliseconds: for a reader that is slow, not for one that has stopped.
+constexpr int kPatience = 2000;
+
+}  // namespace
+
 const char* Output::reason() const {
   switch (state_) {
     case State::Open:
@@ -25,15 +32,22 @@ const char* Output::reason() const {
 }
 
 bool Output::waitUntilWritable() {
-  pollfd ready[] = {{descriptor_, POLLOUT, 0}, {interrupt_, POLLIN, 0}};
-  while (poll(ready, 2, -1) < 0) {
-    if (errno == EINTR) continue;
-    error_ = errno;
-    state_ = State::Failed;
-    return false;
+  for (;;) {
+    // A negative descriptor is left out (poll(2)).
+    pollfd ready[] = {{descriptor_, POLLOUT, 0}, {isHurried_ ? -1 : interrupt_, POLLIN, 0}};
+    const int count = poll(ready, 2, isHurried_ ? kPatience : -1);
+    if (count < 0 && errno != EINTR) {
+      error_ = errno;
+      state_ = State::Failed;
+      return false;
+    }
+    if (count == 0) {
+      state_ = State::ReaderStuck;
+      return false;
+    }
+    if (count > 0 && ready[0].revents != 0) return true;
+    if (count > 0) isHurried_ = true;
   }
-  if (ready[0].revents == 0) state_ = State::ReaderStuck;
-  return state_ == State::Open;
 }
 
 bool Output::write(std::string_view text) {

@@ -6,15 +6,19 @@ namespace kestrine {
 
 /// Standard output for commands that print while things happen: every `write` reaches the reader before it returns.
 ///
-/// A reader that has gone, or one that does not read while the command is told to end, closes it: further text is dropped.
+/// A reader that has gone closes it, and so does one that takes nothing for two seconds once the command has been told to end: further text
+/// is dropped.
 /// Threads: one at a time.
 class Output {
  public:
-  /// `descriptor` is written to; when `interrupt` (not owned, -1 for none) becomes readable, a write that would wait gives up.
+  /// `descriptor` is written to; `interrupt` (not owned, -1 for none) becomes readable when the command is told to end.
   explicit Output(int descriptor, int interrupt = -1) : descriptor_(descriptor), interrupt_(interrupt) {}
 
   /// False when it is closed, or has been closed by this write.
   bool write(std::string_view text);
+
+  /// The command has been told to end, by a signal that `interrupt` does not show any more.
+  void hurry() { isHurried_ = true; }
 
   [[nodiscard]] bool isClosed() const { return state_ != State::Open; }
   /// Closed because the reader has gone: a quiet end.
@@ -28,6 +32,7 @@ class Output {
 
   int descriptor_;
   int interrupt_;
+  bool isHurried_ = false;
   int error_ = 0;
   State state_ = State::Open;
 };
