@@ -15,10 +15,10 @@ class Process {
  public:
   struct Options {
     /// Added to (or, with an empty value and `clearEnvironment`, in place of) the test's environment.
-    std::map<std::string, std::string> environment;
+    std::map<std::string, std::string> environment = {};
     bool clearEnvironment = false;
-    std::string directory;
-    std::string standardInput;
+    std::string directory = {};
+    std::string standardInput = {};
   };
 
   /// Starts `arguments[0]` (searched along PATH when it has no '/').

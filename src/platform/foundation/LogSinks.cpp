@@ -19,12 +19,6 @@ constexpr int kPatienceInMilliseconds = 1000;
 
 }  // namespace
 
-void DescriptorSink::write(std::string_view line) {
-  if (!writeAll(line)) ++lost_;
-}
-
-std::uint64_t DescriptorSink::takeLost() { return std::exchange(lost_, 0); }
-
 bool DescriptorSink::waitUntilWritable() {
   pollfd poller = {descriptor_, POLLOUT, 0};
   int ready = 0;
@@ -36,15 +30,13 @@ bool DescriptorSink::waitUntilWritable() {
   return ready > 0 && (poller.revents & POLLNVAL) == 0;
 }
 
+bool DescriptorSink::write(std::string_view line) {
+  // What was cut short gets its line end first.
+  if (midLine_ && !writeAll("\n")) return false;
+  return writeAll(line);
+}
+
 bool DescriptorSink::writeAll(std::string_view text) {
-  const bool continues = midLine_;
-  if (continues) {
-    midLine_ = false;
-    if (!writeAll("\n")) {
-      midLine_ = true;
-      return false;
-    }
-  }
   while (!text.empty()) {
     if (!waitUntilWritable()) return false;
     // A pipe that is writable takes this much at once.

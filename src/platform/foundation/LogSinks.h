@@ -1,8 +1,9 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/foundation/FileHandle.h"
 
@@ -14,10 +15,8 @@ class DescriptorSink {
  public:
   explicit DescriptorSink(int descriptor) : descriptor_(descriptor) {}
 
-  /// `line` ends with a line end.
-  void write(std::string_view line);
-  /// How many lines were lost since the last call.
-  std::uint64_t takeLost();
+  /// `line` ends with a line end. False when it was lost, or cut short.
+  bool write(std::string_view line);
 
  private:
   bool writeAll(std::string_view text);
@@ -25,7 +24,6 @@ class DescriptorSink {
   bool waitUntilWritable();
 
   int descriptor_;
-  std::uint64_t lost_ = 0;
   /// The last wait was in vain: later lines do not wait until one goes through.
   bool stuck_ = false;
   bool midLine_ = false;

@@ -114,16 +114,24 @@ void LogWriter::write(const LogQueue::Batch& batch) {
 
 void LogWriter::writeLine(const LogLine& line) {
   const std::string text = formatLine(line);
-  standardError_.write(text);
+  writeStandardError(text);
   if (syslog_) syslog(LOG_USER | LOG_NOTICE, "%s[%d:%d] %s", applicationIdentifier().c_str(), getpid(), line.thread, line.text.c_str());
   reportFileError(file_.write(text));
+}
+
+void LogWriter::writeStandardError(std::string_view text) {
+  // A loss is said as soon as something goes through again.
+  if (lostOnStandardError_ > 0 && standardError_.write(formatLine(lineOfNow(fmt::format("dropped {} log lines", lostOnStandardError_))))) {
+    lostOnStandardError_ = 0;
+  }
+  if (!standardError_.write(text)) ++lostOnStandardError_;
 }
 
 void LogWriter::reportFileError(int error) {
   const bool isNew = error != 0 && error != fileError_;
   fileError_ = error;
   if (isNew)
-    standardError_.write(formatLine(lineOfNow(fmt::format("the log file {} cannot be written: {}", fileName_, std::strerror(error)))));
+    writeStandardError(formatLine(lineOfNow(fmt::format("the log file {} cannot be written: {}", fileName_, std::strerror(error)))));
 }
 
 void NSLog(std::string_view text) { LogWriter::shared().log(text); }

@@ -25,6 +25,7 @@ class LogWriter {
   void run();
   void write(const LogQueue::Batch& batch);
   void writeLine(const LogLine& line);
+  void writeStandardError(std::string_view text);
   void reportFileError(int error);
 
   LogQueue queue_;
@@ -32,6 +33,7 @@ class LogWriter {
 
   // The writing thread's own.
   DescriptorSink standardError_{2};
+  std::uint64_t lostOnStandardError_ = 0;
   FileSink file_{{}, 0};
   std::string fileName_;
   bool syslog_ = false;

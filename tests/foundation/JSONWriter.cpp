@@ -1,0 +1,67 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "platform/foundation/Exception.h"
+#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/JSON.h"
+
+namespace platform {
+namespace {
+
+TEST(JSONText, WritesEachKind) {
+  EXPECT_EQ(jsonText(Object()), "null");
+  EXPECT_EQ(jsonText(Object::null()), "null");
+  EXPECT_EQ(jsonText("text"), "\"text\"");
+  EXPECT_EQ(jsonText(Array{}), "[]");
+  EXPECT_EQ(jsonText(Dictionary{}), "{}");
+  EXPECT_EQ(jsonText(Array{"a", Object(), Array{Object::null()}}), R"(["a",null,[null]])");
+  EXPECT_EQ(jsonText(Dictionary{{"b", "1"}, {"a", Dictionary{{"c", Object()}}}}), R"({"a":{"c":null},"b":"1"})");
+}
+
+TEST(JSONText, KeepsKindsOfNumbersApart) {
+  EXPECT_EQ(jsonText(Object::numberWithBool(true)), "true");
+  EXPECT_EQ(jsonText(Object::numberWithBool(false)), "false");
+  EXPECT_EQ(jsonText(Object::numberWithChar(1)), "1");
+  EXPECT_EQ(jsonText(Object::numberWithShort(-2)), "-2");
+  EXPECT_EQ(jsonText(Object::numberWithInt(3)), "3");
+  EXPECT_EQ(jsonText(Object::numberWithLongLong(std::numeric_limits<std::int64_t>::min())), "-9223372036854775808");
+  EXPECT_EQ(jsonText(Object::numberWithUnsignedLongLong(std::numeric_limits<std::uint64_t>::max())), "18446744073709551615");
+  EXPECT_EQ(jsonText(Object::numberWithDouble(1)), "1.0");
+  EXPECT_EQ(jsonText(Object::numberWithDouble(0.1)), "0.1");
+  EXPECT_EQ(jsonText(Object::numberWithFloat(0.5F)), "0.5");
+}
+
+TEST(JSONText, EscapesWhatAStringMayNotHold) {
+  EXPECT_EQ(jsonText("a\"b\\c\n\x01"), R"("a\"b\\c\n\u0001")");
+  EXPECT_EQ(jsonText(std::string("a\0b", 3)), R"("a\u0000b")");
+  EXPECT_EQ(jsonText("caf\xC3\xA9 \xF0\x9F\x98\x80"), "\"caf\xC3\xA9 \xF0\x9F\x98\x80\"");
+  EXPECT_EQ(jsonText(Dictionary{{"k\"", "v"}}), R"({"k\"":"v"})");
+}
+
+TEST(JSONText, RefusesWhatJSONCannotHold) {
+  const auto handle = std::make_shared<const FileHandle>(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  const std::vector<Object> cases = {"\xFF",
+                                     "cut \xC3",
+                                     Object(Data{std::byte{1}}),
+                                     Object(Date{1}),
+                                     Object(UUID()),
+                                     Object(handle),
+                                     Object::numberWithDouble(std::nan("")),
+                                     Object::numberWithDouble(std::numeric_limits<double>::infinity()),
+                                     Object::numberWithFloat(-std::numeric_limits<float>::infinity()),
+                                     Dictionary{{"\xFF", "v"}},
+                                     Array{Dictionary{{"deep", Array{Date{0}}}}}};
+  for (const Object& object : cases) {
+    try {
+      ADD_FAILURE() << jsonText(object);
+    } catch (const Exception& exception) {
+      EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace platform
