@@ -42,7 +42,8 @@ FileHandle openForReading(const std::string& path) {
   }
   struct stat status {};
   if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at it");
-  if (!S_ISREG(status.st_mode)) throw std::system_error(EINVAL, std::generic_category(), "it is no regular file");
+  if (!S_ISREG(status.st_mode))
+    throw std::system_error(S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP, std::generic_category(), "it is no regular file");
   return file;
 }
 

@@ -156,16 +156,18 @@ bool UserDefaults::setPersistentDomain_forName(const Object& domain, std::string
   requireLegalDomainName(name);
   if (!domain.isDictionary()) throw Exception(NSInvalidArgumentException, "a preferences domain is a dictionary");
   const Object values = propertyListValue(domain);
-  return PreferencesFile(impl_->folder(), name)
-      .update([&values](const Object& found) { return found == values ? std::nullopt : std::optional(values); })
-      .has_value();
+  const auto replace = [&values](const Object& found) -> std::optional<Object> {
+    if (found == values) return std::nullopt;
+    return values;
+  };
+  return PreferencesFile(impl_->folder(), name).update(replace).has_value();
 }
 
 bool UserDefaults::removePersistentDomainForName(std::string_view name) {
   requireLegalDomainName(name);
   const PreferencesFile file(impl_->folder(), name);
   if (FileVersion(FileHandle()).isStillAt(file.path())) return true;
-  return file.update([](const Object&) { return std::optional(Object()); }).has_value();
+  return file.update([](const Object&) { return std::optional<Object>(std::in_place); }).has_value();
 }
 
 std::vector<std::string> UserDefaults::persistentDomainNames() const {

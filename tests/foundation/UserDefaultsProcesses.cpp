@@ -1,0 +1,121 @@
+// Two processes at one store: no signal is lost, and no kill leaves half a file.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/UserDefaults.h"
+#include "tests/foundation/UserDefaultsHelper.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace kestrine::test {
+namespace {
+
+using platform::Object;
+using platform::UserDefaults;
+
+/// Memory shared with the helper.
+class Shared {
+ public:
+  explicit Shared(const std::string& path) {
+    const platform::FileHandle file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(ftruncate(file.fileDescriptor(), sizeof(SharedRounds)), 0);
+    rounds_ = static_cast<SharedRounds*>(mmap(nullptr, sizeof(SharedRounds), PROT_READ | PROT_WRITE, MAP_SHARED, file.fileDescriptor(), 0));
+  }
+  ~Shared() { munmap(rounds_, sizeof(SharedRounds)); }
+  Shared(const Shared&) = delete;
+  Shared& operator=(const Shared&) = delete;
+  SharedRounds* operator->() const { return rounds_; }
+
+ private:
+  SharedRounds* rounds_;
+};
+
+TEST(UserDefaultsProcesses, LoseNoSignalHoweverFastItIsSetAndReset) {
+  useMemoryForTemporaryFolders();
+  const TemporaryDirectory folder;
+  const Shared shared(folder / "rounds");
+  const int rounds = longOrShort(100000, 5000);
+  const auto helper = startHelper({.name = "raiseFlags", .folder = folder.path(), .count = rounds});
+  UserDefaults defaults("flag", folder.path());
+  int signals = 0;
+  auto lastProgress = std::chrono::steady_clock::now();
+  const auto reset = [](const Object& value) { return value == Object("1") ? Object("0") : Object(); };
+  for (int covered = 0, looks = 0; covered < rounds; ++looks) {
+    // The cheap look and the exchange must both see it.
+    const bool raised = (looks % 2 == 0 || defaults.objectForKey("FileWatcherStatusKey") == Object("1")) &&
+                        defaults.exchange("FileWatcherStatusKey", reset) == Object("1");
+    if (raised) {
+      ++signals;
+      // Whatever happened before the reset is what this signal told of.
+      covered = std::atomic_ref(shared->events);
+      std::atomic_ref(shared->covered) = covered;
+      lastProgress = std::chrono::steady_clock::now();
+    } else if (std::chrono::steady_clock::now() - lastProgress > std::chrono::seconds(60)) {
+      FAIL() << "the signal of event " << std::atomic_ref(shared->events) << " was lost; covered " << covered << ": " << helper->output()
+             << helper->errorOutput();
+    } else {
+      std::this_thread::yield();
+    }
+  }
+  EXPECT_EQ(helper->wait(), 0) << helper->output() << helper->errorOutput();
+  EXPECT_GE(signals, rounds);
+}
+
+TEST(UserDefaultsProcesses, KilledAtAnyMomentLeaveAWholeFile) {
+  const TemporaryDirectory folder;
+  const int kills = longOrShort(200, 30);
+  std::minstd_rand random(4711);
+  std::set<long> lengths;
+  for (int kill = 0; kill < kills; ++kill) {
+    const auto helper = startHelper({.name = "writeForEver", .folder = folder.path()});
+    ASSERT_TRUE(helper->waitForOutput("writing")) << helper->errorOutput();
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
+    helper->signal(SIGKILL);
+    ASSERT_EQ(helper->wait(), 128 + SIGKILL);
+    UserDefaults defaults("killed", folder.path());
+    const Object values = defaults.persistentDomainForName("killed");
+    ASSERT_EQ(values.count(), 2U);
+    ASSERT_EQ(values.objectForKey("text").stringValue().size(), values.objectForKey("length").unsignedLongLongValue());
+    lengths.insert(values.objectForKey("length").longLongValue());
+  }
+  EXPECT_GT(lengths.size(), 1U);
+  UserDefaults defaults("killed", folder.path());
+  defaults.setObject_forKey("last", "text");
+  EXPECT_TRUE(defaults.synchronize());
+  std::vector<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) left.push_back(entry.path().filename());
+  EXPECT_THAT(left, testing::UnorderedElementsAre("killed.plist", "killed.plist.lock"));
+}
+
+TEST(UserDefaultsProcesses, ReadOnlyWholeFilesWhileAnotherWrites) {
+  useMemoryForTemporaryFolders();
+  const TemporaryDirectory folder;
+  const auto helper = startHelper({.name = "writeForEver", .folder = folder.path()});
+  ASSERT_TRUE(helper->waitForOutput("writing")) << helper->errorOutput();
+  UserDefaults defaults("killed", folder.path());
+  std::set<long> lengths;
+  const int reads = longOrShort(5000, 500);
+  for (int i = 0; i < reads || lengths.size() < 3; ++i) {
+    const Object values = defaults.persistentDomainForName("killed");
+    ASSERT_EQ(values.objectForKey("text").stringValue().size(), values.objectForKey("length").unsignedLongLongValue());
+    lengths.insert(values.objectForKey("length").longLongValue());
+  }
+  helper->signal(SIGKILL);
+  EXPECT_EQ(helper->wait(), 128 + SIGKILL);
+  EXPECT_FALSE(std::filesystem::exists(folder / "killed.plist.corrupt"));
+}
+
+}  // namespace
+}  // namespace kestrine::test
