@@ -30,6 +30,6 @@ function(kestrine_tests name)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE kestrine_test_support ${TESTS_USES})
   target_precompile_headers(${name} REUSE_FROM kestrine_test_pch)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 TEST_PREFIX "${name}."
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 TEST_PREFIX "${name}."
     PROPERTIES TIMEOUT ${TESTS_TIMEOUT} LABELS "${TESTS_LABELS}")
 endfunction()
