@@ -30,9 +30,21 @@ class RootMonitorTest : public ::testing::Test {
 TEST_F(RootMonitorTest, TellsWhatStandsAtThePath) {
   struct stat info {};
   ASSERT_EQ(::stat(path.c_str(), &info), 0);
-  EXPECT_EQ(monitor.arm().front(), (RootIdentity{true, info.st_dev, info.st_ino}));
+  const RootIdentity seen = monitor.arm().front();
+  EXPECT_TRUE(seen.exists);
+  EXPECT_EQ(seen.device, info.st_dev);
+  EXPECT_EQ(seen.inode, info.st_ino);
   fs::remove(path);
   EXPECT_FALSE(monitor.arm().front().exists);
+}
+
+TEST_F(RootMonitorTest, TellsANewFolderFromTheRemovedOneWhoseInodeNumberItGot) {
+  for (int i = 0; i < 20; ++i) {
+    const RootIdentity before = monitor.arm().front();
+    fs::remove(path);
+    fs::create_directory(path);
+    EXPECT_NE(monitor.arm().front(), before);
+  }
 }
 
 TEST_F(RootMonitorTest, IsNotWokenByTheNeighbours) {

@@ -62,8 +62,11 @@ TEST_P(StreamIgnoreSelf, TellsOthersChangesAmongItsOwn) {
 }
 
 TEST_P(StreamIgnoreSelf, WatchesFoldersThatItMadeItself) {
-  makeFolders(in("mine/a/b"));
-  stream_->flush();
+  // One after the other: who made what a listing finds in a folder before it could be marked is unknown, and so it is told.
+  for (const auto* folder : {"mine", "mine/a", "mine/a/b"}) {
+    makeFolder(in(folder));
+    stream_->flush();
+  }
   if (exact()) {
     EXPECT_TRUE(stream_->events().empty()) << stream_->describe();
   }

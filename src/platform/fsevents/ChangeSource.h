@@ -60,6 +60,8 @@ class ChangeSource {
 
   /// Marks the open folder (or, with `isFolder` false, file) and tells its key; marking twice is harmless. Returns 0 or errno.
   [[nodiscard]] virtual int mark(int descriptor, bool isFolder, KernelKey& key) = 0;
+  /// Holds no folder open any longer.
+  virtual void leaveFolders() {}
   /// The key of a folder that cannot be opened, where the source can tell it without a mark; empty otherwise.
   virtual void identify(int parent, const char* name, KernelKey& key) const = 0;
   /// The owner has forgotten the folder of this key. Its changes may still arrive for a while.

@@ -132,11 +132,12 @@ void DirectoryTree::unlink(NodeId node) {
   if (item.next != kNoNode) at(item.next).previous = item.previous;
 }
 
-NodeId DirectoryTree::add(NodeId parent, std::string_view name) {
+NodeId DirectoryTree::add(NodeId parent, std::string_view name, std::string_view key) {
   const NodeId node = allocate();
-  setText(node, name, "");
+  setText(node, name, key);
   link(node, parent);
   byPlace_.insert(*this, node);
+  if (!key.empty()) byKey_.insert(*this, node);
   return node;
 }
 

@@ -25,8 +25,8 @@ class DirectoryTree {
 
   static constexpr NodeId kRoot = 0;
 
-  /// A new folder below `parent`; the place must be free.
-  NodeId add(NodeId parent, std::string_view name);
+  /// A new folder below `parent`; the place must be free. No other folder may have the key; an empty one is none.
+  NodeId add(NodeId parent, std::string_view name, std::string_view key = {});
   /// Gives the folder its key (replacing a former one). No other folder may have it.
   void setKey(NodeId node, std::string_view key);
   /// Moves the folder with everything below it; the place must be free. Attaches it again if it was detached. `newParent` is not below it.

@@ -74,7 +74,9 @@ FSEventStreamEventId EventClock::current() {
   const FSEventStreamEventId oldest = oldestLocked() << kSequenceBits;
   const bool waiting = std::any_of(members_.begin(), members_.end(), [](const Member* member) { return member->waiting_; });
   if (!waiting) last_ = std::max(last_, oldest);
-  return waiting ? oldest : last_;
+  // What was told once stays true: whatever has come to wait since is later.
+  told_ = std::max(told_, waiting ? oldest : last_);
+  return told_;
 }
 
 }  // namespace platform::fsevents

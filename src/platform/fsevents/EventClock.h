@@ -60,6 +60,7 @@ class EventClock {
   std::mutex mutex_;
   std::set<Member*> members_;
   FSEventStreamEventId last_ = 0;
+  FSEventStreamEventId told_ = 0;
 };
 
 }  // namespace platform::fsevents

@@ -45,6 +45,10 @@ class InotifySource final : public ChangeSource {
   [[nodiscard]] std::size_t orphans() const override { return 0; }
   void identify(int /*parent*/, const char* /*name*/, KernelKey& key) const override { key.clear(); }
 
+  void leaveFolders() override {
+    if (std::exchange(isInFolder_, false)) static_cast<void>(::chdir("/"));
+  }
+
   void forget(std::string_view key) override {
     int watch = -1;
     if (key.size() != sizeof watch) return;
@@ -111,7 +115,10 @@ class InotifySource final : public ChangeSource {
   }
 
   int addWatch(int folder, bool isFolder) {
-    if (isFolder && hasOwnDirectory() && ::fchdir(folder) == 0) return ::inotify_add_watch(descriptor(), ".", kFolderMask | IN_ONLYDIR);
+    if (isFolder && hasOwnDirectory() && ::fchdir(folder) == 0) {
+      isInFolder_ = true;
+      return ::inotify_add_watch(descriptor(), ".", kFolderMask | IN_ONLYDIR);
+    }
     std::array<char, 40> path{};
     fmt::format_to_n(path.data(), path.size() - 1, "/proc/self/fd/{}", folder);
     return ::inotify_add_watch(descriptor(), path.data(), isFolder ? kFolderMask : kFileMask);
@@ -121,6 +128,8 @@ class InotifySource final : public ChangeSource {
     thread_local const bool own = ::unshare(CLONE_FS) == 0;
     return own;
   }
+
+  bool isInFolder_ = false;
 };
 
 }  // namespace

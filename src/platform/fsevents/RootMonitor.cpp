@@ -1,8 +1,10 @@
 #include "platform/fsevents/RootMonitor.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,10 +22,22 @@ constexpr std::uint32_t kAwaitMask = IN_CREATE | IN_MOVED_TO | IN_ATTRIB | kSelf
 constexpr int kMaximumLinks = 40;
 constexpr int kAttempts = 5;
 
+std::string handleOf(int file) {
+  alignas(file_handle) std::array<char, sizeof(file_handle) + MAX_HANDLE_SZ> buffer{};
+  auto* handle = reinterpret_cast<file_handle*>(buffer.data());
+  handle->handle_bytes = MAX_HANDLE_SZ;
+  int mount = 0;
+  if (::name_to_handle_at(file, "", handle, &mount, AT_EMPTY_PATH) != 0) return {};
+  return {reinterpret_cast<const char*>(handle->f_handle), handle->handle_bytes};
+}
+
 RootIdentity identityOf(const std::string& path) {
-  struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return {};
-  return {true, info.st_dev, info.st_ino};
+  const FileHandle file(::open(path.c_str(), O_PATH | O_CLOEXEC));
+  struct statx info {};
+  if (!file.isOpen() || ::statx(file.fileDescriptor(), "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &info) != 0) return {};
+  std::string incarnation = handleOf(file.fileDescriptor());
+  if (incarnation.empty()) incarnation.assign(reinterpret_cast<const char*>(&info.stx_btime), sizeof info.stx_btime);
+  return {true, ::makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino, std::move(incarnation)};
 }
 
 /// The components of `text` in reverse, so that the next one is at the end.

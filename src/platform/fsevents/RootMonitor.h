@@ -18,6 +18,8 @@ struct RootIdentity {
   bool exists = false;
   dev_t device = 0;
   ino_t inode = 0;
+  /// The file handle, or the time of birth where there is none: a new folder often gets the inode number of one that was just removed.
+  std::string incarnation;
   friend bool operator==(const RootIdentity&, const RootIdentity&) = default;
 };
 

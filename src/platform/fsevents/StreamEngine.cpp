@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <set>
 #include <utility>
 
 #include "platform/fsevents/KernelLimits.h"
@@ -21,6 +22,8 @@ namespace {
 constexpr std::chrono::milliseconds kStormPause(20);
 /// How often is looked at what the kernel cannot tell of: components that cannot be watched, a queue that was refused.
 constexpr std::chrono::milliseconds kPollInterval(1000);
+/// How often a rescan is asked for while the kernel refuses to watch at all.
+constexpr std::chrono::seconds kRefusedInterval(30);
 /// How long everything must have been quiet before kernel queues are renewed, and how much longer per folder.
 constexpr std::chrono::milliseconds kQuiet(500);
 constexpr std::chrono::microseconds kQuietPerFolder(50);
@@ -119,8 +122,10 @@ void StreamEngine::run() {
 
 bool StreamEngine::attachAll() {
   std::vector<std::string> openPaths;
+  std::set<std::string> known;
   for (const std::string& path : configuration_.paths) {
     TreeOptions options = watchedPath(path, configuration_.exclusions);
+    if (!known.insert(options.reportedPath).second) continue;  // given twice
     options.fileEvents = (configuration_.flags & kFSEventStreamCreateFlagFileEvents) != 0;
     options.ignoreSelf = (configuration_.flags & kFSEventStreamCreateFlagIgnoreSelf) != 0;
     options.source = configuration_.source;
@@ -135,13 +140,11 @@ bool StreamEngine::attachAll() {
   for (std::size_t i = 0; i < trees_.size(); ++i) {
     int error = 0;
     if (trees_[i]->attach(0, error) == WatchedTree::Attached::Refused) {
-      const char* name = configuration_.source == FSEventStream::Source::Fanotify ? "fanotify" : "inotify";
       if (!isLimit(error)) {
-        status_.setError(explainQueueFailure(name, error));
+        status_.setError(explainQueueFailure(lastSource(), error));
         return false;
       }
-      status_.addLoss(explainQueueFailure(name, error), trees_[i]->options().reportedPath);
-      trees_[i]->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
+      refused(i, error);
     } else if (trees_[i]->isAttached() && configuration_.sinceWhen != kFSEventStreamEventIdSinceNow) {
       trees_[i]->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | trees_[i]->rootKind());
     }
@@ -235,17 +238,31 @@ void StreamEngine::checkRoots() {
 void StreamEngine::attachTree(std::size_t index, FSEventStreamEventFlags report, FSEventStreamEventFlags rootFlags) {
   WatchedTree& tree = *trees_[index];
   int error = 0;
-  switch (tree.attach(report, error)) {
+  const bool wasRefused = refusedTold_.contains(index);
+  switch (tree.attach(wasRefused ? 0 : report, error)) {
     case WatchedTree::Attached::Standing:
-      tree.reportRoot(rootFlags | kFSEventStreamEventFlagItemCreated | tree.rootKind());
+      refusedTold_.erase(index);
+      tree.reportRoot(rootFlags | tree.rootKind() |
+                      (wasRefused ? kFSEventStreamEventFlagMustScanSubDirs : kFSEventStreamEventFlagItemCreated));
       break;
     case WatchedTree::Attached::Refused:
-      status_.addLoss(explainQueueFailure("inotify", error), tree.options().reportedPath);
-      tree.reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
+      refused(index, error);
       break;
     case WatchedTree::Attached::Missing:
       break;
   }
+}
+
+const char* StreamEngine::lastSource() const { return configuration_.source == FSEventStream::Source::Fanotify ? "fanotify" : "inotify"; }
+
+void StreamEngine::refused(std::size_t index, int error) {
+  // Whatever changes while nothing watches is told by nobody: from time to time a rescan is asked for instead.
+  const auto now = Clock::now();
+  if (const auto told = refusedTold_.find(index); told != refusedTold_.end() && told->second + kRefusedInterval > now) return;
+  refusedTold_[index] = now;
+  const WatchedTree& tree = *trees_[index];
+  status_.addLoss(explainQueueFailure(lastSource(), error), tree.options().reportedPath);
+  trees_[index]->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
 }
 
 void StreamEngine::giveUpWindow() {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -72,6 +73,8 @@ class StreamEngine {
   void checkRoots();
   void rootChanged(std::size_t index, const RootIdentity& now);
   void attachTree(std::size_t index, FSEventStreamEventFlags report, FSEventStreamEventFlags rootFlags);
+  void refused(std::size_t index, int error);
+  [[nodiscard]] const char* lastSource() const;
   void giveUpWindow();
   void tidyTrees();
   void offerIfDue();
@@ -93,6 +96,8 @@ class StreamEngine {
   std::vector<std::unique_ptr<WatchedTree>> trees_;
   std::unique_ptr<RootMonitor> monitor_;
   std::vector<RootIdentity> identities_;
+  /// When a path that the kernel refuses to watch was last told of.
+  std::map<std::size_t, Clock::time_point> refusedTold_;
   bool historyPending_ = false;
   /// When all queues were last known empty and applied, and up to when everything has been handled by the receiver.
   std::uint64_t knownEmpty_ = 0;

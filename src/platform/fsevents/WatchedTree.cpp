@@ -9,6 +9,12 @@
 #include "platform/fsevents/PathOpener.h"
 
 namespace platform::fsevents {
+namespace {
+
+/// How often a flush waits for what cannot be applied yet, some milliseconds each.
+constexpr int kMaximumRounds = 20;
+
+}  // namespace
 
 WatchedTree::WatchedTree(std::uint32_t number, TreeOptions options, Coalescer& coalescer, StreamStatus& status)
     : number_(number), options_(std::move(options)), coalescer_(coalescer), status_(status) {}
@@ -20,32 +26,33 @@ WatchedTree::Attached WatchedTree::attach(FSEventStreamEventFlags report, int& e
   // The path's own symbolic links are followed; O_NONBLOCK, so that a pipe in its place holds nobody up.
   FileHandle opened(::open(options_.openPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   error = errno;
-  if (!opened.isOpen() && (error == ENOENT || error == ENOTDIR || error == ELOOP)) return Attached::Missing;
+  // Also for a missing path: whether it can be watched when it appears is better known now.
   if (source(0) == nullptr) {
     error = errno;
     return Attached::Refused;
   }
   if (!opened.isOpen()) {
-    status_.addUnreadable(options_.reportedPath);
+    if (error != ENOENT && error != ENOTDIR && error != ELOOP) status_.addUnreadable(options_.reportedPath);
+    sources_.clear();
     return Attached::Missing;
   }
   struct stat info {};
   rootIsFolder_ = ::fstat(opened.fileDescriptor(), &info) == 0 && S_ISDIR(info.st_mode);
   status_.removeUnreadable(options_.reportedPath);
   if (rootIsFolder_) {
-    if (!isExcluded(DirectoryTree::kRoot, {})) crawl(DirectoryTree::kRoot, std::move(opened), report);
+    if (!isExcluded(DirectoryTree::kRoot, {})) crawl(kNoNode, {}, std::move(opened), report);
   } else {
     KernelKey key;
     std::uint8_t used = 0;
     if (const int refused = markFolder(opened.fileDescriptor(), false, key, used); refused != 0) {
-      markRefused(DirectoryTree::kRoot, refused);
+      markRefused(kNoNode, {}, refused);
     } else {
       tree_.setKey(DirectoryTree::kRoot, key.view());
       tree_.setFlags(DirectoryTree::kRoot, used);
       ++marked_;
     }
   }
-  root_.closeFile();
+  closeFolders();
   countMarks();
   return Attached::Standing;
 }
@@ -58,7 +65,7 @@ void WatchedTree::detach() {
   unopened_.clear();
   retryAt_.reset();
   overflowed_ = backlogDropped_ = false;
-  root_.closeFile();
+  closeFolders();
   tree_ = DirectoryTree();
   marked_ = 0;
   countMarks();
@@ -85,6 +92,7 @@ bool WatchedTree::drain() {
 }
 
 bool WatchedTree::hasBacklog() const {
+  if (!unopened_.empty()) return true;
   for (const auto& source : sources_) {
     if (source->hasBacklog()) return true;
   }
@@ -107,13 +115,14 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   retryUnopened();
   for (const Displaced& item : displaced_) sooner(item.until);
   sooner(retryAt_);
-  root_.closeFile();
+  closeFolders();
   countMarks();
   return again;
 }
 
 void WatchedTree::processAll() {
-  while (isAttached()) {
+  // Bounded, because a lack of descriptors may last.
+  for (int rounds = 0; isAttached() && rounds < kMaximumRounds; ++rounds) {
     const auto again = process();
     if (!again || !hasBacklog()) break;
     // A move's first half waits for its second: the wait is bounded to milliseconds by the source.
@@ -126,7 +135,7 @@ void WatchedTree::processAll() {
     drain();
   }
   expireDisplaced(true);
-  root_.closeFile();
+  closeFolders();
 }
 
 std::string WatchedTree::relativePath(NodeId node) const {
@@ -148,6 +157,11 @@ bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
 int WatchedTree::rootDescriptor() {
   if (!root_.isOpen()) root_ = FileHandle(::open(options_.openPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   return root_.fileDescriptor();
+}
+
+void WatchedTree::closeFolders() {
+  root_.closeFile();
+  for (const auto& source : sources_) source->leaveFolders();
 }
 
 FileHandle WatchedTree::openFolder(NodeId folder, std::string_view name) {

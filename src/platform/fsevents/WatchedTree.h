@@ -80,6 +80,8 @@ class WatchedTree {
   /// The owner's flags of a node: which source marked it (plus one, 0 for none), and whether it could not be read.
   static constexpr std::uint8_t kSourceMask = 0x3;
   static constexpr std::uint8_t kUnreadable = 0x4;
+  /// How often a folder that seems gone is looked for again, after the changes that may have moved it have been read.
+  static constexpr int kAttemptsWhenGone = 3;
 
   struct OpenParent {
     OpenParent(FileHandle folder, int& count) : handle(std::move(folder)), count_(count) { ++count_; }
@@ -92,9 +94,11 @@ class WatchedTree {
     int& count_;
   };
   /// A folder still to be entered, with its parent open where there are descriptors to spare.
+  /// By name, since the tree may change before its turn comes.
   struct Pending {
-    NodeId node;
-    std::shared_ptr<OpenParent> parent;
+    NodeId parent;
+    std::string name;
+    std::shared_ptr<OpenParent> open;
   };
   struct Displaced {
     NodeId node;
@@ -107,23 +111,30 @@ class WatchedTree {
     std::string folder;
     std::string name;
   };
+  /// A folder that could not be opened: for want of descriptors, or because a folder above it had moved on before the queue told so.
   struct Retry {
     std::string folder;
     std::string name;
+    FSEventStreamEventFlags report;
+    int attempts;
   };
 
   // WatchedTreeCrawl.cpp: marking and listing.
-  void crawl(NodeId start, FileHandle folder, FSEventStreamEventFlags report);
-  void enter(NodeId node, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
-  /// The node that the key belongs to after `node` was found to have it; kNoNode where it must not be entered.
-  NodeId settleKey(NodeId node, std::string_view key);
+  /// `parent` is kNoNode for the watched folder itself.
+  void crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report);
+  void enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
+  /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
+  NodeId settle(NodeId parent, std::string_view name, std::string_view key);
+  NodeId place(NodeId parent, std::string_view name);
   void list(NodeId node, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
+  static bool isOwnPreferencesIn(int folder, std::string_view name);
   int markFolder(int folder, bool isFolder, KernelKey& key, std::uint8_t& sourceNumber);
   ChangeSource* source(std::size_t index);
-  void openFailed(NodeId node, const std::shared_ptr<OpenParent>& parent, int error);
-  void markRefused(NodeId node, int error);
+  void openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error);
+  void markRefused(NodeId parent, std::string_view name, int error);
   bool isStillAt(NodeId node, std::string_view key);
   void repair(FSEventStreamEventFlags dropped);
+  void retryLater(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts);
   void retryUnopened();
   void renewQueue();
   bool remark(ChangeSource& fresh);
@@ -134,13 +145,14 @@ class WatchedTree {
   void folderCreated(NodeId folder, std::string_view name, FSEventStreamEventFlags report);
   void folderRemoved(NodeId folder, std::string_view name, std::string_view target);
   void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
-  void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report);
+  void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts = kAttemptsWhenGone);
   void checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report);
   void checkSightings();
   void displace(NodeId node);
   void expireDisplaced(bool all);
   enum class Why { Removed, Left };
   void forget(NodeId node, Why why);
+  bool isGhost(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) const;
   bool isOwnPreferences(NodeId folder, std::string_view name) const;
 
   void report(NodeId folder, std::string_view name, FSEventStreamEventFlags flags, bool needsKind);
@@ -148,6 +160,8 @@ class WatchedTree {
   [[nodiscard]] bool isExcluded(NodeId folder, std::string_view name) const;
   FileHandle openFolder(NodeId folder, std::string_view name = {});
   int rootDescriptor();
+  /// Lets go of every folder at the end of a batch, so that what was removed can go and what is mounted can be unmounted.
+  void closeFolders();
   void countMarks();
 
   std::uint32_t number_;

@@ -57,6 +57,7 @@ void WatchedTree::apply(const RawChange& change) {
   for (const FlagRow& row : kFlags) {
     if ((change.bits & row.raw) != 0) flags |= row.flag;
   }
+  if (flags != 0 && isGhost(folder, name, flags)) return;
   // Only regular files are written to; of the rest the kernel says no more than whether it is a folder.
   const bool isFile = !change.isDirectory && (flags & kFSEventStreamEventFlagItemModified) != 0;
   const bool isFolder = change.isDirectory || (name.empty() && rootIsFolder_);
@@ -65,14 +66,24 @@ void WatchedTree::apply(const RawChange& change) {
   if (!silent) report(folder, name, flags, !isFile && !isFolder);
 
   if (!isFolder) return;
-  if ((change.bits & RawChange::kCreated) != 0) folderCreated(folder, name, silent ? 0 : kFSEventStreamEventFlagItemCreated);
+  if ((change.bits & RawChange::kCreated) != 0) folderCreated(folder, name, kFSEventStreamEventFlagItemCreated);
   if ((change.bits & RawChange::kRemoved) != 0) folderRemoved(folder, name, change.target);
   if ((change.bits & RawChange::kAttributes) != 0) {
     const NodeId node = name.empty() ? folder : tree_.child(folder, name);
     if (node != kNoNode && (tree_.flags(node) & kUnreadable) != 0) {
-      if (FileHandle opened = openFolder(node); opened.isOpen()) crawl(node, std::move(opened), kFSEventStreamEventFlagItemCreated);
+      if (FileHandle opened = openFolder(node); opened.isOpen() && node != DirectoryTree::kRoot) {
+        crawl(tree_.parent(node), std::string(tree_.name(node)), std::move(opened), kFSEventStreamEventFlagItemCreated);
+      }
     }
   }
+}
+
+bool WatchedTree::isGhost(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) const {
+  // The kernel calls a file that was opened without a name (O_TMPFILE, open(2)) "#" and its inode number.
+  if (name.size() < 2 || name.front() != '#' || (flags & (kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRemoved)) != 0)
+    return false;
+  if (!std::all_of(name.begin() + 1, name.end(), [](char digit) { return digit >= '0' && digit <= '9'; })) return false;
+  return kindOfItem(options_.openPath + relativePath(folder) + "/" + std::string(name)) == 0;
 }
 
 bool WatchedTree::isOwnPreferences(NodeId folder, std::string_view name) const {
@@ -102,41 +113,38 @@ void WatchedTree::folderCreated(NodeId folder, std::string_view name, FSEventStr
   takeUp(folder, name, report);
 }
 
-void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report) {
-  NodeId node = tree_.child(folder, name);
+void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
   FileHandle opened = openFolder(folder, name);
   if (!opened.isOpen()) {
     const int error = errno;
-    if (error == ENOENT || error == ENOTDIR || error == ELOOP) return;  // gone or moved on already: a change further down the queue tells
-    if (node == kNoNode) node = tree_.add(folder, name);
-    openFailed(node, nullptr, error);
+    if (error != ENOENT && error != ENOTDIR && error != ELOOP) {
+      openFailed(folder, name, nullptr, error);
+    } else if (attempts > 0) {
+      // Gone, or a folder above it has moved on: then a change further down the queue tells where to look.
+      retryLater(folder, name, report, attempts - 1);
+    }
     return;
   }
   KernelKey key;
   std::uint8_t used = 0;
   if (const int error = markFolder(opened.fileDescriptor(), true, key, used); error != 0) {
-    if (node == kNoNode) node = tree_.add(folder, name);
-    markRefused(node, error);
+    markRefused(folder, name, error);
     return;
   }
   const NodeId known = tree_.findByKey(key.view());
-  if (known != kNoNode) {
-    if (known == node) return;
-    // Known in another place. Where that place still holds it, or the change that brings it here is still in the queue, nothing is to be
-    // done.
-    if (!tree_.isDetached(known) && (sources_.front()->knowsTargets() || isStillAt(known, key.view()))) return;
-    if (tree_.isBelowOrSame(folder, known)) return;
-    if (node != kNoNode) displace(node);
-    pathsChanged();
-    tree_.move(known, folder, name);
+  if (known == kNoNode) {
+    crawl(folder, name, std::move(opened), report);
     return;
   }
-  if (node != kNoNode && !tree_.key(node).empty()) {
-    displace(node);
-    node = kNoNode;
-  }
-  if (node == kNoNode) node = tree_.add(folder, name);
-  crawl(node, std::move(opened), report);
+  const NodeId there = tree_.child(folder, name);
+  if (known == there) return;
+  // Known in another place. Where that place still holds it, or the change that brings it here is still in the queue, nothing is to be
+  // done.
+  if (!tree_.isDetached(known) && (sources_.front()->knowsTargets() || isStillAt(known, key.view()))) return;
+  if (tree_.isBelowOrSame(folder, known)) return;
+  if (there != kNoNode) displace(there);
+  pathsChanged();
+  tree_.move(known, folder, name);
 }
 
 void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::string_view target) {
@@ -157,7 +165,9 @@ void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::strin
     takeUp(folder, name, kFSEventStreamEventFlagItemCreated);
     return;
   }
+  const bool keptByKernel = sources_.front()->knowsTargets();
   forget(node, Why::Removed);
+  if (!keptByKernel) retryLater(folder, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone - 1);
 }
 
 void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target,
@@ -171,6 +181,11 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
     return;
   }
   const FSEventStreamEventFlags flags = silent ? 0 : kFSEventStreamEventFlagItemRenamed;
+  if (exact) {
+    // Unread renames of one folder merge, so the last one told need not be the last one made.
+    if (from != kNoNode) sightings_.push_back({std::string(target), std::string(tree_.key(from)), std::string(oldName)});
+    sightings_.push_back({std::string(target), std::string(tree_.key(to)), std::string(newName)});
+  }
   if (node == kNoNode) {
     takeUp(to, newName, flags);
     return;
@@ -185,13 +200,7 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
     pathsChanged();
     tree_.move(node, to, newName);
   }
-  if (exact) {
-    // Unread renames of one folder merge, so the last one told need not be the last one made.
-    if (from != kNoNode) sightings_.push_back({std::string(target), std::string(tree_.key(from)), std::string(oldName)});
-    sightings_.push_back({std::string(target), std::string(tree_.key(to)), std::string(newName)});
-  } else {
-    checkPlace(node, from, oldName, flags);
-  }
+  if (!exact) checkPlace(node, from, oldName, flags);
 }
 
 void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report) {
@@ -216,8 +225,7 @@ void WatchedTree::checkSightings() {
     std::size_t end = i + 1;
     while (end < sightings.size() && sightings[end].target == sightings[i].target) ++end;
     const NodeId node = tree_.findByKey(sightings[i].target);
-    // One rename is two sightings and cannot have merged with another.
-    if (end - i > 2 && node != kNoNode && !isStillAt(node, sightings[i].target)) {
+    if (node != kNoNode && !isStillAt(node, sightings[i].target)) {
       for (std::size_t k = end; k-- > i;) {
         const NodeId folder = tree_.findByKey(sightings[k].folder);
         if (folder == kNoNode || tree_.isBelowOrSame(folder, node)) continue;

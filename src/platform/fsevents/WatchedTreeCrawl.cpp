@@ -5,9 +5,9 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
+#include "platform/foundation/PreferencesWrites.h"
 #include "platform/fsevents/KernelLimits.h"
 #include "platform/fsevents/PathOpener.h"
 #include "platform/fsevents/WatchedTree.h"
@@ -19,7 +19,9 @@ namespace {
 constexpr int kMaximumOpenParents = 128;
 /// How often the kernel queues are emptied while a crawl is under way.
 constexpr int kFoldersBetweenDrains = 64;
+/// Until a folder is looked for again that could not be opened: for want of descriptors or memory, and because it was gone.
 constexpr std::chrono::milliseconds kRetryPause(100);
+constexpr std::chrono::milliseconds kGonePause(3);
 constexpr std::size_t kListingSize = std::size_t{32} << 10U;
 
 bool isGone(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
@@ -69,40 +71,33 @@ int WatchedTree::markFolder(int folder, bool isFolder, KernelKey& key, std::uint
   return error;
 }
 
-void WatchedTree::crawl(NodeId start, FileHandle folder, FSEventStreamEventFlags report) {
+void WatchedTree::crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report) {
   ++generation_;
   std::vector<Pending> stack;
-  enter(start, std::move(folder), report, stack);
+  enter(parent, name, std::move(folder), report, stack);
   for (int entered = 1; !stack.empty(); ++entered) {
-    Pending next = std::move(stack.back());
+    const Pending next = std::move(stack.back());
     stack.pop_back();
-    FileHandle opened;
-    if (next.parent) {
-      std::array<char, NAME_MAX + 1> name;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled at once
-      const std::string_view text = tree_.name(next.node);
-      std::memcpy(name.data(), text.data(), text.size());
-      name[text.size()] = '\0';
-      opened = openFolderIn(next.parent->handle.fileDescriptor(), name.data());
-    } else {
-      opened = openFolder(next.node);
-    }
+    FileHandle opened =
+        next.open ? openFolderIn(next.open->handle.fileDescriptor(), next.name.c_str()) : openFolder(next.parent, next.name);
     if (opened.isOpen()) {
-      enter(next.node, std::move(opened), report, stack);
+      enter(next.parent, next.name, std::move(opened), report, stack);
     } else {
-      openFailed(next.node, next.parent, errno);
+      openFailed(next.parent, next.name, next.open, errno);
     }
     if (entered % kFoldersBetweenDrains == 0) drain();
   }
 }
 
-void WatchedTree::enter(NodeId node, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack) {
+void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report,
+                        std::vector<Pending>& stack) {
   KernelKey key;
   std::uint8_t used = 0;
   if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {
-    markRefused(node, error);
+    markRefused(parent, name, error);
     return;
   }
-  node = settleKey(node, key.view());
+  const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
   const std::uint8_t flags = tree_.flags(node);
   if ((flags & kSourceMask) == 0) ++marked_;
@@ -112,37 +107,42 @@ void WatchedTree::enter(NodeId node, FileHandle folder, FSEventStreamEventFlags 
   list(node, std::move(folder), report, stack);
 }
 
-NodeId WatchedTree::settleKey(NodeId node, std::string_view key) {
+NodeId WatchedTree::place(NodeId parent, std::string_view name) {
+  if (parent == kNoNode) return DirectoryTree::kRoot;
+  const NodeId node = tree_.child(parent, name);
+  return node == kNoNode ? tree_.add(parent, name, {}) : node;
+}
+
+NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_view key) {
   const NodeId known = tree_.findByKey(key);
-  if (known == node) return node;
-  if (known == kNoNode) {
-    if (tree_.key(node).empty() || node == DirectoryTree::kRoot || (tree_.flags(node) & kSourceMask) == 0) {
-      tree_.setKey(node, key);
-      return node;
-    }
-    // Another folder stands where this one was.
-    const NodeId parent = tree_.parent(node);
-    const std::string name(tree_.name(node));
-    displace(node);
-    const NodeId fresh = tree_.add(parent, name);
-    tree_.setKey(fresh, key);
-    return fresh;
+  const NodeId there = parent == kNoNode ? DirectoryTree::kRoot : tree_.child(parent, name);
+  if (known != kNoNode && known == there) return there;
+  if (parent == kNoNode) {
+    if (known == kNoNode) tree_.setKey(there, key);
+    return known == kNoNode ? there : kNoNode;
   }
   // A folder that is seen in two places at once is mounted twice, perhaps within itself; it keeps its first place.
-  const bool seenTwice =
-      tree_.isBelowOrSame(node, known) || (tree_.generation(known) == generation_ && !tree_.isDetached(known) && isStillAt(known, key));
-  const NodeId parent = tree_.parent(node);
-  const std::string name(tree_.name(node));
-  const bool hadMark = (tree_.flags(node) & kSourceMask) != 0;
-  if (hadMark && !seenTwice) {
-    displace(node);
-  } else if (!hadMark) {
-    forget(node, Why::Removed);
+  if (known != kNoNode && (tree_.isBelowOrSame(parent, known) ||
+                           (tree_.generation(known) == generation_ && !tree_.isDetached(known) && isStillAt(known, key)))) {
+    return kNoNode;
   }
-  if (seenTwice) return kNoNode;
+  if (there != kNoNode) {
+    if (known == kNoNode && (tree_.flags(there) & kSourceMask) == 0) {
+      tree_.setKey(there, key);
+      return there;
+    }
+    displace(there);  // another folder stands where this one was
+  }
+  if (known == kNoNode) return tree_.add(parent, name, key);
   pathsChanged();
   tree_.move(known, parent, name);
   return known;
+}
+
+bool WatchedTree::isOwnPreferencesIn(int folder, std::string_view name) {
+  struct stat info {};
+  PreferencesWrites& writes = PreferencesWrites::shared();
+  return writes.hasName(name) && ::fstat(folder, &info) == 0 && writes.isOwnWrite(info.st_dev, info.st_ino, name);
 }
 
 bool WatchedTree::isStillAt(NodeId node, std::string_view key) {
@@ -164,39 +164,42 @@ void WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags f
       if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
       if (flags == 0 && entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) continue;
       const FSEventStreamEventFlags kind = kindOfEntry(*entry, descriptor);
-      if (flags != 0) report(node, name, flags | kind, false);
+      if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) report(node, name, flags | kind, false);
       if (kind != kFSEventStreamEventFlagItemIsDir || isExcluded(node, name)) continue;
-      NodeId child = tree_.child(node, name);
-      if (child == kNoNode) child = tree_.add(node, name);
       if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
-      stack.push_back({child, parent});
+      stack.push_back({node, name, parent});
     }
   }
 }
 
-void WatchedTree::openFailed(NodeId node, const std::shared_ptr<OpenParent>& parent, int error) {
+void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error) {
   if (isGone(error)) {
-    // A folder that is known elsewhere by now is forgotten here only in name: its key has moved with it.
-    forget(node, Why::Removed);
+    const NodeId node = tree_.child(parent, name);
+    if (node != kNoNode) displace(node);  // it may be found elsewhere before its time is up
+    if (!open) retryLater(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone - 1);
     return;
   }
-  const std::string path = options_.reportedPath + relativePath(node);
-  if (isRefused(error)) {
-    tree_.setFlags(node, tree_.flags(node) | kUnreadable);
-    tree_.setGeneration(node, generation_);
-    status_.addUnreadable(path);
-    KernelKey key;
-    FileHandle above = parent ? FileHandle() : openFolder(tree_.parent(node));
-    const int folder = parent ? parent->handle.fileDescriptor() : above.fileDescriptor();
-    if (folder >= 0 && tree_.key(node).empty()) {
-      sources_.front()->identify(folder, std::string(tree_.name(node)).c_str(), key);
-      if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
-    }
+  if (!isRefused(error)) {
+    // Out of descriptors or memory for the moment.
+    retryLater(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone);
+    retryAt_ = Clock::now() + kRetryPause;
     return;
   }
-  // Out of descriptors or memory for the moment.
-  unopened_.push_back({std::string(tree_.key(tree_.parent(node))), std::string(tree_.name(node))});
-  retryAt_ = Clock::now() + kRetryPause;
+  const NodeId node = place(parent, name);
+  tree_.setFlags(node, tree_.flags(node) | kUnreadable);
+  tree_.setGeneration(node, generation_);
+  status_.addUnreadable(options_.reportedPath + relativePath(node));
+  const FileHandle above = open ? FileHandle() : openFolder(parent);
+  const int folder = open ? open->handle.fileDescriptor() : above.fileDescriptor();
+  if (folder < 0 || !tree_.key(node).empty()) return;
+  KernelKey key;
+  sources_.front()->identify(folder, std::string(name).c_str(), key);
+  if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
+}
+
+void WatchedTree::retryLater(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
+  unopened_.push_back({std::string(tree_.key(folder)), std::string(name), report, attempts});
+  if (!retryAt_) retryAt_ = Clock::now() + kGonePause;
 }
 
 void WatchedTree::retryUnopened() {
@@ -204,15 +207,16 @@ void WatchedTree::retryUnopened() {
   retryAt_.reset();
   for (const Retry& retry : std::exchange(unopened_, {})) {
     const NodeId folder = tree_.findByKey(retry.folder);
-    if (folder != kNoNode) takeUp(folder, retry.name, kFSEventStreamEventFlagItemCreated);
+    if (folder != kNoNode) takeUp(folder, retry.name, retry.report, retry.attempts);
   }
 }
 
-void WatchedTree::markRefused(NodeId node, int error) {
-  if (isGone(error) || isRefused(error)) {
-    openFailed(node, nullptr, error);
+void WatchedTree::markRefused(NodeId parent, std::string_view name, int error) {
+  if (parent != kNoNode && (isGone(error) || isRefused(error))) {
+    openFailed(parent, name, nullptr, error);
     return;
   }
+  const NodeId node = place(parent, name);
   const std::string path = options_.reportedPath + relativePath(node);
   tree_.setGeneration(node, generation_);
   status_.addLoss(explainMarkFailure(sources_.back()->name(), error), path.empty() ? "/" : path);
@@ -229,7 +233,7 @@ void WatchedTree::repair(FSEventStreamEventFlags dropped) {
   if (!rootIsFolder_) return;
   FileHandle opened = openFolder(DirectoryTree::kRoot);
   if (!opened.isOpen()) return;  // the root is gone, which is another's to notice
-  crawl(DirectoryTree::kRoot, std::move(opened), 0);
+  crawl(kNoNode, {}, std::move(opened), 0);
   std::vector<NodeId> stale;
   tree_.forEach([&](NodeId node) {
     if (node == DirectoryTree::kRoot || tree_.generation(node) == generation_) return;
@@ -259,24 +263,28 @@ void WatchedTree::renewQueue() {
 }
 
 bool WatchedTree::remark(ChangeSource& fresh) {
-  std::vector<Pending> stack{{DirectoryTree::kRoot, nullptr}};
+  struct Folder {
+    NodeId node;
+    std::shared_ptr<OpenParent> open;
+  };
+  std::vector<Folder> stack{{DirectoryTree::kRoot, nullptr}};
   bool complete = true;
   for (int entered = 1; !stack.empty() && complete; ++entered) {
-    const Pending next = std::move(stack.back());
+    const Folder next = std::move(stack.back());
     stack.pop_back();
-    FileHandle opened = next.parent ? openFolderIn(next.parent->handle.fileDescriptor(), std::string(tree_.name(next.node)).c_str())
-                                    : openFolder(next.node);
+    FileHandle opened =
+        next.open ? openFolderIn(next.open->handle.fileDescriptor(), std::string(tree_.name(next.node)).c_str()) : openFolder(next.node);
     if ((tree_.flags(next.node) & kSourceMask) == 1) {
       KernelKey key;
       // A folder that is not in its place is about to be told of: not the time for this.
       complete = opened.isOpen() && fresh.mark(opened.fileDescriptor(), true, key) == 0 && key.view() == tree_.key(next.node);
     }
-    std::shared_ptr<OpenParent> parent;
-    if (opened.isOpen() && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(opened), openParents_);
-    tree_.forEachChild(next.node, [&](NodeId child) { stack.push_back({child, parent}); });
+    std::shared_ptr<OpenParent> open;
+    if (opened.isOpen() && openParents_ < kMaximumOpenParents) open = std::make_shared<OpenParent>(std::move(opened), openParents_);
+    tree_.forEachChild(next.node, [&](NodeId child) { stack.push_back({child, open}); });
     if (entered % kFoldersBetweenDrains == 0) drain();
   }
-  root_.closeFile();
+  closeFolders();
   return complete;
 }
 
