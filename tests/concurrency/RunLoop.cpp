@@ -122,21 +122,31 @@ TEST(RunLoop, ReturnsAfterTheCallbackThatStopped) {
   EXPECT_EQ(ran, std::vector<int>({1, 2}));
 }
 
-long contextSwitches() {
+struct Effort {
+  long sleeps = 0;
+  std::chrono::microseconds work{};
+};
+Effort effortSoFar() {
   rusage usage{};
   getrusage(RUSAGE_THREAD, &usage);
-  return usage.ru_nvcsw;
+  const auto time = [](const timeval& value) { return std::chrono::seconds(value.tv_sec) + std::chrono::microseconds(value.tv_usec); };
+  return {usage.ru_nvcsw, time(usage.ru_utime) + time(usage.ru_stime)};
 }
 
 TEST(RunLoop, SleepsWithoutWakingWhileNothingHappens) {
   const auto loop = RunLoop::current();
   const auto source = RunLoopSource::create([] {});
+  const auto timer = RunLoopTimer::create(1000, 0, [] {});
   loop->add(source);
-  const auto before = contextSwitches();
+  loop->add(timer);
+  const auto before = effortSoFar();
   EXPECT_FALSE(loop->runFor(0.5));
-  // One sleep to the end of the time; a loop that polled would have slept and woken many times.
-  EXPECT_LE(contextSwitches() - before, 3);
+  const auto after = effortSoFar();
+  // One sleep to the end of the time. A loop that looked again and again would have slept many times, or worked all the time.
+  EXPECT_LE(after.sleeps - before.sleeps, 3);
+  EXPECT_LT(after.work - before.work, std::chrono::milliseconds(250));
   source->invalidate();
+  timer->invalidate();
 }
 
 TEST(RunLoop, WaitsTheWholeTimeEvenWhenNothingIsScheduled) {
