@@ -1,6 +1,8 @@
 #include "platform/xpc/ConnectionCore.h"
 
+#include <chrono>
 #include <exception>
+#include <thread>
 #include <utility>
 
 #include "platform/xpc/IOThread.h"
@@ -8,6 +10,10 @@
 namespace platform::xpc {
 
 namespace {
+
+/// How often a service is tried that ends without having taken the message.
+constexpr int kMaximumAttempts = 5;
+constexpr std::chrono::milliseconds kPauseBetweenAttempts{50};
 
 /// Runs `attempt` on a pool thread; what it throws becomes the error that it would have returned.
 template <class Result>
@@ -71,22 +77,45 @@ void Connection::Core::resume() {
 
 void Connection::Core::send(OutgoingFrame frame) {
   onIOThread([self = shared_from_this(), sent = std::make_shared<OutgoingFrame>(std::move(frame))] {
-    if (self->state_ == State::Over) return;
-    if (self->state_ == State::Open) return self->channel_->write(std::move(*sent));
-    self->waitingBytes_ += sent->bytes.size();
-    self->waiting_.push_back({std::move(*sent), nullptr});
-    if (self->waitingBytes_ > Channel::kMaximumQueuedBytes) return self->interrupt("too many messages wait for it to start");
-    if (self->state_ == State::Closed && self->name_) self->open();
+    self->enqueue({std::move(*sent), nullptr});
   });
 }
 
 void Connection::Core::sendBarrier(std::function<void()> block) {
-  onIOThread([self = shared_from_this(), inbox = inbox_, block = std::move(block)] {
-    auto barrier = [inbox, block] { inbox->runOnQueue(block); };
-    if (self->state_ == State::Open) return self->channel_->afterWriting(std::move(barrier));
-    if (self->waiting_.empty()) return barrier();
-    self->waiting_.push_back({{}, std::move(barrier)});
+  onIOThread([self = shared_from_this(), block = std::move(block)] {
+    self->enqueue({{}, [inbox = self->inbox_, block] { inbox->runOnQueue(block); }});
   });
+}
+
+void Connection::Core::enqueue(Outgoing outgoing) {
+  const bool isBarrier = outgoing.barrier != nullptr;
+  if (state_ == State::Over || (isBarrier && state_ == State::Closed)) {
+    if (isBarrier) outgoing.barrier();
+    return;
+  }
+  if (greeted_) return transmit(outgoing);
+  waitingBytes_ += outgoing.frame.bytes.size();
+  waiting_.push_back(std::move(outgoing));
+  if (waitingBytes_ > Channel::kMaximumQueuedBytes) return interrupt("too many messages wait for it to start");
+  if (state_ == State::Open && !isBarrier) return transmit(waiting_.back());
+  if (state_ == State::Closed && name_) open();
+}
+
+void Connection::Core::transmit(const Outgoing& outgoing) {
+  if (outgoing.barrier) {
+    channel_->afterWriting(outgoing.barrier);
+  } else {
+    channel_->write(outgoing.frame);
+  }
+}
+
+void Connection::Core::greeted() {
+  if (std::exchange(greeted_, true)) return;
+  attempts_ = 0;
+  waitingBytes_ = 0;
+  for (const Outgoing& outgoing : std::exchange(waiting_, {})) {
+    if (outgoing.barrier && state_ == State::Open) transmit(outgoing);
+  }
 }
 
 void Connection::Core::cancel(bool tell) {
@@ -109,6 +138,7 @@ void Connection::Core::cancel(bool tell) {
 
 void Connection::Core::adopt(std::shared_ptr<Channel> channel) {
   attach(std::move(channel));
+  greeted_ = true;
   if (state_ == State::Open) channel_->write(OutgoingFrame::make(FrameKind::Hello));
 }
 
@@ -142,6 +172,7 @@ void Connection::Core::receive(Frame frame) {
     const std::lock_guard lock(mutex_);
     credentials_ = channel_->credentials();
   }
+  greeted();
   if (frame.kind != FrameKind::Message) return;
   auto message = decode(frame.payload, std::move(frame.descriptors));
   const auto* error = std::get_if<WireError>(&message);
@@ -159,41 +190,47 @@ void Connection::Core::updateReading() {
 
 void Connection::Core::open() {
   state_ = State::Opening;
+  const auto pause = kPauseBetweenAttempts * attempts_++;
   using Result = std::variant<FileHandle, LaunchError>;
-  attemptOnPoolThread<Result>([name = *name_] { return connectToService(name); },
-                              [weak = weak_from_this()](Result result) {
-                                onIOThread([weak, shared = std::make_shared<Result>(std::move(result))] {
-                                  if (const auto self = weak.lock()) self->opened(std::move(*shared));
-                                });
-                              });
+  attemptOnPoolThread<Result>(
+      [name = *name_, pause] {
+        std::this_thread::sleep_for(pause);
+        return connectToService(name);
+      },
+      [weak = weak_from_this()](Result result) {
+        onIOThread([weak, shared = std::make_shared<Result>(std::move(result))] {
+          if (const auto self = weak.lock()) self->opened(std::move(*shared));
+        });
+      });
 }
 
 void Connection::Core::opened(std::variant<FileHandle, LaunchError> result) {
   if (state_ != State::Opening) return;
   if (const auto* error = std::get_if<LaunchError>(&result)) return fail(error->reason);
   attach(Channel::create(std::move(std::get<FileHandle>(result)), Channel::Side::Client));
-  for (Waiting& waiting : std::exchange(waiting_, {})) {
-    if (state_ != State::Open) break;
-    if (waiting.barrier) {
-      channel_->afterWriting(std::move(waiting.barrier));
-    } else {
-      channel_->write(std::move(waiting.frame));
-    }
+  for (std::size_t i = 0; state_ == State::Open && i < waiting_.size(); ++i) {
+    if (!waiting_[i].barrier) transmit(waiting_[i]);
   }
-  waitingBytes_ = 0;
   startReading();
 }
 
+// A process that is about to end may still have let us connect.
+bool Connection::Core::mayTryAgain() const { return !greeted_ && !waiting_.empty() && attempts_ < kMaximumAttempts; }
+
 void Connection::Core::ended(const std::string& reason) {
   if (state_ == State::Over) return;
-  if (name_) return interrupt(reason);
-  finish("Connection invalid: the client is gone: " + reason);
+  if (!name_) return finish("Connection invalid: the client is gone: " + reason);
+  if (!mayTryAgain()) return interrupt(reason);
+  channel_ = nullptr;
+  open();
 }
 
 void Connection::Core::interrupt(const std::string& reason) {
   if (channel_) channel_->close();
   channel_ = nullptr;
   state_ = State::Closed;
+  greeted_ = false;
+  attempts_ = 0;
   dropWaiting();
   {
     const std::lock_guard lock(mutex_);
@@ -224,8 +261,8 @@ void Connection::Core::finish(const std::string& description) {
 
 void Connection::Core::dropWaiting() {
   waitingBytes_ = 0;
-  for (Waiting& waiting : std::exchange(waiting_, {})) {
-    if (waiting.barrier) waiting.barrier();
+  for (const Outgoing& outgoing : std::exchange(waiting_, {})) {
+    if (outgoing.barrier) outgoing.barrier();
   }
 }
 

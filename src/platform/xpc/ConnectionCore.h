@@ -52,7 +52,15 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
 
  private:
   enum class State { Closed, Opening, Open, Over };
+  /// A message, or something to be done after the messages before it.
+  struct Outgoing {
+    OutgoingFrame frame;
+    std::function<void()> barrier;
+  };
+  void enqueue(Outgoing outgoing);
+  void transmit(const Outgoing& outgoing);
   void open();
+  void greeted();
   void opened(std::variant<FileHandle, LaunchError> result);
   void attach(std::shared_ptr<Channel> channel);
   void ended(const std::string& reason);
@@ -61,6 +69,7 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   void finish(const std::string& description);
   void updateReading();
   void dropWaiting();
+  [[nodiscard]] bool mayTryAgain() const;
 
   const std::optional<std::string> name_;
   const std::shared_ptr<Inbox> inbox_;
@@ -77,12 +86,12 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   State state_ = State::Closed;
   std::shared_ptr<Channel> channel_;
   bool mayRead_ = false;
-  struct Waiting {
-    OutgoingFrame frame;
-    std::function<void()> barrier;
-  };
-  std::deque<Waiting> waiting_;
+  /// What is to be sent when the service is there. A service greets before it hands the first message to anybody, so what it did not greet
+  /// was seen by nobody and can be sent to the next process: until then everything stays here.
+  std::deque<Outgoing> waiting_;
   std::size_t waitingBytes_ = 0;
+  bool greeted_ = false;
+  int attempts_ = 0;
 };
 
 }  // namespace platform::xpc

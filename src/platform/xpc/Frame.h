@@ -30,8 +30,8 @@ enum class FrameKind : std::uint8_t {
 inline constexpr std::size_t kHeaderBytes = 8;
 inline constexpr std::uint8_t kProtocolVersion = 1;
 
-/// What this process has received and not yet handed to anybody, counted over all connections, so that peers together cannot use up the
-/// process's descriptors or memory. The hold ends when the message is handed over.
+/// What this process has received and not yet dealt with, counted over all connections, so that peers together cannot use up the
+/// process's descriptors or memory. The hold ends when the handler has returned.
 class Hold {
  public:
   static constexpr std::size_t kMaximumDescriptors = 256;

@@ -15,7 +15,7 @@ Inbox::Inbox(std::string label) : label_(std::move(label)), queue_(SerialQueue::
 void Inbox::setHandler(Connection::EventHandler handler) {
   const std::lock_guard lock(mutex_);
   // Swapped, so that what the former one holds is released without the lock.
-  if (!closed_) handler_.swap(handler);
+  if (!done_) handler_.swap(handler);
 }
 
 void Inbox::setQueue(std::shared_ptr<SerialQueue> queue) {
@@ -59,6 +59,7 @@ void Inbox::closeNow() {
   {
     const std::lock_guard lock(mutex_);
     closed_ = true;
+    done_ = true;
     dropped.swap(items_);
     handler.swap(handler_);
     room.swap(room_);
@@ -129,16 +130,18 @@ void Inbox::deliver() {
     items_.pop_front();
     bytes_ -= item.hold.bytes();
     descriptors_ -= item.hold.descriptors();
-    item.hold = {};
     if (wasFull && !full()) room = room_;
     handler = handler_;
     if (item.last) {
+      done_ = true;
       handler_ = nullptr;
       room_ = nullptr;
     }
   }
   if (room) room();
+  // What the message holds counts until the handler has returned.
   if (handler) call(handler, item);
+  item.hold = {};
   if (item.told) item.told();
   const std::lock_guard lock(mutex_);
   posted_ = false;

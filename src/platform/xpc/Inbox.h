@@ -70,7 +70,10 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   std::size_t descriptors_ = 0;
   int suspensions_ = 1;
   bool posted_ = false;
+  /// Nothing more is taken.
   bool closed_ = false;
+  /// Nothing more is delivered.
+  bool done_ = false;
 };
 
 }  // namespace platform::xpc

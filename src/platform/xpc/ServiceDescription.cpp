@@ -1,43 +1,34 @@
 #include "platform/xpc/ServiceDescription.h"
 
 #include <fcntl.h>
-#include <plist/plist.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <memory>
+#include <string_view>
 #include <system_error>
 
 #include "platform/foundation/FileHandle.h"
+#include "platform/foundation/PropertyList.h"
 #include "platform/xpc/Environment.h"
 
 namespace platform::xpc {
 
 namespace {
 
-/// Far more than a description needs, and little enough that the reader's recursion stays shallow whatever the file nests.
+/// Far more than a description needs.
 constexpr std::size_t kMaximumBytes = std::size_t{16} << 10U;
 
 std::string errorText(int number) { return std::generic_category().message(number); }
 
-struct PlistFree {
-  void operator()(void* node) const { plist_free(node); }
-};
-using Plist = std::unique_ptr<void, PlistFree>;
-
 /// The text under `key` of a property list's dictionary; empty when there is none.
-std::string textUnderKey(const std::string& bytes, const char* key) {
-  plist_t parsed = nullptr;
-  plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &parsed);
-  const Plist root(parsed);
-  if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return {};
-  const plist_t item = plist_dict_get_item(root.get(), key);
-  if (item == nullptr || plist_get_node_type(item) != PLIST_STRING) return {};
-  std::uint64_t size = 0;
-  const char* text = plist_get_string_ptr(item, &size);
-  return text != nullptr ? std::string(text, size) : std::string();
+std::string textUnderKey(const std::string& bytes, std::string_view key) {
+  try {
+    const Object list = readPropertyList(bytes);
+    const Object text = list.isDictionary() ? list.objectForKey(key) : Object();
+    return text.isString() ? text.stringValue() : std::string();
+  } catch (const PropertyListError&) {
+    return {};
+  }
 }
 
 std::variant<std::string, int> readSmallFile(int descriptor) {
