@@ -96,19 +96,21 @@ class FanotifySource final : public ChangeSource {
   std::size_t dispatchOne(char* bytes, std::size_t count, const Visitor& visit, std::optional<Clock::time_point>& wait) override {
     static_cast<void>(wait);
     if (count < sizeof(fanotify_event_metadata)) return count;
-    const auto* event = reinterpret_cast<const fanotify_event_metadata*>(bytes);
-    if (event->event_len < sizeof *event || event->event_len > count || event->vers != FANOTIFY_METADATA_VERSION) return count;
+    // Copied: the kernel aligns events to four bytes, the structure wants eight.
+    fanotify_event_metadata event;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the next line
+    std::memcpy(&event, bytes, sizeof event);
+    if (event.event_len < sizeof event || event.event_len > count || event.vers != FANOTIFY_METADATA_VERSION) return count;
     RawChange change;
     for (const BitRow& row : kBits) {
-      if ((event->mask & row.kernel) != 0) change.bits |= row.ours;
+      if ((event.mask & row.kernel) != 0) change.bits |= row.ours;
     }
-    if ((event->mask & FAN_Q_OVERFLOW) != 0) change.bits = RawChange::kOverflow;
-    change.isDirectory = (event->mask & FAN_ONDIR) != 0;
-    change.own = event->pid == self_;
+    if ((event.mask & FAN_Q_OVERFLOW) != 0) change.bits = RawChange::kOverflow;
+    change.isDirectory = (event.mask & FAN_ONDIR) != 0;
+    change.own = event.pid == self_;
     KernelKey keys[3];  // NOLINT(modernize-avoid-c-arrays): folder, new folder, target
-    readRecords(bytes + event->metadata_len, event->event_len - event->metadata_len, change, keys);
+    readRecords(bytes + event.metadata_len, event.event_len - event.metadata_len, change, keys);
     visit(change);
-    return event->event_len;
+    return event.event_len;
   }
 
  private:
