@@ -69,6 +69,10 @@ TEST(LogFailures, AStandardErrorThatNobodyCanReadDoesNotKillTheProcess) {
 }
 
 TEST(LogFailures, AClosedStandardErrorIsNoReasonToStop) {
+  {
+    const CapturedStandardError captured;
+    NSLog("what an earlier test lost is said here");
+  }
   const RedirectedStandardError redirected(STDERR_FILENO);
   close(STDERR_FILENO);
   NSLog("into nothing");

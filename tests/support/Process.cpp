@@ -53,12 +53,14 @@ std::vector<std::string> environmentOf(const Process::Options& options) {
   }
   for (const auto& [name, value] : options.environment) variables[name] = value;
   std::vector<std::string> texts;
+  texts.reserve(variables.size());
   for (const auto& [name, value] : variables) texts.push_back(name + "=" + value);
   return texts;
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;

@@ -13,8 +13,8 @@ struct AssertionFailure {
   std::string description;
 };
 
-/// What a failed assertion calls. The default logs the failure and throws Exception(NSInternalInconsistencyException); a handler may also return,
-/// and the code after the assertion then runs.
+/// What a failed assertion calls. The default logs the failure and throws Exception(NSInternalInconsistencyException); a handler may also
+/// return, and the code after the assertion then runs.
 using AssertionHandler = std::function<void(const AssertionFailure&)>;
 
 /// Replaces the process's handler and returns the former one; an empty handler restores the default. Any thread.
@@ -25,7 +25,7 @@ void handleFailure(const AssertionFailure& failure);
 }  // namespace platform
 
 /// Calls the handler when `condition` is false. `text` is a std::string.
-#define PLATFORM_ASSERT(condition, text)                                                    \
-  do {                                                                                      \
-    if (!(condition)) ::platform::handleFailure({__func__, __FILE__, __LINE__, (text)});    \
+#define PLATFORM_ASSERT(condition, text)                                                 \
+  do {                                                                                   \
+    if (!(condition)) ::platform::handleFailure({__func__, __FILE__, __LINE__, (text)}); \
   } while (false)
