@@ -15,7 +15,7 @@ bool isRaised(const Object& value) { return value.isString() && value.stringValu
 
 FlagReading readFlag() {
   FlagReading reading;
-  reading.value = platform::UserDefaults::standardUserDefaults().persistentDomainForName(kServiceName).objectForKey(kFlagKey);
+  reading.value = platform::UserDefaults(kServiceName).objectForKey(kFlagKey);
   reading.raised = isRaised(reading.value);
   return reading;
 }

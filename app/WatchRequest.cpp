@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "app/Names.h"
 #include "app/ServiceReport.h"
@@ -127,7 +128,12 @@ class Request {
   WatchStart wait(Asking* asking) {
     for (;;) {
       if (const auto report = askService(remaining())) {
+        // Another process counts its watches anew.
+        if (std::exchange(result_.process, report->process) != report->process) highestNumber_ = 0;
         if (const auto answer = answerIn(*report)) return *answer;
+        // A watch that failed for somebody else goes with their connection, before we may have seen why.
+        const bool isGone = find(*report, [this](const WatchReport& watch) { return isNew(watch); }) == nullptr;
+        if (asking == nullptr && isGone) return askAndWait();
       }
       if (asking != nullptr) {
         if (const auto end = asking->waitForEnd(kLookAgain)) return ended(*end);
@@ -141,12 +147,10 @@ class Request {
   }
 
   std::optional<WatchStart> answerIn(const ServiceReport& report) {
-    result_.process = report.process;
-    const auto isNew = [this](const WatchReport& watch) { return watch.number > highestNumber_ && isOurs(watch); };
-    if (find(report, [&](const WatchReport& watch) { return isNew(watch) && watch.state == "standing"; }) != nullptr) {
+    if (find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.state == "standing"; }) != nullptr) {
       return finish(Outcome::Watching, fmt::format("watching '{}', by process {}", result_.folder, report.process));
     }
-    const WatchReport* failed = find(report, [&](const WatchReport& watch) { return isNew(watch) && watch.state == "failed"; });
+    const WatchReport* failed = find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.state == "failed"; });
     if (failed == nullptr) return std::nullopt;
     return finish(Outcome::NotWatching, fmt::format("the watch of '{}' could not start: {}", result_.folder, failed->reason));
   }
@@ -168,6 +172,7 @@ class Request {
     }
   }
 
+  [[nodiscard]] bool isNew(const WatchReport& watch) const { return watch.number > highestNumber_ && isOurs(watch); }
   [[nodiscard]] bool isOurs(const WatchReport& watch) const { return watch.folder == result_.folder; }
 
   template <class Predicate>

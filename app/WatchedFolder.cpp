@@ -80,8 +80,7 @@ WatchedFolder watchedFolder(const std::string& base) {
 }
 
 std::optional<std::string> basePath() {
-  const platform::Object domain = platform::UserDefaults::standardUserDefaults().persistentDomainForName(kApplicationDomain);
-  const platform::Object base = domain.objectForKey(kBasePathKey);
+  const platform::Object base = platform::UserDefaults(kApplicationDomain).objectForKey(kBasePathKey);
   if (base.isNil()) return std::nullopt;
   return base.isString() ? base.stringValue() : base.description();
 }

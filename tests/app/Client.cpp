@@ -47,7 +47,7 @@ TEST_F(Client, StartsWatchingAndWaitsForTheFlag) {
   ASSERT_TRUE(start.stands()) << start.text;
   EXPECT_EQ(start.outcome, WatchStart::Outcome::Watching);
   EXPECT_EQ(start.folder, sandbox.watched());
-  EXPECT_EQ(kill(start.process, 0), 0);
+  signalProcess(start.process, 0);
 
   EXPECT_FALSE(client.waitForFlag(std::chrono::milliseconds(50)));
   for (int i = 0; i < 2; ++i) {
@@ -77,7 +77,7 @@ TEST_F(Client, SaysThatTheServiceDiedAndAsksAgain) {
   ASSERT_TRUE(client.setBasePath(sandbox.base()));
   pid_t process = client.startWatching().process;
   for (std::size_t i = 0; i < 3; ++i) {
-    ASSERT_EQ(kill(process, SIGKILL), 0);
+    signalProcess(process, SIGKILL);
     ASSERT_TRUE(eventuallyTold(2 * i + 2));
     EXPECT_EQ(told()[2 * i].kind, FileWatcherClient::ServiceEvent::Kind::Died);
     EXPECT_THAT(told()[2 * i].text, HasSubstr("(process " + std::to_string(process) + ") has died; asking again"));
@@ -93,7 +93,7 @@ TEST_F(Client, AsksAgainAlsoWhereAnotherProcessHadAsked) {
   ASSERT_EQ(sandbox.start().status, 0);
   const WatchStart start = client.startWatching();
   ASSERT_EQ(start.outcome, WatchStart::Outcome::AlreadyWatching) << start.text;
-  ASSERT_EQ(kill(start.process, SIGKILL), 0);
+  signalProcess(start.process, SIGKILL);
   ASSERT_TRUE(eventuallyTold(2));
   EXPECT_EQ(told()[1].kind, FileWatcherClient::ServiceEvent::Kind::WatchingAgain) << told()[1].text;
 }
@@ -104,7 +104,7 @@ TEST_F(Client, KeepsAskingWhenTheServiceDoesNotComeBack) {
   const WatchStart start = client.startWatching();
   ASSERT_TRUE(start.stands()) << start.text;
   sandbox.installService("/bin/false");
-  ASSERT_EQ(kill(start.process, SIGKILL), 0);
+  signalProcess(start.process, SIGKILL);
   ASSERT_TRUE(eventuallyTold(3));
   EXPECT_EQ(told()[1].kind, FileWatcherClient::ServiceEvent::Kind::StillNotWatching);
   EXPECT_EQ(told()[2].kind, FileWatcherClient::ServiceEvent::Kind::StillNotWatching);

@@ -138,7 +138,7 @@ TEST_F(FollowCommand, SaysThatTheServiceDiedAndFollowsTheNextOne) {
   const pid_t service = sandbox.service();
   follower = std::make_unique<Process>(Sandbox::command({"follow"}), sandbox.options());
   ASSERT_TRUE(follower->waitForErrorOutput("the service runs as process " + std::to_string(service), kLongEnough));
-  ASSERT_EQ(kill(service, SIGKILL), 0);
+  signalProcess(service, SIGKILL);
   ASSERT_TRUE(follower->waitForErrorOutput("the service (process " + std::to_string(service) + ") has died", kLongEnough));
   ASSERT_EQ(sandbox.start().status, 0);
   writeFile(sandbox.watched() + "/hello", "again");

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -99,6 +100,11 @@ class Sandbox {
 
   TemporaryDirectory folder_;
 };
+
+/// Signals a process. Numbers that mean groups of processes, as 0 does, are a mistake of the test.
+inline void signalProcess(pid_t process, int number) {
+  if (process <= 0 || kill(process, number) != 0) throw std::runtime_error("no process to signal: " + std::to_string(process));
+}
 
 /// What the watch takes to tell, and something for the machine.
 inline constexpr std::chrono::milliseconds kLongEnough = std::chrono::seconds(60);

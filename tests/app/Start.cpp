@@ -152,11 +152,11 @@ TEST(StartCommand, GivesUpOnAServiceThatDoesNotAnswer) {
   const Sandbox sandbox;
   ASSERT_EQ(sandbox.start().status, 0);
   const pid_t service = sandbox.service();
-  ASSERT_EQ(kill(service, SIGSTOP), 0);
+  signalProcess(service, SIGSTOP);
   const Outcome outcome = sandbox.run({"start", "--timeout", "0.5"});
   EXPECT_EQ(outcome.status, 6);
   EXPECT_THAT(outcome.errorOutput, HasSubstr("the service (process " + std::to_string(service) + ") has not said within 500 ms"));
-  ASSERT_EQ(kill(service, SIGCONT), 0);
+  signalProcess(service, SIGCONT);
 }
 
 TEST(StopCommand, EndsTheServiceAndLeavesTheFlag) {
@@ -184,11 +184,11 @@ TEST(StopCommand, GivesUpOnAServiceThatDoesNotEndAndNamesTheRemedy) {
   const Sandbox sandbox;
   ASSERT_EQ(sandbox.start().status, 0);
   const pid_t service = sandbox.service();
-  ASSERT_EQ(kill(service, SIGSTOP), 0);
+  signalProcess(service, SIGSTOP);
   const Outcome outcome = sandbox.run({"stop", "--timeout", "0.2"});
   EXPECT_EQ(outcome.status, 6);
   EXPECT_THAT(outcome.errorOutput, HasSubstr("'kill -9 " + std::to_string(service) + "' ends it at once"));
-  ASSERT_EQ(kill(service, SIGCONT), 0);
+  signalProcess(service, SIGCONT);
   EXPECT_TRUE(eventually([&] { return sandbox.run({"status"}).status == 3; }));
 }
 

@@ -52,7 +52,7 @@ TEST(StatusCommand, TellsWhatTheServiceWatches) {
   ASSERT_FALSE(document.Parse(json.output.c_str()).HasParseError()) << json.output;
   EXPECT_TRUE(document["running"].GetBool());
   EXPECT_TRUE(document["answers"].GetBool());
-  EXPECT_EQ(kill(document["pid"].GetInt(), 0), 0);
+  signalProcess(document["pid"].GetInt(), 0);
   EXPECT_THAT(document["startedAt"].GetString(), testing::MatchesRegex("[0-9-]+T[0-9:]+\\.[0-9]+Z"));
   EXPECT_STREQ(document["flag"].GetString(), "1");
   EXPECT_TRUE(document["flagRaised"].GetBool());
@@ -68,9 +68,9 @@ TEST(StatusCommand, TellsAServiceThatDoesNotAnswerFromOneThatDoesNotRun) {
   const Sandbox sandbox;
   ASSERT_EQ(sandbox.start().status, 0);
   const pid_t service = sandbox.service();
-  ASSERT_EQ(kill(service, SIGSTOP), 0);
+  signalProcess(service, SIGSTOP);
   const Outcome outcome = sandbox.run({"status"});
-  ASSERT_EQ(kill(service, SIGCONT), 0);
+  signalProcess(service, SIGCONT);
   EXPECT_EQ(outcome.status, 6);
   EXPECT_THAT(outcome.output, HasSubstr("running, process " + std::to_string(service) + ", but it does not answer"));
 }

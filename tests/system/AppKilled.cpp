@@ -62,7 +62,7 @@ class Victim {
     while (std::chrono::steady_clock::now() < end) {
       if (defaults.exchange(kKey, reset) == Object("1")) ++writesSeen_;
     }
-    if (kill(service, SIGKILL) != 0) return "the service had ended by itself";
+    signalProcess(service, SIGKILL);
 
     const Object domain = defaults.persistentDomainForName(kDomain);
     const Object value = domain.objectForKey(kKey);

@@ -121,7 +121,7 @@ TEST_F(RunScript, EndsAServiceThatIsStuck) {
   run();
   const std::string output = script->output();
   const auto position = output.find("by process ") + 11;
-  ASSERT_EQ(kill(static_cast<pid_t>(std::stol(output.substr(position))), SIGSTOP), 0);
+  signalProcess(static_cast<pid_t>(std::stol(output.substr(position))), SIGSTOP);
   script->signal(SIGTERM);
   EXPECT_EQ(script->wait(kLongEnough), 0);
   expectNothingLeft();
