@@ -25,6 +25,7 @@ class StreamMissingPath : public StreamTest {
     stream.flush();
     EXPECT_NE(stream.flagsOf(watched + "/further") & kCreated, 0U) << stream.describe();
     EXPECT_TRUE(marksAreThoseOf(stream, {watched}));
+    EXPECT_EQ(stream.stream().status().objectForKey("source").stringValue(), sourceName(GetParam()));
   }
 };
 KESTRINE_PER_SOURCE(StreamMissingPath);

@@ -137,6 +137,35 @@ TEST_P(StreamQueueOrder, FolderMadeRenamedAndMadeAgainIsFollowed) {
   expectExact(in("y5/5/after"));
 }
 
+TEST_P(StreamQueueOrder, FolderThatPassedThroughIsFoundWhereItIs) {
+  // When the stream first looks, the folder is in its last place already; the way it took there is read afterwards.
+  unread([&] {
+    makeFolders(in("new/x/y/z"));
+    moveItem(in("new/x/y"), in("passing"));
+    moveItem(in("passing"), in("new/x/final"));
+  });
+  expectExact(in("new/x/final/z/after"));
+  unread([&] {
+    makeFolders(in("other/x/y/z"));
+    moveItem(in("other/x/y"), in("passing"));
+    moveItem(in("passing"), in("other/last"));
+    moveItem(in("other"), in("moved"));
+  });
+  expectExact(in("moved/last/z/after"));
+}
+
+TEST_P(StreamQueueOrder, FolderThatWentOutThroughANewOneIsForgotten) {
+  unread([&] {
+    makeFolders(in("new/x"));
+    moveItem(in("a"), in("new/x/a"));
+    moveItem(in("new/x/a"), outside("a"));
+  });
+  writeFile(outside("a/sub/deep/late"), "text");
+  expectExact(in("new/x/after"));
+  unread([&] { moveItem(outside("a"), in("new/x/back")); });
+  expectExact(in("new/x/back/sub/deep/after"));
+}
+
 TEST_P(StreamQueueOrder, WritesBeforeAndAfterARenameAreToldUnderAName) {
   const auto events = unread([&] {
     writeFile(in("a/sub/file"), "text");

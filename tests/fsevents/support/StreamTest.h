@@ -12,6 +12,12 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"
 
+namespace platform {
+inline void PrintTo(FSEventStream::Source source, std::ostream* stream) {
+  *stream << (source == FSEventStream::Source::Fanotify ? "fanotify" : "inotify");
+}
+}  // namespace platform
+
 namespace kestrine::test {
 
 using platform::FSEvent;

@@ -29,7 +29,11 @@ WatchedStream::WatchedStream(Source source, StreamOptions options) : onDelivery_
     EXPECT_TRUE(stream_->setExclusionPaths(std::move(options.exclusions)));
   }
   stream_->scheduleWithRunLoop(loop_);
+  // A flush waits for a loop that runs, not for one that is about to.
+  std::promise<void> running;
+  loop_->perform([&running] { running.set_value(); });
   scheduled.set_value();
+  running.get_future().wait();
   started_ = stream_->start();
 }
 
