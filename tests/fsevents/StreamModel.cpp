@@ -32,7 +32,10 @@ class StreamModel : public StreamTest {
     for (const auto& folder : folders) touchFile(folder + "/probe");
     stream.flush();
     for (const auto& folder : folders) EXPECT_NE(stream.flagsOf(folder + "/probe") & kCreated, 0U) << folder;
-    EXPECT_EQ(stream.events().size(), folders.size());
+    // One file may be told in two deliveries; no other path may be told at all.
+    std::set<std::string> paths;
+    for (const auto& event : stream.events()) paths.insert(event.path);
+    EXPECT_EQ(paths.size(), folders.size());
   }
 };
 KESTRINE_PER_SOURCE(StreamModel);

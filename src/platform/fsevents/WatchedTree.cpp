@@ -13,6 +13,8 @@ namespace {
 
 /// How often a flush waits for what cannot be applied yet, some milliseconds each.
 constexpr int kMaximumRounds = 20;
+/// Until the queues are looked at again when something waits for them to be empty.
+constexpr std::chrono::milliseconds kSoon(2);
 
 }  // namespace
 
@@ -62,6 +64,7 @@ void WatchedTree::detach() {
   retiring_.reset();
   displaced_.clear();
   sightings_.clear();
+  arrivals_.clear();
   unopened_.clear();
   retryAt_.reset();
   overflowed_ = backlogDropped_ = false;
@@ -88,6 +91,7 @@ bool WatchedTree::drain() {
   };
   if (retiring_) drainOne(*retiring_);
   for (const auto& source : sources_) drainOne(*source);
+  queuesWereEmpty_ = !any;
   return any;
 }
 
@@ -109,6 +113,13 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   // By index: applying a change may add the second source.
   for (std::size_t i = 0; i < sources_.size(); ++i) sooner(sources_[i]->dispatch(visit));
   if (!again) checkSightings();
+  if (!arrivals_.empty()) {
+    if (!again && queuesWereEmpty_) {
+      resolveArrivals();
+    } else {
+      sooner(Clock::now() + kSoon);
+    }
+  }
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   expireDisplaced(false);
@@ -123,8 +134,10 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
 void WatchedTree::processAll() {
   // Bounded, because a lack of descriptors may last.
   for (int rounds = 0; isAttached() && rounds < kMaximumRounds; ++rounds) {
+    const bool any = drain();
     const auto again = process();
-    if (!again || !hasBacklog()) break;
+    if (!any && !again) break;
+    if (!again) continue;
     // A move's first half waits for its second: the wait is bounded to milliseconds by the source.
     const auto now = Clock::now();
     if (*again > now) {
@@ -132,7 +145,6 @@ void WatchedTree::processAll() {
       pause.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(*again - now).count());
       if (pause.tv_nsec > 0 && pause.tv_nsec < 1'000'000'000) ::nanosleep(&pause, nullptr);
     }
-    drain();
   }
   expireDisplaced(true);
   closeFolders();

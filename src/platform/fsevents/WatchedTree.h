@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -147,7 +148,12 @@ class WatchedTree {
   void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
   void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts = kAttemptsWhenGone);
   void checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report);
+  void sight(std::string_view target, NodeId folder, std::string_view name);
   void checkSightings();
+  bool placeAt(const Sighting& sighting, NodeId node);
+  void expectArrival(std::string_view key, NodeId folder, std::string_view name);
+  bool arrive(NodeId node);
+  void resolveArrivals();
   void displace(NodeId node);
   void expireDisplaced(bool all);
   enum class Why { Removed, Left };
@@ -184,9 +190,14 @@ class WatchedTree {
 
   bool overflowed_ = false;
   bool backlogDropped_ = false;
+  /// Whether the last look found nothing in the kernel queues.
+  bool queuesWereEmpty_ = true;
   bool limitSaid_ = false;
   std::vector<Displaced> displaced_;
   std::vector<Sighting> sightings_;
+  /// Known folders that a listing found in another place, by their keys.
+  std::map<std::string, Sighting, std::less<>> arrivals_;
+  bool repairing_ = false;
   std::vector<Retry> unopened_;
   std::optional<Clock::time_point> retryAt_;
 

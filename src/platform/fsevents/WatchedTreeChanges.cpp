@@ -175,17 +175,20 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
   const bool exact = !target.empty();
   NodeId node = exact ? tree_.findByKey(target) : kNoNode;
   if (!exact && from != kNoNode) node = tree_.child(from, oldName);
+  if (exact) {
+    // The queue is not the last word on where the folder is: unread renames of one folder merge, and a listing may have been ahead of the
+    // queue.
+    if (node != kNoNode && node != DirectoryTree::kRoot) sight(target, tree_.parent(node), tree_.name(node));
+    sight(target, from, oldName);
+    sight(target, to, newName);
+  }
   if (to == kNoNode || isExcluded(to, newName)) {
     // It left. Unless the tree knows it in another place by now: then a listing was faster than the queue.
-    if (node != kNoNode && tree_.parent(node) == from && tree_.name(node) == oldName) forget(node, Why::Left);
+    const bool believed = node != kNoNode && tree_.parent(node) == from && tree_.name(node) == oldName;
+    if (believed && !arrive(node)) forget(node, Why::Left);
     return;
   }
   const FSEventStreamEventFlags flags = silent ? 0 : kFSEventStreamEventFlagItemRenamed;
-  if (exact) {
-    // Unread renames of one folder merge, so the last one told need not be the last one made.
-    if (from != kNoNode) sightings_.push_back({std::string(target), std::string(tree_.key(from)), std::string(oldName)});
-    sightings_.push_back({std::string(target), std::string(tree_.key(to)), std::string(newName)});
-  }
   if (node == kNoNode) {
     takeUp(to, newName, flags);
     return;
@@ -201,6 +204,11 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
     tree_.move(node, to, newName);
   }
   if (!exact) checkPlace(node, from, oldName, flags);
+}
+
+void WatchedTree::sight(std::string_view target, NodeId folder, std::string_view name) {
+  if (folder == kNoNode || isExcluded(folder, name)) return;
+  sightings_.push_back({std::string(target), std::string(tree_.key(folder)), std::string(name)});
 }
 
 void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report) {
@@ -225,21 +233,53 @@ void WatchedTree::checkSightings() {
     std::size_t end = i + 1;
     while (end < sightings.size() && sightings[end].target == sightings[i].target) ++end;
     const NodeId node = tree_.findByKey(sightings[i].target);
-    if (node != kNoNode && !isStillAt(node, sightings[i].target)) {
-      for (std::size_t k = end; k-- > i;) {
-        const NodeId folder = tree_.findByKey(sightings[k].folder);
-        if (folder == kNoNode || tree_.isBelowOrSame(folder, node)) continue;
-        const FileHandle opened = openFolder(folder, sightings[k].name);
-        KernelKey key;
-        std::uint8_t used = 0;
-        if (!opened.isOpen() || markFolder(opened.fileDescriptor(), true, key, used) != 0 || key.view() != sightings[i].target) continue;
-        if (const NodeId occupant = tree_.child(folder, sightings[k].name); occupant != kNoNode && occupant != node) displace(occupant);
-        pathsChanged();
-        tree_.move(node, folder, sightings[k].name);
-        break;
+    if (node == kNoNode || !isStillAt(node, sightings[i].target)) {
+      for (std::size_t k = end; k-- > i && !placeAt(sightings[k], node);) {
       }
     }
     i = end;
+  }
+}
+
+bool WatchedTree::placeAt(const Sighting& sighting, NodeId node) {
+  const NodeId folder = tree_.findByKey(sighting.folder);
+  if (folder == kNoNode || (node != kNoNode && tree_.isBelowOrSame(folder, node))) return false;
+  const FileHandle opened = openFolder(folder, sighting.name);
+  KernelKey key;
+  std::uint8_t used = 0;
+  if (!opened.isOpen() || markFolder(opened.fileDescriptor(), true, key, used) != 0 || key.view() != sighting.target) return false;
+  if (node == kNoNode) {
+    takeUp(folder, sighting.name, kFSEventStreamEventFlagItemRenamed);
+    return true;
+  }
+  if (const NodeId occupant = tree_.child(folder, sighting.name); occupant != kNoNode && occupant != node) displace(occupant);
+  pathsChanged();
+  tree_.move(node, folder, sighting.name);
+  return true;
+}
+
+void WatchedTree::expectArrival(std::string_view key, NodeId folder, std::string_view name) {
+  arrivals_.insert_or_assign(std::string(key), Sighting{std::string(key), std::string(tree_.key(folder)), std::string(name)});
+}
+
+bool WatchedTree::arrive(NodeId node) {
+  const auto arrival = arrivals_.find(tree_.key(node));
+  if (arrival == arrivals_.end()) return false;
+  const Sighting place = std::move(arrival->second);
+  arrivals_.erase(arrival);
+  const NodeId folder = tree_.findByKey(place.folder);
+  if (folder == kNoNode || tree_.isBelowOrSame(folder, node)) return false;
+  if (const NodeId occupant = tree_.child(folder, place.name); occupant != kNoNode) displace(occupant);
+  pathsChanged();
+  tree_.move(node, folder, place.name);
+  return true;
+}
+
+void WatchedTree::resolveArrivals() {
+  // The queue has been read to its end: what it did not tell it will not tell.
+  for (const auto& [key, place] : std::exchange(arrivals_, {})) {
+    const NodeId node = tree_.findByKey(key);
+    if (node == kNoNode || !isStillAt(node, key)) placeAt(place, node);
   }
 }
 
@@ -256,7 +296,8 @@ void WatchedTree::displace(NodeId node) {
 void WatchedTree::expireDisplaced(bool all) {
   const auto now = Clock::now();
   for (std::size_t i = 0; i < displaced_.size();) {
-    if (!all && displaced_[i].until > now) {
+    // While changes keep coming, the one that tells where the folder is may be among those not read yet.
+    if (!all && (displaced_[i].until > now || !queuesWereEmpty_)) {
       ++i;
       continue;
     }
@@ -269,7 +310,7 @@ void WatchedTree::expireDisplaced(bool all) {
       pathsChanged();
       tree_.move(item.node, parent, name);
     } else {
-      forget(item.node, Why::Removed);
+      forget(item.node, Why::Left);
     }
   }
 }

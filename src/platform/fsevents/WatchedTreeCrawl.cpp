@@ -72,7 +72,7 @@ int WatchedTree::markFolder(int folder, bool isFolder, KernelKey& key, std::uint
 }
 
 void WatchedTree::crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report) {
-  ++generation_;
+  if (++generation_ == 0) ++generation_;
   std::vector<Pending> stack;
   enter(parent, name, std::move(folder), report, stack);
   for (int entered = 1; !stack.empty(); ++entered) {
@@ -134,6 +134,11 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     displace(there);  // another folder stands where this one was
   }
   if (known == kNoNode) return tree_.add(parent, name, key);
+  if (!repairing_ && !tree_.isDetached(known)) {
+    // It has its mark. Changes that were made in its old place may still be in the queue: the one that tells of its leaving brings it here.
+    expectArrival(key, parent, name);
+    return kNoNode;
+  }
   pathsChanged();
   tree_.move(known, parent, name);
   return known;
@@ -233,7 +238,13 @@ void WatchedTree::repair(FSEventStreamEventFlags dropped) {
   if (!rootIsFolder_) return;
   FileHandle opened = openFolder(DirectoryTree::kRoot);
   if (!opened.isOpen()) return;  // the root is gone, which is another's to notice
+  // So that no folder seems to have been seen by a crawl whose number has come round again.
+  tree_.forEach([&](NodeId node) { tree_.setGeneration(node, 0); });
+  generation_ = 0;
+  arrivals_.clear();
+  repairing_ = true;
   crawl(kNoNode, {}, std::move(opened), 0);
+  repairing_ = false;
   std::vector<NodeId> stale;
   tree_.forEach([&](NodeId node) {
     if (node == DirectoryTree::kRoot || tree_.generation(node) == generation_) return;
