@@ -172,6 +172,29 @@ TEST(Lifetime, ServesASocketThatSystemdMadeAndLeavesItInPlace) {
   EXPECT_EQ(pidFrom(client.events.at(client.seen++)), next);
 }
 
+TEST(Lifetime, IsStartedBySystemdsOwnSocketActivation) {
+  if (access("/usr/bin/systemd-socket-activate", X_OK) != 0) {
+    GTEST_SKIP() << "left out: activation by systemd's own program, because systemd-socket-activate is not installed";
+  }
+  ServiceEnvironment environment;
+  environment.install(kName);
+  makeFolder(environment.socketFolder());
+  std::vector<std::string> arguments{"/usr/bin/systemd-socket-activate", "--listen=" + environment.socketPath(kName)};
+  for (const char* variable : {"XDG_RUNTIME_DIR", "XDG_STATE_HOME", "XDG_CONFIG_HOME", "HOME", "XPC_TEST_NAME", "XPC_TEST_RECORD"}) {
+    arguments.push_back(std::string("--setenv=") + variable);
+  }
+  arguments.emplace_back(XPC_TEST_SERVICE);
+  Process activator(arguments);
+  ASSERT_TRUE(eventually([&] { return exists(environment.socketPath(kName)); }, 60s));
+  EXPECT_TRUE(environment.startedServices().empty());
+  Client client(kName);
+  // It becomes the service when somebody connects.
+  EXPECT_EQ(pidFrom(client.ask("pid")), activator.pid());
+  activator.signal(SIGTERM);
+  EXPECT_EQ(activator.wait(60s), 0);
+  EXPECT_TRUE(exists(environment.socketPath(kName)));
+}
+
 TEST(Lifetime, IgnoresASocketThatWasMeantForAnotherProcess) {
   ServiceEnvironment environment;
   environment.install(kName);

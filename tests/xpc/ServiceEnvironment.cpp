@@ -1,6 +1,7 @@
 #include "tests/xpc/ServiceEnvironment.h"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -36,6 +38,11 @@ ServiceEnvironment::ServiceEnvironment() {
   set("HOME", folder_ / "home");
   set("XPC_TEST_RECORD", folder_ / "record");
   set("XPC_TEST_NAME", "");
+  // A service's standard error is nowhere, and what a sanitizer finds in it must not be lost.
+  for (const std::string variable : {"TSAN_OPTIONS", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+    const char* options = std::getenv(variable.c_str());
+    set(variable, (options != nullptr ? std::string(options) + ":" : "") + "log_path=" + (folder_ / "sanitizer"));
+  }
 }
 
 ServiceEnvironment::~ServiceEnvironment() {
@@ -44,6 +51,9 @@ ServiceEnvironment::~ServiceEnvironment() {
     if (waitpid(pid, nullptr, WNOHANG) != 0) continue;
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
+  }
+  for (const auto& file : std::filesystem::directory_iterator(folder_.path())) {
+    if (file.path().filename().string().starts_with("sanitizer")) ADD_FAILURE() << readFile(file.path().string());
   }
   for (const auto& [variable, value] : former_) {
     if (value) {

@@ -67,6 +67,11 @@ TEST(WireFormat, WritesTheDocumentedBytes) {
   }
 }
 
+TEST(WireFormat, WritesTheMessageThatTheDocumentationShows) {
+  const std::string bytes("\x0c\1\0\0\0\1\0\0\0a\2\7\0\0\0\0\0\0\0", 19);
+  EXPECT_EQ(encodedOrReason(Value::dictionary({{"a", Value::int64(7)}})), bytes);
+}
+
 TEST(WireFormat, WritesDescriptorsInTheOrderOfTheirMention) {
   const auto first = std::make_shared<const FileHandle>(open("/dev/null", O_RDONLY | O_CLOEXEC));
   const auto second = std::make_shared<const FileHandle>(open("/dev/null", O_RDONLY | O_CLOEXEC));

@@ -5,9 +5,10 @@
 
 #include <array>
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
-#include "platform/foundation/Log.h"
+#include "platform/foundation/Exception.h"
 #include "platform/foundation/StatusRegistry.h"
 #include "platform/xpc/IOThread.h"
 #include "platform/xpc/ObjectConversion.h"
@@ -196,7 +197,12 @@ void Channel::updateInterest() {
     item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), wanted, [weak = weak_from_this()](unsigned events) {
       if (const auto self = weak.lock()) self->ready(events);
     });
-    ioLoop().add(item_);
+    try {
+      ioLoop().add(item_);
+    } catch (const Exception& exception) {
+      // The system's limit of watched descriptors (epoll(7), max_user_watches).
+      end(exception.reason());
+    }
   }
 }
 

@@ -76,8 +76,8 @@ class Connection {
   /// Exception(NSInvalidArgumentException). More than 32 MiB waiting for a peer that does not read end the connection (at the client's end
   /// with Interrupted).
   void send(const Value& message);
-  /// Calls `block` on the target queue when everything sent before has been written to the socket, or when it never will be because the
-  /// connection was interrupted or is over. For who wants to end right after a message.
+  /// Calls `block` on the target queue when everything sent before has been written to the socket of a process that took the connection, or
+  /// when it never will be because the connection was interrupted or is over. For who wants to end right after a message.
   void sendBarrier(std::function<void()> block);
 
   /// The service's name; nullopt for a peer's connection.

@@ -18,18 +18,15 @@ constexpr std::chrono::milliseconds kPauseBetweenAttempts{50};
 /// Runs `attempt` on a pool thread; what it throws becomes the error that it would have returned.
 template <class Result>
 void attemptOnPoolThread(std::function<Result()> attempt, std::function<void(Result)> done) {
-  const auto failed = [done](const std::exception& exception) { done(LaunchError{exception.what()}); };
-  try {
-    runOnPoolThread([attempt = std::move(attempt), done = std::move(done), failed] {
-      try {
-        done(attempt());
-      } catch (const std::exception& exception) {
-        failed(exception);
-      }
-    });
-  } catch (const std::exception& exception) {
-    failed(exception);
-  }
+  runOnPoolThread([attempt = std::move(attempt), done = std::move(done)] {
+    Result result = LaunchError{};
+    try {
+      result = attempt();
+    } catch (const std::exception& exception) {
+      result = LaunchError{exception.what()};
+    }
+    done(std::move(result));
+  });
 }
 
 }  // namespace

@@ -60,7 +60,7 @@ class XPCConnection {
   /// Exception(NSInvalidArgumentException) when the remote interface has no such operation.
   void callRemote(const std::string& selector);
 
-  /// Calls `block` on the connection's queue when every call made before has been handed to the service's socket, or never will be (see
+  /// Calls `block` on the connection's queue when every call made before has been handed to a running service, or never will be (see
   /// `lastErrorDescription`). For who wants to end right after a call.
   void scheduleSendBarrierBlock(std::function<void()> block);
 
