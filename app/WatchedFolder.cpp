@@ -47,8 +47,8 @@ std::string_view describeDifference(std::string_view text) {
 
 /// With one separator where several stand.
 std::string withSingleSeparators(std::string path) {
-  const auto repeated = std::ranges::unique(path, [](char a, char b) { return a == '/' && b == '/'; });
-  path.erase(repeated.begin(), repeated.end());
+  // Not std::ranges::unique: clang 14 cannot read libstdc++'s subranges.
+  path.erase(std::unique(path.begin(), path.end(), [](char a, char b) { return a == '/' && b == '/'; }), path.end());
   return path;
 }
 
