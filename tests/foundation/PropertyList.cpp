@@ -218,9 +218,15 @@ TEST(PropertyList, RefusesWhatIsNoXMLPropertyList) {
 }
 
 TEST(PropertyList, RefusesHostileNestingAndSizeInXML) {
-  std::string deep = "<plist>";
-  for (int i = 0; i < 100000; ++i) deep += "<array>";
-  EXPECT_THROW(readPropertyList(deep), PropertyListError);
+  const auto arrays = [](int levels) {
+    std::string text = "<plist>";
+    for (int i = 0; i < levels; ++i) text += "<array>";
+    for (int i = 0; i < levels; ++i) text += "</array>";
+    return text + "</plist>";
+  };
+  EXPECT_NO_THROW(readPropertyList(arrays(128)));
+  EXPECT_THROW(readPropertyList(arrays(129)), PropertyListError);
+  EXPECT_THROW(readPropertyList(arrays(100000)), PropertyListError);
   std::string many = "<plist><array>";
   for (int i = 0; i < 1000001; ++i) many += "<true/>";
   EXPECT_THROW(readPropertyList(many + "</array></plist>"), PropertyListError);
