@@ -116,14 +116,6 @@ DEFECTS = [
         "UserDefaults*",
     ),
     Defect(
-        "last-version-not-held-open",
-        "src/platform/foundation/PreferencesFile.cpp",
-        "  return exists() && now.st_dev == status_.st_dev && now.st_ino == status_.st_ino && now.st_size == status_.st_size &&\n",
-        "  return exists() && now.st_dev == status_.st_dev && now.st_size == status_.st_size &&\n",
-        "foundation_tests",
-        "UserDefaults*",
-    ),
-    Defect(
         "writer-without-the-lock",
         "src/platform/foundation/PreferencesFolder.cpp",
         "      result = flock(file.fileDescriptor(), LOCK_EX);\n      if (result != 0 && errno == EBADF) {\n",
@@ -153,7 +145,7 @@ DEFECTS = [
         '      if (open_.size() == kPropertyListMaximumDepth) fail("nested too deeply");\n',
         "",
         "foundation_tests",
-        "PropertyList.*:UserDefaultsFailures.*",
+        "PropertyList.*",
     ),
     # The run loop and the queues.
     Defect(
@@ -187,7 +179,7 @@ DEFECTS = [
         '  if (header.payloadBytes > kMaximumPayloadBytes) return WireError{"the frame is too large"};\n',
         "",
         "xpc_tests",
-        "*Frame*",
+        "FrameReader.*",
     ),
     Defect(
         "nesting-unbounded",
@@ -195,7 +187,7 @@ DEFECTS = [
         '    if (depth > kMaximumDepth) throw Malformed("the value is nested too deeply");\n',
         "",
         "xpc_tests",
-        "*Wire*",
+        "WireFormat.*",
     ),
     Defect(
         "count-believed",
@@ -203,7 +195,7 @@ DEFECTS = [
         '    if (value > rest_.size() / smallest) throw Malformed("a count is larger than what follows");\n',
         "    static_cast<void>(smallest);\n",
         "xpc_tests",
-        "*Wire*",
+        "WireFormat.*",
     ),
     Defect(
         "credentials-not-taken",
@@ -211,17 +203,24 @@ DEFECTS = [
         "    credentials_ = *received.credentials;\n    credentials_.asid = auditSession(credentials_.pid);\n",
         "",
         "xpc_tests",
-        "*",
+        "Connection.KnowsThePeerByTheCredentialsOfItsFirstFrame",
+    ),
+    Defect(
+        "credentials-not-demanded",
+        "src/platform/xpc/Channel.cpp",
+        "    if (!received.credentials) {\n      end(\"its first message came without credentials\");\n      return false;\n    }\n"
+        "    credentials_ = *received.credentials;\n",
+        "    credentials_ = received.credentials.value_or(credentials_);\n",
+        "xpc_tests",
+        "Connection.IsOverWhenTheFirstFrameCameWithoutCredentials",
     ),
     # The event stream.
     Defect(
         "listed-before-marked",
         "src/platform/fsevents/WatchedTreeCrawl.cpp",
-        "  std::uint8_t used = 0;\n  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n    markRefused(node, error);\n"
-        "    return;\n  }\n  node = settleKey",
-        "  std::uint8_t used = 0;\n  list(node, FileHandle(::fcntl(folder.fileDescriptor(), F_DUPFD_CLOEXEC, 3)), report, stack);\n"
-        "  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n    markRefused(node, error);\n"
-        "    return;\n  }\n  node = settleKey",
+        "  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n    markRefused(parent, name, error);\n",
+        "  list(place(parent, name), FileHandle(::fcntl(folder.fileDescriptor(), F_DUPFD_CLOEXEC, 3)), report, stack);\n"
+        "  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n    markRefused(parent, name, error);\n",
         "fsevents_tests",
         "*StreamNewFolders*",
     ),
@@ -258,18 +257,21 @@ DEFECTS = [
         "*Exclu*",
     ),
     Defect(
-        "moved-folder-keeps-its-old-place",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    pathsChanged();\n    tree_.move(node, to, newName);\n  }\n  if (exact) {\n",
-        "  }\n  if (exact) {\n",
+        "renamed-folder-not-re-parented",
+        "src/platform/fsevents/DirectoryTree.cpp",
+        "  detach(node);\n  unlink(node);\n  const std::string keptName(newName);\n  const std::string keptKey(key(node));\n"
+        "  setText(node, keptName, keptKey);\n  link(node, newParent);\n",
+        "  const NodeId former = at(node).parent;\n"
+        "  detach(node);\n  unlink(node);\n  const std::string keptName(newName);\n  const std::string keptKey(key(node));\n"
+        "  setText(node, keptName, keptKey);\n  link(node, former == kNoNode ? newParent : former);\n",
         "fsevents_tests",
-        "*StreamRenames*",
+        "DirectoryTree.*:*StreamRenames*",
     ),
     Defect(
-        "folder-that-left-stays-marked",
+        "folder-that-left-still-told",
         "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    if (node != kNoNode && tree_.parent(node) == from && tree_.name(node) == oldName) forget(node, Why::Left);\n",
-        "",
+        "    if (believed && !arrive(node)) forget(node, Why::Left);\n",
+        "    static_cast<void>(believed && arrive(node));\n",
         "fsevents_tests",
         "*StreamRenames.Out*",
     ),
