@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -104,6 +105,19 @@ class Sandbox {
 /// Signals a process. Numbers that mean groups of processes, as 0 does, are a mistake of the test.
 inline void signalProcess(pid_t process, int number) {
   if (process <= 0 || kill(process, number) != 0) throw std::runtime_error("no process to signal: " + std::to_string(process));
+}
+
+/// Stops a process as SIGSTOP does, and returns when each of its threads has stopped, which may take a moment.
+inline void stopProcess(pid_t process) {
+  signalProcess(process, SIGSTOP);
+  const std::filesystem::path tasks = "/proc/" + std::to_string(process) + "/task";
+  const bool stopped = eventually([&] {
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+      if (readFile(task.path() / "status").find("State:\tT") == std::string::npos) return false;
+    }
+    return true;
+  });
+  if (!stopped) throw std::runtime_error("process " + std::to_string(process) + " does not stop");
 }
 
 /// What the watch takes to tell, and something for the machine.

@@ -152,7 +152,7 @@ TEST(StartCommand, GivesUpOnAServiceThatDoesNotAnswer) {
   const Sandbox sandbox;
   ASSERT_EQ(sandbox.start().status, 0);
   const pid_t service = sandbox.service();
-  signalProcess(service, SIGSTOP);
+  stopProcess(service);
   const Outcome outcome = sandbox.run({"start", "--timeout", "0.5"});
   EXPECT_EQ(outcome.status, 6);
   EXPECT_THAT(outcome.errorOutput, HasSubstr("the service (process " + std::to_string(service) + ") has not said within 500 ms"));
@@ -184,7 +184,7 @@ TEST(StopCommand, GivesUpOnAServiceThatDoesNotEndAndNamesTheRemedy) {
   const Sandbox sandbox;
   ASSERT_EQ(sandbox.start().status, 0);
   const pid_t service = sandbox.service();
-  signalProcess(service, SIGSTOP);
+  stopProcess(service);
   const Outcome outcome = sandbox.run({"stop", "--timeout", "0.2"});
   EXPECT_EQ(outcome.status, 6);
   EXPECT_THAT(outcome.errorOutput, HasSubstr("'kill -9 " + std::to_string(service) + "' ends it at once"));

@@ -68,7 +68,7 @@ TEST(StatusCommand, TellsAServiceThatDoesNotAnswerFromOneThatDoesNotRun) {
   const Sandbox sandbox;
   ASSERT_EQ(sandbox.start().status, 0);
   const pid_t service = sandbox.service();
-  signalProcess(service, SIGSTOP);
+  stopProcess(service);
   const Outcome outcome = sandbox.run({"status"});
   signalProcess(service, SIGCONT);
   EXPECT_EQ(outcome.status, 6);
