@@ -121,7 +121,7 @@ TEST_F(RunScript, EndsAServiceThatIsStuck) {
   run();
   const std::string output = script->output();
   const auto position = output.find("by process ") + 11;
-  signalProcess(static_cast<pid_t>(std::stol(output.substr(position))), SIGSTOP);
+  stopProcess(static_cast<pid_t>(std::stol(output.substr(position))));
   script->signal(SIGTERM);
   EXPECT_EQ(script->wait(kLongEnough), 0);
   expectNothingLeft();
