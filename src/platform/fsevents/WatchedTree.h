@@ -147,6 +147,8 @@ class WatchedTree {
   void folderRemoved(NodeId folder, std::string_view name, std::string_view target);
   void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
   void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts = kAttemptsWhenGone);
+
+  // WatchedTreePlaces.cpp: settling where a folder is.
   void checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report);
   void sight(std::string_view target, NodeId folder, std::string_view name);
   void checkSightings();
@@ -156,6 +158,7 @@ class WatchedTree {
   void resolveArrivals();
   void displace(NodeId node);
   void expireDisplaced(bool all);
+
   enum class Why { Removed, Left };
   void forget(NodeId node, Why why);
   bool isGhost(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) const;
