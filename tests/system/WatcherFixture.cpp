@@ -88,9 +88,18 @@ WatcherService::WatcherService() : configuration_(folder_ / "config"), state_(fo
 
 WatcherService::~WatcherService() {
   if (const pid_t pid = servicePid(); pid > 0) kill(pid, SIGKILL);
-  if (HasFailure()) std::fprintf(stderr, "--- the service's log:\n%s---\n", log().c_str());
   service_.reset();
   eventually([] { return servicePid() == 0; });
+}
+
+void WatcherService::TearDown() {
+  if (service_ && service_->isRunning()) {
+    service_->signal(SIGTERM);
+    EXPECT_EQ(service_->wait(std::chrono::seconds(60)), 0) << "the service did not end in order";
+  }
+  const std::string text = log();
+  for (const char* report : {"Sanitizer: ", "runtime error: "}) EXPECT_EQ(text.find(report), std::string::npos);
+  if (HasFailure()) std::fprintf(stderr, "--- the service's log:\n%s---\n", text.c_str());
 }
 
 bool WatcherService::useSource(const std::string& source) {

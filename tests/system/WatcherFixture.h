@@ -40,6 +40,8 @@ class WatcherService : public testing::Test {
 
   WatcherService();
   ~WatcherService() override;
+  /// Ends a service started by the test in order, and shows its log when the case failed.
+  void TearDown() override;
 
   /// Begins a case with what tells the changes: "fanotify" or "inotify". False, and the case is left out, where the kernel has it not.
   [[nodiscard]] bool useSource(const std::string& source);
