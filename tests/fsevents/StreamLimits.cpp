@@ -57,6 +57,7 @@ TEST_P(StreamLimits, OfMarksAtTheStartAreToldAsARescan) {
   EXPECT_GE(process->statusNumber("losses"), 1U);
   EXPECT_LT(process->statusNumber("foldersMarked"), static_cast<std::size_t>(kFolders));
   EXPECT_GT(process->statusNumber("foldersMarked"), 5U);
+  EXPECT_TRUE(eventually([&] { return process->log().find(itemLimit()) != std::string::npos; })) << process->log();
   expectSaidOnce(process->log(), {itemLimit(), std::to_string(kLimit), "sysctl"});
 }
 
@@ -70,6 +71,7 @@ TEST_P(StreamLimits, OfMarksReachedLaterAreToldAsARescan) {
   const auto events = process->flush();
   for (int i = 0; i < kFolders; ++i) EXPECT_TRUE(covered(events, in(std::to_string(i)) + "/file")) << i;
   EXPECT_TRUE(std::any_of(events.begin(), events.end(), [](const FSEvent& event) { return (event.flags & kMustScan) != 0; }));
+  EXPECT_TRUE(eventually([&] { return process->log().find(itemLimit()) != std::string::npos; })) << process->log();
   expectSaidOnce(process->log(), {itemLimit(), std::to_string(kLimit), "sysctl"});
 }
 
