@@ -33,10 +33,17 @@ bool hasFolderAbove(const std::string& path, const std::set<std::string>& folder
   return false;
 }
 
-// Every change in order, for whoever looks for the cause of a fault: KESTRINE_MODEL_TRACE=<file>.
-void trace(const std::string& line) {
+// The changes since the last flush in order, for whoever looks for the cause of a fault: KESTRINE_MODEL_TRACE=<file>. One workload at a
+// time.
+void trace(const std::string& line, bool anew = false) {
   static const char* const kFile = std::getenv("KESTRINE_MODEL_TRACE");
-  if (kFile != nullptr) std::ofstream(kFile, std::ios::app) << line << "\n";
+  if (kFile == nullptr) return;
+  static auto& stream = *new std::ofstream(kFile);
+  if (anew) {
+    stream.close();
+    stream.open(kFile);
+  }
+  stream << line << std::endl;
 }
 
 void add(std::vector<std::string>& faults, const std::string& fault) {
@@ -84,7 +91,7 @@ void ModelLedger::moved(const std::string& from, const std::string& to) {
 }
 
 void ModelLedger::clear() {
-  trace("settled");
+  trace("settled", true);
   demands_.clear();
   permitted_.clear();
   folders_.clear();
@@ -144,8 +151,7 @@ void ModelLedger::findUnmet(const Account& account, std::vector<std::string>& fa
     }
     if (told && (flags & entry.flag) == entry.flag) continue;
     add(faults, std::string(told ? "told without the flag " : "not told, with the flag ") + describeEvent({entry.path, entry.flag, 0}) +
-                    " but " + describeEvent({entry.path, flags, 0}) + describeMoves(entry) +
-                    describeNamesakes(account, entry.path));
+                    " but " + describeEvent({entry.path, flags, 0}) + describeMoves(entry) + describeNamesakes(account, entry.path));
   }
 }
 

@@ -53,9 +53,13 @@ class Helper {
     } else {
       answer("failed " + stream_->status().objectForKey("error").stringValue());
     }
-    std::thread commands([this] {
-      serve();
-      stream_->invalidate();
+    std::thread commands;
+    // Not before the loop runs: a flush waits only for a loop that does.
+    loop->perform([this, &commands] {
+      commands = std::thread([this] {
+        serve();
+        stream_->invalidate();
+      });
     });
     loop->run();
     commands.join();
