@@ -18,6 +18,7 @@ TEST(ApplicationIdentifier, IsWhatWasSet) {
 
 TEST(ApplicationIdentifier, MayBeReadWhileItIsSet) {
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([] {
       for (int i = 0; i < 200; ++i) {

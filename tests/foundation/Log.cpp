@@ -93,6 +93,7 @@ TEST(Log, KeepsTheOrderOfEachThread) {
   constexpr int kLines = 200;
   const CapturedStandardError captured;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < kLines; ++i) NSLog("t" + std::to_string(t) + " " + std::to_string(i));

@@ -22,6 +22,7 @@ class UUID {
   /// 36 characters, hexadecimal in upper case with hyphens.
   [[nodiscard]] std::string string() const;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): takes the 0 of a rewritten comparison for a pointer
   friend auto operator<=>(const UUID&, const UUID&) = default;
 
  private:
