@@ -92,8 +92,9 @@ void DirectoryTree::setText(NodeId node, std::string_view name, std::string_view
   const auto length = static_cast<std::uint16_t>(name.size());
   std::memcpy(text.get(), &length, sizeof length);
   text[2] = static_cast<char>(key.size());
-  std::memcpy(text.get() + kTextHeader, key.data(), key.size());
-  std::memcpy(text.get() + kTextHeader + key.size(), name.data(), name.size());
+  // Either may be empty, and then without an address, which memcpy must not be given.
+  key.copy(text.get() + kTextHeader, key.size());
+  name.copy(text.get() + kTextHeader + key.size(), name.size());
   at(node).text = std::move(text);
 }
 
