@@ -221,7 +221,7 @@ void Channel::updateStallTimer(bool newFrame) {
 void Channel::end(const std::string& reason) {
   if (!isOpen()) return;
   const auto self = shared_from_this();
-  const auto handler = std::move(endHandler_);
+  const auto handler = std::exchange(endHandler_, nullptr);
   close();
   if (handler) handler(reason);
 }
