@@ -123,6 +123,10 @@ void WatcherService::setBasePath(const std::string& path) {
 void WatcherService::startService(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment) {
   std::vector<std::string> command = {KESTRINE_SERVICE};
   command.insert(command.end(), arguments.begin(), arguments.end());
+  startCommand(command, environment);
+}
+
+void WatcherService::startCommand(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment) {
   Process::Options options;
   options.environment = environment;
   options.directory = folder_.path();

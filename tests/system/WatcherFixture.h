@@ -56,6 +56,8 @@ class WatcherService : public testing::Test {
 
   /// Starts the service with what it writes to standard error caught, instead of leaving that to the first call.
   void startService(const std::vector<std::string>& arguments = {}, const std::map<std::string, std::string>& environment = {});
+  /// The same with a command that ends up as the service.
+  void startCommand(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment = {});
   Process& service() { return *service_; }
   /// The service's process, however it was started; 0 when none runs.
   [[nodiscard]] static pid_t servicePid();
