@@ -67,11 +67,11 @@ TEST_P(StreamEnding, ByStopAndInvalidateWaitsForTheHandler) {
 }
 
 TEST_P(StreamEnding, InsideTheHandlerReturnsAndEndsTheLoop) {
-  WatchedStream* self = nullptr;
+  std::atomic<WatchedStream*> self = nullptr;
   std::atomic<int> calls = 0;
   const auto stream = watch({.paths = {root_}, .latency = 0.01, .onDelivery = [&](FSEventStream&) {
                                ++calls;
-                               self->destroyStream();
+                               self.load()->destroyStream();
                                // What happens while the handler still runs is nobody's any more.
                                touchFile(in("inside"));
                              }});
