@@ -130,9 +130,9 @@ TEST_P(StreamDelivery, DoesNotHappenWhileNothingChanges) {
 
 TEST_P(StreamDelivery, HappensOnTheRunLoopsThread) {
   std::atomic<bool> elsewhere = false;
-  WatchedStream* self = nullptr;
+  std::atomic<WatchedStream*> self = nullptr;
   auto stream = watch({.paths = {root_}, .onDelivery = [&](FSEventStream&) {
-                         if (!self->loop().isCurrent()) elsewhere = true;
+                         if (!self.load()->loop().isCurrent()) elsewhere = true;
                        }});
   self = stream.get();
   writeFile(in("a"), "text");
