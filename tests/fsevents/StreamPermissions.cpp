@@ -100,6 +100,18 @@ TEST_P(StreamPermissions, MissingFoldersThatGoAreForgotten) {
   EXPECT_TRUE(eventually([&] { return listed(*stream, "unreadable").empty(); }));
 }
 
+TEST_P(StreamPermissions, MissingFoldersThatMoveAreShownWhereTheyAre) {
+  setMode(in("closed/inner"), 0);
+  const auto stream = watchRoot();
+  moveItem(in("closed"), in("moved"));
+  stream->flush();
+  EXPECT_TRUE(eventually([&] { return listed(*stream, "unreadable") == std::vector<std::string>{in("moved/inner")}; }));
+  ASSERT_EQ(::rmdir(in("moved/inner").c_str()), 0);
+  removeTree(in("moved"));
+  stream->flush();
+  EXPECT_TRUE(eventually([&] { return listed(*stream, "unreadable").empty(); }));
+}
+
 TEST_P(StreamPermissions, MissingForAnAncestorLeaveTheWatchWorking) {
   makeFolders(base_ / "way/to/watched");
   setMode(base_ / "way", 0311);

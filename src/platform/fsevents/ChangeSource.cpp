@@ -27,12 +27,13 @@ bool ChangeSource::drain() {
     if (count > 0) {
       any = true;
       backlog_.insert(backlog_.end(), buffer.data(), buffer.data() + count);
+      read_ += static_cast<std::uint64_t>(count);
+      readings_.push_back({read_, Clock::now()});
       continue;
     }
     if (count < 0 && errno == EINTR) continue;
     break;
   }
-  if (any) lastRead_ = Clock::now();
   return any;
 }
 
@@ -43,6 +44,7 @@ std::optional<ChangeSource::Clock::time_point> ChangeSource::dispatch(const Visi
       const std::size_t used = dispatchOne(current_.data() + begin_, current_.size() - begin_, visit, wait);
       if (!wait) {
         begin_ += used;
+        handedOver_ += used;
         continue;
       }
       if (backlog_.empty()) return wait;
@@ -51,15 +53,29 @@ std::optional<ChangeSource::Clock::time_point> ChangeSource::dispatch(const Visi
     }
     begin_ = 0;
     clearAndShrink(current_);
-    if (backlog_.empty()) return std::nullopt;
+    if (backlog_.empty()) {
+      forgetReadings();
+      return std::nullopt;
+    }
     current_.swap(backlog_);
   }
+}
+
+void ChangeSource::forgetReadings() {
+  handedOver_ = read_;
+  readings_.clear();
+}
+
+ChangeSource::Clock::time_point ChangeSource::readAt() {
+  while (readings_.size() > 1 && readings_.front().end <= handedOver_) readings_.pop_front();
+  return readings_.empty() ? Clock::time_point{} : readings_.front().time;
 }
 
 void ChangeSource::clearBacklog() {
   begin_ = 0;
   clearAndShrink(current_);
   clearAndShrink(backlog_);
+  forgetReadings();
 }
 
 }  // namespace platform::fsevents

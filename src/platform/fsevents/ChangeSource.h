@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -90,8 +91,10 @@ class ChangeSource {
   explicit ChangeSource(FileHandle queue) : queue_(std::move(queue)) {}
   /// Hands over what `bytes` begins with and returns how many bytes that was; 0 and a time when it must wait.
   virtual std::size_t dispatchOne(char* bytes, std::size_t count, const Visitor& visit, std::optional<Clock::time_point>& wait) = 0;
-  /// When the newest bytes of the backlog were read.
-  [[nodiscard]] Clock::time_point lastRead() const { return lastRead_; }
+  /// When the bytes that `dispatchOne` is looking at were read.
+  [[nodiscard]] Clock::time_point readAt();
+  /// Whether more was read than `dispatchOne` is shown; it is shown more when it waits.
+  [[nodiscard]] bool hasMore() const { return !backlog_.empty(); }
 
  private:
   FileHandle queue_;
@@ -100,7 +103,16 @@ class ChangeSource {
   std::vector<char> current_;
   std::size_t begin_ = 0;
   std::vector<char> backlog_;
-  Clock::time_point lastRead_{};
+
+  /// When what was read, in bytes since the beginning.
+  struct Reading {
+    std::uint64_t end;
+    Clock::time_point time;
+  };
+  void forgetReadings();
+  std::deque<Reading> readings_;
+  std::uint64_t read_ = 0;
+  std::uint64_t handedOver_ = 0;
 };
 
 /// Each returns nothing and sets `error` to errno where the kernel refuses.

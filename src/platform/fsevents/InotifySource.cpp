@@ -86,7 +86,7 @@ class InotifySource final : public ChangeSource {
       change.folder = folder;
       change.name = name;
       if ((event->mask & IN_MOVED_FROM) != 0 && change.isDirectory && !findSecondHalf(bytes + used, count - used, event->cookie, change)) {
-        if (const auto until = lastRead() + kPatience; Clock::now() < until) {
+        if (const auto until = readAt() + kPatience; hasMore() || Clock::now() < until) {
           wait = until;
           return 0;
         }

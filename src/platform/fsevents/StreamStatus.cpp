@@ -12,6 +12,8 @@ namespace {
 constexpr std::size_t kRememberedLosses = 64;
 constexpr std::size_t kRememberedFolders = 1024;
 constexpr std::size_t kLoggedFolders = 16;
+/// The character after the separator: what is below a folder sorts before the folder's path and this.
+constexpr char kAfterSlash = '/' + 1;
 
 Object texts(const auto& list) {
   Array array;
@@ -41,7 +43,7 @@ void StreamStatus::addUnreadable(const std::string& path) {
   {
     const std::lock_guard lock(mutex_);
     if (unreadable_.size() >= kRememberedFolders || !unreadable_.insert(path).second) return;
-    count = unreadable_.size();
+    count = unreadableCount_ = unreadable_.size();
   }
   if (count <= kLoggedFolders) NSLog("FSEventStream: no permission to read " + path + "; it is skipped until its mode changes");
 }
@@ -49,6 +51,20 @@ void StreamStatus::addUnreadable(const std::string& path) {
 void StreamStatus::removeUnreadable(const std::string& path) {
   const std::lock_guard lock(mutex_);
   unreadable_.erase(path);
+  unreadable_.erase(unreadable_.lower_bound(path + "/"), unreadable_.lower_bound(path + kAfterSlash));
+  unreadableCount_ = unreadable_.size();
+}
+
+void StreamStatus::moveUnreadable(const std::string& from, const std::string& to) {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> moved;
+  if (unreadable_.erase(from) > 0) moved.push_back(to);
+  const auto begin = unreadable_.lower_bound(from + "/");
+  const auto end = unreadable_.lower_bound(from + kAfterSlash);
+  for (auto path = begin; path != end; ++path) moved.push_back(to + path->substr(from.size()));
+  unreadable_.erase(begin, end);
+  unreadable_.insert(moved.begin(), moved.end());
+  unreadableCount_ = unreadable_.size();
 }
 
 void StreamStatus::setPolled(std::vector<std::string> paths) {

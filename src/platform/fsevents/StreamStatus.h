@@ -23,7 +23,11 @@ class StreamStatus {
   void addLoss(const std::string& reason, const std::string& path);
   /// A folder that could not be read; said in the log for the first few.
   void addUnreadable(const std::string& path);
+  /// The folder can be read again, or is no longer there: it and what is below it are taken from the list.
   void removeUnreadable(const std::string& path);
+  /// The folder has moved, with everything below it.
+  void moveUnreadable(const std::string& from, const std::string& to);
+  [[nodiscard]] bool hasUnreadable() const { return unreadableCount_ != 0; }
   void setPolled(std::vector<std::string> paths);
   void addSource(const std::string& name);
   /// "fanotify", "inotify", both joined by "+", or empty.
@@ -43,6 +47,7 @@ class StreamStatus {
   mutable std::mutex mutex_;
   std::vector<Loss> losses_;
   std::set<std::string> unreadable_;
+  std::atomic<std::size_t> unreadableCount_{0};
   std::vector<std::string> polled_;
   std::set<std::string> sources_;
   std::string error_;

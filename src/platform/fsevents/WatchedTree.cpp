@@ -11,8 +11,8 @@
 namespace platform::fsevents {
 namespace {
 
-/// How often a flush waits for what cannot be applied yet, some milliseconds each.
-constexpr int kMaximumRounds = 20;
+/// How long a flush waits for what cannot be applied yet: a lack of descriptors may last, and so may a storm of changes.
+constexpr std::chrono::seconds kMaximumFlush(1);
 /// Until the queues are looked at again when something waits for them to be empty.
 constexpr std::chrono::milliseconds kSoon(2);
 
@@ -67,7 +67,7 @@ void WatchedTree::detach() {
   arrivals_.clear();
   unopened_.clear();
   retryAt_.reset();
-  overflowed_ = backlogDropped_ = false;
+  overflowed_ = backlogDropped_ = doubted_ = false;
   closeFolders();
   tree_ = DirectoryTree();
   marked_ = 0;
@@ -112,28 +112,27 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (retiring_) sooner(retiring_->dispatch(visit));
   // By index: applying a change may add the second source.
   for (std::size_t i = 0; i < sources_.size(); ++i) sooner(sources_[i]->dispatch(visit));
-  if (!again) checkSightings();
-  if (!arrivals_.empty()) {
-    if (!again && queuesWereEmpty_) {
-      resolveArrivals();
-    } else {
-      sooner(Clock::now() + kSoon);
-    }
+  // Not while changes wait behind the first half of a move: they may explain what is in doubt.
+  if (!again) {
+    checkSightings();
+    if (queuesWereEmpty_) resolveArrivals();
+    expireDisplaced(false);
+    retryUnopened();
+    for (const Displaced& item : displaced_) sooner(item.until);
+    sooner(retryAt_);
   }
+  if (!arrivals_.empty()) sooner(Clock::now() + kSoon);
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
-  expireDisplaced(false);
-  retryUnopened();
-  for (const Displaced& item : displaced_) sooner(item.until);
-  sooner(retryAt_);
+  if (doubted_) repair(0);
   closeFolders();
   countMarks();
   return again;
 }
 
 void WatchedTree::processAll() {
-  // Bounded, because a lack of descriptors may last.
-  for (int rounds = 0; isAttached() && rounds < kMaximumRounds; ++rounds) {
+  const auto end = Clock::now() + kMaximumFlush;
+  while (isAttached() && Clock::now() < end) {
     const bool any = drain();
     const auto again = process();
     if (!any && !again) break;

@@ -136,6 +136,9 @@ class WatchedTree {
   bool isStillAt(NodeId node, std::string_view key);
   void repair(FSEventStreamEventFlags dropped);
   void retryLater(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts);
+  void seemsGone(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts);
+  /// The tree contradicts the disk, and no change to come explains it: it is walked again.
+  void doubt();
   void retryUnopened();
   void renewQueue();
   bool remark(ChangeSource& fresh);
@@ -156,6 +159,7 @@ class WatchedTree {
   void expectArrival(std::string_view key, NodeId folder, std::string_view name);
   bool arrive(NodeId node);
   void resolveArrivals();
+  void moveNode(NodeId node, NodeId newParent, std::string_view newName);
   void displace(NodeId node);
   void expireDisplaced(bool all);
 
@@ -193,6 +197,7 @@ class WatchedTree {
 
   bool overflowed_ = false;
   bool backlogDropped_ = false;
+  bool doubted_ = false;
   /// Whether the last look found nothing in the kernel queues.
   bool queuesWereEmpty_ = true;
   bool limitSaid_ = false;

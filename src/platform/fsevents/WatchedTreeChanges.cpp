@@ -116,9 +116,8 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
     const int error = errno;
     if (error != ENOENT && error != ENOTDIR && error != ELOOP) {
       openFailed(folder, name, nullptr, error);
-    } else if (attempts > 0) {
-      // Gone, or a folder above it has moved on: then a change further down the queue tells where to look.
-      retryLater(folder, name, report, attempts - 1);
+    } else {
+      seemsGone(folder, name, report, attempts);
     }
     return;
   }
@@ -140,8 +139,7 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
   if (!tree_.isDetached(known) && (sources_.front()->knowsTargets() || isStillAt(known, key.view()))) return;
   if (tree_.isBelowOrSame(folder, known)) return;
   if (there != kNoNode) displace(there);
-  pathsChanged();
-  tree_.move(known, folder, name);
+  moveNode(known, folder, name);
 }
 
 void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::string_view target) {
@@ -191,20 +189,20 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
     return;
   }
   if (tree_.isBelowOrSame(to, node)) {
-    overflowed_ = overflowed_ || !exact;
+    doubted_ = doubted_ || !exact;
     return;
   }
   const NodeId occupant = tree_.child(to, newName);
   if (occupant != node) {
     if (occupant != kNoNode) displace(occupant);
-    pathsChanged();
-    tree_.move(node, to, newName);
+    moveNode(node, to, newName);
   }
   if (!exact) checkPlace(node, from, oldName, flags);
 }
 
 void WatchedTree::forget(NodeId node, Why why) {
   pathsChanged();
+  if (status_.hasUnreadable() && !tree_.isDetached(node)) status_.removeUnreadable(options_.reportedPath + relativePath(node));
   tree_.remove(node, [&](std::string_view key, std::uint8_t flags) {
     const std::size_t index = flags & kSourceMask;
     if (index == 0) return;

@@ -122,9 +122,14 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     return known == kNoNode ? there : kNoNode;
   }
   // A folder that is seen in two places at once is mounted twice, perhaps within itself; it keeps its first place.
-  if (known != kNoNode && (tree_.isBelowOrSame(parent, known) ||
-                           (tree_.generation(known) == generation_ && !tree_.isDetached(known) && isStillAt(known, key)))) {
-    return kNoNode;
+  const bool above = known != kNoNode && tree_.isBelowOrSame(parent, known);
+  if (above || (known != kNoNode && tree_.generation(known) == generation_ && !tree_.isDetached(known))) {
+    if (isStillAt(known, key)) return kNoNode;
+    if (above) {
+      // Or what was below it has left it and taken it in, which the queue is about to tell.
+      if (!repairing_) expectArrival(key, parent, name);
+      return kNoNode;
+    }
   }
   if (there != kNoNode) {
     if (known == kNoNode && (tree_.flags(there) & kSourceMask) == 0) {
@@ -139,8 +144,7 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     expectArrival(key, parent, name);
     return kNoNode;
   }
-  pathsChanged();
-  tree_.move(known, parent, name);
+  moveNode(known, parent, name);
   return known;
 }
 
@@ -154,7 +158,12 @@ bool WatchedTree::isStillAt(NodeId node, std::string_view key) {
   const FileHandle opened = openFolder(node);
   KernelKey found;
   std::uint8_t used = 0;
-  return opened.isOpen() && markFolder(opened.fileDescriptor(), true, found, used) == 0 && found.view() == key;
+  if (!opened.isOpen() || markFolder(opened.fileDescriptor(), true, found, used) != 0) return false;
+  if (found.view() == key) return true;
+  // Another stands there. It is not for this question to mark it.
+  if (ChangeSource& asked = *sources_[used - 1U]; !asked.knowsTargets() && tree_.findByKey(found.view()) == kNoNode)
+    asked.forget(found.view());
+  return false;
 }
 
 void WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags flags, std::vector<Pending>& stack) {
@@ -181,7 +190,7 @@ void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::sh
   if (isGone(error)) {
     const NodeId node = tree_.child(parent, name);
     if (node != kNoNode) displace(node);  // it may be found elsewhere before its time is up
-    if (!open) retryLater(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone - 1);
+    if (!open) seemsGone(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone);
     return;
   }
   if (!isRefused(error)) {
@@ -205,6 +214,22 @@ void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::sh
 void WatchedTree::retryLater(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
   unopened_.push_back({std::string(tree_.key(folder)), std::string(name), report, attempts});
   if (!retryAt_) retryAt_ = Clock::now() + kGonePause;
+}
+
+void WatchedTree::seemsGone(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
+  // Or a folder above it has moved on, and a change further down the queue tells where to look: until that has been read no attempt counts.
+  const bool certain = isStillAt(folder, tree_.key(folder));
+  const bool counts = certain || (queuesWereEmpty_ && !tree_.isDetached(folder));
+  if (attempts > 0) {
+    retryLater(folder, name, report, counts ? attempts - 1 : attempts);
+  } else if (!certain) {
+    doubt();
+  }
+}
+
+void WatchedTree::doubt() {
+  // Where the watched folder itself has gone, that is another's to notice.
+  doubted_ = doubted_ || isStillAt(DirectoryTree::kRoot, tree_.key(DirectoryTree::kRoot));
 }
 
 void WatchedTree::retryUnopened() {
@@ -231,8 +256,11 @@ void WatchedTree::markRefused(NodeId parent, std::string_view name, int error) {
 void WatchedTree::repair(FSEventStreamEventFlags dropped) {
   if (dropped == kFSEventStreamEventFlagKernelDropped) overflowed_ = false;
   if (dropped == kFSEventStreamEventFlagUserDropped) backlogDropped_ = false;
+  if (dropped == 0) doubted_ = false;
   status_.addLoss(dropped == kFSEventStreamEventFlagKernelDropped ? explainOverflow(sources_.front()->name())
-                                                                  : "more changes came than could be remembered; the tree is walked again",
+                  : dropped == kFSEventStreamEventFlagUserDropped
+                      ? "more changes came than could be remembered; the tree is walked again"
+                      : "the changes told do not explain what is on the disk; the tree is walked again",
                   options_.reportedPath);
   reportRoot(kFSEventStreamEventFlagMustScanSubDirs | dropped | rootKind());
   if (!rootIsFolder_) return;

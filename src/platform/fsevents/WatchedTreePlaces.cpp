@@ -60,8 +60,7 @@ bool WatchedTree::placeAt(const Sighting& sighting, NodeId node) {
     return true;
   }
   if (const NodeId occupant = tree_.child(folder, sighting.name); occupant != kNoNode && occupant != node) displace(occupant);
-  pathsChanged();
-  tree_.move(node, folder, sighting.name);
+  moveNode(node, folder, sighting.name);
   return true;
 }
 
@@ -89,11 +88,22 @@ void WatchedTree::resolveArrivals() {
     const NodeId folder = tree_.findByKey(place.folder);
     if (folder == kNoNode) continue;
     if (node != kNoNode) {
-      if (isStillAt(node, key) || tree_.isBelowOrSame(folder, node)) continue;
+      if (isStillAt(node, key)) continue;
+      if (tree_.isBelowOrSame(folder, node)) {
+        doubt();
+        continue;
+      }
       forget(node, Why::Removed);
     }
     takeUp(folder, place.name, kFSEventStreamEventFlagItemRenamed);
   }
+}
+
+void WatchedTree::moveNode(NodeId node, NodeId newParent, std::string_view newName) {
+  pathsChanged();
+  const std::string from = status_.hasUnreadable() && !tree_.isDetached(node) ? options_.reportedPath + relativePath(node) : std::string();
+  tree_.move(node, newParent, newName);
+  if (!from.empty()) status_.moveUnreadable(from, options_.reportedPath + relativePath(node));
 }
 
 void WatchedTree::displace(NodeId node) {
@@ -102,6 +112,7 @@ void WatchedTree::displace(NodeId node) {
     return;
   }
   pathsChanged();
+  if (status_.hasUnreadable()) status_.removeUnreadable(options_.reportedPath + relativePath(node));
   tree_.detach(node);
   displaced_.push_back({node, std::string(tree_.key(node)), Clock::now() + kDisplacedPatience});
 }
@@ -120,8 +131,7 @@ void WatchedTree::expireDisplaced(bool all) {
     const NodeId parent = tree_.parent(item.node);
     const std::string name(tree_.name(item.node));
     if (isStillAt(item.node, item.key) && tree_.child(parent, name) == kNoNode) {
-      pathsChanged();
-      tree_.move(item.node, parent, name);
+      moveNode(item.node, parent, name);
     } else {
       forget(item.node, Why::Left);
     }
