@@ -14,9 +14,11 @@
 namespace platform::fsevents {
 namespace {
 
+/// IN_MASK_ADD, although the mask is always the same: without it the kernel empties the mask of a folder that is watched already before it
+/// fills it again, and a change that another processor makes in that moment is lost.
 constexpr std::uint32_t kFolderMask =
-    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_EXCL_UNLINK;
-constexpr std::uint32_t kFileMask = IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
+    IN_MASK_ADD | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_EXCL_UNLINK;
+constexpr std::uint32_t kFileMask = IN_MASK_ADD | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
 /// How long the second half of a folder's move may be behind the first.
 constexpr std::chrono::milliseconds kPatience(10);
 /// The halves of a move are queued by one system call: only what other processors did in that moment can stand between them.
