@@ -12,7 +12,7 @@ namespace {
 
 using kestrine::test::TemporaryDirectory;
 
-std::string textOf(std::string_view path) { return URL::fileURLWithPath(path).absoluteString(); }
+std::string fileURLText(std::string_view path) { return URL::fileURLWithPath(path).absoluteString(); }
 
 TEST(FileURL, HasTheSchemeAndNoHost) {
   const URL url = URL::fileURLWithPath("/a/b");
@@ -23,12 +23,12 @@ TEST(FileURL, HasTheSchemeAndNoHost) {
 }
 
 TEST(FileURL, EscapesWhatAURLMayNotHold) {
-  EXPECT_EQ(textOf("/a b"), "file:///a%20b");
-  EXPECT_EQ(textOf("/100%"), "file:///100%25");
-  EXPECT_EQ(textOf("/a#b?c"), "file:///a%23b%3Fc");
-  EXPECT_EQ(textOf("/[x]"), "file:///%5Bx%5D");
-  EXPECT_EQ(textOf("/caf\xC3\xA9"), "file:///caf%C3%A9");
-  EXPECT_EQ(textOf("/line\nend"), "file:///line%0Aend");
+  EXPECT_EQ(fileURLText("/a b"), "file:///a%20b");
+  EXPECT_EQ(fileURLText("/100%"), "file:///100%25");
+  EXPECT_EQ(fileURLText("/a#b?c"), "file:///a%23b%3Fc");
+  EXPECT_EQ(fileURLText("/[x]"), "file:///%5Bx%5D");
+  EXPECT_EQ(fileURLText("/caf\xC3\xA9"), "file:///caf%C3%A9");
+  EXPECT_EQ(fileURLText("/line\nend"), "file:///line%0Aend");
 }
 
 TEST(FileURL, GivesBackEveryNameThatTheKernelAllows) {
@@ -53,12 +53,12 @@ TEST(FileURL, IsAlwaysAURLText) {
 TEST(FileURL, KeepsATrailingSeparatorOnlyForAFolder) {
   const TemporaryDirectory folder;
   kestrine::test::writeFile(folder / "file", "");
-  EXPECT_EQ(textOf(folder.path() + "/"), "file://" + folder.path() + "/");
-  EXPECT_EQ(textOf(folder.path()), "file://" + folder.path());
-  EXPECT_EQ(textOf(folder / "file/"), "file://" + folder.path() + "/file");
-  EXPECT_EQ(textOf(folder / "missing///"), "file://" + folder.path() + "/missing");
+  EXPECT_EQ(fileURLText(folder.path() + "/"), "file://" + folder.path() + "/");
+  EXPECT_EQ(fileURLText(folder.path()), "file://" + folder.path());
+  EXPECT_EQ(fileURLText(folder / "file/"), "file://" + folder.path() + "/file");
+  EXPECT_EQ(fileURLText(folder / "missing///"), "file://" + folder.path() + "/missing");
   EXPECT_EQ(URL::fileURLWithPath(folder.path() + "/").path(), folder.path());
-  EXPECT_EQ(textOf("/"), "file:///");
+  EXPECT_EQ(fileURLText("/"), "file:///");
 }
 
 TEST(FileURL, TakesARelativePathFromTheCurrentDirectory) {
@@ -67,7 +67,7 @@ TEST(FileURL, TakesARelativePathFromTheCurrentDirectory) {
   EXPECT_EQ(URL::fileURLWithPath("a/b").path(), folder / "a/b");
   EXPECT_EQ(URL::fileURLWithPath("").path(), folder.path());
   ASSERT_EQ(chdir("/"), 0);
-  EXPECT_EQ(textOf("a"), "file:///a");
+  EXPECT_EQ(fileURLText("a"), "file:///a");
 }
 
 TEST(FileURL, TakesARelativePathFromTheRootWhenTheCurrentDirectoryIsGone) {
@@ -75,7 +75,7 @@ TEST(FileURL, TakesARelativePathFromTheRootWhenTheCurrentDirectoryIsGone) {
   kestrine::test::makeFolder(folder / "gone");
   ASSERT_EQ(chdir((folder / "gone").c_str()), 0);
   ASSERT_EQ(rmdir((folder / "gone").c_str()), 0);
-  EXPECT_EQ(textOf("a"), "file:///a");
+  EXPECT_EQ(fileURLText("a"), "file:///a");
   ASSERT_EQ(chdir("/"), 0);
 }
 

@@ -14,8 +14,6 @@ namespace {
 
 using platform::RunLoop;
 
-constexpr platform::FSEventStreamCreateFlags kFileEvents = kCDEventsDefaultEventStreamFlags | platform::kFSEventStreamCreateFlagFileEvents;
-
 /// The end of a stream, which may come from its handler, from its thread or from another one.
 class CDEventsLifetime : public WatcherTest {
  protected:

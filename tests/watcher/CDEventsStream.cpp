@@ -18,8 +18,6 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr platform::FSEventStreamCreateFlags kFileEvents = kCDEventsDefaultEventStreamFlags | platform::kFSEventStreamCreateFlagFileEvents;
-
 /// Changes in a real folder, told by the kernel.
 class CDEventsStream : public WatcherTest {
  protected:

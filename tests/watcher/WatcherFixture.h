@@ -18,8 +18,12 @@
 #include "platform/foundation/UserDefaults.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "watcher/CDEvents.h"
 
 namespace kestrine::test {
+
+inline constexpr platform::FSEventStreamCreateFlags kFileEvents =
+    kCDEventsDefaultEventStreamFlags | platform::kFSEventStreamCreateFlagFileEvents;
 
 /// Preferences and a home of the test program's own, for its whole life: the process's defaults remember the folder they were made in.
 class OwnFolders : public testing::Environment {

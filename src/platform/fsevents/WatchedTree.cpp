@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -95,13 +96,14 @@ bool WatchedTree::drain() {
   return any;
 }
 
-bool WatchedTree::hasBacklog() const {
-  if (!unopened_.empty()) return true;
-  for (const auto& source : sources_) {
-    if (source->hasBacklog()) return true;
-  }
-  return retiring_ && retiring_->hasBacklog();
+bool WatchedTree::hasBacklog() const { return !unopened_.empty() || hasUnapplied(); }
+
+bool WatchedTree::hasUnapplied() const {
+  return (retiring_ && retiring_->hasBacklog()) ||
+         std::any_of(sources_.begin(), sources_.end(), [](const auto& source) { return source->hasBacklog(); });
 }
+
+bool WatchedTree::hasReadEverything() { return !hasUnapplied() && !drain(); }
 
 std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   std::optional<Clock::time_point> again;
@@ -116,7 +118,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (!again) {
     checkSightings();
     if (queuesWereEmpty_) resolveArrivals();
-    expireDisplaced(false);
+    expireDisplaced();
     retryUnopened();
     for (const Displaced& item : displaced_) sooner(item.until);
     sooner(retryAt_);
@@ -145,7 +147,6 @@ void WatchedTree::processAll() {
       if (pause.tv_nsec > 0 && pause.tv_nsec < 1'000'000'000) ::nanosleep(&pause, nullptr);
     }
   }
-  expireDisplaced(true);
   closeFolders();
 }
 

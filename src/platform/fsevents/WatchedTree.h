@@ -139,6 +139,10 @@ class WatchedTree {
   void seemsGone(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts);
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
   void doubt();
+  /// Whether the kernel queues and the backlog are empty at this moment. What contradicts the disk then was seen before the look, so that
+  /// no change to come explains it.
+  bool hasReadEverything();
+  [[nodiscard]] bool hasUnapplied() const;
   void retryUnopened();
   void renewQueue();
   bool remark(ChangeSource& fresh);
@@ -161,7 +165,7 @@ class WatchedTree {
   void resolveArrivals();
   void moveNode(NodeId node, NodeId newParent, std::string_view newName);
   void displace(NodeId node);
-  void expireDisplaced(bool all);
+  void expireDisplaced();
 
   enum class Why { Removed, Left };
   void forget(NodeId node, Why why);

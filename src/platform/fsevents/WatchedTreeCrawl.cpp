@@ -219,9 +219,11 @@ void WatchedTree::retryLater(NodeId folder, std::string_view name, FSEventStream
 void WatchedTree::seemsGone(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
   // Or a folder above it has moved on, and a change further down the queue tells where to look: until that has been read no attempt counts.
   const bool certain = isStillAt(folder, tree_.key(folder));
-  const bool counts = certain || (queuesWereEmpty_ && !tree_.isDetached(folder));
-  if (attempts > 0) {
-    retryLater(folder, name, report, counts ? attempts - 1 : attempts);
+  const bool counts = certain || (!tree_.isDetached(folder) && hasReadEverything());
+  if (!counts) {
+    retryLater(folder, name, report, attempts);
+  } else if (attempts > 0) {
+    retryLater(folder, name, report, attempts - 1);
   } else if (!certain) {
     doubt();
   }

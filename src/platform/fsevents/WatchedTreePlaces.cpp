@@ -82,13 +82,17 @@ bool WatchedTree::arrive(NodeId node) {
 }
 
 void WatchedTree::resolveArrivals() {
-  // The queue has been read to its end: what it did not tell it will not tell.
-  for (const auto& [key, place] : std::exchange(arrivals_, {})) {
+  for (auto& [key, place] : std::exchange(arrivals_, {})) {
     const NodeId node = tree_.findByKey(key);
     const NodeId folder = tree_.findByKey(place.folder);
     if (folder == kNoNode) continue;
     if (node != kNoNode) {
       if (isStillAt(node, key)) continue;
+      // What the queue has not told now that it has been read to its end, it will not tell.
+      if (!hasReadEverything()) {
+        arrivals_.emplace(key, std::move(place));
+        continue;
+      }
       if (tree_.isBelowOrSame(folder, node)) {
         doubt();
         continue;
@@ -117,20 +121,26 @@ void WatchedTree::displace(NodeId node) {
   displaced_.push_back({node, std::string(tree_.key(node)), Clock::now() + kDisplacedPatience});
 }
 
-void WatchedTree::expireDisplaced(bool all) {
+void WatchedTree::expireDisplaced() {
   const auto now = Clock::now();
   for (std::size_t i = 0; i < displaced_.size();) {
     // While changes keep coming, the one that tells where the folder is may be among those not read yet.
-    if (!all && (displaced_[i].until > now || !queuesWereEmpty_)) {
+    if (displaced_[i].until > now || !queuesWereEmpty_) {
       ++i;
       continue;
     }
     const Displaced item = displaced_[i];
+    const bool waits = tree_.findByKey(item.key) == item.node && tree_.isDetached(item.node);
+    const bool isBack = waits && isStillAt(item.node, item.key) && tree_.child(tree_.parent(item.node), tree_.name(item.node)) == kNoNode;
+    if (waits && !isBack && !hasReadEverything()) {
+      ++i;
+      continue;
+    }
     displaced_.erase(displaced_.begin() + static_cast<std::ptrdiff_t>(i));
-    if (tree_.findByKey(item.key) != item.node || !tree_.isDetached(item.node)) continue;
+    if (!waits) continue;
     const NodeId parent = tree_.parent(item.node);
     const std::string name(tree_.name(item.node));
-    if (isStillAt(item.node, item.key) && tree_.child(parent, name) == kNoNode) {
+    if (isBack) {
       moveNode(item.node, parent, name);
     } else {
       forget(item.node, Why::Left);

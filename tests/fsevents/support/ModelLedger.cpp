@@ -115,6 +115,17 @@ std::vector<std::string> ModelLedger::namesOf(const Entry& entry) const {
   return names;
 }
 
+// A listing finds an item where it is by now, below a folder that the stream may still know by a former name: the queue has yet to tell
+// that the folder moved on.
+std::vector<std::string> ModelLedger::namesInListings(const Entry& entry) const {
+  auto names = namesOf(entry);
+  for (auto slash = entry.path.rfind('/'); slash != std::string::npos && slash > 0; slash = entry.path.rfind('/', slash - 1)) {
+    for (const auto& folder : namesOf({entry.path.substr(0, slash), entry.moves, 0, true}))
+      names.push_back(folder + entry.path.substr(slash));
+  }
+  return names;
+}
+
 // The moves that gave an item its other names, and whether they came before or after the change.
 std::string ModelLedger::describeMoves(const Entry& entry) const {
   std::string text;
@@ -142,7 +153,7 @@ void ModelLedger::findUnmet(const Account& account, std::vector<std::string>& fa
   for (const auto& entry : demands_) {
     FSEventStreamEventFlags flags = 0;
     bool told = false;
-    const auto names = namesOf(entry);
+    const auto names = entry.flag == 0 ? namesInListings(entry) : namesOf(entry);
     for (const auto& name : names) {
       const auto found = account.all.find(name);
       if (found == account.all.end()) continue;

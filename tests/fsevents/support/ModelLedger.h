@@ -47,6 +47,7 @@ class ModelLedger {
   };
   struct Account;
   [[nodiscard]] std::vector<std::string> namesOf(const Entry& entry) const;
+  [[nodiscard]] std::vector<std::string> namesInListings(const Entry& entry) const;
   [[nodiscard]] bool isPermitted(const std::string& path, const std::set<std::string>& names, const std::set<std::string>& folders) const;
   [[nodiscard]] std::string describeMoves(const Entry& entry) const;
   static std::string describeNamesakes(const Account& account, const std::string& path);
