@@ -8,7 +8,7 @@ namespace kestrine::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
+using Milliseconds = std::chrono::milliseconds;
 
 class StreamDelivery : public StreamTest {};
 KESTRINE_PER_SOURCE(StreamDelivery);
@@ -66,7 +66,7 @@ TEST_P(StreamDelivery, WaitsForTheLatencyFromTheFirstChange) {
   const auto began = Clock::now();
   writeFile(in("file"), "text");
   ASSERT_TRUE(stream->waitFor(in("file"), 0));
-  EXPECT_GE(Clock::now() - began, milliseconds(950));
+  EXPECT_GE(Clock::now() - began, Milliseconds(950));
 }
 
 TEST_P(StreamDelivery, WithNoDeferTellsTheFirstChangeAtOnce) {
@@ -85,9 +85,9 @@ TEST_P(StreamDelivery, WithNoDeferTellsWhatFollowsTogether) {
   const auto before = stream->deliveries();
   const auto began = Clock::now();
   touchFile(in("second"));
-  std::this_thread::sleep_for(milliseconds(300));
+  std::this_thread::sleep_for(Milliseconds(300));
   touchFile(in("third"));
-  const bool inTime = Clock::now() - began < milliseconds(900);
+  const bool inTime = Clock::now() - began < Milliseconds(900);
   ASSERT_TRUE(stream->waitFor(in("third"), 0));
   if (!inTime) GTEST_SKIP() << "left out: the grouping of changes, because this machine was too slow to make them within the latency";
   EXPECT_TRUE(stream->tells(in("second")));
@@ -108,7 +108,7 @@ TEST_P(StreamDelivery, IsNotStarvedBySteadyWriting) {
   std::thread writer([&] {
     while (!enough) {
       appendFile(in("file"), "x");
-      std::this_thread::sleep_for(milliseconds(10));
+      std::this_thread::sleep_for(Milliseconds(10));
     }
   });
   // The latency counts from the first change of a window, so deliveries come although there is never a pause.
@@ -124,7 +124,7 @@ TEST_P(StreamDelivery, DoesNotHappenWhileNothingChanges) {
   stream->flush();
   const auto before = stream->deliveries();
   for (int i = 0; i < 5; ++i) stream->flush();
-  std::this_thread::sleep_for(milliseconds(200));
+  std::this_thread::sleep_for(Milliseconds(200));
   EXPECT_EQ(stream->deliveries(), before);
 }
 
