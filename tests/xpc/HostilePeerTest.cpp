@@ -225,6 +225,11 @@ long sleepsOfThread(const std::string& name) {
 }
 
 TEST(Listener, WaitsForDescriptorsWithoutSpinningWhenTheProcessHasNone) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP()
+      << "left out: a process without descriptors, because the undefined-behaviour sanitizer asks after a dynamic type through a pipe "
+         "of its own (the other builds have it)";
+#endif
   InProcessService service;
   expectService(service);
   std::vector<FileHandle> clients;
