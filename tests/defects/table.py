@@ -243,8 +243,8 @@ DEFECTS = [
     Defect(
         "removal-cancels-creation",
         "src/platform/fsevents/Coalescer.cpp",
-        "  events_[number].flags |= flags;\n",
-        "  events_[number].flags = flags;\n",
+        "  event.flags |= flags;\n",
+        "  event.flags = flags;\n",
         "fsevents_tests",
         "*StreamItems.TellAnItemThatCameAndWentWithinAWindow*",
     ),

@@ -24,6 +24,30 @@ TEST(Coalescer, JoinsTheFlagsOfOnePathAndKeepsTheOrderOfFirstChanges) {
   EXPECT_EQ(events[1].tree, 1U);
 }
 
+TEST(Coalescer, AsksForTheKindUnlessALaterChangeToldIt) {
+  using platform::kFSEventStreamEventFlagItemIsFile;
+  Coalescer coalescer;
+  coalescer.add(0, "/told", kFSEventStreamEventFlagItemCreated, true);
+  coalescer.add(0, "/told", kFSEventStreamEventFlagItemModified | kFSEventStreamEventFlagItemIsFile, false);
+  coalescer.add(0, "/another", kFSEventStreamEventFlagItemModified | kFSEventStreamEventFlagItemIsFile, false);
+  coalescer.add(0, "/another", kFSEventStreamEventFlagItemCreated, true);
+  const auto events = coalescer.take();
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_FALSE(events[0].needsKind);
+  EXPECT_TRUE(events[1].needsKind);
+}
+
+TEST(Coalescer, FindsEachOfManyPathsAgain) {
+  constexpr std::size_t kPaths = 10000;
+  Coalescer coalescer;
+  for (std::size_t i = 0; i < kPaths; ++i) ASSERT_EQ(coalescer.add(0, "/" + std::to_string(i), 1, false), i);
+  for (std::size_t i = kPaths; i-- > 0;) ASSERT_EQ(coalescer.add(0, "/" + std::to_string(i), 2, false), i);
+  const auto events = coalescer.take();
+  ASSERT_EQ(events.size(), kPaths);
+  for (const auto& event : events) ASSERT_EQ(event.flags, 3U);
+  EXPECT_EQ(coalescer.add(0, "/0", 1, false), 0U);
+}
+
 TEST(Coalescer, CancelsNothing) {
   Coalescer coalescer;
   coalescer.add(0, "/x", kFSEventStreamEventFlagItemCreated, false);

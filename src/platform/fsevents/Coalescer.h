@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/fsevents/FSEventStreamTypes.h"
@@ -18,7 +17,7 @@ struct PendingEvent {
   FSEventStreamEventFlags flags = 0;
   /// Which of the stream's watched trees it belongs to.
   std::uint32_t tree = 0;
-  /// What kind of item it is must still be looked up.
+  /// What kind of item it is must still be looked up: no change has told it since the last that may have made it another.
   bool needsKind = false;
 };
 
@@ -43,13 +42,17 @@ class Coalescer {
   [[nodiscard]] std::vector<PendingEvent> take();
 
  private:
-  struct Hash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
-  };
+  [[nodiscard]] std::size_t slotOf(std::string_view path, std::uint32_t hash) const;
+  void grow();
 
   std::vector<PendingEvent> events_;
-  std::unordered_map<std::string, std::size_t, Hash, std::equal_to<>> numbers_;
+  /// Open addressing over the events' paths, so that a path is kept once and found without a further allocation: one more than the number
+  /// of an event, or 0, below the hash of its path. A power of two, twice as many as events at least.
+  struct Slot {
+    std::uint32_t hash = 0;
+    std::uint32_t number = 0;
+  };
+  std::vector<Slot> slots_;
   Clock::time_point opened_{};
   std::uint64_t epoch_ = 0;
 };
