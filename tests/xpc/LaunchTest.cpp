@@ -97,7 +97,7 @@ TEST(Launch, GivesTheServiceACleanProcess) {
   const auto mask = [&text](const std::string& name) { return std::stoull(text.substr(text.find(name) + name.size()), nullptr, 16); };
   const auto bit = [](int number) { return 1ULL << (number - 1); };
   EXPECT_EQ(mask("SigIgn:") & bit(SIGUSR1), 0U);
-  EXPECT_EQ(mask("SigIgn:"), bit(SIGPIPE)) << "set by the service itself";
+  EXPECT_EQ(mask("SigIgn:"), bit(SIGPIPE) | bit(SIGXFSZ)) << "set by the service itself";
   EXPECT_EQ(mask("SigBlk:") & bit(SIGUSR2), 0U);
   const std::string files = textUnder(answer, "files");
   EXPECT_TRUE(files.starts_with("0=/dev/null\n1=/dev/null\n2=/dev/null\n3=socket:")) << files;

@@ -78,7 +78,9 @@ sigset_t endingSignals() {
 void prepareSignals() {
   const sigset_t ending = endingSignals();
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+  // Each is an error of the write that met it.
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 /// The usual soft limit of 1024 descriptors is about what the channel alone may take.
