@@ -76,10 +76,11 @@ bool Reachability::isReachable() {
 
 bool Reachability::startNotifier() {
   if (!reachabilityRef_) return false;
-  // The bare pointer is enough: the target that calls it goes with the object, and waits for a running call when it does.
-  void* const info = this;
-  const bool registered = reachabilityRef_->setCallback(
-      [info](const ReachabilityTarget& target, NetworkReachabilityFlags flags) { ReachabilityCallback(target, flags, info); });
+  // Not kept alive by what it registers, or it would never end.
+  const bool registered =
+      reachabilityRef_->setCallback([info = weak_from_this()](const ReachabilityTarget& target, NetworkReachabilityFlags flags) {
+        if (const auto self = info.lock()) ReachabilityCallback(target, flags, self.get());
+      });
   return registered && reachabilityRef_->scheduleWithRunLoop(platform::RunLoop::current());
 }
 
@@ -126,11 +127,8 @@ NetworkStatus Reachability::currentReachabilityStatus() const {
 void ReachabilityCallback(const ReachabilityTarget& target, NetworkReachabilityFlags flags, void* info) {
   static_cast<void>(target);
   static_cast<void>(flags);
-  // Nothing to lock when the last owner is letting go at this moment, on another thread than it should: then nobody is told.
-  const std::shared_ptr<Reachability> reachability = static_cast<Reachability*>(info)->weak_from_this().lock();
-  if (reachability) {
-    platform::NotificationCenter::defaultCenter().postNotification({kNetworkReachabilityChangedNotification, reachability});
-  }
+  const std::shared_ptr<Reachability> reachability = static_cast<Reachability*>(info)->shared_from_this();
+  platform::NotificationCenter::defaultCenter().postNotification({kNetworkReachabilityChangedNotification, reachability});
 }
 
 void PrintReachabilityFlags(NetworkReachabilityFlags flags, const char* comment) {
