@@ -116,7 +116,7 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
   void invalidateAndCancel();
 
  private:
-  friend class URLSessionTask;
+  friend class URLConnection;
   struct Impl;
   explicit URLSession(std::unique_ptr<Impl> impl);
   const std::unique_ptr<Impl> impl_;
