@@ -39,7 +39,7 @@ const std::vector<std::string> kWaysIn = {"unshare --user --map-root-user --net"
 /// The first way that works, with the rights to make use of it; empty when there is none, and `why` says so.
 std::vector<std::string> wayIn(std::string& why) {
   for (const std::string& way : kWaysIn) {
-    const Outcome outcome = runToEnd(wordsOf(way) + wordsOf("ip link add a type veth peer name b"));
+    const Outcome outcome = runToEnd(wordsOf(way) + wordsOf("ip link add v0 type veth peer name v0p"));
     if (outcome.status == 0) return wordsOf(way);
     why += outcome.errorOutput;
   }
