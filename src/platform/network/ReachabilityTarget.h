@@ -22,8 +22,8 @@ namespace platform {
 /// Owned by whoever made it. A run loop that a target is scheduled on does not keep it: letting go of the target ends the schedule.
 /// A target owns no descriptor until it is scheduled; then one socket for each schedule.
 ///
-/// Threads: any thread may call anything. When unscheduleFromRunLoop or the destructor returns, the callback is not running (unless it is
-/// the caller) and is not called again through that schedule.
+/// Threads: any thread may call anything. When unscheduleFromRunLoop returns, the callback is not running (unless it is the caller) and is
+/// not called again through that schedule. A callback that runs while the target is let go of finishes first, with the target alive.
 class ReachabilityTarget {
  public:
   using Callback = std::function<void(const ReachabilityTarget& target, NetworkReachabilityFlags flags)>;
