@@ -66,6 +66,41 @@ TEST(ReachabilityNotification, ComesAlsoWhenTheRouteGoesSilentlyWithItsAddress) 
   });
 }
 
+TEST(ReachabilityNotification, ComesEachTimeToALoopThatIsWaitingForItWhenTheRouteGoesSilently) {
+  inNetworkNamespace([] {
+    connectAndWait();
+    const auto target = targetOf("0.0.0.0");
+    std::atomic<NetworkReachabilityFlags> told = kReachable;
+    target->setCallback([&told](const ReachabilityTarget&, NetworkReachabilityFlags flags) { told = flags; });
+    kestrine::test::LoopThread loop([&target](RunLoop& mine) { ASSERT_TRUE(target->scheduleWithRunLoop(mine.shared_from_this())); });
+    // The kernel tells of the address before it takes the route away: a loop that is quick looks too early.
+    const int rounds = kestrine::test::longOrShort(40, 10);
+    for (int round = 0; round < rounds; ++round) {
+      ip("address del 192.0.2.2/24 dev v0");
+      ASSERT_TRUE(eventually([&told] { return told == kNoWay; })) << "missed in round " << round;
+      ipBatch("address add 192.0.2.2/24 dev v0\nroute add default via 192.0.2.1\n");
+      ASSERT_TRUE(eventually([&told] { return told == kReachable; })) << "missed in round " << round;
+    }
+    target->unscheduleFromRunLoop(loop->shared_from_this());
+  });
+}
+
+TEST(ReachabilityNotification, ComesWhenANexthopObjectGoesAndTakesItsRouteAlong) {
+  inNetworkNamespace([] {
+    connectToNetwork();
+    ip("route del default");
+    try {
+      ipBatch("nexthop add id 7 via 192.0.2.1 dev v0\nroute add default nhid 7\n");
+    } catch (const std::runtime_error& refusal) {
+      GTEST_SKIP() << "left out: nexthop objects, because they are refused: " << refusal.what();
+    }
+    ASSERT_TRUE(eventually([] { return flagsOf("0.0.0.0") == kReachable; }));
+    WatchedTarget watched("0.0.0.0");
+    ip("nexthop del id 7");
+    EXPECT_THAT(watched.toldUntil(kNoWay), ElementsAre(kNoWay));
+  });
+}
+
 TEST(ReachabilityNotification, DoesNotComeForChangesThatLeaveTheFlags) {
   inNetworkNamespace([] {
     connectAndWait();
