@@ -47,6 +47,7 @@ Bytes BodyCollector::takeBytes() {
 
 std::shared_ptr<const FileHandle> BodyCollector::takeFile() {
   length_ = 0;
+  if (place_ == Place::File && !file_.isOpen()) file_ = makeNamelessFile();
   return file_.isOpen() ? std::make_shared<const FileHandle>(std::move(file_)) : nullptr;
 }
 

@@ -22,7 +22,8 @@ class BodyCollector {
   [[nodiscard]] std::uint64_t length() const { return length_; }
   /// All of it; the collector is empty afterwards.
   Bytes takeBytes();
-  /// All of it as an open file; nothing when there is none (then nothing came, or the collector was asked for memory).
+  /// All of it as an open file, an empty one when nothing came; nothing when there is none, because it cannot be made or the bytes are in
+  /// memory.
   std::shared_ptr<const FileHandle> takeFile();
 
  private:

@@ -223,8 +223,7 @@ void SessionTask::tellEnd(const std::optional<Error>& error, const Delegate& del
 void SessionTask::tellDownload(const std::optional<Error>& error, const Delegate& delegate) {
   const auto handler = std::exchange(plan_.downloadHandler, nullptr);
   auto failure = error;
-  const auto file = collector_.takeFile();
-  const NamedDownload named(failure ? nullptr : file);
+  const NamedDownload named(failure ? nullptr : collector_.takeFile());
   std::optional<URL> location;
   if (!failure && named.path().empty()) {
     failure = URLError(NSURLErrorCannotCreateFile, plan_.request.URL()->absoluteString());

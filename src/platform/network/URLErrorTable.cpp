@@ -33,6 +33,8 @@ constexpr std::array kRows = {
     Row{CURLE_OPERATION_TIMEDOUT, NSURLErrorTimedOut},
     Row{CURLE_SSL_CONNECT_ERROR, NSURLErrorSecureConnectionFailed},
     Row{CURLE_ABORTED_BY_CALLBACK, NSURLErrorCancelled},
+    // A header line without a colon, or a zero byte in one.
+    Row{CURLE_BAD_FUNCTION_ARGUMENT, NSURLErrorCannotParseResponse},
     Row{CURLE_INTERFACE_FAILED, NSURLErrorCannotConnectToHost},
     Row{CURLE_TOO_MANY_REDIRECTS, NSURLErrorHTTPTooManyRedirects},
     Row{CURLE_GOT_NOTHING, NSURLErrorNetworkConnectionLost},

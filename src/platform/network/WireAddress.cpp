@@ -25,6 +25,9 @@ std::string part(const Address& address, CURLUPart which, unsigned flags = 0) {
 }  // namespace
 
 std::optional<Origin> originOf(const std::string& url) {
+  // libcurl lets one slash or three pass for two.
+  const auto slashes = url.find("://");
+  if (slashes == std::string::npos || url.compare(slashes + 3, 1, "/") == 0) return std::nullopt;
   const Address address(curl_url());
   if (!address || curl_url_set(address.get(), CURLUPART_URL, url.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK) return std::nullopt;
   Origin origin{part(address, CURLUPART_SCHEME), part(address, CURLUPART_HOST),

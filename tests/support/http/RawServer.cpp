@@ -74,6 +74,12 @@ std::string RawConnection::readRequest() {
   return head + body;
 }
 
+std::uint64_t RawConnection::readBody(std::uint64_t length) {
+  std::uint64_t got = 0;
+  while (got < length && (!gathered_.empty() || receiveMore())) got += std::exchange(gathered_, {}).size();
+  return got;
+}
+
 bool RawConnection::send(std::string_view bytes) {
   while (!bytes.empty()) {
     const auto count = ::send(socket_.fileDescriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -118,20 +124,30 @@ RawServer::~RawServer() {
 
 std::string RawServer::url(const std::string& path) const { return loopbackURL(port_, path); }
 
-// A script that has returned ends its connection by a shutdown; the descriptor is closed with the server, or when the next connection
-// comes, so that no other thread's shutdown can meet a number that was used again.
+// A script that has returned ends its connection by a shutdown; the descriptor is closed when the next connection comes, or with the
+// server, so that no other thread's shutdown can meet a number that was used again.
 void RawServer::acceptConnections() {
   while (!ending_) {
     FileHandle socket(accept4(listener_.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!socket.isOpen()) continue;
     const std::lock_guard lock(mutex_);
-    auto& served = served_.emplace_back(RawConnection(std::move(socket)), std::thread());
-    served.thread = std::thread([this, &connection = served.connection] {
-      script_(connection);
-      shutdown(connection.descriptor(), SHUT_RDWR);
-    });
+    forgetEnded();
+    auto& served = served_.emplace_back(std::move(socket));
     ++accepted_;
+    served.thread = std::thread([this, &served] {
+      script_(served.connection);
+      shutdown(served.connection.descriptor(), SHUT_RDWR);
+      served.ended = true;
+    });
   }
+}
+
+void RawServer::forgetEnded() {
+  served_.remove_if([](Served& served) {
+    if (!served.ended) return false;
+    served.thread.join();
+    return true;
+  });
 }
 
 RefusingPort::RefusingPort() {

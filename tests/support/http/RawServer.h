@@ -1,12 +1,14 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "platform/foundation/FileHandle.h"
 
@@ -21,6 +23,8 @@ class RawConnection {
   std::string readRequest();
   /// Up to and with the blank line.
   std::string readHead();
+  /// Reads and drops up to `length` bytes of a body, for one that is too large to gather; how many came.
+  std::uint64_t readBody(std::uint64_t length);
   /// False when the client is gone.
   bool send(std::string_view bytes);
   /// Waits until the client closes; reads and drops what it sends.
@@ -56,10 +60,13 @@ class RawServer {
 
  private:
   struct Served {
+    explicit Served(platform::FileHandle socket) : connection(std::move(socket)) {}
     RawConnection connection;
     std::thread thread;
+    std::atomic<bool> ended = false;
   };
   void acceptConnections();
+  void forgetEnded();
 
   const Script script_;
   platform::FileHandle listener_;
