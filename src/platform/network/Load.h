@@ -18,6 +18,18 @@
 
 namespace platform::network {
 
+/// Somebody has been asked and has not answered yet.
+struct LoadQuestion {
+  std::uint64_t serial = 0;
+  bool ofTrust = false;
+  bool trustedBySystem = false;
+  std::vector<AuthenticationOffer> offers;
+  std::size_t offer = 0;
+  std::shared_ptr<const URLResponse> response;
+  /// What became of the exchange meanwhile.
+  std::optional<TransferEnd> end;
+};
+
 /// The way of one task over the wire: its exchanges (redirects, answers to challenges), its time-outs, its end. Makes decisions, moves no
 /// bytes itself (`Exchange`) and keeps none (its client).
 ///
@@ -52,18 +64,6 @@ class Load final : public Exchange::Listener, public std::enable_shared_from_thi
   using Clock = std::chrono::steady_clock;
   using Disposition = URLSessionAuthChallengeDisposition;
   enum class Phase { Idle, Shaking, Transferring, Ended };
-  /// Somebody has been asked and has not answered yet.
-  struct Question {
-    std::uint64_t serial = 0;
-    bool ofTrust = false;
-    bool trustedBySystem = false;
-    std::vector<AuthenticationOffer> offers;
-    std::size_t offer = 0;
-    std::shared_ptr<const URLResponse> response;
-    /// What became of the exchange meanwhile.
-    std::optional<TransferEnd> end;
-  };
-
   // Exchange::Listener
   void headArrived(int status, const HTTPHeaders& headers) override;
   Exchange::Appetite bodyArrived(std::span<const char> piece) override;
@@ -102,7 +102,7 @@ class Load final : public Exchange::Listener, public std::enable_shared_from_thi
   Origin origin_;
   Phase phase_ = Phase::Idle;
   std::unique_ptr<Exchange> exchange_;
-  std::optional<Question> question_;
+  std::optional<LoadQuestion> question_;
   std::uint64_t questions_ = 0;
   int redirects_ = 0;
   int refusedCredentials_ = 0;
