@@ -1,12 +1,16 @@
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -16,6 +20,7 @@
 #include "Services/RestBaseURL.h"
 #include "Services/RestResult.h"
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/FileHandle.h"
 #include "platform/foundation/JSON.h"
 #include "platform/foundation/URL.h"
 #include "tests/support/Eventually.h"
@@ -38,10 +43,35 @@ struct RestHost {
   [[nodiscard]] bool isLoopback() const { return host == "localhost" || host == "127.0.0.1"; }
 };
 
-/// Runs `body` in a namespace whose machine has a default route (a cable to nowhere), so that requests are sent; they go to the loopback.
+/// Has the base URL's port to itself among the tests of this machine.
+class LockedPort {
+ public:
+  LockedPort() { flock(file_.fileDescriptor(), LOCK_EX); }
+
+ private:
+  static std::string path() { return "/tmp/kestrine-tests-port-" + std::to_string(RestHost().port) + "-" + std::to_string(getuid()); }
+  const platform::FileHandle file_{open(path().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)};
+};
+
+/// Runs `body` on the machine as it is, when it can reach the network and gives out the port.
+inline void onThisMachine(const std::function<void()>& body, const std::string& whyNotElsewhere) {
+  const LockedPort locked;
+  try {
+    if (!Reachability::isReachable()) throw std::runtime_error("the machine has no default route");
+    const HTTPServer probe([](const ReceivedRequest&) { return Answer{}; }, "127.0.0.1", RestHost().port);
+  } catch (const std::runtime_error& reason) {
+    GTEST_SKIP() << "left out: requests, because " << reason.what() << ", and a network of the test's own is refused: " << whyNotElsewhere;
+  }
+  body();
+}
+
+/// Runs `body` where requests are sent, and go to the loopback: in a namespace whose machine has a default route (a cable to nowhere), or
+/// where there are no namespaces on this machine, if that has one.
 inline void inRestNetwork(const std::function<void()>& body) {
+  if (!RestHost().isLoopback()) GTEST_SKIP() << "left out: requests, because this build's server is not on the loopback";
+  const std::string refusal = refusalOfNetworkNamespaces();
+  if (!refusal.empty()) return onThisMachine(body, refusal);
   inNetworkNamespace([&body] {
-    if (!RestHost().isLoopback()) GTEST_SKIP() << "left out: requests, because this build's server is not on the loopback";
     connectToNetwork();
     ASSERT_TRUE(eventually([] { return Reachability::isReachable(); }));
     body();

@@ -39,9 +39,13 @@ const std::vector<std::string> kWaysIn = {"unshare --user --map-root-user --net"
 /// The first way that works, with the rights to make use of it; empty when there is none, and `why` says so.
 std::vector<std::string> wayIn(std::string& why) {
   for (const std::string& way : kWaysIn) {
-    const Outcome outcome = runToEnd(wordsOf(way) + wordsOf("ip link add v0 type veth peer name v0p"));
-    if (outcome.status == 0) return wordsOf(way);
-    why += outcome.errorOutput;
+    try {
+      const Outcome outcome = runToEnd(wordsOf(way) + wordsOf("ip link add v0 type veth peer name v0p"));
+      if (outcome.status == 0) return wordsOf(way);
+      why += outcome.errorOutput;
+    } catch (const std::runtime_error& noProgram) {
+      why += noProgram.what();
+    }
   }
   return {};
 }
@@ -58,11 +62,21 @@ void runAgain(const std::vector<std::string>& way) {
   EXPECT_NE(outcome.output.find("[  PASSED  ] 1 test."), std::string::npos) << "the test did not run:\n" << outcome.output;
 }
 
+bool isInNamespace() {
+  const char* outside = std::getenv(kOutside);
+  return outside != nullptr && namespaceOfThisProcess() != outside;
+}
+
 }  // namespace
 
+std::string refusalOfNetworkNamespaces() {
+  std::string why;
+  return isInNamespace() || !wayIn(why).empty() ? "" : why;
+}
+
 void inNetworkNamespace(const std::function<void()>& body) {
-  if (const char* outside = std::getenv(kOutside)) {
-    ASSERT_NE(namespaceOfThisProcess(), outside) << "not in a namespace of its own";
+  if (std::getenv(kOutside) != nullptr) {
+    ASSERT_TRUE(isInNamespace()) << "not in a namespace of its own";
     body();
     return;
   }
@@ -73,6 +87,7 @@ void inNetworkNamespace(const std::function<void()>& body) {
 }
 
 void ip(const std::string& words) {
+  if (!isInNamespace()) throw std::runtime_error("ip " + words + ": not in a network namespace of the test's own");
   const Outcome outcome = runToEnd(wordsOf("ip " + words));
   if (outcome.status != 0) throw std::runtime_error(fmt::format("ip {}: {}", words, outcome.errorOutput));
 }

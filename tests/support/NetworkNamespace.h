@@ -13,7 +13,11 @@ namespace kestrine::test {
 /// The whole test must be in `body`: what stands around it runs twice.
 void inNetworkNamespace(const std::function<void()>& body);
 
-/// Runs ip(8) with these words. Throws std::runtime_error with what it said when it fails. Only inside `inNetworkNamespace`.
+/// Why the machine refuses such namespaces; empty when it does not.
+std::string refusalOfNetworkNamespaces();
+
+/// Runs ip(8) with these words. Throws std::runtime_error with what it said when it fails, and without
+/// running it outside of such a namespace: no test touches the machine's own network.
 void ip(const std::string& words);
 /// The same for many commands at once, one a line, without "ip".
 void ipBatch(const std::string& lines);
