@@ -2,7 +2,11 @@
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 
+#include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <iterator>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -14,8 +18,46 @@ namespace platform {
 namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-// Numbers are read exactly: what was written and read again is the same number.
-constexpr unsigned kFlags = rapidjson::kParseFullPrecisionFlag;
+// RapidJSON's own exact reading of numbers ends the process for some texts (an assertion), so it hands them over as text.
+constexpr unsigned kFlags = rapidjson::kParseNumbersAsStringsFlag;
+
+/// The power of ten of the first digit that counts, roughly: only whether it is above or below zero is asked.
+long long magnitude(std::string_view number) {
+  const std::size_t exponentAt = std::min(number.find_first_of("eE"), number.size());
+  const std::string_view mantissa = number.substr(0, exponentAt);
+  const auto point = static_cast<long long>(std::min(mantissa.find('.'), mantissa.size()));
+  const std::size_t digit = mantissa.find_first_of("123456789");
+  if (digit == std::string_view::npos) return 0;
+  long long exponent = 0;
+  if (exponentAt < number.size()) {
+    std::string_view text = number.substr(exponentAt + 1);
+    if (text.starts_with('+')) text.remove_prefix(1);
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), exponent);
+    if (error != std::errc()) return text.starts_with('-') ? -1 : 1;
+    exponent = std::clamp(exponent, -4'000'000'000'000LL, 4'000'000'000'000LL);
+  }
+  return point - static_cast<long long>(digit) + exponent;
+}
+
+/// The number that a text of JSON's grammar stands for, exactly rounded; nil for one beyond the range of a double.
+Object numberOf(std::string_view text) {
+  const char* const end = text.data() + text.size();
+  if (text.find_first_of(".eE") == std::string_view::npos) {
+    std::int64_t integer = 0;
+    if (std::from_chars(text.data(), end, integer).ec == std::errc()) return Object::numberWithLongLong(integer);
+    std::uint64_t large = 0;
+    if (!text.starts_with('-') && std::from_chars(text.data(), end, large).ec == std::errc()) {
+      return Object::numberWithUnsignedLongLong(large);
+    }
+  }
+  double value = 0;
+  // One error stands for too large and for too small.
+  if (std::from_chars(text.data(), end, value).ec != std::errc()) {
+    if (magnitude(text) > 0) return {};
+    value = text.starts_with('-') ? -0.0 : 0.0;
+  }
+  return std::isfinite(value) ? Object::numberWithDouble(value) : Object();
+}
 
 /// Builds the value while the text is read. Values and keys of the containers that are still open stand on two stacks. A callback that
 /// returns false ends the reading; `reason` then says why. RapidJSON recurses once for each open container, so the bound on depth is
@@ -24,16 +66,16 @@ class ObjectBuilder {
  public:
   bool Null() { return value(Object::null()); }
   bool Bool(bool value) { return this->value(Object::numberWithBool(value)); }
-  bool Int(int value) { return Int64(value); }
-  bool Uint(unsigned value) { return Int64(value); }
-  bool Int64(std::int64_t value) { return this->value(Object::numberWithLongLong(value)); }
-  bool Uint64(std::uint64_t value) {
-    if (std::in_range<std::int64_t>(value)) return Int64(static_cast<std::int64_t>(value));
-    return this->value(Object::numberWithUnsignedLongLong(value));
+  bool RawNumber(const char* text, rapidjson::SizeType length, bool /*copy*/) {
+    Object number = numberOf({text, length});
+    return number.isNil() ? fail("a number beyond the range of a double") : value(std::move(number));
   }
-  bool Double(double value) { return this->value(Object::numberWithDouble(value)); }
-  // Only called when numbers are asked for as text.
-  bool RawNumber(const char* /*text*/, rapidjson::SizeType /*length*/, bool /*copy*/) { return fail("a number as text"); }
+  // Not called, since numbers are asked for as text.
+  bool Int(int /*value*/) { return fail("a number"); }
+  bool Uint(unsigned /*value*/) { return fail("a number"); }
+  bool Int64(std::int64_t /*value*/) { return fail("a number"); }
+  bool Uint64(std::uint64_t /*value*/) { return fail("a number"); }
+  bool Double(double /*value*/) { return fail("a number"); }
 
   bool String(const char* text, rapidjson::SizeType length, bool /*copy*/) {
     const std::string_view string(text, length);
