@@ -54,12 +54,14 @@ TEST(Cancel, BeforeItWasResumed) {
 }
 
 TEST(Cancel, AtOnceAfterItWasResumed) {
-  HTTPServer server([](const ReceivedRequest&) { return Answer{}; });
+  HTTPServer server([](const ReceivedRequest&) { return Answer{.body = "done"}; });
   for (int i = 0; i < 50; ++i) {
     Running running(requestFor(server.url("/")));
     running.task->resume();
     running.task->cancel();
-    EXPECT_EQ(running.wait().code(), -999);
+    // On a busy machine the reply may be there before this thread comes to cancel.
+    const auto got = running.wait();
+    EXPECT_TRUE(got.code() == -999 ? !got.data : got.text() == "done") << got.code();
   }
 }
 

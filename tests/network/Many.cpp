@@ -33,7 +33,7 @@ TEST_F(Many, RequestsInOneSessionGrowNothing) {
   for (int i = 0; i < 20; ++i) ASSERT_EQ(fetch(*session, requestFor(server.url("/"))).text(), "ok");
   const auto descriptorsBefore = descriptors();
   const auto threadsBefore = threads();
-  for (int i = longOrShort(2000, 300); i > 0; --i) ASSERT_EQ(fetch(*session, requestFor(server.url("/"), "POST", "body")).text(), "ok");
+  for (int i = longOrShort(1200, 300); i > 0; --i) ASSERT_EQ(fetch(*session, requestFor(server.url("/"), "POST", "body")).text(), "ok");
   EXPECT_LE(descriptors(), descriptorsBefore);
   // A thread of the pool more or less.
   EXPECT_LE(threads(), threadsBefore + 4);

@@ -102,7 +102,7 @@ void SessionTask::cancel() {
   }
   if (load) return load->cancel();
   place_.tally(true);
-  complete(URLError(NSURLErrorCancelled, plan_.request.URL() ? plan_.request.URL()->absoluteString() : std::string()));
+  complete(std::nullopt);
 }
 
 URLSessionTask::State SessionTask::state() const {
@@ -197,7 +197,10 @@ void SessionTask::loadEnded(std::optional<Error> error) { complete(std::move(err
 void SessionTask::complete(std::optional<Error> error) {
   {
     const std::lock_guard lock(mutex_);
-    state_ = State::Completed;
+    // A cancellation that was taken holds, even when the load was faster.
+    if (std::exchange(state_, State::Completed) == State::Canceling) {
+      error = URLError(NSURLErrorCancelled, plan_.request.URL() ? plan_.request.URL()->absoluteString() : std::string());
+    }
     error_ = error;
     load_ = nullptr;
   }
