@@ -79,5 +79,6 @@ extern const Command kStatusCommand;
 extern const Command kFollowCommand;
 extern const Command kDefaultsCommand;
 extern const Command kEventsCommand;
+extern const Command kCallCommand;
 
 }  // namespace kestrine

@@ -10,8 +10,8 @@ namespace kestrine {
 
 namespace {
 
-constexpr const Command* kCommands[] = {&kStartCommand,  &kStopCommand,     &kStatusCommand,
-                                        &kFollowCommand, &kDefaultsCommand, &kEventsCommand};
+constexpr const Command* kCommands[] = {&kStartCommand,    &kStopCommand,   &kStatusCommand, &kFollowCommand,
+                                        &kDefaultsCommand, &kEventsCommand, &kCallCommand};
 
 void print(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 

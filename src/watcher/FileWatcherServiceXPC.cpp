@@ -61,11 +61,20 @@ void FileWatcherServiceXPC::initFileWatcher() {
     status_->stands();
   } catch (const platform::Exception& exception) {
     status_->failed(exception.reason());
-    logErrorMethod(exception);
+    report(exception);
   } catch (...) {
     // Not ours to handle, but nobody may be left waiting for a watch that never comes.
     status_->failed("an exception of an unknown kind");
     throw;
+  }
+}
+
+void FileWatcherServiceXPC::report(const platform::Exception& failure) {
+  try {
+    logErrorMethod(failure);
+  } catch (const platform::Exception& exception) {
+    // A report that cannot be made is no reason for the service to end.
+    platform::NSLog(fmt::format("the failure could not be reported: {}: {}", exception.name(), exception.reason()));
   }
 }
 

@@ -37,7 +37,9 @@ class FileWatcherServiceXPC : public CDEventsDelegate {
   /// Begins to watch on the calling thread's run loop by the preferences in `iAppsPrefs`; does nothing when a stream exists. Throws
   /// platform::Exception when the base path makes no URL or the stream does not start.
   void run();
-  /// Reports that the watch could not be started.
+  /// Tells the product's server that the watch could not be started, once and with fixed texts; what the exception says stays here. Returns
+  /// when the request is on its way; its outcome is only logged. On 10.7 it throws platform::Exception when the preferences lack an
+  /// identifier (see QueryParser); `initFileWatcher` logs that.
   void logErrorMethod(const platform::Exception& exception);
 
   /// Logs the event. Only there so that a controller can be a stream's delegate; its own stream calls a block.
@@ -49,6 +51,7 @@ class FileWatcherServiceXPC : public CDEventsDelegate {
 
  private:
   class Status;
+  void report(const platform::Exception& failure);
 
   std::unique_ptr<CDEvents> events_;
   platform::Object iAppsPrefs_;

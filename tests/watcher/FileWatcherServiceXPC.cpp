@@ -25,9 +25,12 @@ using testing::MatchesRegex;
 using testing::SizeIs;
 using testing::StartsWith;
 
+// The report of a failed start as it is logged before it is sent, whether or not there is a network.
+const std::string kReportText = "{\n    ErrorClass = FileWatcher;\n";
+
 const std::vector<std::string> kProductTexts = {
-    "inside initFilewatcher", "watcher url  ",           "-[FileWatcherServiceXPC run]:", "FileWatcher 1 ",
-    "[Block] URLWatcher: ",   "[Delegate] URLWatcher: ", "FileWatcher could not start: "};
+    "inside initFilewatcher",  "watcher url  ", "-[FileWatcherServiceXPC run]:", "FileWatcher 1 ", "[Block] URLWatcher: ",
+    "[Delegate] URLWatcher: ", kReportText};
 
 class FileWatcherServiceXPCTest : public WatcherTest {
  protected:
@@ -106,9 +109,10 @@ TEST_F(FileWatcherServiceXPCTest, ReportsABasePathWithABlankOnceAndNeverRaisesTh
   FileWatcherServiceXPC controller;
   controller.initFileWatcher();
   RunLoop::current()->run();
-  EXPECT_THAT(beginningWith(kProductTexts, log.end()),
-              ElementsAre("inside initFilewatcher", "watcher url  /Users/a b",
-                          StartsWith("FileWatcher could not start: NSInvalidArgumentException: ")));
+  EXPECT_THAT(
+      beginningWith(kProductTexts, log.end()),
+      ElementsAre("inside initFilewatcher", "watcher url  /Users/a b",
+                  "{\n    ErrorClass = FileWatcher;\n    ErrorMessage = \"Exception has occured\";\n    ErrorMethod = \"Run Method\";\n}"));
   EXPECT_EQ(watchStatus().objectForKey("state"), Object("failed"));
   EXPECT_FALSE(watchStatus().objectForKey("reason").stringValue().empty());
   EXPECT_THAT(statusSection("streams"), IsEmpty());

@@ -11,6 +11,8 @@ struct AssertionFailure {
   std::string file;
   int line = 0;
   std::string description;
+  /// The object whose method asserts, for handlers that want to look at it; null where nobody said.
+  const void* object = nullptr;
 };
 
 /// What a failed assertion calls. The default logs the failure and throws Exception(NSInternalInconsistencyException); a handler may also

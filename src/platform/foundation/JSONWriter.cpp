@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -12,23 +13,26 @@ namespace platform {
 
 namespace {
 
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+constexpr unsigned kBlanksPerLevel = 2;
 
 [[noreturn]] void throwUnwritable(std::string_view what) {
   throw Exception(NSInvalidArgumentException, fmt::format("JSON cannot hold {}", what));
 }
 
+template <class Writer>
 void writeText(Writer& writer, const std::string& text) {
   if (!isUTF8(text)) throwUnwritable("text that is not UTF-8");
   if (text.size() > UINT32_MAX) throwUnwritable("text of that length");
   writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
+template <class Writer>
 void writeReal(Writer& writer, double value) {
   if (!std::isfinite(value)) throwUnwritable("a number that is not finite");
   writer.Double(value);
 }
 
+template <class Writer>
 void writeNumber(Writer& writer, const Object& number) {
   switch (number.numberType()) {
     case NumberType::Bool:
@@ -50,6 +54,7 @@ void writeNumber(Writer& writer, const Object& number) {
   }
 }
 
+template <class Writer>
 void writeObject(Writer& writer, const Object& object) {
   switch (object.kind()) {
     case Object::Kind::Nil:
@@ -90,7 +95,16 @@ void writeObject(Writer& writer, const Object& object) {
 
 std::string jsonText(const Object& object) {
   rapidjson::StringBuffer buffer;
-  Writer writer(buffer);
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  writeObject(writer, object);
+  return {buffer.GetString(), buffer.GetSize()};
+}
+
+std::string prettyJSONText(const Object& object) {
+  if (!object.isArray() && !object.isDictionary()) throwUnwritable("this at its top: it is neither an array nor a dictionary");
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', kBlanksPerLevel);
   writeObject(writer, object);
   return {buffer.GetString(), buffer.GetSize()};
 }

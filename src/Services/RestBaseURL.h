@@ -1,0 +1,19 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/foundation/URL.h"
+
+namespace kestrine {
+
+/// "http://HOST/KestrineRestService/", HOST being what the build was configured with (KESTRINE_REST_HOST: host and optional port). The one
+/// place that both transports have it from.
+const std::string& restBaseURL();
+
+/// The base URL with `path` behind it, joined as they stand: nothing is escaped here, and a path that begins with "/" gives two of them.
+/// Nothing when that text is no URL.
+std::optional<platform::URL> restAbsoluteURL(std::string_view path);
+
+}  // namespace kestrine

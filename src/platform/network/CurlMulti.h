@@ -1,0 +1,50 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <functional>
+#include <memory>
+#include <unordered_map>
+
+#include "platform/concurrency/RunLoop.h"
+
+namespace platform::network {
+
+/// One libcurl multi handle on the network thread's run loop: its sockets are items of the loop, and so is its one timer. Network thread
+/// only.
+class CurlMulti {
+ public:
+  /// What became of an easy handle. It is out of the multi handle already, so it may be destroyed.
+  using Finished = std::function<void(CURLcode result)>;
+
+  /// Zero or less: no limit.
+  explicit CurlMulti(int connectionsPerHost);
+  ~CurlMulti();
+  CurlMulti(const CurlMulti&) = delete;
+  CurlMulti& operator=(const CurlMulti&) = delete;
+
+  void add(CURL* easy, Finished finished);
+  /// Ends the transfer, if it still runs, without a word.
+  void remove(CURL* easy);
+
+ private:
+  struct Releaser {
+    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+  };
+
+  static int socketChanged(CURL* easy, curl_socket_t socket, int what, void* self, void* unused);
+  static int timerChanged(CURLM* multi, long milliseconds, void* self);
+  void watch(curl_socket_t socket, unsigned events);
+  void forget(curl_socket_t socket);
+  void act(curl_socket_t socket, int events);
+  void tellFinished();
+
+  std::unique_ptr<CURLM, Releaser> multi_;
+  std::unordered_map<curl_socket_t, std::shared_ptr<RunLoopDescriptor>> sockets_;
+  std::shared_ptr<RunLoopTimer> timer_;
+  /// For a timer that is due at once.
+  std::shared_ptr<RunLoopSource> due_;
+  std::unordered_map<CURL*, Finished> running_;
+};
+
+}  // namespace platform::network

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace platform::network {
+
+/// Runs a block on some other thread or loop, later.
+using Executor = std::function<void(std::function<void()>)>;
+
+/// Hands blocks to an executor one after another, so that what one task tells stays in order on a queue that runs several blocks at once.
+/// An exception that leaves a block is logged and ends there. Lives until its last block ran. Any thread.
+class Delivery : public std::enable_shared_from_this<Delivery> {
+ public:
+  explicit Delivery(Executor executor) : executor_(std::move(executor)) {}
+  void post(std::function<void()> block);
+
+ private:
+  void lend();
+  void runNext();
+
+  const Executor executor_;
+  std::mutex mutex_;
+  std::deque<std::function<void()>> blocks_;
+  bool lent_ = false;
+};
+
+}  // namespace platform::network
