@@ -35,11 +35,12 @@ void RestConnector_Old::startAsyncTask_params_progress_finished(const std::strin
   setOperationQueue(platform::OperationQueue::create());
   platform::URLConnection::sendAsynchronousRequest(
       restJSONRequest(path, body.text), operationQueue(),
-      [self = shared_from_this(), finished = std::move(finished)](const std::shared_ptr<const platform::URLResponse>&,
-                                                                  const std::optional<platform::Bytes>& data,
-                                                                  const std::optional<platform::Error>& error) {
+      // This request's own queue: a second start puts another one into its place, whose operations are not ours to cancel.
+      [self = shared_from_this(), queue = operationQueue(), finished = std::move(finished)](
+          const std::shared_ptr<const platform::URLResponse>&, const std::optional<platform::Bytes>& data,
+          const std::optional<platform::Error>& error) {
         restTaskCompleted(data, error, finished);
-        cancelLastOperation(*self->operationQueue());
+        cancelLastOperation(*queue);
       });
 }
 
