@@ -50,7 +50,7 @@ const std::map<int, std::int64_t> kExpected = {
 };
 
 TEST(ErrorTable, EveryCodeOfLibcurlHasItsMeaningAndOnlyOthersAreUnknown) {
-  for (int code = 1; code < 200; ++code) {
+  for (int code = 1; code < CURL_LAST; ++code) {
     const auto row = kExpected.find(code);
     EXPECT_EQ(URLErrorCode({.result = static_cast<CURLcode>(code)}), row == kExpected.end() ? -1 : row->second) << code;
   }
