@@ -15,7 +15,7 @@ namespace {
 using kestrine::test::makeFolder;
 using kestrine::test::TemporaryDirectory;
 
-struct Case {
+struct StandardizingCase {
   std::string path;
   std::string expected;
 };
@@ -28,30 +28,32 @@ TEST(StandardizingPath, LeavesAStandardPathAlone) {
 }
 
 TEST(StandardizingPath, RemovesRepeatedAndTrailingSeparators) {
-  const std::vector<Case> cases = {{"//", "/"}, {"///a", "/a"}, {"/a//b", "/a/b"}, {"/a/", "/a"}, {"/a///", "/a"}, {"a//b/", "a/b"}};
-  for (const Case& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
+  const std::vector<StandardizingCase> cases = {{"//", "/"},   {"///a", "/a"},  {"/a//b", "/a/b"},
+                                                {"/a/", "/a"}, {"/a///", "/a"}, {"a//b/", "a/b"}};
+  for (const StandardizingCase& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
 }
 
 TEST(StandardizingPath, RemovesDotComponents) {
-  const std::vector<Case> cases = {{"/.", "/"},      {"/./a", "/a"}, {"/a/.", "/a"}, {"/a/./b", "/a/b"}, {"./a", "a"},
-                                   {"a/./b", "a/b"}, {"a/.", "a"},   {".", "."},     {"./", "."},        {"/././.", "/"}};
-  for (const Case& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
+  const std::vector<StandardizingCase> cases = {{"/.", "/"},      {"/./a", "/a"}, {"/a/.", "/a"}, {"/a/./b", "/a/b"}, {"./a", "a"},
+                                                {"a/./b", "a/b"}, {"a/.", "a"},   {".", "."},     {"./", "."},        {"/././.", "/"}};
+  for (const StandardizingCase& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
 }
 
 TEST(StandardizingPath, RemovesDotDotFromAnAbsolutePath) {
-  const std::vector<Case> cases = {{"/..", "/"},
-                                   {"/../a", "/a"},
-                                   {"/missing-1/../b", "/b"},
-                                   {"/missing-1/missing-2/../..", "/"},
-                                   {"/missing-1/missing-2/../../../x", "/x"},
-                                   {"/missing-1/missing-2//.././c/", "/missing-1/c"},
-                                   {"/missing-1/..", "/"}};
-  for (const Case& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
+  const std::vector<StandardizingCase> cases = {{"/..", "/"},
+                                                {"/../a", "/a"},
+                                                {"/missing-1/../b", "/b"},
+                                                {"/missing-1/missing-2/../..", "/"},
+                                                {"/missing-1/missing-2/../../../x", "/x"},
+                                                {"/missing-1/missing-2//.././c/", "/missing-1/c"},
+                                                {"/missing-1/..", "/"}};
+  for (const StandardizingCase& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
 }
 
 TEST(StandardizingPath, KeepsDotDotInARelativePath) {
-  const std::vector<Case> cases = {{"..", ".."}, {"../a", "../a"}, {"a/../b", "a/../b"}, {"a//../b/.", "a/../b"}, {"a/..", "a/.."}};
-  for (const Case& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
+  const std::vector<StandardizingCase> cases = {
+      {"..", ".."}, {"../a", "../a"}, {"a/../b", "a/../b"}, {"a//../b/.", "a/../b"}, {"a/..", "a/.."}};
+  for (const StandardizingCase& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
 }
 
 TEST(StandardizingPath, ResolvesALinkOnlyWhereDotDotFollowsIt) {
@@ -80,10 +82,10 @@ TEST(StandardizingPath, CopesWithALinkToTheRoot) {
 
 TEST(StandardizingPath, ExpandsTheUsersHome) {
   setenv("HOME", "/home/somebody", 1);
-  const std::vector<Case> cases = {
+  const std::vector<StandardizingCase> cases = {
       {"~", "/home/somebody"}, {"~/", "/home/somebody"}, {"~/a", "/home/somebody/a"}, {"~//a/./b/", "/home/somebody/a/b"}, {"/a/~", "/a/~"},
       {"a/~", "a/~"}};
-  for (const Case& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
+  for (const StandardizingCase& c : cases) EXPECT_EQ(stringByStandardizingPath(c.path), c.expected) << c.path;
 }
 
 TEST(StandardizingPath, StandardizesTheHomeItself) {
