@@ -18,9 +18,12 @@ SOURCES = ["fanotify", "inotify"]
 TARGET_STAND = 1.15  # times the one-thread floor
 TARGET_BYTES = 130  # resident per folder
 TARGET_CPU = 1.6  # times the floor's processor time per file
+TARGET_REQUEST = 1.15  # times bare libcurl's time for a request
+TARGET_JSON = 1.5  # times RapidJSON's own document
+JSON_TASKS = ("json: build a batch of 10,000", "json: read an answer of 10,000")
 
-FULL = {"trees": [(1000, 15), (10000, 11), (100000, 7)], "files": 200000, "bursts": 5, "latencies": 200, "latency_rounds": 3}
-QUICK = {"trees": [(1000, 3)], "files": 5000, "bursts": 1, "latencies": 20, "latency_rounds": 1}
+FULL = {"trees": [(1000, 15), (10000, 11), (100000, 7)], "files": 200000, "bursts": 5, "latencies": 200, "latency_rounds": 3, "request_rounds": 15}
+QUICK = {"trees": [(1000, 3)], "files": 5000, "bursts": 1, "latencies": 20, "latency_rounds": 1, "request_rounds": 3}
 BURST_FOLDERS = 1000
 
 
@@ -123,6 +126,12 @@ class Bench:
             rows.append(row)
         return rows
 
+    def requests(self):
+        """Microseconds of one request, by libcurl alone and through RestInterface; nothing where namespaces are refused."""
+        command = [os.path.join(self.programs, "bench_rest"), str(self.plan["request_rounds"])]
+        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        return json.loads(done.stdout) if done.returncode == 0 else None
+
     def micro(self):
         command = [os.path.join(self.programs, "bench_micro"), "--benchmark_format=json"]
         if self.plan is QUICK:
@@ -163,7 +172,7 @@ def verdict(seen, target):
 
 
 def report(bench):
-    stand, burst, latency, micro = bench.stand(), bench.burst(), bench.latency(), bench.micro()
+    stand, burst, latency, requests, micro = bench.stand(), bench.burst(), bench.latency(), bench.requests(), bench.micro()
     largest = max(row["folders"] for row in stand)
     targets = []
     for source in SOURCES:
@@ -175,6 +184,15 @@ def report(bench):
         ratio = row["engine"] / row["floor"]
         targets.append([source, "processor time in a burst", f"{TARGET_CPU} x floor", f"{ratio:.2f} x", verdict(ratio, TARGET_CPU)])
         targets.append([source, "files not told in a burst", "0", str(row["notTold"]), verdict(row["notTold"], 0)])
+    if requests:
+        ratio = requests["interface"] / requests["libcurl"]
+        targets.append(["", "one request to the server", f"{TARGET_REQUEST} x libcurl", f"{ratio:.2f} x", verdict(ratio, TARGET_REQUEST)])
+    times = dict(micro)
+    for task in JSON_TASKS:
+        ratio = times[task] / times[task + ", RapidJSON's document"]
+        targets.append(["", task, f"{TARGET_JSON} x RapidJSON", f"{ratio:.2f} x", verdict(ratio, TARGET_JSON)])
+        ratio = times[task] / times[task + ", nlohmann"]
+        targets.append(["", task, "below nlohmann", f"{ratio:.2f} x", verdict(ratio, 1)])
     plan = bench.plan
     return f"""# Benchmarks
 
@@ -217,6 +235,13 @@ One file is created in a quiet folder. Floor: `epoll_wait` and `read`. Engine: t
 {table(["source", "floor median", "floor 99 %", "engine median", "engine 99 %", "ratio of medians"],
        [[row["source"], *(f"{call(row[who]) * 1e6:.0f}" for who in ("floor", "engine") for call in (statistics.median, lambda values: percentile(values, 0.99))),
          f"{statistics.median(row['engine']) / statistics.median(row['floor']):.2f}"] for row in latency])}
+
+## A request to the server
+
+One LogError after another on the loopback, each with a connection of its own: by libcurl's blocking call, and through `RestInterface`, whose
+transfers run on the network's thread and whose answers arrive on the main queue.
+
+{table(["libcurl µs", "RestInterface µs"], [[f"{requests['libcurl']:.0f}", f"{requests['interface']:.0f}"]]) if requests else "Not measured: no network namespace here."}
 
 ## Small parts
 
