@@ -13,9 +13,10 @@ namespace platform::xpc {
 /// Threads: `begin` and `serve` on the main thread.
 class ServiceProcess {
  public:
-  /// Sets the application identifier, the log's destination and the signals (SIGTERM ends the service in order, SIGPIPE and SIGXFSZ are ignored), takes
-  /// the service's lock file and registers the status section "process" {pid, startedAt, identifier}. Ends the process with EX_TEMPFAIL
-  /// (75) and a log line when another process is this service, and with EX_OSERR (71) when the lock file or socket cannot be had.
+  /// Sets the application identifier, the log's destination and the signals (SIGTERM ends the service in order, SIGPIPE and SIGXFSZ are
+  /// ignored), takes the service's lock file and registers the status section "process" {pid, startedAt, identifier}. Ends the process with
+  /// EX_TEMPFAIL (75) and a log line when another process is this service, and with EX_OSERR (71) when the lock file or socket cannot be
+  /// had.
   static void begin(const std::string& identifier);
 
   /// Serves until the process ends, running the main run loop (and so the main queue): peers reach `function` as a Listener's do. The
