@@ -37,7 +37,7 @@ class Coalescer {
   [[nodiscard]] bool isFull() const { return events_.size() >= kMaximumPaths; }
   /// When the window's first change was added.
   [[nodiscard]] Clock::time_point opened() const { return opened_; }
-  /// Grows with every `take` and `clear`: numbers of an older epoch are void.
+  /// Grows with every `take`: numbers of an older epoch are void.
   [[nodiscard]] std::uint64_t epoch() const { return epoch_; }
   [[nodiscard]] std::vector<PendingEvent> take();
 
