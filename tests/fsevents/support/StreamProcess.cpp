@@ -83,9 +83,10 @@ StreamProcess::StreamProcess(const Options& options) {
 
 StreamProcess::~StreamProcess() {
   if (pid_ <= 0) return;
-  // A polite end first, so that the leak checker of a sanitizer has its say in the log.
-  input_.closeFile();
+  // A polite end first, so that the leak checker of a sanitizer has its say in the log. That checker halts the process by SIGSTOP, which a
+  // SIGCONT would take back for good: it must come before.
   ::kill(pid_, SIGCONT);
+  input_.closeFile();
   int status = 0;
   const bool ended = eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, kAnswerLimit);
   if (!ended) {
