@@ -1,5 +1,6 @@
 #include "platform/fsevents/RootMonitor.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -19,6 +20,11 @@ class RootMonitorTest : public ::testing::Test {
  protected:
   RootMonitorTest() {
     fs::create_directories(path);
+    monitor.arm();
+  }
+  /// Makes the watched folder one that nobody can remove, and has the monitor see that.
+  void fill() {
+    writeFile(path + "/inside", "x");
     monitor.arm();
   }
 
@@ -48,15 +54,57 @@ TEST_F(RootMonitorTest, TellsANewFolderFromTheRemovedOneWhoseInodeNumberItGot) {
 }
 
 TEST_F(RootMonitorTest, IsNotWokenByTheNeighbours) {
+  fill();
   writeFile(folder / "a/b/neighbour", "x");
   fs::create_directory(folder / "a/other");
   fs::rename(folder / "a/other", folder / "a/another");
   fs::remove(folder / "a/b/neighbour");
-  writeFile(path + "/inside", "x");
+  writeFile(path + "/another", "x");
   int queued = -1;
   ASSERT_EQ(::ioctl(monitor.descriptor(), FIONREAD, &queued), 0);
   EXPECT_EQ(queued, 0);
   EXPECT_FALSE(monitor.read());
+}
+
+TEST_F(RootMonitorTest, LetsGoOfItsGuardWhenTheFolderIsEmptyNoLonger) {
+  writeFile(folder / "a/b/neighbour", "x");
+  fs::remove(folder / "a/b/neighbour");
+  EXPECT_FALSE(monitor.read()) << "empty, and to be guarded on";
+  writeFile(path + "/inside", "x");
+  EXPECT_FALSE(monitor.read());
+  writeFile(folder / "a/b/neighbour", "x");
+  fs::remove(folder / "a/b/neighbour");
+  EXPECT_TRUE(monitor.read());
+  monitor.arm();
+  writeFile(folder / "a/b/neighbour", "x");
+  fs::remove(folder / "a/b/neighbour");
+  int queued = -1;
+  ASSERT_EQ(::ioctl(monitor.descriptor(), FIONREAD, &queued), 0);
+  EXPECT_EQ(queued, 0);
+}
+
+TEST_F(RootMonitorTest, NeedsAGuardWhenTheFolderHasBecomeEmptyOrAnother) {
+  EXPECT_FALSE(monitor.needsGuard(0)) << "it has one";
+  fill();
+  EXPECT_FALSE(monitor.needsGuard(0)) << "nobody can remove it";
+  fs::remove(path + "/inside");
+  EXPECT_TRUE(monitor.needsGuard(0));
+  fill();
+  fs::rename(path, folder / "a/b/elsewhere");
+  fs::create_directory(path);
+  writeFile(path + "/inside", "x");
+  EXPECT_TRUE(monitor.needsGuard(0));
+}
+
+TEST_F(RootMonitorTest, NoticesTheRemovalOfWhatSomebodyHoldsOpen) {
+  const platform::FileHandle held(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (const auto* removed : {"a/b/watched", "a/b", "a"}) {
+    fs::remove(folder / removed);
+    EXPECT_TRUE(monitor.read()) << removed;
+    monitor.arm();
+  }
+  fs::create_directory(folder / "a");
+  EXPECT_TRUE(monitor.read());
 }
 
 TEST_F(RootMonitorTest, NoticesTheRemovalAndTheMoveOfEachComponent) {

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+
+#include "platform/foundation/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // Watched paths that are not plain folders: a file, or a symbolic link.
@@ -45,6 +48,21 @@ TEST_P(StreamWatchedFile, IsToldWhenItGoesAndComesBack) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_TRUE(tellsFile([&] { removeItem(in("file")); })) << stream_->describe();
     EXPECT_TRUE(tellsFile([&] { writeFile(in("file"), "again"); })) << stream_->describe();
+    EXPECT_TRUE(tellsFile([&] { appendFile(in("file"), "more"); })) << stream_->describe();
+  }
+}
+
+TEST_P(StreamWatchedFile, IsToldWhenItGoesAndComesBackWhileSomebodyHoldsItOpen) {
+  std::vector<platform::FileHandle> held;
+  for (int i = 0; i < 3; ++i) {
+    held.emplace_back(::open(in("file").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(tellsFile([&] { removeItem(in("file")); })) << stream_->describe();
+    EXPECT_TRUE(tellsFile([&] { writeFile(in("file"), "again"); })) << stream_->describe();
+    held.emplace_back(::open(in("file").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(tellsFile([&] {
+      writeFile(in("file.tmp"), "new");
+      moveItem(in("file.tmp"), in("file"));
+    })) << stream_->describe();
     EXPECT_TRUE(tellsFile([&] { appendFile(in("file"), "more"); })) << stream_->describe();
   }
 }

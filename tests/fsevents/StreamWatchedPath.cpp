@@ -1,3 +1,8 @@
+#include <fcntl.h>
+
+#include <cstdio>
+
+#include "platform/foundation/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // What becomes of a watch when the watched folder itself, or a folder on the way to it, is removed, moved, replaced or made again.
@@ -68,6 +73,42 @@ TEST_P(StreamWatchedPath, RemovedAndMadeAgainIsToldAsRootChanged) {
   makeFolders(watched_);
   expectRootChanged("made again");
   expectWatchedAgain("made again");
+}
+
+// The kernel tells of a folder's own removal only when nobody holds it open any longer.
+TEST_P(StreamWatchedPath, RemovedWhileSomebodyHoldsItOpenIsToldAsRootChanged) {
+  begin(kWatchRoot);
+  const platform::FileHandle held(::open(watched_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_TRUE(held.isOpen());
+  for (const auto& top : {watched_, way_}) {
+    removeTree(top);
+    expectRootChanged("removed " + top);
+    makeFolders(watched_);
+    expectRootChanged("made again " + top);
+    expectWatchedAgain("made again " + top);
+  }
+}
+
+TEST_P(StreamWatchedPath, RemovedAndMadeAgainAtOnceWhileSomebodyHoldsItOpenIsWatched) {
+  begin(kWatchRoot);
+  const int repeats = longOrShort(30, 10);
+  std::vector<platform::FileHandle> held;
+  for (int i = 0; i < repeats; ++i) {
+    held.emplace_back(::open(watched_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    removeTree(i % 2 == 0 ? watched_ : way_);
+    makeFolders(watched_ + "/sub");
+    expectWatchedAgain("turn " + std::to_string(i));
+  }
+}
+
+TEST_P(StreamWatchedPath, ThatIsEmptyIsWatchedAgainWhenReplacedWhileSomebodyHoldsItOpen) {
+  removeTree(watched_ + "/sub");
+  begin(kWatchRoot);
+  const platform::FileHandle held(::open(watched_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  makeFolder(base_ / "other");
+  ASSERT_EQ(::rename((base_ / "other").c_str(), watched_.c_str()), 0);
+  expectRootChanged("replaced");
+  expectWatchedAgain("replaced");
 }
 
 TEST_P(StreamWatchedPath, MovedWithAnAncestorIsToldAsRootChanged) {

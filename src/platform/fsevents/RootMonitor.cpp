@@ -1,5 +1,6 @@
 #include "platform/fsevents/RootMonitor.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/inotify.h>
@@ -18,6 +19,9 @@ namespace {
 
 constexpr std::uint32_t kSelfMask = IN_MOVE_SELF | IN_DELETE_SELF;
 constexpr std::uint32_t kAwaitMask = IN_CREATE | IN_MOVED_TO | IN_ATTRIB | kSelfMask;
+/// A file that somebody holds open loses a link long before it is deleted (inotify(7)).
+constexpr std::uint32_t kFileMask = IN_ATTRIB | kSelfMask;
+constexpr std::uint32_t kGuardMask = IN_DELETE | IN_MOVED_TO;
 /// As the kernel counts links before it gives up (path_resolution(7)).
 constexpr int kMaximumLinks = 40;
 constexpr int kAttempts = 5;
@@ -57,22 +61,41 @@ std::string readLink(const std::string& path) {
   return count > 0 ? std::string(target.data(), static_cast<std::size_t>(count)) : std::string();
 }
 
+/// Whether the folder at the path can be removed by rmdir(2) as it stands; true when nobody can tell. False of what is no folder.
+bool mayBeEmpty(const std::string& path) {
+  const FileHandle folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+  if (!folder.isOpen()) return errno == EACCES || errno == EPERM;
+  alignas(dirent64) std::array<char, 1024> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
+  ssize_t count = 0;
+  while ((count = ::getdents64(folder.fileDescriptor(), buffer.data(), buffer.size())) > 0) {
+    for (ssize_t at = 0; at < count;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
+      const std::string_view name(entry->d_name);
+      if (name != "." && name != "..") return false;
+      at += entry->d_reclen;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 RootMonitor::RootMonitor(std::vector<std::string> paths) : paths_(std::move(paths)) {}
 
 const std::vector<RootIdentity>& RootMonitor::arm() {
   // Watch, then look: a path that changes in between is looked at again.
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+  isSettled_ = false;
+  for (int attempt = 0; attempt < kAttempts && !isSettled_; ++attempt) {
+    isSettled_ = true;
     FileHandle former = std::exchange(queue_, FileHandle(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)));
     awaited_.clear();
+    guarded_.clear();
     watched_.clear();
     polled_.clear();
     identities_.assign(paths_.size(), {});
     for (std::size_t i = 0; i < paths_.size(); ++i) armPath(i, identities_[i]);
-    const bool stable = std::equal(paths_.begin(), paths_.end(), identities_.begin(),
-                                   [](const std::string& path, const RootIdentity& seen) { return identityOf(path) == seen; });
-    if (stable) break;
+    isSettled_ = isSettled_ && std::equal(paths_.begin(), paths_.end(), identities_.begin(),
+                                          [](const std::string& path, const RootIdentity& seen) { return identityOf(path) == seen; });
   }
   std::sort(polled_.begin(), polled_.end());
   polled_.erase(std::unique(polled_.begin(), polled_.end()), polled_.end());
@@ -97,7 +120,7 @@ void RootMonitor::armPath(std::size_t number, RootIdentity& identity) {
       awaitName(number, at, name);
       return;
     }
-    watchComponent(number, next);
+    watchComponent(number, next, S_ISREG(info.st_mode) ? kFileMask : kSelfMask);
     if (!S_ISLNK(info.st_mode)) {
       at = next;
       continue;
@@ -107,30 +130,56 @@ void RootMonitor::armPath(std::size_t number, RootIdentity& identity) {
     if (target.front() == '/') at = "/";
     pushComponents(target, left);
   }
+  if (mayBeEmpty(at)) guard(number, at);
   identity = identityOf(at);
 }
 
-void RootMonitor::watchComponent(std::size_t number, const std::string& path) {
-  const int watch = ::inotify_add_watch(queue_.fileDescriptor(), path.c_str(), kSelfMask | IN_DONT_FOLLOW | IN_MASK_ADD);
+void RootMonitor::watchComponent(std::size_t number, const std::string& path, std::uint32_t mask) {
+  const int watch = ::inotify_add_watch(queue_.fileDescriptor(), path.c_str(), mask | IN_DONT_FOLLOW | IN_MASK_ADD);
   if (watch < 0) {
-    polled_.push_back(path);
+    notWatched(path, errno);
   } else {
     watched_.emplace(watch, number);
   }
 }
 
+void RootMonitor::notWatched(const std::string& path, int error) {
+  // What has gone since it was seen is no obstacle: the next look finds what stands there instead.
+  isSettled_ = isSettled_ && error != ENOENT && error != ENOTDIR;
+  polled_.push_back(path);
+}
+
 void RootMonitor::awaitName(std::size_t number, const std::string& folder, const std::string& name) {
   const int watch = ::inotify_add_watch(queue_.fileDescriptor(), folder.c_str(), kAwaitMask | IN_MASK_ADD);
   if (watch < 0) {
-    polled_.push_back(folder);
+    notWatched(folder, errno);
     return;
   }
   watched_.emplace(watch, number);
-  awaited_.emplace(watch, std::pair(number, name));
+  awaited_.emplace(watch, name);
+  guard(number, folder);
+}
+
+void RootMonitor::guard(std::size_t number, const std::string& folder) {
+  if (folder == "/") return;
+  const std::size_t end = folder.rfind('/');
+  const std::string above = folder.substr(0, std::max<std::size_t>(end, 1));
+  const int watch = ::inotify_add_watch(queue_.fileDescriptor(), above.c_str(), kGuardMask | IN_MASK_ADD);
+  if (watch < 0) {
+    notWatched(above, errno);
+    return;
+  }
+  awaited_.emplace(watch, folder.substr(end + 1));
+  guarded_.emplace(number, folder);
+}
+
+bool RootMonitor::needsGuard(std::size_t path) const {
+  return !guarded_.contains(path) && (mayBeEmpty(paths_[path]) || identityOf(paths_[path]) != identities_[path]);
 }
 
 bool RootMonitor::read() {
   bool changed = false;
+  bool strayed = false;
   sawMove_ = false;
   touched_.clear();
   alignas(inotify_event) std::array<char, 16384> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
@@ -142,16 +191,22 @@ bool RootMonitor::read() {
         // About a component itself, or about lost events.
         changed = true;
         sawMove_ |= (event->mask & IN_MOVE_SELF) != 0;
+        if (event->mask == IN_ATTRIB) continue;
         const auto [first, last] = watched_.equal_range(event->wd);
         for (auto entry = first; entry != last; ++entry) touched_.insert(entry->second);
         continue;
       }
       const std::string_view name(event->name, ::strnlen(event->name, event->len));
       const auto [first, last] = awaited_.equal_range(event->wd);
-      changed |= std::any_of(first, last, [&](const auto& entry) { return entry.second.second == name; });
+      const bool awaited = std::any_of(first, last, [&](const auto& entry) { return entry.second == name; });
+      changed |= awaited;
+      strayed |= !awaited && (event->mask & kGuardMask) != 0;
     }
   }
-  return changed;
+  // A guard that is needed no longer would be woken by the neighbours for nothing.
+  return changed || (strayed && std::any_of(guarded_.begin(), guarded_.end(), [this](const auto& entry) {
+                       return identities_[entry.first].exists && !mayBeEmpty(entry.second);
+                     }));
 }
 
 }  // namespace platform::fsevents

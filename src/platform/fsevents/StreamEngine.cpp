@@ -22,6 +22,8 @@ namespace {
 constexpr std::chrono::milliseconds kStormPause(20);
 /// How often is looked at what the kernel cannot tell of: components that cannot be watched, a queue that was refused.
 constexpr std::chrono::milliseconds kPollInterval(1000);
+/// The first pause before a watched path that changed while it was looked at is looked at again.
+constexpr std::chrono::milliseconds kShortestSettling(2);
 /// How often a rescan is asked for while the kernel refuses to watch at all.
 constexpr std::chrono::seconds kRefusedInterval(30);
 /// How long everything must have been quiet before kernel queues are renewed, and how much longer per folder.
@@ -148,9 +150,8 @@ bool StreamEngine::attachAll() {
     } else if (trees_[i]->isAttached() && configuration_.sinceWhen != kFSEventStreamEventIdSinceNow) {
       trees_[i]->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | trees_[i]->rootKind());
     }
-    if (!trees_[i]->isAttached() && identities_[i].exists) checkRootsAt_ = Clock::now() + kPollInterval;
   }
-  if (!monitor_->polled().empty()) checkRootsAt_ = Clock::now() + kPollInterval;
+  planCheck();
   historyPending_ = configuration_.sinceWhen != kFSEventStreamEventIdSinceNow;
   return true;
 }
@@ -164,10 +165,13 @@ void StreamEngine::turn() {
   if (monitor_->read() || (checkRootsAt_ && *checkRootsAt_ <= Clock::now())) checkRoots();
   const bool paused = pauseUntil_ && *pauseUntil_ > Clock::now() && flush == flushDone_;
   if (!paused) drainAndProcess();
+  guardRoots();
   if (flush != flushDone_) {
     for (const auto& tree : trees_) tree->processAll();
+    guardRoots();
     if (hasSomething() && receiver_.isFree()) offer();
-    if (!hasSomething()) {
+    const bool settled = monitor_->isSettled() || settleBackoff_ >= kPollInterval;
+    if (settled && !hasSomething()) {
       const std::lock_guard lock(mutex_);
       flushDone_ = flush;
       changed_.notify_all();
@@ -228,11 +232,26 @@ void StreamEngine::checkRoots() {
       tree.reportRoot(flags);
     }
   }
-  if (!monitor_->polled().empty()) checkRootsAt_ = Clock::now() + kPollInterval;
-  for (std::size_t i = 0; i < trees_.size(); ++i) {
-    if (!trees_[i]->isAttached() && identities_[i].exists) checkRootsAt_ = Clock::now() + kPollInterval;
-  }
+  planCheck();
   status_.setPolled(monitor_->polled());
+}
+
+void StreamEngine::guardRoots() {
+  bool needed = false;
+  for (std::size_t i = 0; i < trees_.size(); ++i) needed |= trees_[i]->takeRootLostItem() && monitor_->needsGuard(i);
+  if (needed) checkRoots();
+}
+
+void StreamEngine::planCheck() {
+  bool later = !monitor_->polled().empty();
+  for (std::size_t i = 0; i < trees_.size(); ++i) later |= !trees_[i]->isAttached() && identities_[i].exists;
+  // A path that keeps changing is looked at again at once, and less and less often where it never comes to rest.
+  settleBackoff_ = monitor_->isSettled() ? std::chrono::milliseconds(0) : std::clamp(settleBackoff_ * 2, kShortestSettling, kPollInterval);
+  if (settleBackoff_.count() > 0) {
+    checkRootsAt_ = Clock::now() + settleBackoff_;
+  } else if (later) {
+    checkRootsAt_ = Clock::now() + kPollInterval;
+  }
 }
 
 void StreamEngine::attachTree(std::size_t index, FSEventStreamEventFlags report, FSEventStreamEventFlags rootFlags) {

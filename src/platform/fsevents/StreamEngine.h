@@ -71,7 +71,8 @@ class StreamEngine {
   void sleep();
   void drainAndProcess();
   void checkRoots();
-  void rootChanged(std::size_t index, const RootIdentity& now);
+  void guardRoots();
+  void planCheck();
   void attachTree(std::size_t index, FSEventStreamEventFlags report, FSEventStreamEventFlags rootFlags);
   void refused(std::size_t index, int error);
   [[nodiscard]] const char* lastSource() const;
@@ -106,6 +107,7 @@ class StreamEngine {
   std::optional<Clock::time_point> again_;
   std::optional<Clock::time_point> pauseUntil_;
   std::optional<Clock::time_point> checkRootsAt_;
+  std::chrono::milliseconds settleBackoff_{0};
   std::optional<Clock::time_point> tidyAt_;
   std::chrono::milliseconds tidyBackoff_{0};
   Clock::time_point lastOffer_{};

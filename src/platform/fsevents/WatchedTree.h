@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/FileHandle.h"
@@ -68,6 +69,9 @@ class WatchedTree {
   /// Rebuilds what only a new kernel queue can free, if there is anything. Call when the tree has been quiet for a while.
   void tidy();
   [[nodiscard]] bool needsTidying() const;
+
+  /// Whether the watched folder may have become empty since the last call.
+  bool takeRootLostItem() { return std::exchange(rootLostItem_, false); }
 
   /// Reports the watched path itself.
   void reportRoot(FSEventStreamEventFlags flags);
@@ -202,6 +206,7 @@ class WatchedTree {
   bool overflowed_ = false;
   bool backlogDropped_ = false;
   bool doubted_ = false;
+  bool rootLostItem_ = false;
   /// Whether the last look found nothing in the kernel queues.
   bool queuesWereEmpty_ = true;
   bool limitSaid_ = false;

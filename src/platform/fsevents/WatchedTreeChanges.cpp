@@ -48,6 +48,7 @@ void WatchedTree::apply(const RawChange& change) {
     name = {};
   }
   if (folder == kNoNode) return;
+  if (folder == DirectoryTree::kRoot && (change.bits & RawChange::kRemoved) != 0) rootLostItem_ = true;
   silent = silent || (options_.ignoreSelf && isOwnPreferences(folder, name));
 
   FSEventStreamEventFlags flags = 0;
@@ -94,6 +95,7 @@ bool WatchedTree::isOwnPreferences(NodeId folder, std::string_view name) const {
 void WatchedTree::applyRename(const RawChange& change, bool silent) {
   const NodeId from = tree_.findByKey(change.folder);
   const NodeId to = tree_.findByKey(change.newFolder);
+  if (from == DirectoryTree::kRoot) rootLostItem_ = true;
   const FSEventStreamEventFlags flags =
       kFSEventStreamEventFlagItemRenamed | (change.isDirectory ? kFSEventStreamEventFlagItemIsDir : FSEventStreamEventFlags{0});
   const auto reportSide = [&](NodeId folder, std::string_view name) {

@@ -266,6 +266,7 @@ void WatchedTree::repair(FSEventStreamEventFlags dropped) {
                   options_.reportedPath);
   reportRoot(kFSEventStreamEventFlagMustScanSubDirs | dropped | rootKind());
   if (!rootIsFolder_) return;
+  rootLostItem_ = true;
   FileHandle opened = openFolder(DirectoryTree::kRoot);
   if (!opened.isOpen()) return;  // the root is gone, which is another's to notice
   // So that no folder seems to have been seen by a crawl whose number has come round again.
