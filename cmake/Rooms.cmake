@@ -1,8 +1,8 @@
 # A room is one folder, one library target and the list of rooms that it may use.
 # What a room does not name it cannot include from without failing to link.
 
-# Compiling files of a room together takes half the time and is what the sanitizers' builds do. The other builds compile each alone, which
-# proves that it includes what it uses.
+# Compiling files of a room together takes half the time and is what the tests' builds do. The lint compiles each alone, which proves that
+# it includes what it uses.
 option(KESTRINE_TOGETHER "Compile the files of a room in groups" OFF)
 function(kestrine_together name)
   set_target_properties(${name} PROPERTIES UNITY_BUILD ${KESTRINE_TOGETHER} UNITY_BUILD_BATCH_SIZE 8)
