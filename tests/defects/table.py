@@ -218,11 +218,49 @@ DEFECTS = [
     Defect(
         "listed-before-marked",
         "src/platform/fsevents/WatchedTreeCrawl.cpp",
-        "  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n    markRefused(parent, name, error);\n",
-        "  list(place(parent, name), FileHandle(::fcntl(folder.fileDescriptor(), F_DUPFD_CLOEXEC, 3)), report, stack);\n"
-        "  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n    markRefused(parent, name, error);\n",
+        "  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n"
+        "    markRefused(parent, name, error);\n"
+        "    return;\n"
+        "  }\n"
+        "  const NodeId node = settle(parent, name, key.view());\n"
+        "  if (node == kNoNode) return;\n"
+        "  const std::uint8_t flags = tree_.flags(node);\n"
+        "  if ((flags & kSourceMask) == 0) ++marked_;\n"
+        "  if ((flags & kUnreadable) != 0) status_.removeUnreadable(options_.reportedPath + relativePath(node));\n"
+        "  tree_.setFlags(node, used);\n"
+        "  tree_.setGeneration(node, generation_);\n"
+        "  list(node, std::move(folder), report, stack);\n",
+        "  const FileHandle marked(::fcntl(folder.fileDescriptor(), F_DUPFD_CLOEXEC, 3));\n"
+        "  list(place(parent, name), std::move(folder), report, stack);\n"
+        "  if (const int error = markFolder(marked.fileDescriptor(), true, key, used); error != 0) {\n"
+        "    markRefused(parent, name, error);\n"
+        "    return;\n"
+        "  }\n"
+        "  const NodeId node = settle(parent, name, key.view());\n"
+        "  if (node == kNoNode) return;\n"
+        "  const std::uint8_t flags = tree_.flags(node);\n"
+        "  if ((flags & kSourceMask) == 0) ++marked_;\n"
+        "  if ((flags & kUnreadable) != 0) status_.removeUnreadable(options_.reportedPath + relativePath(node));\n"
+        "  tree_.setFlags(node, used);\n"
+        "  tree_.setGeneration(node, generation_);\n",
         "fsevents_tests",
-        "StreamModel.OfManyChangesIsToldExactly/*",
+        "StreamNewFolders.ThatAreFilledWhileTheyAreListedMissNothing/*",
+    ),
+    Defect(
+        "empty-folder-unguarded",
+        "src/platform/fsevents/RootMonitor.cpp",
+        "  if (mayBeEmpty(at)) guard(number, at);\n",
+        "",
+        "fsevents_tests",
+        "StreamWatchedPath.*HoldsItOpen*",
+    ),
+    Defect(
+        "emptied-folder-unguarded",
+        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "  if (folder == DirectoryTree::kRoot && (change.bits & RawChange::kRemoved) != 0) rootLostItem_ = true;\n",
+        "",
+        "fsevents_tests",
+        "StreamWatchedPath.*HoldsItOpen*",
     ),
     Defect(
         "overflow-ignored",

@@ -1,6 +1,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <set>
+
+#include "platform/foundation/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // Folders made while the stream watches, and what is put into them at once: before the stream can know of the folder.
@@ -47,6 +51,34 @@ TEST_P(StreamNewFolders, MadeOneByOneAreEachReady) {
     ASSERT_EQ(stream->flagsOf(top + "/a/b/file") & (kModified | kRemoved), kModified | kRemoved) << i << "\n" << stream->describe();
     stream->clear();
   }
+}
+
+// Files keep coming while the stream looks at a folder that takes long to list: whatever the listing passed by must be told by the mark.
+TEST_P(StreamNewFolders, ThatAreFilledWhileTheyAreListedMissNothing) {
+  const int before = longOrShort(8000, 2000);
+  constexpr int kMost = 4000;
+  makeFolders(outside("new/large"));
+  for (int i = 0; i < before; ++i) writeFile(outside("new/large/early") + std::to_string(i), "");
+  const auto stream = watchRoot();
+  const platform::FileHandle folder(::open(outside("new/large").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  std::atomic<bool> enough = false;
+  int made = 0;
+  std::thread writer([&] {
+    for (; made < kMost && !enough; ++made) {
+      const auto name = "late" + std::to_string(made);
+      const platform::FileHandle file(::openat(folder.fileDescriptor(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+      ASSERT_TRUE(file.isOpen()) << name;
+    }
+  });
+  moveItem(outside("new"), in("new"));
+  EXPECT_TRUE(stream->waitFor(in("new/large/early0"), 0));
+  enough = true;
+  writer.join();
+  stream->flush();
+  const auto told = stream->events();
+  std::set<std::string> paths;
+  for (const auto& event : told) paths.insert(event.path);
+  for (int i = 0; i < made; ++i) EXPECT_TRUE(paths.contains(in("new/large/late" + std::to_string(i)))) << i << " of " << made;
 }
 
 TEST_P(StreamNewFolders, MadeBySeveralThreadsAtOnceMissNothing) {
