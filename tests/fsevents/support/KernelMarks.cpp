@@ -46,13 +46,15 @@ std::map<std::uint64_t, std::string> foldersOf(const std::vector<std::string>& r
   return folders;
 }
 
-// The folders that a change of `roots` themselves may be seen in: every ancestor, of the path as it is spelled and of what it resolves to.
-std::map<std::uint64_t, std::string> waysTo(const std::vector<std::string>& roots) {
-  std::map<std::uint64_t, std::string> ways;
+// The folders that a change of `roots` themselves may be seen in: every ancestor, of the path as it is spelled and of what it resolves to,
+// by inode and by device. Folders of several file systems may have one inode number in common, and a mark does not tell them apart.
+std::map<std::uint64_t, std::map<dev_t, std::string>> waysTo(const std::vector<std::string>& roots) {
+  std::map<std::uint64_t, std::map<dev_t, std::string>> ways;
   for (const auto& root : roots) {
     for (const auto& start : {fs::absolute(root), fs::weakly_canonical(root)}) {
       for (fs::path path = start;; path = path.parent_path()) {
-        ways.emplace(inodeOf(path), path.string());
+        struct stat facts {};
+        if (::stat(path.c_str(), &facts) == 0) ways[facts.st_ino].emplace(facts.st_dev, path.string());
         if (path == path.parent_path()) break;
       }
     }
@@ -82,10 +84,10 @@ std::string differenceOfMarks(const std::vector<std::uint64_t>& marks, const std
   }
   for (const auto& [inode, count] : counts) {
     const bool content = folders.contains(inode);
-    const bool way = ways.contains(inode);
-    const int allowed = (content ? 1 : 0) + (way ? 1 : 0);
+    const auto way = ways.find(inode);
+    const int allowed = (content ? 1 : 0) + (way == ways.end() ? 0 : static_cast<int>(way->second.size()));
     if (count <= allowed) continue;
-    const auto name = content ? folders.at(inode) : way ? ways.at(inode) : "inode " + std::to_string(inode);
+    const auto name = content ? folders.at(inode) : way != ways.end() ? way->second.begin()->second : "inode " + std::to_string(inode);
     difference += std::to_string(count) + " marks instead of at most " + std::to_string(allowed) + ": " + name + "\n";
   }
   return difference;
