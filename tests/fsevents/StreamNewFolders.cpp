@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <random>
 #include <set>
 
 #include "platform/foundation/FileHandle.h"
@@ -79,6 +80,36 @@ TEST_P(StreamNewFolders, ThatAreFilledWhileTheyAreListedMissNothing) {
   std::set<std::string> paths;
   for (const auto& event : told) paths.insert(event.path);
   for (int i = 0; i < made; ++i) EXPECT_TRUE(paths.contains(in("new/large/late" + std::to_string(i)))) << i << " of " << made;
+}
+
+// The stream may find a folder in the last of its places before it reads how it came there, and the place itself may move just then: at any
+// moment of the pause after which the stream reads in a storm.
+TEST_P(StreamNewFolders, ThatMoveIntoOneAnotherAtOnceAreWatched) {
+  const int repeats = longOrShort(200, 40);
+  const auto stream = watchRoot();
+  std::mt19937 random(std::random_device{}());
+  for (int i = 0; i < repeats; ++i) {
+    const auto top = in(std::to_string(i % 8));
+    makeFolders(top + "/first/moved/inner");
+    if (i % 2 == 0) stream->flush();
+    makeFolders(top + "/second/taking");
+    moveItem(top + "/first/moved", top + "/once");
+    moveItem(top + "/once", top + "/second/taking/twice");
+    makeFolder(top + "/third");
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 25000));
+    moveItem(top + "/second/taking", top + "/third/taken");
+    stream->flush();
+    stream->clear();
+    const auto folders = {top + "/third/taken", top + "/third/taken/twice", top + "/third/taken/twice/inner"};
+    for (const auto& folder : folders) writeFile(folder + "/file", "text");
+    stream->flush();
+    for (const auto& folder : folders) {
+      ASSERT_NE(stream->flagsOf(folder + "/file") & kCreated, 0U) << i << " " << folder << "\n" << stream->describe();
+    }
+    removeTree(top);
+    stream->flush();
+    stream->clear();
+  }
 }
 
 TEST_P(StreamNewFolders, MadeBySeveralThreadsAtOnceMissNothing) {

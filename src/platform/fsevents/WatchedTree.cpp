@@ -83,6 +83,7 @@ void WatchedTree::countMarks() {
 
 bool WatchedTree::drain() {
   bool any = false;
+  drainedAt_ = Clock::now();
   const auto drainOne = [&](ChangeSource& source) {
     any |= source.drain();
     if (source.isBacklogFull()) {
@@ -123,7 +124,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
     for (const Displaced& item : displaced_) sooner(item.until);
     sooner(retryAt_);
   }
-  if (!arrivals_.empty()) sooner(Clock::now() + kSoon);
+  if (!arrivals_.empty() || !sightings_.empty()) sooner(Clock::now() + kSoon);
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   if (doubted_) repair(0);

@@ -115,6 +115,8 @@ class WatchedTree {
     std::string target;
     std::string folder;
     std::string name;
+    /// When the kernel has told all that the disk showed at the time of the sighting.
+    Clock::time_point until;
   };
   /// A folder that could not be opened: for want of descriptors, or because a folder above it had moved on before the queue told so.
   struct Retry {
@@ -163,6 +165,8 @@ class WatchedTree {
   void checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report);
   void sight(std::string_view target, NodeId folder, std::string_view name);
   void checkSightings();
+  /// Leaves in the list what could not be settled yet.
+  void settleSightings(std::vector<Sighting>& sightings);
   bool placeAt(const Sighting& sighting, NodeId node);
   void expectArrival(std::string_view key, NodeId folder, std::string_view name);
   bool arrive(NodeId node);
@@ -209,6 +213,8 @@ class WatchedTree {
   bool rootLostItem_ = false;
   /// Whether the last look found nothing in the kernel queues.
   bool queuesWereEmpty_ = true;
+  /// When the last look at the kernel queues began.
+  Clock::time_point drainedAt_{};
   bool limitSaid_ = false;
   std::vector<Displaced> displaced_;
   std::vector<Sighting> sightings_;

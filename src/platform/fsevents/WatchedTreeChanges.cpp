@@ -175,7 +175,12 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
   if (exact) {
     // The queue is not the last word on where the folder is: unread renames of one folder merge, and a listing may have been ahead of the
     // queue.
-    if (node != kNoNode && node != DirectoryTree::kRoot) sight(target, tree_.parent(node), tree_.name(node));
+    if (node != kNoNode && node != DirectoryTree::kRoot) {
+      sight(target, tree_.parent(node), tree_.name(node));
+      // A listing was ahead: what the queue tells until it has come that far leads back to where the listing found the folder.
+      const bool isAhead = !tree_.isDetached(node) && (tree_.parent(node) != from || tree_.name(node) != oldName);
+      if (isAhead && !arrivals_.contains(target)) expectArrival(target, tree_.parent(node), std::string(tree_.name(node)));
+    }
     sight(target, from, oldName);
     sight(target, to, newName);
   }

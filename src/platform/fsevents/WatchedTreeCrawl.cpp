@@ -291,7 +291,9 @@ void WatchedTree::repair(FSEventStreamEventFlags dropped) {
 bool WatchedTree::needsTidying() const { return isAttached() && !retiring_ && sources_.front()->orphans() > 0; }
 
 void WatchedTree::tidy() {
-  if (needsTidying()) renewQueue();
+  // A folder that has no place at the moment would be passed over.
+  const bool isAtRest = displaced_.empty() && arrivals_.empty() && sightings_.empty() && unopened_.empty() && !hasUnapplied();
+  if (isAtRest && needsTidying()) renewQueue();
 }
 
 void WatchedTree::renewQueue() {

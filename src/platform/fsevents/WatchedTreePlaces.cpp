@@ -6,8 +6,8 @@
 namespace platform::fsevents {
 namespace {
 
-/// How long a folder whose place another has taken may wait for the change that tells where it went.
-constexpr std::chrono::milliseconds kDisplacedPatience(10);
+/// How long the kernel may take to tell what the disk shows already.
+constexpr std::chrono::milliseconds kPatience(10);
 
 }  // namespace
 
@@ -15,7 +15,7 @@ constexpr std::chrono::milliseconds kDisplacedPatience(10);
 
 void WatchedTree::sight(std::string_view target, NodeId folder, std::string_view name) {
   if (folder == kNoNode || isExcluded(folder, name)) return;
-  sightings_.push_back({std::string(target), std::string(tree_.key(folder)), std::string(name)});
+  sightings_.push_back({std::string(target), std::string(tree_.key(folder)), std::string(name), Clock::now() + kPatience});
 }
 
 void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report) {
@@ -34,18 +34,33 @@ void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view 
 }
 
 void WatchedTree::checkSightings() {
-  std::vector<Sighting> sightings = std::exchange(sightings_, {});
-  std::stable_sort(sightings.begin(), sightings.end(), [](const Sighting& a, const Sighting& b) { return a.target < b.target; });
+  std::vector<Sighting> unsettled = std::exchange(sightings_, {});
+  std::stable_sort(unsettled.begin(), unsettled.end(), [](const Sighting& a, const Sighting& b) { return a.target < b.target; });
+  // One folder's place may depend on another's.
+  for (std::size_t before = 0; !unsettled.empty() && before != unsettled.size();) {
+    before = unsettled.size();
+    settleSightings(unsettled);
+  }
+  // A folder on the way may have moved, which is still to be read: it is looked at again after everything has been read that the kernel had
+  // to tell by then.
+  std::erase_if(unsettled, [this](const Sighting& sighting) { return sighting.until <= drainedAt_; });
+  sightings_.insert(sightings_.end(), std::make_move_iterator(unsettled.begin()), std::make_move_iterator(unsettled.end()));
+}
+
+void WatchedTree::settleSightings(std::vector<Sighting>& sightings) {
+  std::vector<Sighting> unsettled;
   for (std::size_t i = 0; i < sightings.size();) {
     std::size_t end = i + 1;
     while (end < sightings.size() && sightings[end].target == sightings[i].target) ++end;
     const NodeId node = tree_.findByKey(sightings[i].target);
-    if (node == kNoNode || !isStillAt(node, sightings[i].target)) {
-      for (std::size_t k = end; k-- > i && !placeAt(sightings[k], node);) {
-      }
-    }
+    bool settled = node != kNoNode && isStillAt(node, sightings[i].target);
+    for (std::size_t k = end; k-- > i && !settled;) settled = placeAt(sightings[k], node);
+    if (!settled)
+      unsettled.insert(unsettled.end(), sightings.begin() + static_cast<std::ptrdiff_t>(i),
+                       sightings.begin() + static_cast<std::ptrdiff_t>(end));
     i = end;
   }
+  sightings.swap(unsettled);
 }
 
 bool WatchedTree::placeAt(const Sighting& sighting, NodeId node) {
@@ -65,7 +80,7 @@ bool WatchedTree::placeAt(const Sighting& sighting, NodeId node) {
 }
 
 void WatchedTree::expectArrival(std::string_view key, NodeId folder, std::string_view name) {
-  arrivals_.insert_or_assign(std::string(key), Sighting{std::string(key), std::string(tree_.key(folder)), std::string(name)});
+  arrivals_.insert_or_assign(std::string(key), Sighting{std::string(key), std::string(tree_.key(folder)), std::string(name), {}});
 }
 
 bool WatchedTree::arrive(NodeId node) {
@@ -76,7 +91,7 @@ bool WatchedTree::arrive(NodeId node) {
   const NodeId folder = tree_.findByKey(place.folder);
   if (folder == kNoNode || tree_.isBelowOrSame(folder, node)) return false;
   // It may have been outside in between, where its changes could not be followed: it is taken up like any other that moves in.
-  forget(node, Why::Removed);
+  forget(node, Why::Left);
   takeUp(folder, place.name, kFSEventStreamEventFlagItemRenamed);
   return true;
 }
@@ -97,7 +112,7 @@ void WatchedTree::resolveArrivals() {
         doubt();
         continue;
       }
-      forget(node, Why::Removed);
+      forget(node, Why::Left);
     }
     takeUp(folder, place.name, kFSEventStreamEventFlagItemRenamed);
   }
@@ -118,7 +133,7 @@ void WatchedTree::displace(NodeId node) {
   pathsChanged();
   if (status_.hasUnreadable()) status_.removeUnreadable(options_.reportedPath + relativePath(node));
   tree_.detach(node);
-  displaced_.push_back({node, std::string(tree_.key(node)), Clock::now() + kDisplacedPatience});
+  displaced_.push_back({node, std::string(tree_.key(node)), Clock::now() + kPatience});
 }
 
 void WatchedTree::expireDisplaced() {

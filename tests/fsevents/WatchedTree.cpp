@@ -1,0 +1,93 @@
+#include "platform/fsevents/WatchedTree.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "tests/fsevents/support/KernelMarks.h"
+#include "tests/fsevents/support/StreamTest.h"
+
+// The tree by itself, so that a change can be made between its reading the queue and its applying what it read.
+
+namespace kestrine::test {
+namespace {
+
+using platform::fsevents::Coalescer;
+using platform::fsevents::StreamStatus;
+using platform::fsevents::TreeOptions;
+
+std::uint64_t inodeOf(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
+class WatchedTree : public StreamTest {
+ protected:
+  [[nodiscard]] TreeOptions options() const {
+    TreeOptions made;
+    made.reportedPath = made.openPath = root_;
+    made.fileEvents = true;
+    made.source = GetParam();
+    return made;
+  }
+  // Applies what there is until nothing has come for a while.
+  void rest(platform::fsevents::WatchedTree& tree) {
+    for (int i = 0; i < 10; ++i) {
+      tree.processAll();
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+  std::vector<std::string> told() {
+    std::vector<std::string> paths;
+    for (auto& event : coalescer_.take()) paths.push_back(std::move(event.path));
+    return paths;
+  }
+  Coalescer coalescer_;
+  StreamStatus status_;
+};
+KESTRINE_PER_SOURCE(WatchedTree);
+
+// A listing finds the folder in the last of its places; then the queue tells how it came there, while the place itself moves on.
+TEST_P(WatchedTree, KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves) {
+  const int large = longOrShort(5000, 1500);
+  for (int round = 0; round < 3; ++round) {
+    const auto top = in(std::to_string(round));
+    makeFolders(top + "/other");
+    platform::fsevents::WatchedTree tree(0, options(), coalescer_, status_);
+    int error = 0;
+    ASSERT_EQ(tree.attach(0, error), platform::fsevents::WatchedTree::Attached::Standing);
+    makeFolders(top + "/new");
+    makeFolders(top + "/place/within");
+    // What keeps the walk busy while the place moves.
+    for (int folder = 0; folder < 4; ++folder) {
+      const auto name = top + "/place/" + std::to_string(round * 4 + folder);
+      makeFolder(name);
+      for (int i = 0; i < large; ++i) writeFile(name + "/" + std::to_string(i), "");
+    }
+    moveItem(top + "/new", top + "/once");
+    moveItem(top + "/once", top + "/place/within/twice");
+    const auto inode = inodeOf(top + "/place/within/twice");
+    std::thread mover([&] {
+      const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+      for (bool marked = false; !marked && std::chrono::steady_clock::now() < end;) {
+        const auto marks = kernelMarks();
+        marked = std::find(marks.begin(), marks.end(), inode) != marks.end();
+      }
+      moveItem(top + "/place/within", top + "/other/taken");
+    });
+    tree.drain();
+    static_cast<void>(tree.process());
+    mover.join();
+    rest(tree);
+    told();
+    writeFile(top + "/other/taken/twice/file", "text");
+    rest(tree);
+    EXPECT_THAT(told(), ::testing::Contains(top + "/other/taken/twice/file")) << "round " << round;
+  }
+}
+
+}  // namespace
+}  // namespace kestrine::test
