@@ -36,7 +36,8 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   using ErrorHandler = std::function<void(const platform::xpc::ConnectionError& object, const std::string& description,
                                           const std::shared_ptr<XPCConnection>& connection)>;
 
-  /// A connection to the named service, which is started with the first message where it does not run. Resumed.
+  /// A connection to the named service, which is started with the first message where it does not run. Resumed; so an error that is there
+  /// at once, such as of an unknown name, may come before a handler is set, and is dropped then.
   static std::shared_ptr<XPCConnection> initWithServiceName(const std::string& serviceName);
   /// Takes over a connection that is suspended and has no handler yet, such as a listener's new peer. Resumes it, on the queue. Null gives
   /// null.

@@ -156,6 +156,8 @@ void Inbox::call(const Connection::EventHandler& handler, const Item& item) {
     say(exception.name() + ": " + exception.reason());
   } catch (const std::exception& exception) {
     say(exception.what());
+  } catch (...) {
+    say("of an unknown type");
   }
 }
 
