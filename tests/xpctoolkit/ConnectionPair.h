@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
@@ -42,6 +44,7 @@ class HandlerLog {
       const auto queue = connection->dispatchQueue();
       const std::lock_guard lock(state->mutex);
       state->messages.push_back({message, connection, queue && queue->isCurrent()});
+      state->changed.notify_all();
     };
   }
   [[nodiscard]] XPCConnection::ErrorHandler errorHandler() const {
@@ -49,6 +52,7 @@ class HandlerLog {
                             const std::shared_ptr<XPCConnection>& connection) {
       const std::lock_guard lock(state->mutex);
       state->errors.push_back({object, description, connection});
+      state->changed.notify_all();
     };
   }
 
@@ -61,6 +65,7 @@ class HandlerLog {
  private:
   struct State {
     std::mutex mutex;
+    std::condition_variable changed;
     std::vector<Message> messages;
     std::vector<Error> errors;
   };
@@ -71,9 +76,12 @@ class HandlerLog {
   }
   template <class T>
   [[nodiscard]] T at(std::vector<T> State::*list, std::size_t index, const char* complaint) const {
-    if (!eventually([&] { return countOf(list) > index; }, std::chrono::seconds(60))) throw std::runtime_error(complaint);
-    const std::lock_guard lock(state_->mutex);
-    return ((*state_).*list)[index];
+    std::unique_lock lock(state_->mutex);
+    const auto& gathered = (*state_).*list;
+    if (!state_->changed.wait_for(lock, std::chrono::seconds(60), [&] { return gathered.size() > index; })) {
+      throw std::runtime_error(complaint);
+    }
+    return gathered[index];
   }
 
   std::shared_ptr<State> state_ = std::make_shared<State>();
