@@ -20,10 +20,17 @@ TARGET_BYTES = 130  # resident per folder
 TARGET_CPU = 1.6  # times the floor's processor time per file
 TARGET_REQUEST = 1.15  # times bare libcurl's time for a request
 TARGET_JSON = 1.5  # times RapidJSON's own document
+TARGET_BUS = 1.0  # times sd-bus's time for a message
+TARGET_SOCKET = 2.0  # times a bare socketpair's
+TARGET_BASE64 = 1.5  # times OpenSSL's own functions
 JSON_TASKS = ("json: build a batch of 10,000", "json: read an answer of 10,000")
+BASE64_TASKS = ("base64: encode 1 MiB", "base64: decode 1 MiB")
+MESSAGES = {"oneWay": "a message one way", "roundTrip": "a round trip"}
 
-FULL = {"trees": [(1000, 15), (10000, 11), (100000, 7)], "files": 200000, "bursts": 5, "latencies": 200, "latency_rounds": 3, "request_rounds": 15}
-QUICK = {"trees": [(1000, 3)], "files": 5000, "bursts": 1, "latencies": 20, "latency_rounds": 1, "request_rounds": 3}
+FULL = {"trees": [(1000, 15), (10000, 11), (100000, 7)], "files": 200000, "bursts": 5, "latencies": 200, "latency_rounds": 3, "request_rounds": 15,
+        "exchange_rounds": 9, "messages": 50000}
+QUICK = {"trees": [(1000, 3)], "files": 5000, "bursts": 1, "latencies": 20, "latency_rounds": 1, "request_rounds": 3,
+         "exchange_rounds": 3, "messages": 5000}
 BURST_FOLDERS = 1000
 
 
@@ -132,6 +139,11 @@ class Bench:
         done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         return json.loads(done.stdout) if done.returncode == 0 else None
 
+    def exchange(self):
+        """Microseconds of one message and of one round trip, by the channel, sd-bus and a bare socketpair."""
+        command = [os.path.join(self.programs, "bench_xpc"), str(self.plan["exchange_rounds"]), str(self.plan["messages"])]
+        return json.loads(subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout)
+
     def micro(self):
         command = [os.path.join(self.programs, "bench_micro"), "--benchmark_format=json"]
         if self.plan is QUICK:
@@ -172,7 +184,8 @@ def verdict(seen, target):
 
 
 def report(bench):
-    stand, burst, latency, requests, micro = bench.stand(), bench.burst(), bench.latency(), bench.requests(), bench.micro()
+    stand, burst, latency, requests, exchange, micro = (bench.stand(), bench.burst(), bench.latency(), bench.requests(), bench.exchange(),
+                                                        bench.micro())
     largest = max(row["folders"] for row in stand)
     targets = []
     for source in SOURCES:
@@ -187,7 +200,14 @@ def report(bench):
     if requests:
         ratio = requests["interface"] / requests["libcurl"]
         targets.append(["", "one request to the server", f"{TARGET_REQUEST} x libcurl", f"{ratio:.2f} x", verdict(ratio, TARGET_REQUEST)])
+    for kind, what in MESSAGES.items():
+        for other, name, target in (("sdbus", "sd-bus", TARGET_BUS), ("socket", "a bare socket", TARGET_SOCKET)):
+            ratio = exchange["channel"][kind] / exchange[other][kind]
+            targets.append(["", what, f"{target:g} x {name}", f"{ratio:.2f} x", verdict(ratio, target)])
     times = dict(micro)
+    for task in BASE64_TASKS:
+        ratio = times[task] / times[task + ", OpenSSL"]
+        targets.append(["", task, f"{TARGET_BASE64} x OpenSSL", f"{ratio:.2f} x", verdict(ratio, TARGET_BASE64)])
     for task in JSON_TASKS:
         ratio = times[task] / times[task + ", RapidJSON's document"]
         targets.append(["", task, f"{TARGET_JSON} x RapidJSON", f"{ratio:.2f} x", verdict(ratio, TARGET_JSON)])
@@ -242,6 +262,16 @@ One LogError after another on the loopback, each with a connection of its own: b
 transfers run on the network's thread and whose answers arrive on the main queue.
 
 {table(["libcurl µs", "RestInterface µs"], [[f"{requests['libcurl']:.0f}", f"{requests['interface']:.0f}"]]) if requests else "Not measured: no network namespace here."}
+
+## A message over the channel
+
+A dictionary of four entries between two processes on one machine: {plan["messages"]:,} one way, until the last has been taken, and a fifth as many
+that are each answered before the next is sent; {plan["exchange_rounds"]} rounds. By the channel (`Connection` and `Listener`, whose handlers run on queues),
+by sd-bus on a private connection, and over a bare socketpair with the channel's encoding, one thread at each end.
+
+{table(["what", "channel µs", "sd-bus µs", "socketpair µs", "channel : sd-bus", "channel : socketpair"],
+       [[what, *(f"{exchange[who][kind]:.2f}" for who in ("channel", "sdbus", "socket")),
+         *(f"{exchange['channel'][kind] / exchange[who][kind]:.2f}" for who in ("sdbus", "socket"))] for kind, what in MESSAGES.items()])}
 
 ## Small parts
 

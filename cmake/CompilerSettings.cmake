@@ -36,3 +36,9 @@ if(KESTRINE_SANITIZE)
     add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
   endif()
 endif()
+
+# libFuzzer is led by what its input makes the rooms do, so all of the code tells it.
+option(KESTRINE_FUZZERS "Build libFuzzer's programs too (clang)" OFF)
+if(KESTRINE_FUZZERS)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -2,6 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <span>
 #include <utility>
 
 #include "platform/foundation/Exception.h"
@@ -11,18 +15,34 @@ namespace kestrine {
 
 namespace {
 
-/// Stores what the table of `Query` lists, in its order.
+/// The table of `Query` in the order of the keys, as a body is kept.
+template <class Query>
+constexpr auto kFieldsByKey = [] {
+  auto fields = kFieldsOf<Query>;
+  std::ranges::sort(fields, {}, [](const auto& field) { return field.key; });
+  return fields;
+}();
+
+/// Says which property, the first in the order of the table.
+template <class Query>
+[[noreturn]] void refuseUnset(const Query& query) {
+  const auto unset = std::ranges::find_if(kFieldsOf<Query>, [&query](const auto& field) { return !(query.*field.member); });
+  throw platform::Exception(platform::NSInvalidArgumentException, fmt::format("nothing to store under \"{}\"", unset->key));
+}
+
+/// Stores what the table of `Query` lists.
 template <class Query>
 platform::Object bodyOf(const Query& query) {
-  platform::Dictionary body;
-  for (const auto& [property, member, key] : kFieldsOf<Query>) {
-    if (const Text& text = query.*member) {
-      body.insert_or_assign(std::string(key), *text);
-    } else if (ServicesUtilities::is10_7()) {
-      throw platform::Exception(platform::NSInvalidArgumentException, fmt::format("nothing to store under \"{}\"", key));
-    }
+  constexpr const auto& kFields = kFieldsByKey<Query>;
+  constexpr auto kKeyOf = [](const auto& field) { return field.key; };
+  static_assert(std::ranges::adjacent_find(kFields, {}, kKeyOf) == kFields.end(), "a key twice");
+  std::array<platform::ConstantKeyText, kFields.size()> texts;
+  std::size_t count = 0;
+  for (const auto& [property, member, key] : kFields) {
+    if (const Text& text = query.*member) texts[count++] = {key, *text};
   }
-  return body;
+  if (count < kFields.size() && ServicesUtilities::is10_7()) refuseUnset(query);
+  return platform::Object::dictionaryOfTexts(std::span(texts).first(count));
 }
 
 }  // namespace

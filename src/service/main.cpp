@@ -2,13 +2,14 @@
 
 #include "platform/xpc/ServiceProcess.h"
 #include "platform/xpc/XPCListener.h"
-#include "service/LegacyService.h"
 #include "service/ServiceDelegate.h"
+#include "service/WatchOnMessage.h"
+#include "service/XPCService.h"
 #include "util/ServicesUtilities.h"
 
 int main() {
   platform::xpc::ServiceProcess::begin("Ostrabyte.FileWatcherXpcService");
-  if (kestrine::ServicesUtilities::is10_7()) return kestrine::runLegacyService();
+  if (kestrine::ServicesUtilities::is10_7()) kestrine::XPCService::runServiceWithConnectionHandler(kestrine::startWatchOnEveryMessage);
 
   // The listener does not keep its delegate; this variable does, for the life of the process.
   const auto delegate = std::make_shared<kestrine::ServiceDelegate>();

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <limits>
+#include <string>
+#include <utility>
 
 #include "platform/foundation/Exception.h"
 #include "platform/foundation/FileHandle.h"
@@ -39,6 +42,34 @@ TEST(JSONText, EscapesWhatAStringMayNotHold) {
   EXPECT_EQ(jsonText(std::string("a\0b", 3)), R"("a\u0000b")");
   EXPECT_EQ(jsonText("caf\xC3\xA9 \xF0\x9F\x98\x80"), "\"caf\xC3\xA9 \xF0\x9F\x98\x80\"");
   EXPECT_EQ(jsonText(Dictionary{{"k\"", "v"}}), R"({"k\"":"v"})");
+}
+
+// Text is looked at eight characters at a time, so each character stands at each place of such a group once, and at the end.
+TEST(JSONText, EscapesAtEveryPlace) {
+  for (int c = 0; c < 0x80; ++c) {
+    char escape[8];
+    std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(c));
+    std::string expected = c < 0x20 ? escape : std::string(1, static_cast<char>(c));
+    for (const auto& [character, letter] :
+         {std::pair{'"', '"'}, {'\\', '\\'}, {'\b', 'b'}, {'\f', 'f'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}}) {
+      if (c == character) expected = std::string("\\") + letter;
+    }
+    for (std::size_t place = 0; place < 20; ++place) {
+      const std::string before(place, 'a');
+      for (const std::string& after : {std::string(), std::string("zzzzzzzzz"), std::string("\xC3\xA9")}) {
+        ASSERT_EQ(jsonText(before + static_cast<char>(c) + after), "\"" + before + expected + after + "\"") << c;
+      }
+    }
+  }
+}
+
+TEST(JSONText, RefusesTextThatIsNotUTF8AtEveryPlace) {
+  for (std::size_t place = 0; place < 20; ++place) {
+    for (const char* wrong : {"\x80", "\xC3", "\xED\xA0\x80", "\xFF"}) {
+      EXPECT_THROW((void)jsonText(std::string(place, 'a') + wrong), Exception) << place;
+      EXPECT_THROW((void)jsonText(std::string(place, 'a') + wrong + "aaaaaaaaa"), Exception) << place;
+    }
+  }
 }
 
 TEST(JSONText, RefusesWhatJSONCannotHold) {

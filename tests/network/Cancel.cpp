@@ -180,6 +180,53 @@ TEST(Cancel, OfASessionCancelsWhatRunsAndRefusesMore) {
   EXPECT_THROW(session->dataTaskWithURL(address(server.url("/"))), platform::Exception);
 }
 
+/// A queue whose operations wait until the test lets them go.
+std::shared_ptr<platform::OperationQueue> heldQueue() {
+  auto queue = platform::OperationQueue::create("held");
+  queue->setSuspended(true);
+  return queue;
+}
+
+TEST(Cancel, OfTheCompletionOnTheDelegateQueueIsTheEndOfTheTask) {
+  HTTPServer server([](const ReceivedRequest&) { return Answer{.body = "done"}; });
+  const auto queue = heldQueue();
+  const auto delegate = std::make_shared<Recorder>();
+  const auto session = platform::URLSession::sessionWithConfiguration({}, delegate, queue);
+  const auto heard = std::make_shared<std::atomic<int>>(0);
+  std::weak_ptr<platform::URLSessionTask> observer;
+  {
+    const auto task = session->dataTaskWithRequest(requestFor(server.url("/")), [heard](const auto&...) { ++*heard; });
+    observer = task;
+    task->resume();
+    ASSERT_TRUE(eventually([&] { return queue->operationCount() == 1; }));
+  }
+  queue->cancelAllOperations();
+  queue->setSuspended(false);
+  EXPECT_TRUE(eventually([&] { return observer.expired(); })) << "a task that nobody holds lives on";
+  EXPECT_EQ(heard.use_count(), 1);
+  EXPECT_EQ(*heard, 0);
+  EXPECT_EQ(fetch(*session, requestFor(server.url("/"))).text(), "done");
+  session->finishTasksAndInvalidate();
+  EXPECT_TRUE(eventually([&] { return delegate->told() == std::vector<std::string>{"invalid"}; }));
+}
+
+TEST(Cancel, OfPiecesOnTheDelegateQueueDoesNotHaltTheTransfer) {
+  const std::string body(8U << 20U, 'b');
+  HTTPServer server([&body](const ReceivedRequest&) { return Answer{.body = body}; });
+  const auto queue = heldQueue();
+  const auto delegate = std::make_shared<Recorder>();
+  const auto task = platform::URLSession::sessionWithConfiguration({}, delegate, queue)->dataTaskWithRequest(requestFor(server.url("/")));
+  task->resume();
+  // The transfer halts while so much waits for the delegate.
+  ASSERT_TRUE(eventually([&] { return task->countOfBytesReceived() > (1 << 20); }));
+  ASSERT_TRUE(eventually([&] { return queue->operationCount() == 1; }));
+  queue->cancelAllOperations();
+  queue->setSuspended(false);
+  EXPECT_TRUE(delegate->waitForEnd());
+  EXPECT_EQ(delegate->told(), std::vector<std::string>{"complete 0"});
+  EXPECT_LT(delegate->body().size(), body.size());
+}
+
 TEST(Cancel, AFinishingSessionLetsItsTasksEndFirst) {
   std::promise<void> release;
   RawServer server([&](RawConnection& connection) {

@@ -8,30 +8,12 @@
 #include "platform/network/NetlinkSocket.h"
 #include "tests/concurrency/LoopThread.h"
 #include "tests/network/ReachabilityWatch.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/NetworkNamespace.h"
 
 namespace platform {
 namespace {
 
-using kestrine::test::addCable;
-using kestrine::test::connectToNetwork;
-using kestrine::test::eventually;
-using kestrine::test::inNetworkNamespace;
-using kestrine::test::ip;
-using kestrine::test::ipBatch;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr NetworkReachabilityFlags kNoWay = 0;
-constexpr NetworkReachabilityFlags kReachable = 0x2;
-constexpr NetworkReachabilityFlags kReachableDirectly = 0x20002;
-constexpr NetworkReachabilityFlags kReachableHere = 0x30002;
-
-void connectAndWait() {
-  connectToNetwork();
-  ASSERT_TRUE(eventually([] { return flagsOf("0.0.0.0") == kReachable; }));
-}
 
 TEST(ReachabilityNotification, IsOneForEachChangeOfTheRoute) {
   inNetworkNamespace([] {
@@ -63,25 +45,6 @@ TEST(ReachabilityNotification, ComesAlsoWhenTheRouteGoesSilentlyWithItsAddress) 
     WatchedTarget watched("0.0.0.0");
     ip("address del 192.0.2.2/24 dev v0");
     EXPECT_THAT(watched.toldUntil(kNoWay), ElementsAre(kNoWay));
-  });
-}
-
-TEST(ReachabilityNotification, ComesEachTimeToALoopThatIsWaitingForItWhenTheRouteGoesSilently) {
-  inNetworkNamespace([] {
-    connectAndWait();
-    const auto target = targetOf("0.0.0.0");
-    std::atomic<NetworkReachabilityFlags> told = kReachable;
-    target->setCallback([&told](const ReachabilityTarget&, NetworkReachabilityFlags flags) { told = flags; });
-    kestrine::test::LoopThread loop([&target](RunLoop& mine) { ASSERT_TRUE(target->scheduleWithRunLoop(mine.shared_from_this())); });
-    // The kernel tells of the address before it takes the route away: a loop that is quick looks too early.
-    const int rounds = kestrine::test::longOrShort(40, 10);
-    for (int round = 0; round < rounds; ++round) {
-      ip("address del 192.0.2.2/24 dev v0");
-      ASSERT_TRUE(eventually([&told] { return told == kNoWay; })) << "missed in round " << round;
-      ipBatch("address add 192.0.2.2/24 dev v0\nroute add default via 192.0.2.1\n");
-      ASSERT_TRUE(eventually([&told] { return told == kReachable; })) << "missed in round " << round;
-    }
-    target->unscheduleFromRunLoop(loop->shared_from_this());
   });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 
 #include <chrono>
@@ -11,8 +12,25 @@
 
 #include "platform/concurrency/RunLoop.h"
 #include "platform/network/ReachabilityTarget.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/NetworkNamespace.h"
 
+// What the tests of reachability targets have in common. Names of other rooms that all of them use are theirs here, too.
 namespace platform {
+
+using kestrine::test::addCable;
+using kestrine::test::connectToNetwork;
+using kestrine::test::eventually;
+using kestrine::test::inNetworkNamespace;
+using kestrine::test::ip;
+using kestrine::test::ipBatch;
+
+// The masks as the platform has them, in numbers.
+inline constexpr NetworkReachabilityFlags kNoWay = 0;
+inline constexpr NetworkReachabilityFlags kReachable = 0x2;
+inline constexpr NetworkReachabilityFlags kReachableOverATunnel = 0x3;
+inline constexpr NetworkReachabilityFlags kReachableDirectly = 0x20002;
+inline constexpr NetworkReachabilityFlags kReachableHere = 0x30002;
 
 /// The target of a numeric address or a name.
 inline std::shared_ptr<ReachabilityTarget> targetOf(const std::string& name) {
@@ -23,6 +41,17 @@ inline std::shared_ptr<ReachabilityTarget> targetOf(const std::string& name) {
 
 /// The flags of a target made for this question; a value that no target has when they cannot be read.
 inline NetworkReachabilityFlags flagsOf(const std::string& name) { return targetOf(name)->flags().value_or(0xFFFFFFFF); }
+
+/// An interface has its carrier a moment after both ends of the cable are up.
+inline bool becomes(const std::string& name, NetworkReachabilityFlags flags) {
+  return eventually([&] { return flagsOf(name) == flags; });
+}
+
+/// A machine with a network, once it is there.
+inline void connectAndWait() {
+  connectToNetwork();
+  ASSERT_TRUE(becomes("0.0.0.0", kReachable));
+}
 
 /// Serves the calling thread's run loop until `condition` is true, for at most `limit`.
 inline bool servedUntil(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(30)) {

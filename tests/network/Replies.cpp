@@ -1,7 +1,15 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <utility>
+#include <vector>
+
 #include "tests/network/Fetch.h"
+#include "tests/network/Recorder.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/http/HTTPServer.h"
 #include "tests/support/http/RawServer.h"
@@ -9,9 +17,10 @@
 namespace kestrine::test {
 namespace {
 
-std::string gzipped(const std::string& text) {
+/// `window`: zlib's, 16 more for gzip, below zero for a stream without a wrapper.
+std::string deflated(const std::string& text, int window) {
   z_stream stream{};
-  deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
+  deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, window, 8, Z_DEFAULT_STRATEGY);
   std::string packed(deflateBound(&stream, text.size()) + 64, '\0');
   stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
   stream.avail_in = static_cast<uInt>(text.size());
@@ -22,6 +31,8 @@ std::string gzipped(const std::string& text) {
   deflateEnd(&stream);
   return packed;
 }
+
+std::string gzipped(const std::string& text) { return deflated(text, 15 + 16); }
 
 /// The bytes of a whole reply, sent to whoever asks.
 RawServer::Script replying(const std::string& bytes) {
@@ -97,6 +108,88 @@ TEST(Reply, ThatIsGzippedIsDecoded) {
   EXPECT_EQ(got.code(), 0);
   EXPECT_EQ(got.text(), body);
   EXPECT_EQ(got.response->expectedContentLength(), -1);
+}
+
+/// The reply's error for a body of this coding.
+std::int64_t errorOf(const std::string& coding, const std::string& body, const std::string& framing = "length") {
+  std::string head = "HTTP/1.1 200 OK\r\nContent-Encoding: " + coding + "\r\n";
+  if (framing == "length") head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+  if (framing == "chunked") head += "Transfer-Encoding: chunked\r\n";
+  std::array<char, 32> size{};
+  std::snprintf(size.data(), size.size(), "%zx\r\n", body.size());
+  RawServer server(replying(head + "\r\n" + (framing == "chunked" ? size.data() + body + "\r\n0\r\n\r\n" : body)));
+  const auto got = fetch(server.url("/"));
+  EXPECT_EQ(got.error.has_value(), !got.data.has_value());
+  return got.code();
+}
+
+// The framing is whole each time: only the stream inside it can tell.
+TEST(Reply, ThatIsGzippedAndEndsEarlyIsAnError) {
+  std::string text;
+  for (int i = 0; i < 5000; ++i) text += std::to_string(i * i);
+  const auto packed = gzipped(text);
+  for (const char* framing : {"length", "chunked", "until the connection closes"}) {
+    EXPECT_EQ(errorOf("gzip", packed, framing), 0) << framing;
+    // In the header, behind it, in the middle, before and in the checksum, and in the length.
+    for (const std::size_t length :
+         {std::size_t{1}, std::size_t{5}, std::size_t{10}, packed.size() / 2, packed.size() - 8, packed.size() - 5, packed.size() - 1}) {
+      EXPECT_EQ(errorOf("gzip", packed.substr(0, length), framing), -1016) << framing << ", cut to " << length;
+    }
+  }
+  EXPECT_EQ(errorOf("gzip", ""), 0) << "no body is no broken one";
+}
+
+TEST(Reply, ThatIsGzippedAndCarriesAWrongChecksumOrMoreIsAnError) {
+  auto packed = gzipped("text");
+  EXPECT_EQ(errorOf("gzip", packed + "more"), -1016);
+  packed[packed.size() - 6] = static_cast<char>(packed[packed.size() - 6] ^ 1);
+  EXPECT_EQ(errorOf("gzip", packed), -1016);
+  EXPECT_EQ(errorOf("unheard-of", "text"), -1016);
+}
+
+TEST(Reply, InAnyOfTheCodingsThatAreAskedForIsDecoded) {
+  const std::string text = "some text, some text, some text";
+  const std::vector<std::pair<std::string, std::string>> cases = {{"gzip", gzipped(text)},
+                                                                  {"GZIP", gzipped(text)},
+                                                                  {"x-gzip", gzipped(text)},
+                                                                  {"identity, gzip", gzipped(text)},
+                                                                  {"gzip", gzipped(text.substr(0, 7)) + gzipped(text.substr(7))},
+                                                                  {"deflate", deflated(text, 15)},
+                                                                  {"deflate", deflated(text, -15)},
+                                                                  {"identity", text}};
+  for (const auto& [coding, body] : cases) {
+    RawServer server(replying("HTTP/1.1 200 OK\r\nContent-Encoding: " + coding + "\r\nContent-Length: " + std::to_string(body.size()) +
+                              "\r\n\r\n" + body));
+    const auto got = fetch(server.url("/"));
+    EXPECT_EQ(got.text(), text) << coding;
+    EXPECT_EQ(got.code(), 0) << coding;
+  }
+}
+
+/// Takes its time for the first piece, so that the transfer halts in the middle of what a few bytes on the wire have become.
+class Slow : public Recorder {
+ public:
+  void URLSession_dataTask_didReceiveData(const Session& session, const Task& task, const platform::Bytes& data) override {
+    // Not before the transfer has come to a halt, as far as that can be seen from here.
+    if (!std::exchange(begun_, true)) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    Recorder::URLSession_dataTask_didReceiveData(session, task, data);
+  }
+
+ private:
+  bool begun_ = false;
+};
+
+TEST(Reply, ThatIsGzippedIsWholeAlsoWhenItsReaderIsSlow) {
+  std::string text;
+  for (int i = 0; text.size() < (12U << 20U); ++i) text += std::to_string(i) + std::string(200, 'z');
+  const auto packed = gzipped(text);
+  RawServer server(
+      replying("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " + std::to_string(packed.size()) + "\r\n\r\n" + packed));
+  const auto slow = std::make_shared<Slow>();
+  makeSession({}, slow)->dataTaskWithRequest(requestFor(server.url("/")))->resume();
+  ASSERT_TRUE(slow->waitForEnd());
+  EXPECT_EQ(slow->told(), (std::vector<std::string>{"response 200", "complete 0"}));
+  EXPECT_TRUE(slow->body() == text);
 }
 
 TEST(Reply, WithoutALengthEndsWithTheConnection) {

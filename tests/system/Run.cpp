@@ -99,6 +99,18 @@ TEST_F(RunScript, ShowsTheFlagBeingRaisedAfterEachResetAndLeavesNothing) {
   expectNothingLeft();
 }
 
+TEST_F(RunScript, DoesTheSameWhereTheServiceHasNoListener) {
+  options.environment["KESTRINE_SYSTEM_VERSION"] = "10.7.5";
+  run();
+  for (int i = 1; i <= 2; ++i) {
+    makeTheChangeProposed();
+    ASSERT_TRUE(eventuallyChanged(i)) << script->output() << script->errorOutput();
+  }
+  ASSERT_EQ(kill(-script->pid(), SIGINT), 0);
+  EXPECT_EQ(script->wait(), 0) << script->errorOutput();
+  expectNothingLeft();
+}
+
 TEST_F(RunScript, WatchesTheFolderGivenAndLeavesItAlone) {
   run({sandbox.base()});
   makeTheChangeProposed();

@@ -122,13 +122,5 @@ TEST_P(WatcherHosting, ServesConnectionsThroughTheListener) {
   EXPECT_TRUE(eventuallyStanding({1}));
 }
 
-TEST_F(WatcherLife, SaysThatItCannotBeHostedOn10_7Yet) {
-  Process::Options options;
-  options.environment = {{"KESTRINE_SYSTEM_VERSION", "10.7.5"}};
-  const Outcome outcome = runToEnd({KESTRINE_SERVICE}, options);
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_THAT(outcome.errorOutput, HasSubstr("cannot run on 10.7"));
-}
-
 }  // namespace
 }  // namespace kestrine::test

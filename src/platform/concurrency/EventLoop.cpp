@@ -134,13 +134,16 @@ std::span<epoll_event> EventLoop::sleep(std::span<epoll_event> room, std::option
   }
   const int count = waitForEvents(epoll_.fileDescriptor(), room, wait);
   if (count < 0 && errno != EINTR) throw std::system_error(errno, std::system_category(), "epoll_wait");
+  const auto ready = room.first(static_cast<std::size_t>(std::max(count, 0)));
+  // The second for a write that came after its flag had been taken for another reason to wake up.
+  const bool told = std::any_of(ready.begin(), ready.end(), [](const epoll_event& event) { return event.data.u64 == kWakeUp; });
   const std::lock_guard lock(mutex_);
   sleeping_ = false;
-  if (std::exchange(woken_, false)) {
+  if (std::exchange(woken_, false) || told) {
     eventfd_t value = 0;
     eventfd_read(event_.fileDescriptor(), &value);
   }
-  return room.first(static_cast<std::size_t>(std::max(count, 0)));
+  return ready;
 }
 
 bool EventLoop::runNextBlock() {
@@ -210,10 +213,14 @@ void EventLoop::perform(std::function<void()> block) { enqueue({std::move(block)
 void EventLoop::performKept(std::function<void()> block) { enqueue({std::move(block), false}); }
 
 void EventLoop::enqueue(Block block) {
-  const std::lock_guard lock(mutex_);
-  if (abandoned_) return;
-  blocks_.push_back(std::move(block));
-  wake();
+  {
+    const std::lock_guard lock(mutex_);
+    if (abandoned_) return;
+    blocks_.push_back(std::move(block));
+    if (!mustWake()) return;
+  }
+  // Not with the lock held: the loop's thread would wake up only to wait for it.
+  eventfd_write(event_.fileDescriptor(), 1);
 }
 
 void EventLoop::discardPerformed() {
@@ -287,12 +294,12 @@ std::shared_ptr<LoopItem> EventLoop::find(LoopItem::Serial serial) {
   return found == items_.end() ? nullptr : found->second;
 }
 
-// With the lock held, so that `woken_` and the eventfd's counter never disagree. A loop that is awake looks at its queues before it sleeps.
+// A loop that is awake looks at its queues before it sleeps, and one write wakes it for all.
+bool EventLoop::mustWake() { return sleeping_ && !std::exchange(woken_, true); }
+
 // A write that fails because the counter is full means that the loop is awake already.
 void EventLoop::wake() {
-  if (!sleeping_ || woken_) return;
-  woken_ = true;
-  eventfd_write(event_.fileDescriptor(), 1);
+  if (mustWake()) eventfd_write(event_.fileDescriptor(), 1);
 }
 
 bool EventLoop::nothingScheduled() const {

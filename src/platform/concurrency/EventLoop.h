@@ -80,6 +80,9 @@ class EventLoop final : public RunLoop {
   bool fireDescriptor(const epoll_event& event);
   std::shared_ptr<LoopItem> find(LoopItem::Serial serial);
   void enqueue(Block block);
+  /// With the lock held: whether the caller has to write to the eventfd.
+  bool mustWake();
+  /// With the lock held.
   void wake();
   [[nodiscard]] bool nothingScheduled() const;
 

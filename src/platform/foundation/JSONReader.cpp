@@ -101,15 +101,13 @@ class ObjectBuilder {
   bool EndObject(rapidjson::SizeType count) {
     const auto first = values_.end() - count;
     const auto firstKey = keys_.end() - count;
-    Dictionary dictionary;
-    for (std::size_t i = 0; i < count; ++i) {
-      // Keys that come in order, as a writer of sorted keys sends them, are put at the end without a search.
-      dictionary.insert_or_assign(dictionary.end(), std::move(firstKey[i]), std::move(first[i]));
-    }
+    std::vector<Dictionary::value_type> entries;
+    entries.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) entries.emplace_back(std::move(firstKey[i]), std::move(first[i]));
     values_.erase(first, values_.end());
     keys_.erase(firstKey, keys_.end());
     --depth_;
-    return value(Object(std::move(dictionary)));
+    return value(Object(Dictionary::withEntries(std::move(entries))));
   }
 
   [[nodiscard]] const char* reason() const { return reason_; }

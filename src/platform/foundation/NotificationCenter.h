@@ -14,7 +14,7 @@ struct Notification {
 };
 
 /// How a notification centre hands a block to another thread: runs it there and returns after it ran (at once when already there). A queue
-/// offers one; see concurrency/MainQueue.h.
+/// offers one; see concurrency/SynchronousExecutor.h.
 using SynchronousExecutor = std::function<void(const std::function<void()>&)>;
 
 /// Delivers notifications by name within the process.

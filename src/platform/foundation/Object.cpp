@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "platform/foundation/Exception.h"
@@ -24,10 +25,10 @@ const T& emptyValue() {
 
 }  // namespace
 
-Object::Object(std::string text) : value_(std::make_shared<const std::string>(std::move(text))) {}
-Object::Object(std::string_view text) : Object(std::string(text)) {}
+Object::Object(std::string text) : value_(SharedText(std::move(text))) {}
+Object::Object(std::string_view text) : value_(SharedText(text)) {}
 Object::Object(const char* text) {
-  if (text != nullptr) value_ = std::make_shared<const std::string>(text);
+  if (text != nullptr) value_ = SharedText(std::string_view(text));
 }
 Object::Object(platform::Data data) : value_(std::make_shared<const platform::Data>(std::move(data))) {}
 Object::Object(platform::Date date) : value_(date) {}
@@ -54,19 +55,31 @@ Object Object::numberWithUnsignedLongLong(std::uint64_t value) { return Number{N
 Object Object::numberWithFloat(float value) { return Number{NumberType::Float, double{value}}; }
 Object Object::numberWithDouble(double value) { return Number{NumberType::Double, value}; }
 
+Object Object::dictionaryOfTexts(std::span<const ConstantKeyText> entries) {
+  Object object;
+  object.value_ = std::make_shared<const TextTable>(entries);
+  return object;
+}
+
 Object::Kind Object::kind() const noexcept {
-  static_assert(std::variant_size_v<Value> == kKindNames.size(), "Kind follows the order of the alternatives");
-  return static_cast<Kind>(value_.index());
+  static_assert(std::variant_size_v<Value> == kKindNames.size() + 1, "Kind follows the order of the alternatives");
+  return static_cast<Kind>(std::min(value_.index(), static_cast<std::size_t>(Kind::Dictionary)));
 }
 
 void Object::throwWrongKind(std::string_view asked) const {
-  throw Exception(NSInvalidArgumentException, fmt::format("{} has no {}", kKindNames[value_.index()], asked));
+  throw Exception(NSInvalidArgumentException, fmt::format("{} has no {}", kKindNames[static_cast<std::size_t>(kind())], asked));
 }
 
 const std::string& Object::stringValue() const {
-  if (const auto* text = std::get_if<Shared<std::string>>(&value_)) return **text;
+  if (const auto* text = std::get_if<SharedText>(&value_)) return text->string();
   if (!isNil()) throwWrongKind("stringValue");
   return emptyValue<std::string>();
+}
+
+std::string_view Object::stringView() const {
+  if (const auto* text = std::get_if<SharedText>(&value_)) return text->view();
+  if (!isNil()) throwWrongKind("stringView");
+  return {};
 }
 
 const platform::Data& Object::dataValue() const {
@@ -101,8 +114,14 @@ const platform::Array& Object::arrayValue() const {
 
 const platform::Dictionary& Object::dictionaryValue() const {
   if (const auto* dictionary = std::get_if<Shared<platform::Dictionary>>(&value_)) return **dictionary;
+  if (const TextTable* table = textTable()) return table->dictionary();
   if (!isNil()) throwWrongKind("dictionaryValue");
   return emptyValue<platform::Dictionary>();
+}
+
+const TextTable* Object::textTable() const noexcept {
+  const auto* table = std::get_if<Shared<TextTable>>(&value_);
+  return table == nullptr ? nullptr : table->get();
 }
 
 Object Object::objectForKey(std::string_view key) const {
@@ -123,6 +142,7 @@ Object Object::objectAtIndex(std::size_t index) const {
 std::size_t Object::count() const {
   if (isNil()) return 0;
   if (isArray()) return arrayValue().size();
+  if (const TextTable* table = textTable()) return table->size();
   if (isDictionary()) return dictionaryValue().size();
   throwWrongKind("count");
 }
@@ -137,11 +157,18 @@ bool Object::Number::operator==(const Number& other) const {
 }
 
 bool operator==(const Object& a, const Object& b) {
+  // Of either form.
+  if (a.isDictionary() && b.isDictionary()) {
+    const Dictionary& left = a.dictionaryValue();
+    const Dictionary& right = b.dictionaryValue();
+    return &left == &right || left == right;
+  }
   return std::visit(
       []<class A, class B>(const A& left, const B& right) {
         if constexpr (!std::is_same_v<A, B>) {
           return false;
-        } else if constexpr (std::is_same_v<A, std::shared_ptr<const platform::FileHandle>>) {
+        } else if constexpr (std::is_same_v<A, std::shared_ptr<const platform::FileHandle>> ||
+                             std::is_same_v<A, std::shared_ptr<const TextTable>>) {
           return left == right;
         } else if constexpr (requires { left.get(); }) {
           return left == right || *left == *right;

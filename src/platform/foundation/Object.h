@@ -3,25 +3,25 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
+#include "platform/foundation/SharedText.h"
+#include "platform/foundation/TextTable.h"
 #include "platform/foundation/UUID.h"
 
 namespace platform {
 
+class Dictionary;
 class FileHandle;
 class Object;
 
 /// Elements of an array value, in order.
 using Array = std::vector<Object>;
-/// Entries of a dictionary value. Keys are text and unique; the order is the keys' byte order.
-using Dictionary = std::map<std::string, Object, std::less<>>;
 /// Raw bytes.
 using Data = std::vector<std::byte>;
 
@@ -84,6 +84,9 @@ class Object {
   static Object numberWithUnsignedLongLong(std::uint64_t value);
   static Object numberWithFloat(float value);
   static Object numberWithDouble(double value);
+  /// A dictionary, as any other; cheaper to make and to write where the keys are constants and the values are texts. See TextTable for
+  /// what it demands.
+  static Object dictionaryOfTexts(std::span<const ConstantKeyText> entries);
 
   [[nodiscard]] Kind kind() const noexcept;
   [[nodiscard]] bool isNil() const noexcept { return kind() == Kind::Nil; }
@@ -107,12 +110,16 @@ class Object {
 
   // The other kinds; nil gives an empty or zero value. References stay valid while this object or a copy of it lives.
   [[nodiscard]] const std::string& stringValue() const;
+  /// The same without making a std::string of it.
+  [[nodiscard]] std::string_view stringView() const;
   [[nodiscard]] const platform::Data& dataValue() const;
   [[nodiscard]] platform::Date dateValue() const;
   [[nodiscard]] platform::UUID uuidValue() const;
   [[nodiscard]] std::shared_ptr<const platform::FileHandle> fileHandleValue() const;
   [[nodiscard]] const platform::Array& arrayValue() const;
   [[nodiscard]] const platform::Dictionary& dictionaryValue() const;
+  /// The entries of a dictionary made by `dictionaryOfTexts`, for who goes through all of them; null for all other objects.
+  [[nodiscard]] const TextTable* textTable() const noexcept;
 
   /// The value under `key` of a dictionary, nil when absent (and of nil).
   [[nodiscard]] Object objectForKey(std::string_view key) const;
@@ -140,8 +147,9 @@ class Object {
   };
   template <class T>
   using Shared = std::shared_ptr<const T>;
-  using Value = std::variant<std::monostate, NullTag, Number, Shared<std::string>, Shared<platform::Data>, platform::Date, platform::UUID,
-                             Shared<platform::FileHandle>, Shared<platform::Array>, Shared<platform::Dictionary>>;
+  /// In the order of Kind, and the second form of a dictionary behind them.
+  using Value = std::variant<std::monostate, NullTag, Number, SharedText, Shared<platform::Data>, platform::Date, platform::UUID,
+                             Shared<platform::FileHandle>, Shared<platform::Array>, Shared<platform::Dictionary>, Shared<TextTable>>;
   Object(Number number);  // NOLINT(google-explicit-constructor)
   [[noreturn]] void throwWrongKind(std::string_view asked) const;
 
@@ -149,3 +157,6 @@ class Object {
 };
 
 }  // namespace platform
+
+// Its entries hold objects, so it can only come now.
+#include "platform/foundation/Dictionary.h"  // IWYU pragma: export

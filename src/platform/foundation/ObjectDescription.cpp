@@ -79,7 +79,7 @@ std::string describeSimple(const Object& object) {
     case Object::Kind::Number:
       return describeNumber(object);
     case Object::Kind::String:
-      return object.stringValue();
+      return std::string(object.stringView());
     case Object::Kind::Data:
       return describeData(object.dataValue());
     case Object::Kind::Date:

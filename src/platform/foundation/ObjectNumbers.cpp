@@ -99,21 +99,21 @@ NumberType Object::numberType() const {
 
 bool Object::boolValue() const {
   if (isNil()) return false;
-  if (isString()) return boolOfText(stringValue());
+  if (isString()) return boolOfText(stringView());
   if (const auto* number = std::get_if<Number>(&value_)) return std::visit([](auto value) { return value != 0; }, number->value);
   throwWrongKind("boolValue");
 }
 
 int Object::intValue() const {
   if (isNil()) return 0;
-  if (isString()) return integerOfText<int>(stringValue());
+  if (isString()) return integerOfText<int>(stringView());
   if (const auto* number = std::get_if<Number>(&value_)) return std::visit([](auto value) { return toInteger<int>(value); }, number->value);
   throwWrongKind("intValue");
 }
 
 std::int64_t Object::longLongValue() const {
   if (isNil()) return 0;
-  if (isString()) return integerOfText<std::int64_t>(stringValue());
+  if (isString()) return integerOfText<std::int64_t>(stringView());
   if (const auto* number = std::get_if<Number>(&value_)) {
     return std::visit([](auto value) { return toInteger<std::int64_t>(value); }, number->value);
   }
@@ -122,7 +122,7 @@ std::int64_t Object::longLongValue() const {
 
 std::uint64_t Object::unsignedLongLongValue() const {
   if (isNil()) return 0;
-  if (isString()) return unsignedOfText(stringValue());
+  if (isString()) return unsignedOfText(stringView());
   if (const auto* number = std::get_if<Number>(&value_)) {
     // A negative fraction wraps as a negative integer does.
     if (const auto* real = std::get_if<double>(&number->value); real != nullptr && *real < 0) {
@@ -135,7 +135,7 @@ std::uint64_t Object::unsignedLongLongValue() const {
 
 double Object::doubleValue() const {
   if (isNil()) return 0;
-  if (isString()) return doubleOfText(stringValue());
+  if (isString()) return doubleOfText(stringView());
   if (const auto* number = std::get_if<Number>(&value_))
     return std::visit([](auto value) { return static_cast<double>(value); }, number->value);
   throwWrongKind("doubleValue");

@@ -194,13 +194,14 @@ class Reader {
     enter(entry, depth);
     const auto keys = references(at, count);
     const auto values = references(at, count);
-    Dictionary dictionary;
+    std::vector<Dictionary::value_type> entries;
+    entries.reserve(keys.size());
     for (std::size_t i = 0; i < count; ++i) {
       const Object& key = part(entry, keys[i], depth);
       if (!key.isString()) fail("a key that is not text");
-      dictionary.insert_or_assign(key.stringValue(), part(entry, values[i], depth));
+      entries.emplace_back(key.stringView(), part(entry, values[i], depth));
     }
-    entry.value = std::move(dictionary);
+    entry.value = Dictionary::withEntries(std::move(entries));
   }
 
   static void enter(Entry& entry, int depth) {

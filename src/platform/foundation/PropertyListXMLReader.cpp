@@ -229,7 +229,7 @@ class Reader {
   struct Container {
     bool isDictionary = false;
     std::optional<std::string> key;
-    Dictionary dictionary;
+    std::vector<Dictionary::value_type> entries;
     Array array;
   };
 
@@ -258,7 +258,7 @@ class Reader {
       fail("an end without a beginning, or a key without a value");
     Container container = std::move(open_.back());
     open_.pop_back();
-    deliver(isDictionary ? Object(std::move(container.dictionary)) : Object(std::move(container.array)));
+    deliver(isDictionary ? Object(Dictionary::withEntries(std::move(container.entries))) : Object(std::move(container.array)));
   }
 
   void deliver(Object value) {
@@ -274,7 +274,7 @@ class Reader {
       return;
     }
     if (!container.key) fail("a value without a key");
-    container.dictionary.insert_or_assign(std::move(*container.key), std::move(value));
+    container.entries.emplace_back(std::move(*container.key), std::move(value));
     container.key.reset();
   }
 

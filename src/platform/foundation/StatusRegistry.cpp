@@ -1,6 +1,7 @@
 #include "platform/foundation/StatusRegistry.h"
 
 #include <exception>
+#include <map>
 #include <mutex>
 #include <utility>
 

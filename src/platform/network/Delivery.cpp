@@ -26,6 +26,21 @@ void runLogged(const std::function<void()>& block) {
 
 }  // namespace
 
+/// What the executor is given. Destroyed unrun it gives up the waiting blocks, which hold who delivers here, and would do so for ever.
+class Delivery::Turn {
+ public:
+  explicit Turn(std::shared_ptr<Delivery> delivery) : delivery_(std::move(delivery)) {}
+  ~Turn() {
+    if (delivery_) delivery_->dropWaiting();
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  void run() { std::exchange(delivery_, nullptr)->runNext(); }
+
+ private:
+  std::shared_ptr<Delivery> delivery_;
+};
+
 void Delivery::post(std::function<void()> block) {
   {
     const std::lock_guard lock(mutex_);
@@ -36,7 +51,7 @@ void Delivery::post(std::function<void()> block) {
 }
 
 void Delivery::lend() {
-  executor_([self = shared_from_this()] { self->runNext(); });
+  executor_([turn = std::make_shared<Turn>(shared_from_this())] { turn->run(); });
 }
 
 void Delivery::runNext() {
@@ -54,6 +69,13 @@ void Delivery::runNext() {
     if (!lent_) return;
   }
   lend();
+}
+
+void Delivery::dropWaiting() {
+  std::deque<std::function<void()>> dropped;
+  const std::lock_guard lock(mutex_);
+  dropped.swap(blocks_);
+  lent_ = false;
 }
 
 }  // namespace platform::network

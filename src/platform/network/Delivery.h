@@ -11,15 +11,18 @@ namespace platform::network {
 using Executor = std::function<void(std::function<void()>)>;
 
 /// Hands blocks to an executor one after another, so that what one task tells stays in order on a queue that runs several blocks at once.
-/// An exception that leaves a block is logged and ends there. Lives until its last block ran. Any thread.
+/// An exception that leaves a block is logged and ends there. Lives until its last block ran. When the executor lets go of what it was
+/// given without running it, as a queue does with a cancelled operation, all blocks that wait are destroyed unrun. Any thread.
 class Delivery : public std::enable_shared_from_this<Delivery> {
  public:
   explicit Delivery(Executor executor) : executor_(std::move(executor)) {}
   void post(std::function<void()> block);
 
  private:
+  class Turn;
   void lend();
   void runNext();
+  void dropWaiting();
 
   const Executor executor_;
   std::mutex mutex_;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstdio>
@@ -16,6 +17,8 @@ namespace platform::network {
 namespace {
 
 constexpr long kReceiveBuffer = 64L << 10;
+/// A body up to this size is handed to libcurl as a whole: it then leaves together with the head, and the server wakes up once.
+constexpr std::uint64_t kSmallBody = 16U << 10U;
 
 /// A descriptor of ours is close-on-exec from birth; libcurl's own way of making one leaves a gap.
 curl_socket_t openSocket(void* /*unused*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
@@ -51,6 +54,7 @@ Exchange::Exchange(CurlMulti& multi, Request request, Listener& listener)
   configure();
   multi_.add(easy_.get(), [this](CURLcode result) {
     if (result == CURLE_OK && !request_.connectOnly) tellHead();
+    if (decodingFailed_ || (result == CURLE_OK && decoder_ && !decoder_->isAtEnd())) result = CURLE_BAD_CONTENT_ENCODING;
     listener_.exchangeEnded(end(result));
   });
 }
@@ -73,6 +77,7 @@ void Exchange::configure() {
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(INT_MAX / 1000));
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBuffer);
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
+  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
   curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, openSocket);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, headerCallback);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
@@ -102,16 +107,25 @@ void Exchange::configureMethod() {
   if (request_.body || lengthExpected) {
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body ? request_.body->length() : 0));
-    curl_easy_setopt(easy, CURLOPT_READFUNCTION, readCallback);
-    curl_easy_setopt(easy, CURLOPT_READDATA, this);
-    curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, seekCallback);
-    curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
+    configureBody();
     if (request_.method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
   } else if (request_.method == "HEAD") {
     curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
   } else if (request_.method != "GET") {
     curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
   }
+}
+
+void Exchange::configureBody() {
+  CURL* const easy = easy_.get();
+  if (request_.body && request_.body->isInMemory() && request_.body->length() <= kSmallBody) {
+    curl_easy_setopt(easy, CURLOPT_COPYPOSTFIELDS, request_.body->text().c_str());
+    return;
+  }
+  curl_easy_setopt(easy, CURLOPT_READFUNCTION, readCallback);
+  curl_easy_setopt(easy, CURLOPT_READDATA, this);
+  curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, seekCallback);
+  curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
 }
 
 void Exchange::configureSecurity() {
@@ -148,7 +162,7 @@ std::size_t Exchange::writeCallback(char* bytes, std::size_t size, std::size_t c
   try {
     auto& exchange = *static_cast<Exchange*>(self);
     exchange.tellHead();
-    switch (exchange.listener_.bodyArrived({bytes, size * count})) {
+    switch (exchange.bodyPiece({bytes, size * count})) {
       case Appetite::Take:
         return size * count;
       case Appetite::Pause:
@@ -160,6 +174,31 @@ std::size_t Exchange::writeCallback(char* bytes, std::size_t size, std::size_t c
     // As refused.
   }
   return CURL_WRITEFUNC_ERROR;
+}
+
+Exchange::Appetite Exchange::bodyPiece(std::span<const char> bytes) {
+  if (!std::exchange(bodyBegan_, true)) decoder_ = ContentDecoder::make(replyHeaders_.value("Content-Encoding").value_or(""));
+  if (!decoder_) return listener_.bodyArrived(bytes);
+  // After a pause libcurl brings the same bytes again, also in other portions. Those that were decoded before are left out.
+  const std::size_t known = std::min(decoded_, bytes.size());
+  std::span<const char> rest = bytes.subspan(known);
+  for (;;) {
+    if (!held_) {
+      const auto step = decoder_->next(rest);
+      if (step == ContentDecoder::Step::Hungry) break;
+      decodingFailed_ = step == ContentDecoder::Step::Broken;
+      if (decodingFailed_) return Appetite::Refuse;
+    }
+    held_ = false;
+    if (decoder_->piece().empty()) continue;
+    const Appetite appetite = listener_.bodyArrived(decoder_->piece());
+    if (appetite == Appetite::Take) continue;
+    held_ = appetite == Appetite::Pause;
+    decoded_ = std::max(decoded_, bytes.size() - rest.size());
+    return appetite;
+  }
+  decoded_ -= known;
+  return Appetite::Take;
 }
 
 std::size_t Exchange::readCallback(char* room, std::size_t size, std::size_t count, void* self) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/network/Bytes.h"
+#include "platform/network/ContentDecoder.h"
 #include "platform/network/CurlMulti.h"
 #include "platform/network/HTTPHeaders.h"
 #include "platform/network/URLErrorTable.h"
@@ -74,10 +75,12 @@ class Exchange {
 
   void configure();
   void configureMethod();
+  void configureBody();
   void configureSecurity();
   void append(const std::string& line);
   void headerLine(std::string_view line);
   void tellHead();
+  Appetite bodyPiece(std::span<const char> bytes);
   [[nodiscard]] TransferEnd end(CURLcode result) const;
 
   CurlMulti& multi_;
@@ -91,6 +94,14 @@ class Exchange {
   std::string lastField_;
   bool headComplete_ = false;
   bool headTold_ = false;
+  bool bodyBegan_ = false;
+  /// For a body that is encoded.
+  std::unique_ptr<ContentDecoder> decoder_;
+  bool decodingFailed_ = false;
+  /// The decoder's last piece was not taken.
+  bool held_ = false;
+  /// Bytes that libcurl will bring again and that the decoder has.
+  std::size_t decoded_ = 0;
   std::uint64_t bodyOffset_ = 0;
   std::int64_t moved_ = 0;
 };

@@ -162,19 +162,28 @@ Exchange::Appetite SessionTask::dataArrived(std::span<const char> piece, std::op
 Exchange::Appetite SessionTask::passOn(std::span<const char> piece) {
   if (waiting_ > kWaitingAtMost) return Exchange::Appetite::Pause;
   waiting_ += piece.size();
-  delivery_->post([self = self(), delegate = delegate_, data = Bytes(std::string(piece.data(), piece.size()))] {
-    delegate->URLSession_dataTask_didReceiveData(self->place_.session, self, data);
-    const auto size = static_cast<std::size_t>(data.length());
-    const auto before = self->waiting_.fetch_sub(size);
-    if (before <= kWaitingAtMost || before - size > kWaitingAtMost) return;
-    std::shared_ptr<Load> load;
-    {
-      const std::lock_guard lock(self->mutex_);
-      load = self->load_;
-    }
-    if (load) load->goOn();
+  // Counted as taken when the block is gone, also one that the queue cancelled.
+  struct Taken {
+    const std::shared_ptr<SessionTask> task;
+    const std::size_t size;
+    ~Taken() { task->taken(size); }
+  };
+  delivery_->post([taken = std::shared_ptr<Taken>(new Taken{self(), piece.size()}), delegate = delegate_,
+                   data = Bytes(std::string(piece.data(), piece.size()))] {
+    delegate->URLSession_dataTask_didReceiveData(taken->task->place_.session, taken->task, data);
   });
   return Exchange::Appetite::Take;
+}
+
+void SessionTask::taken(std::size_t size) {
+  const auto before = waiting_.fetch_sub(size);
+  if (before <= kWaitingAtMost || before - size > kWaitingAtMost) return;
+  std::shared_ptr<Load> load;
+  {
+    const std::lock_guard lock(mutex_);
+    load = load_;
+  }
+  if (load) load->goOn();
 }
 
 void SessionTask::tellWritten(std::size_t size) {
@@ -204,14 +213,14 @@ void SessionTask::complete(std::optional<Error> error) {
     error_ = error;
     load_ = nullptr;
   }
-  delivery_->post([self = self(), error = std::move(error)] {
-    const auto delegate = std::exchange(self->delegate_, nullptr);
-    // Whatever happens in the caller's code, the session hears that the task is done.
-    struct Tally {
-      SessionTask& task;
-      ~Tally() { task.place_.tally(false); }
-    } const tally{*self};
-    self->tellEnd(error, delegate);
+  // Whatever happens in the caller's code, and when the queue cancels the block, the session hears that the task is done.
+  struct Tally {
+    const std::shared_ptr<SessionTask> task;
+    ~Tally() { task->place_.tally(false); }
+  };
+  delivery_->post([tally = std::shared_ptr<Tally>(new Tally{self()}), error = std::move(error)] {
+    SessionTask& task = *tally->task;
+    task.tellEnd(error, std::exchange(task.delegate_, nullptr));
   });
 }
 

@@ -67,6 +67,7 @@ class SessionTask final : public URLSessionTask, public Load::Client {
   [[nodiscard]] bool hasHandler() const { return plan_.dataHandler || plan_.downloadHandler; }
   std::shared_ptr<Load> makeLoad(std::optional<Error>& failure);
   Exchange::Appetite passOn(std::span<const char> piece);
+  void taken(std::size_t size);
   void tellWritten(std::size_t size);
   void complete(std::optional<Error> error);
   void tellEnd(const std::optional<Error>& error, const Delegate& delegate);

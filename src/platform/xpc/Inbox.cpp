@@ -86,12 +86,17 @@ void Inbox::runOnQueue(std::function<void()> block) {
   queue_->async(std::move(block));
 }
 
-bool Inbox::isFull() const {
+bool Inbox::isFull() {
   const std::lock_guard lock(mutex_);
-  return full();
+  awaited_ = full();
+  return awaited_;
 }
 
 bool Inbox::full() const { return items_.size() >= kMaximumMessages || bytes_ >= kMaximumBytes || descriptors_ >= kMaximumDescriptors; }
+
+bool Inbox::halfEmpty() const {
+  return items_.size() <= kMaximumMessages / 2 && bytes_ <= kMaximumBytes / 2 && descriptors_ <= kMaximumDescriptors / 2;
+}
 
 void Inbox::putItem(Item item) {
   {
@@ -125,12 +130,14 @@ void Inbox::deliver() {
       posted_ = false;
       return;
     }
-    const bool wasFull = full();
     item = std::move(items_.front());
     items_.pop_front();
     bytes_ -= item.hold.bytes();
     descriptors_ -= item.hold.descriptors();
-    if (wasFull && !full()) room = room_;
+    if (awaited_ && halfEmpty()) {
+      awaited_ = false;
+      room = room_;
+    }
     handler = handler_;
     if (item.last) {
       done_ = true;
@@ -156,6 +163,8 @@ void Inbox::call(const Connection::EventHandler& handler, const Item& item) {
     say(exception.name() + ": " + exception.reason());
   } catch (const std::exception& exception) {
     say(exception.what());
+  } catch (...) {
+    say("of an unknown type");
   }
 }
 

@@ -21,7 +21,8 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
 
   void setHandler(Connection::EventHandler handler);
   void setQueue(std::shared_ptr<SerialQueue> queue);
-  /// Called on the target queue's thread each time the inbox is no longer full.
+  /// Called on the target queue's thread when the inbox that was said to be full is half empty again: a feeder that goes on at the first
+  /// free place would be stopped by the next message.
   void setRoomHandler(std::function<void()> room);
   /// Begins suspended. Throws Exception(NSInternalInconsistencyException) when it is not.
   void resume();
@@ -38,7 +39,7 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   void dropMessages();
   /// Runs on the target queue like an event, also while suspended and after the end.
   void runOnQueue(std::function<void()> block);
-  [[nodiscard]] bool isFull() const;
+  [[nodiscard]] bool isFull();
 
   static constexpr std::size_t kMaximumMessages = 64;
   static constexpr std::size_t kMaximumBytes = std::size_t{4} << 20U;
@@ -59,6 +60,7 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   void call(const Connection::EventHandler& handler, const Item& item);
   void deliver();
   [[nodiscard]] bool full() const;
+  [[nodiscard]] bool halfEmpty() const;
 
   const std::string label_;
   mutable std::mutex mutex_;
@@ -70,6 +72,8 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   std::size_t descriptors_ = 0;
   int suspensions_ = 1;
   bool posted_ = false;
+  /// The feeder was told that it is full, and waits for room.
+  bool awaited_ = false;
   /// Nothing more is taken.
   bool closed_ = false;
   /// Nothing more is delivered.
