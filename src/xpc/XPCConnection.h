@@ -62,7 +62,7 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   void receiveConnection(const std::shared_ptr<platform::xpc::Connection>& connection);
   /// Sends a dictionary as it is, and anything else as {"contents": message}; what has no conversion is left out. There is no reply, and
   /// what goes wrong is only logged: nil, which no dictionary holds; more than the channel carries. What is sent to a connection that is
-  /// over is dropped.
+  /// over is dropped. A handle in the message must not be closed before the queue has come to it.
   void sendMessage(const platform::Object& message);
   /// Hands the error and its description to the error handler of `connection`.
   void invokeErrorHandlerWithObject_connection(const platform::xpc::ConnectionError& object,
