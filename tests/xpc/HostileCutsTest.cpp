@@ -136,6 +136,8 @@ TEST(HostileService, ThatClosesAtEveryByteInterruptsItsClientAndLeavesNothingBeh
   ServiceEnvironment environment;
   environment.install("Test.Service");
   makeFolder(environment.socketFolder());
+  // The first connection of a process starts the thread that serves them all.
+  static_cast<void>(Client("Test.Unknown").ask("question"));
   const Footprint before;
   for (std::size_t size = 0; size <= CuttingService::wholeSize(); ++size) {
     const CuttingService service(environment.socketPath("Test.Service"), size);
