@@ -41,4 +41,6 @@ endif()
 option(KESTRINE_FUZZERS "Build libFuzzer's programs too (clang)" OFF)
 if(KESTRINE_FUZZERS)
   add_compile_options(-fsanitize=fuzzer-no-link)
+  # RapidJSON's stack counts from a null pointer while it is empty, which clang's sanitizer takes for a fault at the first "[]".
+  add_compile_options(-fno-sanitize=pointer-overflow)
 endif()
