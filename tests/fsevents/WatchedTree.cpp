@@ -15,26 +15,24 @@
 namespace kestrine::test {
 namespace {
 
-using platform::fsevents::Coalescer;
-using platform::fsevents::StreamStatus;
-using platform::fsevents::TreeOptions;
+namespace fsevents = platform::fsevents;
 
-std::uint64_t inodeOf(const std::string& path) {
+std::uint64_t inodeNumberOf(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
 }
 
-class WatchedTree : public StreamTest {
+class WatchedTreeTest : public StreamTest {
  protected:
-  [[nodiscard]] TreeOptions options() const {
-    TreeOptions made;
+  [[nodiscard]] fsevents::TreeOptions options() const {
+    fsevents::TreeOptions made;
     made.reportedPath = made.openPath = root_;
     made.fileEvents = true;
     made.source = GetParam();
     return made;
   }
   // Applies what there is until nothing has come for a while.
-  void rest(platform::fsevents::WatchedTree& tree) {
+  void rest(fsevents::WatchedTree& tree) {
     for (int i = 0; i < 10; ++i) {
       tree.processAll();
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -45,20 +43,20 @@ class WatchedTree : public StreamTest {
     for (auto& event : coalescer_.take()) paths.push_back(std::move(event.path));
     return paths;
   }
-  Coalescer coalescer_;
-  StreamStatus status_;
+  fsevents::Coalescer coalescer_;
+  fsevents::StreamStatus status_;
 };
-KESTRINE_PER_SOURCE(WatchedTree);
+KESTRINE_PER_SOURCE(WatchedTreeTest);
 
 // A listing finds the folder in the last of its places; then the queue tells how it came there, while the place itself moves on.
-TEST_P(WatchedTree, KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves) {
+TEST_P(WatchedTreeTest, KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves) {
   const int large = longOrShort(5000, 1500);
   for (int round = 0; round < 3; ++round) {
     const auto top = in(std::to_string(round));
     makeFolders(top + "/other");
-    platform::fsevents::WatchedTree tree(0, options(), coalescer_, status_);
+    fsevents::WatchedTree tree(0, options(), coalescer_, status_);
     int error = 0;
-    ASSERT_EQ(tree.attach(0, error), platform::fsevents::WatchedTree::Attached::Standing);
+    ASSERT_EQ(tree.attach(0, error), fsevents::WatchedTree::Attached::Standing);
     makeFolders(top + "/new");
     makeFolders(top + "/place/within");
     // What keeps the walk busy while the place moves.
@@ -69,7 +67,7 @@ TEST_P(WatchedTree, KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves) {
     }
     moveItem(top + "/new", top + "/once");
     moveItem(top + "/once", top + "/place/within/twice");
-    const auto inode = inodeOf(top + "/place/within/twice");
+    const auto inode = inodeNumberOf(top + "/place/within/twice");
     std::thread mover([&] {
       const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
       for (bool marked = false; !marked && std::chrono::steady_clock::now() < end;) {
