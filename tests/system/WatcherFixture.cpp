@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -160,6 +161,8 @@ bool WatcherService::eventuallyStanding(const std::vector<std::int64_t>& numbers
         for (const platform::Object& watch : watches()) {
           if (watch.objectForKey("state").stringValue() == "standing") standing.push_back(watch.objectForKey("number").longLongValue());
         }
+        // Watches that start at the same time stand in any order.
+        std::sort(standing.begin(), standing.end());
         return standing == numbers;
       },
       std::chrono::seconds(60));
