@@ -56,30 +56,34 @@ TEST_P(StreamNewFolders, MadeOneByOneAreEachReady) {
 
 // Files keep coming while the stream looks at a folder that takes long to list: whatever the listing passed by must be told by the mark.
 TEST_P(StreamNewFolders, ThatAreFilledWhileTheyAreListedMissNothing) {
-  const int before = longOrShort(8000, 2000);
+  const int rounds = longOrShort(10, 2);
+  constexpr int kBefore = 3000;
   constexpr int kMost = 4000;
-  makeFolders(outside("new/large"));
-  for (int i = 0; i < before; ++i) writeFile(outside("new/large/early") + std::to_string(i), "");
   const auto stream = watchRoot();
-  const platform::FileHandle folder(::open(outside("new/large").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  std::atomic<bool> enough = false;
-  int made = 0;
-  std::thread writer([&] {
-    for (; made < kMost && !enough; ++made) {
-      const auto name = "late" + std::to_string(made);
-      const platform::FileHandle file(::openat(folder.fileDescriptor(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-      ASSERT_TRUE(file.isOpen()) << name;
-    }
-  });
-  moveItem(outside("new"), in("new"));
-  EXPECT_TRUE(stream->waitFor(in("new/large/early0"), 0));
-  enough = true;
-  writer.join();
-  stream->flush();
-  const auto told = stream->events();
-  std::set<std::string> paths;
-  for (const auto& event : told) paths.insert(event.path);
-  for (int i = 0; i < made; ++i) EXPECT_TRUE(paths.contains(in("new/large/late" + std::to_string(i)))) << i << " of " << made;
+  for (int round = 0; round < rounds; ++round) {
+    const auto name = "new" + std::to_string(round);
+    makeFolders(outside(name + "/large"));
+    for (int i = 0; i < kBefore; ++i) writeFile(outside(name + "/large/early") + std::to_string(i), "");
+    const platform::FileHandle folder(::open(outside(name + "/large").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::atomic<bool> enough = false;
+    int made = 0;
+    std::thread writer([&] {
+      for (; made < kMost && !enough; ++made) {
+        const auto late = "late" + std::to_string(made);
+        const platform::FileHandle file(::openat(folder.fileDescriptor(), late.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        ASSERT_TRUE(file.isOpen()) << late;
+      }
+    });
+    moveItem(outside(name), in(name));
+    EXPECT_TRUE(stream->waitFor(in(name + "/large/early0"), 0));
+    enough = true;
+    writer.join();
+    stream->flush();
+    std::set<std::string> paths;
+    for (const auto& event : stream->events()) paths.insert(event.path);
+    stream->clear();
+    for (int i = 0; i < made; ++i) ASSERT_TRUE(paths.contains(in(name + "/large/late" + std::to_string(i)))) << i << " of " << made;
+  }
 }
 
 // The stream may find a folder in the last of its places before it reads how it came there, and the place itself may move just then: at any
