@@ -141,6 +141,27 @@ TEST(RunLoopItem, InvalidateEndsARunThatHasNothingLeft) {
   EXPECT_FALSE(loop->isRunning());
 }
 
+TEST(RunLoopItem, InvalidateEndsARunThatIsAboutToSleep) {
+  // Another moment each time: the last item goes before the loop looks for one, while it looks, between that and its sleep, in its sleep.
+  for (int round = 0; round < longOrShort(20000, 2000); ++round) {
+    const auto source = RunLoopSource::create(nullptr);
+    std::shared_ptr<RunLoop> loop;
+    std::atomic<bool> added = false;
+    auto ended = std::async(std::launch::async, [&] {
+      loop = RunLoop::current();
+      loop->add(source);
+      added = true;
+      loop->run();
+    });
+    while (!added) continue;
+    for (int spins = round * 7 % 200; spins > 0 && added; --spins) continue;
+    source->invalidate();
+    const auto status = ended.wait_for(std::chrono::seconds(30));
+    loop->perform([] {});
+    ASSERT_EQ(status, std::future_status::ready) << "sleeps with nothing left, round " << round;
+  }
+}
+
 TEST(RunLoopItem, InvalidatedByAnEarlierCallbackOfTheSameTurnIsNotCalled) {
   std::vector<std::shared_ptr<RunLoopSource>> sources(2);
   int calls = 0;

@@ -129,7 +129,9 @@ std::span<epoll_event> EventLoop::sleep(std::span<epoll_event> room, std::option
     auto until = limit;
     if (!deadlines_.empty()) until = std::min(until.value_or(TimePoint::max()), deadlines_.begin()->first.first);
     if (until) wait = *until - Clock::now();
-    if (!blocks_.empty() || !signals_.empty() || innermost_->stopped) wait = Nanoseconds(0);
+    // The last item may have gone since the caller looked, and whoever took it woke nobody: this loop was awake.
+    const bool nothingToWaitFor = !until && items_.empty();
+    if (nothingToWaitFor || !blocks_.empty() || !signals_.empty() || innermost_->stopped) wait = Nanoseconds(0);
     sleeping_ = true;
   }
   const int count = waitForEvents(epoll_.fileDescriptor(), room, wait);
