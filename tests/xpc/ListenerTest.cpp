@@ -115,6 +115,22 @@ TEST(Listener, LetsGoOfAConnectionWhenItsClientIsGone) {
   EXPECT_EQ(events.count(), 1U);
 }
 
+TEST(Listener, KeepsWhatAClientLeftThatIsGoneBeforeItIsReadButNotItsSocket) {
+  constexpr std::size_t kMessages = 1500;  // more than wait for a handler before reading stops
+  InProcessService service([](InProcessService::Peer& peer) { peer.connection->suspend(); });
+  FileHandle client = service.connectPeer();
+  std::string frames;
+  for (std::size_t i = 0; i < kMessages; ++i) frames += commandFrame(std::to_string(i));
+  ASSERT_TRUE(sendBytes(client, frames));
+  client.closeFile();
+  EXPECT_TRUE(eventually([&] { return service.listener().statistics().openSockets == 0; }));
+  const auto peer = service.peer(0);
+  EXPECT_EQ(peer.events.count(), 0U);
+  peer.connection->resume();
+  for (std::size_t i = 0; i < kMessages; ++i) ASSERT_EQ(textUnder(peer.events.at(i), "command"), std::to_string(i));
+  EXPECT_EQ(errorKind(peer.events.at(kMessages)), ConnectionError::Kind::Invalid);
+}
+
 TEST(Listener, LetsFurtherClientsWaitWhenThereAreTooMany) {
   InProcessService service({}, 2);
   FileHandle first = service.connectPeer();

@@ -36,8 +36,13 @@ void runLogged(const std::function<void()>& block, const std::string& label) {
   }
 }
 
-/// For debuggers; pthread_setname_np(3) takes 15 bytes.
-void nameThread(const std::string& name) { pthread_setname_np(pthread_self(), name.substr(0, 15).c_str()); }
+/// For debuggers; pthread_setname_np(3) takes 15 bytes. A thread mostly serves the same queue again.
+void nameThread(const std::string& name) {
+  static thread_local std::string former;
+  if (former == name) return;
+  former = name;
+  pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+}
 
 void runOnQueue(const SerialQueue& queue, const std::function<void()>& block) {
   const auto* outer = std::exchange(runningQueue, &queue);

@@ -40,15 +40,18 @@ ThreadPool& ThreadPool::shared() {
 }
 
 void ThreadPool::run(Job job) {
+  bool parked = false;
   {
     const std::lock_guard lock(mutex_);
-    if (waiting_.size() < parked_) {
+    parked = waiting_.size() < parked_;
+    if (parked) {
       waiting_.push_back(std::move(job));
-      available_.notify_one();
-      return;
+    } else {
+      ++threads_;
     }
-    ++threads_;
   }
+  // Not with the lock held: the thread would wake up only to wait for it.
+  if (parked) return available_.notify_one();
   if (startThread(job)) return;
   const std::lock_guard lock(mutex_);
   --threads_;

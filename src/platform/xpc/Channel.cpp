@@ -33,7 +33,8 @@ std::shared_ptr<Channel> Channel::create(FileHandle socket, Side side) {
   return std::shared_ptr<Channel>(new Channel(std::move(socket), side));
 }
 
-Channel::Channel(FileHandle socket, Side side) : socket_(std::move(socket)), side_(side) {
+Channel::Channel(FileHandle socket, Side side)
+    : socket_(std::move(socket)), side_(side), outgoing_(std::make_shared<SendQueue>(socket_.fileDescriptor())) {
   enableCredentials(socket_.fileDescriptor());
   credentials_ = socketOwner(socket_.fileDescriptor());
 }
@@ -68,8 +69,12 @@ void Channel::scheduleReading() {
 void Channel::ready(unsigned events) {
   const auto self = shared_from_this();
   constexpr unsigned kTrouble = EPOLLERR | EPOLLHUP;
-  if ((events & (EPOLLOUT | kTrouble)) != 0) flush();
-  if (reading_ && !readScheduled_ && (events & (EPOLLIN | kTrouble)) != 0) readSome();
+  if ((events & (EPOLLOUT | kTrouble)) != 0) outgoing_->flush();
+  if (reading_ && !readScheduled_) {
+    if ((events & (EPOLLIN | kTrouble)) != 0) readSome();
+  } else if ((events & kTrouble) != 0 && isOpen()) {
+    readTheRest();
+  }
   updateInterest();
 }
 
@@ -80,12 +85,25 @@ void Channel::readSome() {
     if (std::holds_alternative<Blocked>(result)) break;
     if (const auto* error = std::get_if<WireError>(&result)) return end(error->reason);
     auto& received = std::get<Received>(result);
-    if (received.bytes == 0) return end(reader_.isInsideFrame() ? "it closed in the middle of a message" : "it closed the connection");
+    if (received.bytes == 0) return endOfStream();
     const auto bytes = std::span<const std::byte>(readBuffer()).first(received.bytes);
     if (!accept(std::move(received), bytes)) return;
     newFrame = dispatch() || newFrame;
+    // Probably all there was; the loop tells when it was not.
+    if (bytes.size() < kReadBytes) break;
   }
   updateStallTimer(newFrame);
+}
+
+// The other end is gone, which the loop would tell again and again. How much it left is bounded by the kernel's buffer.
+void Channel::readTheRest() {
+  for (;;) {
+    auto result = receive(socket_.fileDescriptor(), readBuffer());
+    auto* received = std::get_if<Received>(&result);
+    if (received == nullptr || received->bytes == 0) return closeSocket();
+    const auto bytes = std::span<const std::byte>(readBuffer()).first(received->bytes);
+    if (!accept(std::move(*received), bytes)) return;
+  }
 }
 
 bool Channel::accept(Received received, std::span<const std::byte> bytes) {
@@ -109,7 +127,10 @@ bool Channel::dispatch() {
   bool any = false;
   while (isOpen() && reading_) {
     auto next = reader_.next();
-    if (std::holds_alternative<std::monostate>(next)) break;
+    if (std::holds_alternative<std::monostate>(next)) {
+      if (!socket_.isOpen()) endOfStream();
+      break;
+    }
     if (const auto* error = std::get_if<WireError>(&next)) {
       end("it broke the protocol: " + error->reason);
       break;
@@ -130,7 +151,7 @@ void Channel::dispatchOne(Frame frame) {
 }
 
 void Channel::answerStatus() {
-  if (outgoingBytes_ > kMaximumQueuedStatusBytes) return end("it does not read what is sent to it");
+  if (outgoing_->bytes() > kMaximumQueuedStatusBytes) return end("it does not read what is sent to it");
   Encoded reply;
   try {
     auto encoded = encode(valueWithObject(StatusRegistry::shared().snapshot()));
@@ -143,55 +164,23 @@ void Channel::answerStatus() {
 }
 
 void Channel::write(OutgoingFrame frame) {
-  if (!isOpen() || writeBroken_) return;
-  outgoingBytes_ += frame.bytes.size();
-  if (outgoingBytes_ > kMaximumQueuedBytes) return end("it does not read what is sent to it");
-  outgoing_.push_back({std::move(frame), nullptr});
-  flush();
+  if (isOpen()) added(outgoing_->add(std::move(frame)));
+}
+
+void Channel::added(SendQueue::Added added) {
+  if (added == SendQueue::Added::TooMuch) return end("it does not read what is sent to it");
   updateInterest();
 }
 
-void Channel::afterWriting(std::function<void()> block) {
-  if (!isOpen() || writeBroken_ || outgoing_.empty()) return block();
-  outgoing_.push_back({{}, std::move(block)});
-}
+void Channel::afterWriting(std::function<void()> block) { outgoing_->afterWriting(std::move(block)); }
 
-void Channel::flush() {
-  while (isOpen() && !outgoing_.empty()) {
-    if (auto marker = std::move(outgoing_.front().marker)) {
-      outgoing_.pop_front();
-      marker();
-      continue;
-    }
-    OutgoingFrame& frame = outgoing_.front().frame;
-    const auto result = transmit(socket_.fileDescriptor(), frame, !sentCredentials_);
-    if (std::holds_alternative<Blocked>(result)) return;
-    if (std::holds_alternative<WireError>(result)) {
-      // The other end may have said something before it closed: that is read first, and then the end is found.
-      writeBroken_ = true;
-      ::shutdown(socket_.fileDescriptor(), SHUT_RDWR);
-      for (Outgoing& dropped : std::exchange(outgoing_, {})) {
-        if (dropped.marker) dropped.marker();
-      }
-      outgoingBytes_ = 0;
-      return;
-    }
-    sentCredentials_ = true;
-    frame.written += std::get<std::size_t>(result);
-    if (frame.written < frame.bytes.size()) continue;
-    outgoingBytes_ -= frame.bytes.size();
-    outgoing_.pop_front();
-  }
-}
-
-// A hang-up is told whether it is asked for or not, so a channel that wants nothing must not be on the loop at all.
+// A channel that wants nothing stays on the loop: a hang-up is told whether it is asked for or not.
 void Channel::updateInterest() {
-  const unsigned wanted = !isOpen() ? 0 : (reading_ && !readScheduled_ ? EPOLLIN : 0U) | (outgoing_.empty() ? 0U : EPOLLOUT);
+  if (!socket_.isOpen()) return;
+  const unsigned wanted = (reading_ && !readScheduled_ ? EPOLLIN : 0U) | (outgoing_->isEmpty() ? 0U : EPOLLOUT);
   if (wanted == interest_) return;
   interest_ = wanted;
-  if (wanted == 0) {
-    if (const auto item = std::exchange(item_, nullptr)) item->invalidate();
-  } else if (item_) {
+  if (item_) {
     item_->setEvents(wanted);
   } else {
     item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), wanted, [weak = weak_from_this()](unsigned events) {
@@ -209,7 +198,7 @@ void Channel::updateInterest() {
 // One timer while a frame is under way, none between frames: an idle connection wakes nobody.
 void Channel::updateStallTimer(bool newFrame) {
   hadFrame_ = hadFrame_ || newFrame;
-  const bool waiting = side_ == Side::Service && isOpen() && reading_ && (!hadFrame_ || reader_.isInsideFrame());
+  const bool waiting = side_ == Side::Service && socket_.isOpen() && reading_ && (!hadFrame_ || reader_.isInsideFrame());
   if (stallTimer_ && (newFrame || !waiting)) std::exchange(stallTimer_, nullptr)->invalidate();
   if (!waiting || stallTimer_) return;
   stallTimer_ = RunLoopTimer::create(kStallSeconds, 0, [weak = weak_from_this()] {
@@ -217,6 +206,8 @@ void Channel::updateStallTimer(bool newFrame) {
   });
   ioLoop().add(stallTimer_);
 }
+
+void Channel::endOfStream() { end(reader_.isInsideFrame() ? "it closed in the middle of a message" : "it closed the connection"); }
 
 void Channel::end(const std::string& reason) {
   if (!isOpen()) return;
@@ -228,16 +219,22 @@ void Channel::end(const std::string& reason) {
 
 void Channel::close() {
   if (!isOpen()) return;
-  if (const auto item = std::exchange(item_, nullptr)) item->invalidate();
-  if (const auto timer = std::exchange(stallTimer_, nullptr)) timer->invalidate();
-  socket_.closeFile();
-  interest_ = 0;
-  reader_ = {};
+  ended_ = true;
   frameHandler_ = nullptr;
   endHandler_ = nullptr;
-  for (Outgoing& dropped : std::exchange(outgoing_, {})) {
-    if (dropped.marker) dropped.marker();
-  }
+  reader_ = {};
+  closeSocket();
+}
+
+void Channel::closeSocket() {
+  if (const auto item = std::exchange(item_, nullptr)) item->invalidate();
+  if (const auto timer = std::exchange(stallTimer_, nullptr)) timer->invalidate();
+  interest_.reset();
+  if (!socket_.isOpen()) return;
+  auto socket = std::move(socket_);
+  // Before the descriptor becomes another file's.
+  outgoing_->close();
+  socket.closeFile();
   if (const auto handler = std::exchange(closedHandler_, nullptr)) handler();
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -10,6 +9,7 @@
 #include "platform/foundation/FileHandle.h"
 #include "platform/xpc/Credentials.h"
 #include "platform/xpc/Frame.h"
+#include "platform/xpc/SendQueue.h"
 #include "platform/xpc/SocketIO.h"
 
 // Internal to the channel: frames over one connected socket.
@@ -33,26 +33,29 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
   /// Called with every frame of the other side but status requests at the service's side, which the channel answers itself.
   void setHandlers(FrameHandler frameHandler, EndHandler endHandler);
-  /// Called once whenever and however the channel has ended and its socket is closed; before the end handler. For who counts sockets.
+  /// Called once when the socket has been closed, for whatever reason; before the end handler. For who counts sockets.
   void setClosedHandler(std::function<void()> closedHandler) { closedHandler_ = std::move(closedHandler); }
 
-  /// While not reading, the other side is slowed down and its end is not noticed. Frames that are already here are kept.
+  /// While not reading, the other side is slowed down. Frames that are already here are kept, also when the other side goes: its socket is
+  /// closed then, but what it left is handed over first when there is reading again, and its end told after it.
   void setReading(bool reading);
-  /// Queues a frame. A queue beyond kMaximumQueuedBytes ends the channel.
+  /// Writes a frame, or queues it. A queue beyond SendQueue::kMaximumBytes ends the channel.
   void write(OutgoingFrame frame);
+  /// For who writes from another thread, and then hands what `add` returned to `added` on this one.
+  [[nodiscard]] const std::shared_ptr<SendQueue>& sendQueue() const { return outgoing_; }
+  void added(SendQueue::Added added);
   /// Calls `block` when everything that was queued before is written, or at once when the channel ends.
   void afterWriting(std::function<void()> block);
   /// Closes the socket without telling the end handler.
   void close();
 
-  [[nodiscard]] bool isOpen() const { return socket_.isOpen(); }
+  [[nodiscard]] bool isOpen() const { return !ended_; }
   /// User and group from the start, all of it from the other side's first bytes on.
   [[nodiscard]] const Credentials& credentials() const { return credentials_; }
   [[nodiscard]] bool hasCredentials() const { return hasCredentials_; }
 
   /// A client must finish the frame that it began within this time, and begin its first one.
   static constexpr double kStallSeconds = 30;
-  static constexpr std::size_t kMaximumQueuedBytes = std::size_t{32} << 20U;
   /// Who asks for the status again while this much waits for it to be read is cut off.
   static constexpr std::size_t kMaximumQueuedStatusBytes = std::size_t{256} << 10U;
 
@@ -60,13 +63,15 @@ class Channel : public std::enable_shared_from_this<Channel> {
   Channel(FileHandle socket, Side side);
   void ready(unsigned events);
   void readSome();
+  void readTheRest();
+  void closeSocket();
   bool accept(Received received, std::span<const std::byte> bytes);
   bool dispatch();
   void dispatchOne(Frame frame);
   void answerStatus();
-  void flush();
   void updateInterest();
   void updateStallTimer(bool newFrame);
+  void endOfStream();
   void end(const std::string& reason);
   void scheduleReading();
 
@@ -76,20 +81,15 @@ class Channel : public std::enable_shared_from_this<Channel> {
   EndHandler endHandler_;
   std::function<void()> closedHandler_;
 
-  struct Outgoing {
-    OutgoingFrame frame;
-    std::function<void()> marker;
-  };
-  std::deque<Outgoing> outgoing_;
-  std::size_t outgoingBytes_ = 0;
-  bool writeBroken_ = false;
-  bool sentCredentials_ = false;
+  const std::shared_ptr<SendQueue> outgoing_;
 
   FrameReader reader_;
+  bool ended_ = false;
   bool reading_ = false;
   bool readScheduled_ = false;
   bool hadFrame_ = false;
-  unsigned interest_ = 0;
+  /// What the loop was asked for; nothing before it was asked.
+  std::optional<unsigned> interest_;
   Credentials credentials_;
   bool hasCredentials_ = false;
 

@@ -73,15 +73,37 @@ void Connection::Core::resume() {
 }
 
 void Connection::Core::send(OutgoingFrame frame) {
-  onIOThread([self = shared_from_this(), sent = std::make_shared<OutgoingFrame>(std::move(frame))] {
-    self->enqueue({std::move(*sent), nullptr});
+  std::unique_lock lock(sendMutex_);
+  if (!direct_ || posted_ > 0) {
+    lock.unlock();
+    return post({std::move(frame), nullptr});
+  }
+  const auto added = direct_->add(std::move(frame));
+  if (added == SendQueue::Added::Done) return;
+  onIOThread([weak = weak_from_this(), queue = direct_, added] {
+    const auto self = weak.lock();
+    if (self && self->channel_ && self->channel_->sendQueue() == queue) self->channel_->added(added);
   });
 }
 
 void Connection::Core::sendBarrier(std::function<void()> block) {
-  onIOThread([self = shared_from_this(), block = std::move(block)] {
-    self->enqueue({{}, [inbox = self->inbox_, block] { inbox->runOnQueue(block); }});
+  post({{}, [inbox = inbox_, block = std::move(block)] { inbox->runOnQueue(block); }});
+}
+
+void Connection::Core::post(Outgoing outgoing) {
+  const std::lock_guard lock(sendMutex_);
+  ++posted_;
+  onIOThread([self = shared_from_this(), shared = std::make_shared<Outgoing>(std::move(outgoing))] {
+    self->enqueue(std::move(*shared));
+    const std::lock_guard arrived(self->sendMutex_);
+    --self->posted_;
   });
+}
+
+// From here on `send` writes itself, after what is on its way to this thread; or no more.
+void Connection::Core::sendDirectly(bool allowed) {
+  const std::lock_guard lock(sendMutex_);
+  direct_ = allowed ? channel_->sendQueue() : nullptr;
 }
 
 void Connection::Core::enqueue(Outgoing outgoing) {
@@ -93,7 +115,7 @@ void Connection::Core::enqueue(Outgoing outgoing) {
   if (greeted_) return transmit(outgoing);
   waitingBytes_ += outgoing.frame.bytes.size();
   waiting_.push_back(std::move(outgoing));
-  if (waitingBytes_ > Channel::kMaximumQueuedBytes) return interrupt("too many messages wait for it to start");
+  if (waitingBytes_ > SendQueue::kMaximumBytes) return interrupt("too many messages wait for it to start");
   if (state_ == State::Open && !isBarrier) return transmit(waiting_.back());
   if (state_ == State::Closed && name_) open();
 }
@@ -113,6 +135,7 @@ void Connection::Core::greeted() {
   for (const Outgoing& outgoing : std::exchange(waiting_, {})) {
     if (outgoing.barrier && state_ == State::Open) transmit(outgoing);
   }
+  if (state_ == State::Open) sendDirectly(true);
 }
 
 void Connection::Core::cancel(bool tell) {
@@ -137,6 +160,7 @@ void Connection::Core::adopt(std::shared_ptr<Channel> channel) {
   attach(std::move(channel));
   greeted_ = true;
   if (state_ == State::Open) channel_->write(OutgoingFrame::make(FrameKind::Hello));
+  if (state_ == State::Open) sendDirectly(true);
 }
 
 void Connection::Core::startReading() {
@@ -223,6 +247,7 @@ void Connection::Core::ended(const std::string& reason) {
 }
 
 void Connection::Core::interrupt(const std::string& reason) {
+  sendDirectly(false);
   if (channel_) channel_->close();
   channel_ = nullptr;
   state_ = State::Closed;
@@ -244,6 +269,7 @@ void Connection::Core::fail(const std::string& reason) {
 
 void Connection::Core::finish(const std::string& description) {
   state_ = State::Over;
+  sendDirectly(false);
   if (channel_) channel_->close();
   channel_ = nullptr;
   std::shared_ptr<Connection> kept;

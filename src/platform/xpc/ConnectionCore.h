@@ -57,7 +57,9 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
     OutgoingFrame frame;
     std::function<void()> barrier;
   };
+  void post(Outgoing outgoing);
   void enqueue(Outgoing outgoing);
+  void sendDirectly(bool allowed);
   void transmit(const Outgoing& outgoing);
   void open();
   void greeted();
@@ -81,6 +83,13 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   std::shared_ptr<Connection> kept_;
   bool over_ = false;
   bool resumedOnce_ = false;
+
+  /// Held while a frame is written past the I/O thread.
+  std::mutex sendMutex_;
+  /// Where `send` may write at once: the channel's, while there is a greeted one.
+  std::shared_ptr<SendQueue> direct_;
+  /// What went by way of the I/O thread and has not arrived there: nothing may overtake it.
+  int posted_ = 0;
 
   // I/O thread.
   State state_ = State::Closed;

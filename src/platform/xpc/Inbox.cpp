@@ -30,13 +30,17 @@ void Inbox::setRoomHandler(std::function<void()> room) {
 }
 
 void Inbox::resume() {
-  const std::lock_guard lock(mutex_);
-  if (suspensions_ == 0) {
-    if (closed_) return;
-    throw Exception(NSInternalInconsistencyException, "a connection that is not suspended was resumed");
+  std::shared_ptr<SerialQueue> due;
+  {
+    const std::lock_guard lock(mutex_);
+    if (suspensions_ == 0) {
+      if (closed_) return;
+      throw Exception(NSInternalInconsistencyException, "a connection that is not suspended was resumed");
+    }
+    --suspensions_;
+    due = dueOn();
   }
-  --suspensions_;
-  postIfDue();
+  post(due);
 }
 
 void Inbox::suspend() {
@@ -99,25 +103,34 @@ bool Inbox::halfEmpty() const {
 }
 
 void Inbox::putItem(Item item) {
+  std::shared_ptr<SerialQueue> due;
+  bool taken = false;
   {
     const std::lock_guard lock(mutex_);
-    if (!closed_) {
+    taken = !closed_;
+    if (taken) {
       closed_ = item.last;
       bytes_ += item.hold.bytes();
       descriptors_ += item.hold.descriptors();
       items_.push_back(std::move(item));
-      postIfDue();
-      return;
+      due = dueOn();
     }
   }
-  if (item.told) item.told();
+  if (!taken && item.told) item.told();
+  post(due);
 }
 
-// With the lock held. One block at a time, so that a change of the queue never makes two handlers run at once.
-void Inbox::postIfDue() {
-  if (posted_ || suspensions_ > 0 || items_.empty()) return;
+// With the lock held: the queue for the next delivery when one is due, and then it must be posted. One at a time, so that a change of the
+// queue never makes two handlers run at once.
+std::shared_ptr<SerialQueue> Inbox::dueOn() {
+  if (posted_ || suspensions_ > 0 || items_.empty()) return nullptr;
   posted_ = true;
-  queue_->async([self = shared_from_this()] { self->deliver(); });
+  return queue_;
+}
+
+// Without the lock: the queue's thread would wake up only to wait for it.
+void Inbox::post(const std::shared_ptr<SerialQueue>& queue) {
+  if (queue) queue->async([self = shared_from_this()] { self->deliver(); });
 }
 
 void Inbox::deliver() {
@@ -150,9 +163,13 @@ void Inbox::deliver() {
   if (handler) call(handler, item);
   item.hold = {};
   if (item.told) item.told();
-  const std::lock_guard lock(mutex_);
-  posted_ = false;
-  postIfDue();
+  std::shared_ptr<SerialQueue> due;
+  {
+    const std::lock_guard lock(mutex_);
+    posted_ = false;
+    due = dueOn();
+  }
+  post(due);
 }
 
 void Inbox::call(const Connection::EventHandler& handler, const Item& item) {

@@ -41,7 +41,7 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   void runOnQueue(std::function<void()> block);
   [[nodiscard]] bool isFull();
 
-  static constexpr std::size_t kMaximumMessages = 64;
+  static constexpr std::size_t kMaximumMessages = 512;
   static constexpr std::size_t kMaximumBytes = std::size_t{4} << 20U;
   static constexpr std::size_t kMaximumDescriptors = 64;
 
@@ -56,7 +56,8 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   };
   explicit Inbox(std::string label);
   void putItem(Item item);
-  void postIfDue();
+  [[nodiscard]] std::shared_ptr<SerialQueue> dueOn();
+  void post(const std::shared_ptr<SerialQueue>& queue);
   void call(const Connection::EventHandler& handler, const Item& item);
   void deliver();
   [[nodiscard]] bool full() const;

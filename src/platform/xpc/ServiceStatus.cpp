@@ -33,8 +33,9 @@ bool waitFor(int socket, short events, Clock::time_point deadline) {
 
 std::variant<std::monostate, WireError> sendRequest(int socket, Clock::time_point deadline) {
   OutgoingFrame request = OutgoingFrame::make(FrameKind::StatusRequest);
+  const std::array<const OutgoingFrame*, 1> pieces{&request};
   while (request.written < request.bytes.size()) {
-    const auto result = transmit(socket, request, request.written == 0);
+    const auto result = transmit(socket, pieces, request.written == 0);
     if (const auto* error = std::get_if<WireError>(&result)) return *error;
     if (const auto* size = std::get_if<std::size_t>(&result)) {
       request.written += *size;

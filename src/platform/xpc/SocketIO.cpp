@@ -4,6 +4,8 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -104,16 +106,21 @@ std::variant<Received, Blocked, WireError> receive(int socket, std::span<std::by
   return received;
 }
 
-std::variant<std::size_t, Blocked, WireError> transmit(int socket, const OutgoingFrame& frame, bool withCredentials) {
-  alignas(cmsghdr) std::array<char, kControlSpace> control{};
-  // The interface predates const; sendmsg only reads.
-  iovec place{.iov_base = const_cast<std::byte*>(frame.bytes.data() + frame.written), .iov_len = frame.bytes.size() - frame.written};
+std::variant<std::size_t, Blocked, WireError> transmit(int socket, std::span<const OutgoingFrame* const> frames, bool withCredentials) {
+  alignas(cmsghdr) std::array<char, kControlSpace> control;
+  std::array<iovec, kMaximumFramesAtOnce> places;
+  const std::size_t count = std::min(frames.size(), places.size());
+  for (std::size_t i = 0; i < count; ++i) {
+    const OutgoingFrame& frame = *frames[i];
+    // The interface predates const; sendmsg only reads.
+    places[i] = {.iov_base = const_cast<std::byte*>(frame.bytes.data() + frame.written), .iov_len = frame.bytes.size() - frame.written};
+  }
   msghdr message{};
-  message.msg_iov = &place;
-  message.msg_iovlen = 1;
-  if (frame.written == 0) {
+  message.msg_iov = places.data();
+  message.msg_iovlen = count;
+  if (frames.front()->written == 0) {
     message.msg_control = control.data();
-    putControl(message, frame, withCredentials);
+    putControl(message, *frames.front(), withCredentials);
   }
   ssize_t size = 0;
   do {

@@ -37,7 +37,10 @@ struct Received {
 enum class Blocked { Yes };
 /// Reads what is there into `buffer`. 0 bytes are the end of the stream. Never blocks.
 std::variant<Received, Blocked, WireError> receive(int socket, std::span<std::byte> buffer);
-/// Writes what fits of `frame`, with the descriptors at its first byte and, when asked, this process's credentials. Never blocks.
-std::variant<std::size_t, Blocked, WireError> transmit(int socket, const OutgoingFrame& frame, bool withCredentials);
+/// Writes what fits of `frames` (at least one), with the first one's descriptors at its first byte and, when asked, this process's
+/// credentials. The others have no descriptors and nothing written. Never blocks.
+std::variant<std::size_t, Blocked, WireError> transmit(int socket, std::span<const OutgoingFrame* const> frames, bool withCredentials);
+/// How many frames one call takes.
+inline constexpr std::size_t kMaximumFramesAtOnce = 64;
 
 }  // namespace platform::xpc
