@@ -2,16 +2,17 @@
 # What a room does not name it cannot include from without failing to link.
 
 # Compiling files of a room together takes half the time and is what the tests' builds do. The lint compiles each alone, which proves that
-# it includes what it uses.
+# it includes what it uses. Those named after the target have internal names that others of the room have too, and stay alone.
 option(KESTRINE_TOGETHER "Compile the files of a room in groups" OFF)
 function(kestrine_together name)
   set_target_properties(${name} PROPERTIES UNITY_BUILD ${KESTRINE_TOGETHER} UNITY_BUILD_BATCH_SIZE 8)
+  set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()
 
-# kestrine_room(NAME [ALONE] USES target...): a library of every *.cpp in the current folder but main.cpp. ALONE: its files have internal
-# names in common and are never compiled together.
+# kestrine_room(NAME USES target... [ALONE file...]): a library of every *.cpp in the current folder but main.cpp. ALONE: files that are
+# never compiled together with others.
 function(kestrine_room name)
-  cmake_parse_arguments(ROOM "ALONE" "" "USES" ${ARGN})
+  cmake_parse_arguments(ROOM "" "" "USES;ALONE" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS "*.cpp")
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
   if(NOT sources)
@@ -21,16 +22,14 @@ function(kestrine_room name)
   endif()
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC kestrine_compile ${ROOM_USES})
-  if(NOT ROOM_ALONE)
-    kestrine_together(${name})
-  endif()
+  kestrine_together(${name} ${ROOM_ALONE})
 endfunction()
 
-# kestrine_tests(NAME USES target... [TIMEOUT s] [LABELS l...]): one test program of every *.cpp in the current folder, so that no
+# kestrine_tests(NAME USES target... [ALONE file...] [TIMEOUT s] [LABELS l...]): one test program of every *.cpp in the current folder, so that no
 # test file can be left out by mistake; each test case becomes one CTest test.
 include(GoogleTest)
 function(kestrine_tests name)
-  cmake_parse_arguments(TESTS "ALONE" "TIMEOUT" "USES;LABELS" ${ARGN})
+  cmake_parse_arguments(TESTS "" "TIMEOUT" "USES;ALONE;LABELS" ${ARGN})
   if(NOT TESTS_TIMEOUT)
     set(TESTS_TIMEOUT 300)
   endif()
@@ -41,9 +40,7 @@ function(kestrine_tests name)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE kestrine_test_support ${TESTS_USES})
   target_precompile_headers(${name} REUSE_FROM kestrine_test_pch)
-  if(NOT TESTS_ALONE)
-    kestrine_together(${name})
-  endif()
+  kestrine_together(${name} ${TESTS_ALONE})
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 TEST_PREFIX "${name}."
     PROPERTIES TIMEOUT ${TESTS_TIMEOUT} LABELS "${TESTS_LABELS}")
 endfunction()
