@@ -9,8 +9,10 @@
 #include <fstream>
 #include <iterator>
 
+#include "platform/foundation/JSON.h"
 #include "tests/app/RefusedCalls.h"
 #include "tests/app/Sandbox.h"
+#include "tests/support/NetworkNamespace.h"
 
 namespace kestrine::test {
 namespace {
@@ -126,6 +128,31 @@ TEST_F(RunScript, SaysWhyItCannotWatchAndLeavesNothing) {
   const Outcome outcome = runToEnd({kScript, sandbox.folder("my files")}, options);
   EXPECT_EQ(outcome.status, 5);
   EXPECT_THAT(outcome.errorOutput, HasSubstr("it holds a blank"));
+  expectNothingLeft();
+}
+
+TEST_F(RunScript, ShowsTheOneReportOfAWatchThatCannotStart) {
+  if (const std::string refusal = refusalOfNetworkNamespaces(); !refusal.empty())
+    GTEST_SKIP() << "left out: script/run --report, " << refusal;
+  const Outcome outcome = runToEnd({kScript, "--report"}, options);
+  ASSERT_EQ(outcome.status, 0) << outcome.output << outcome.errorOutput;
+  // Without a network a line with nothing, then the server's answer.
+  const auto second = outcome.output.find("== The same, with a network and a server\n");
+  ASSERT_NE(second, std::string::npos) << outcome.output;
+  EXPECT_THAT(outcome.output.substr(0, second), HasSubstr("] Error occured....(null)\n"));
+  EXPECT_THAT(outcome.output.substr(second), HasSubstr("] Error occured....<LogErrorResponseData: 0x"));
+  const auto body = outcome.output.find("POST /KestrineRestService/MAC/ErrorLog.svc/LogError\n{");
+  const auto end = outcome.output.find("}\nrequests: 1\n");
+  ASSERT_NE(body, std::string::npos) << outcome.output;
+  ASSERT_NE(end, std::string::npos) << outcome.output;
+  const auto brace = outcome.output.find('{', body);
+  EXPECT_EQ(platform::readJSON(outcome.output.substr(brace, end + 1 - brace)),
+            platform::Object(platform::Dictionary{{"ErrorClass", "FileWatcher"},
+                                                  {"ErrorMethod", "Run Method"},
+                                                  {"ErrorMessage", "Exception has occured"},
+                                                  {"ComputerID", "a-computer"},
+                                                  {"UserID", "a-user"}}));
+  EXPECT_THAT(outcome.output.substr(end), HasSubstr("service           running, process "));
   expectNothingLeft();
 }
 
