@@ -1,7 +1,8 @@
 #!/bin/sh
 # Runs a program, together with the helper beside it, as a user without any rights, from copies that such a user can reach.
 #   unprivileged.sh PROGRAM HELPER [ARGUMENT...]
-# UNPRIVILEGED_TESTS: a filter of GoogleTest's, for a run in short.
+# UNPRIVILEGED_TESTS: a filter of GoogleTest's, for a run in short. Long cases are shortened, since they run in full with rights;
+# an empty KESTRINE_SHORTENED lets them be long here too.
 set -eu
 program=$1
 helper=$2
@@ -17,5 +18,5 @@ cp "$program" "$helper" "$folder/bin/"
 chmod -R a+rX "$folder"
 chown 65534:65534 "$folder/tmp" "$folder/home"
 cd "$folder"
-TMPDIR=$folder/tmp HOME=$folder/home setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all \
+TMPDIR=$folder/tmp HOME=$folder/home KESTRINE_SHORTENED="${KESTRINE_SHORTENED-without rights}" setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all \
   "$folder/bin/$(basename "$program")" "$@"
