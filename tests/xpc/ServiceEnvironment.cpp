@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/concurrency/ThreadPool.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {
@@ -55,6 +56,8 @@ ServiceEnvironment::~ServiceEnvironment() {
   for (const auto& file : std::filesystem::directory_iterator(folder_.path())) {
     if (file.path().filename().string().starts_with("sanitizer")) ADD_FAILURE() << readFile(file.path().string());
   }
+  // An attempt to connect that nobody waits for any more may still be reading the environment.
+  eventually([] { return platform::ThreadPool::shared().isIdle(); }, std::chrono::seconds(2));
   for (const auto& [variable, value] : former_) {
     if (value) {
       setenv(variable.c_str(), value->c_str(), 1);

@@ -97,14 +97,9 @@ bool ThreadPool::next(Job& job) {
   return true;
 }
 
-std::size_t ThreadPool::parked() const {
+bool ThreadPool::isIdle() const {
   const std::lock_guard lock(mutex_);
-  return parked_;
-}
-
-std::size_t ThreadPool::threads() const {
-  const std::lock_guard lock(mutex_);
-  return threads_;
+  return waiting_.empty() && parked_ == threads_;
 }
 
 }  // namespace platform
