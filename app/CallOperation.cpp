@@ -98,7 +98,7 @@ RestStreamHandler describingStream(CallHandler handler) {
 /// "Downloads.svc/UpdateBSDownloadStreamFailed" and whatever cannot be seen behind it: "UpdateBSDownloadStreamFailed".
 std::string lastComponent(std::string_view path) {
   path.remove_prefix(path.rfind('/') + 1);
-  return std::string(path.substr(0, path.find_first_of("\xEF")));
+  return std::string(path.substr(0, path.find('\xEF')));
 }
 
 /// What is common to all rows of the table.

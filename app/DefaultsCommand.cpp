@@ -47,7 +47,7 @@ Object read(const std::string& domain) {
     }
     throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", fileOf(domain), std::strerror(error)));
   }
-  const Object values = UserDefaults::standardUserDefaults().persistentDomainForName(domain);
+  Object values = UserDefaults::standardUserDefaults().persistentDomainForName(domain);
   if (!values.isDictionary()) {
     throw CommandError(ExitCode::Failed, fmt::format("'{}' holds no preferences; the log above says why", fileOf(domain)));
   }
@@ -55,7 +55,7 @@ Object read(const std::string& domain) {
 }
 
 Object readKey(const std::string& domain, const std::string& key) {
-  const Object value = read(domain).objectForKey(key);
+  Object value = read(domain).objectForKey(key);
   if (!value.isNil()) return value;
   throw CommandError(ExitCode::NotFound,
                      fmt::format("no key '{}' in domain '{}'; 'kestrine defaults list {}' names its keys", key, domain, domain));
@@ -91,7 +91,7 @@ Object parseValue(const Arguments& arguments, const std::string& text) {
   if (found == std::end(kTypes)) {
     throw CommandError(ExitCode::Usage, fmt::format("defaults: unknown type '{}', expected string, int, float or bool", type));
   }
-  const Object value = found->parse(text);
+  Object value = found->parse(text);
   if (value.isNil()) throw CommandError(ExitCode::Usage, fmt::format("defaults: '{}' is no value of type {}", text, type));
   return value;
 }

@@ -21,10 +21,11 @@ class Exchange {
     return answer;
   }
 
- protected:
-  Exchange() = default;
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
+
+ protected:
+  Exchange() = default;
 };
 
 inline constexpr const char* kInterface = "FileWatcherXpcServiceProtocol";

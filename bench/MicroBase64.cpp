@@ -34,24 +34,24 @@ const unsigned char* in(const void* bytes) { return static_cast<const unsigned c
 // What is encoded is made before the first iteration.
 void encode(benchmark::State& state) {
   static_cast<void>(encoded());
-  for (auto _ : state) benchmark::DoNotOptimize(kestrine::base64EncodedString(plain()));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(kestrine::base64EncodedString(plain()));
 }
 
 void encodeByOpenSSL(benchmark::State& state) {
   std::vector<unsigned char> text(encoded().size() + 1);
-  for (auto _ : state) benchmark::DoNotOptimize(EVP_EncodeBlock(text.data(), in(plain().data()), kBytes));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(EVP_EncodeBlock(text.data(), in(plain().data()), kBytes));
 }
 
 void decode(benchmark::State& state) {
   static_cast<void>(encoded());
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     if (kestrine::dataWithBase64EncodedString(encoded()) != plain()) state.SkipWithError("not decoded");
   }
 }
 
 void decodeByOpenSSL(benchmark::State& state) {
   std::vector<std::byte> bytes(kBytes + 3);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()), in(encoded().data()), static_cast<int>(encoded().size()));
     if (!std::equal(plain().begin(), plain().end(), bytes.begin())) state.SkipWithError("not decoded");
   }
@@ -59,12 +59,12 @@ void decodeByOpenSSL(benchmark::State& state) {
 
 void encodeLines(benchmark::State& state) {
   static_cast<void>(encoded());
-  for (auto _ : state) benchmark::DoNotOptimize(kestrine::base64EncodedStringWithWrapWidth(plain(), 76));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(kestrine::base64EncodedStringWithWrapWidth(plain(), 76));
 }
 
 void decodeLines(benchmark::State& state) {
   const std::string lines = kestrine::base64EncodedStringWithWrapWidth(plain(), 76).value();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     if (kestrine::dataWithBase64EncodedString(lines) != plain()) state.SkipWithError("not decoded");
   }
 }

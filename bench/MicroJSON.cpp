@@ -56,7 +56,7 @@ const std::string& answer() {
 
 void buildBatch(benchmark::State& state) {
   batch();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     const platform::Object body = QueryParser::parseSyncFilesInTableAndCloudQuery(batch());
     benchmark::DoNotOptimize(platform::prettyJSONText(body.objectForKey("syncData")));
   }
@@ -64,7 +64,7 @@ void buildBatch(benchmark::State& state) {
 
 void buildBatchByRapidJSON(benchmark::State& state) {
   batch();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     rapidjson::Document document(rapidjson::kArrayType);
     auto& allocator = document.GetAllocator();
     for (const auto& query : batch()) {
@@ -86,7 +86,7 @@ void buildBatchByRapidJSON(benchmark::State& state) {
 
 void buildBatchByNlohmann(benchmark::State& state) {
   batch();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     auto document = nlohmann::json::array();
     for (const auto& query : batch()) {
       auto element = nlohmann::json::object();
@@ -99,21 +99,21 @@ void buildBatchByNlohmann(benchmark::State& state) {
 
 void readAnswer(benchmark::State& state) {
   answer();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(platform::readJSON(answer()));
   }
 }
 
 void readAnswerIntoRecords(benchmark::State& state) {
   answer();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(DataParser::parseGetSharedFilesTransferDataResponseData(platform::readJSON(answer())));
   }
 }
 
 void readAnswerByRapidJSON(benchmark::State& state) {
   answer();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     rapidjson::Document document;
     document.Parse<rapidjson::kParseValidateEncodingFlag>(answer().data(), answer().size());
     if (document.HasParseError()) state.SkipWithError("not read");
@@ -123,7 +123,7 @@ void readAnswerByRapidJSON(benchmark::State& state) {
 
 void readAnswerByNlohmann(benchmark::State& state) {
   answer();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(nlohmann::json::parse(answer()));
   }
 }

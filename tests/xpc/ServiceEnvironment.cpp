@@ -57,7 +57,8 @@ ServiceEnvironment::~ServiceEnvironment() {
     if (file.path().filename().string().starts_with("sanitizer")) ADD_FAILURE() << readFile(file.path().string());
   }
   // An attempt to connect that nobody waits for any more may still be reading the environment.
-  eventually([] { return platform::ThreadPool::shared().isIdle(); }, std::chrono::seconds(2));
+  const auto& pool = platform::ThreadPool::shared();
+  eventually([&pool] { return pool.parked() == pool.threads(); }, std::chrono::seconds(2));
   for (const auto& [variable, value] : former_) {
     if (value) {
       setenv(variable.c_str(), value->c_str(), 1);

@@ -97,9 +97,14 @@ bool ThreadPool::next(Job& job) {
   return true;
 }
 
-bool ThreadPool::isIdle() const {
+std::size_t ThreadPool::parked() const {
   const std::lock_guard lock(mutex_);
-  return waiting_.empty() && parked_ == threads_;
+  return parked_;
+}
+
+std::size_t ThreadPool::threads() const {
+  const std::lock_guard lock(mutex_);
+  return threads_;
 }
 
 }  // namespace platform

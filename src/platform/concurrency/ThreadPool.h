@@ -23,8 +23,10 @@ class ThreadPool {
   /// Runs `job`, which must not throw, on a thread of its own. When the system gives no thread, the job waits for the next that becomes
   /// free.
   void run(Job job);
-  /// Whether all jobs so far have ended; what they did happened before the answer.
-  [[nodiscard]] bool isIdle() const;
+  /// Threads that wait for work at this moment.
+  [[nodiscard]] std::size_t parked() const;
+  /// All threads of the pool at this moment.
+  [[nodiscard]] std::size_t threads() const;
 
  private:
   ThreadPool() = default;
