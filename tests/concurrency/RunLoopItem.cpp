@@ -143,7 +143,7 @@ TEST(RunLoopItem, InvalidateEndsARunThatHasNothingLeft) {
 
 TEST(RunLoopItem, InvalidateEndsARunThatIsAboutToSleep) {
   // Another moment each time: the last item goes before the loop looks for one, while it looks, between that and its sleep, in its sleep.
-  const int rounds = longOrShort(5000, 1000);
+  const int rounds = longOrShort(20000, 2000);
   for (int round = 0; round < rounds; ++round) {
     const auto source = RunLoopSource::create(nullptr);
     std::shared_ptr<RunLoop> loop;

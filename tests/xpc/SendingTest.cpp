@@ -62,6 +62,26 @@ TEST(Sending, KeepsTheOrderOfEachThreadWhetherTheSocketTakesItAtOnceOrLater) {
   connection->cancel();
 }
 
+TEST(Sending, KeepsTheOrderWhileTheConnectionOpens) {
+  constexpr int kMessages = 300;
+  const int rounds = longOrShort(200, 50);
+  bool inOrder = true;
+  for (int round = 0; round < rounds && inOrder; ++round) {
+    auto [client, service] = socketPair();
+    // What is sent at once is on its way to the thread that opens it, when the sender may begin to write itself.
+    const auto connection = Connection::createWithSocket(std::move(service));
+    for (int number = 0; number < kMessages; ++number) connection->send(command(numbered(0, number)));
+    ASSERT_TRUE(readFrame(client)) << "no greeting";
+    for (int number = 0; number < kMessages && inOrder; ++number) {
+      const auto frame = readFrame(client);
+      ASSERT_TRUE(frame);
+      inOrder = frame->payload == encodedDictionary({{"command", numbered(0, number)}});
+      EXPECT_TRUE(inOrder) << "message " << number << " of round " << round;
+    }
+    connection->cancel();
+  }
+}
+
 TEST(Sending, GoesOnBehindABarrier) {
   auto [client, service] = socketPair();
   const auto connection = Connection::createWithSocket(std::move(service));

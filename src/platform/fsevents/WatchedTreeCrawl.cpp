@@ -180,6 +180,7 @@ void WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags f
       const FSEventStreamEventFlags kind = kindOfEntry(*entry, descriptor);
       if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) report(node, name, flags | kind, false);
       if (kind != kFSEventStreamEventFlagItemIsDir || isExcluded(node, name)) continue;
+      // NOLINTNEXTLINE(bugprone-use-after-move): moved once, since `parent` is there from then on
       if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
       stack.push_back({node, name, parent});
     }

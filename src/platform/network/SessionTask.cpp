@@ -168,6 +168,7 @@ Exchange::Appetite SessionTask::passOn(std::span<const char> piece) {
     const std::size_t size;
     ~Taken() { task->taken(size); }
   };
+  // NOLINTNEXTLINE(modernize-make-shared): which cannot make aggregates
   delivery_->post([taken = std::shared_ptr<Taken>(new Taken{self(), piece.size()}), delegate = delegate_,
                    data = Bytes(std::string(piece.data(), piece.size()))] {
     delegate->URLSession_dataTask_didReceiveData(taken->task->place_.session, taken->task, data);
@@ -218,6 +219,7 @@ void SessionTask::complete(std::optional<Error> error) {
     const std::shared_ptr<SessionTask> task;
     ~Tally() { task->place_.tally(false); }
   };
+  // NOLINTNEXTLINE(modernize-make-shared): which cannot make aggregates
   delivery_->post([tally = std::shared_ptr<Tally>(new Tally{self()}), error = std::move(error)] {
     SessionTask& task = *tally->task;
     task.tellEnd(error, std::exchange(task.delegate_, nullptr));

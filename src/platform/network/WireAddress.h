@@ -12,7 +12,7 @@ struct Origin {
   std::string scheme;
   std::string host;
   int port = 0;
-  friend auto operator<=>(const Origin&, const Origin&) = default;
+  friend auto operator<=>(const Origin&, const Origin&) = default;  // NOLINT(modernize-use-nullptr): takes the operator for a zero
 };
 
 /// Nothing when the text is no complete address of either scheme, with a host and a valid port.

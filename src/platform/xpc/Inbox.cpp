@@ -116,6 +116,7 @@ void Inbox::putItem(Item item) {
       due = dueOn();
     }
   }
+  // NOLINTNEXTLINE(bugprone-use-after-move): moved only where it was taken
   if (!taken && item.told) item.told();
   post(due);
 }
