@@ -15,14 +15,14 @@ using platform::NotificationCenter;
 using platform::OperationQueue;
 
 void XPCService::runServiceWithConnectionHandler(ConnectionHandler connectionHandler) {
-  const auto service = initWithConnectionHandler(std::move(connectionHandler));
+  [[maybe_unused]] const auto service = initWithConnectionHandler(std::move(connectionHandler));
   runService();
 }
 
 void XPCService::runService() { platform::xpc_main(XPCServiceConnectionHandler); }
 
 std::shared_ptr<XPCService> XPCService::initWithConnectionHandler(ConnectionHandler connectionHandler) {
-  const std::shared_ptr<XPCService> self(new XPCService(std::move(connectionHandler)));
+  std::shared_ptr<XPCService> self(new XPCService(std::move(connectionHandler)));
   NotificationCenter::defaultCenter()
       .addObserver(kXPCConnectionReceivedNotification, platform::synchronousExecutor(OperationQueue::mainQueue()),
                    [self](const Notification& notification) {

@@ -39,7 +39,7 @@ std::shared_ptr<XPCConnection> XPCConnection::initWithServiceName(const std::str
 
 std::shared_ptr<XPCConnection> XPCConnection::initWithConnection(const std::shared_ptr<Connection>& connection) {
   if (!connection) return nullptr;
-  const std::shared_ptr<XPCConnection> self(new XPCConnection(connection));
+  std::shared_ptr<XPCConnection> self(new XPCConnection(connection));
   self->receiveConnection(connection);
   self->setDispatchQueue(platform::SerialQueue::create(connection->name().value_or("")));
   self->resume();
