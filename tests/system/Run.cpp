@@ -204,6 +204,7 @@ TEST_F(RunScript, HelpsAndRefusesWhatItDoesNotUnderstand) {
   EXPECT_THAT(help.output, HasSubstr("script/run [BASE]"));
   EXPECT_EQ(runToEnd({kScript, "--fast"}, options).status, 2);
   EXPECT_EQ(runToEnd({kScript, "a", "b"}, options).status, 2);
+  EXPECT_EQ(runToEnd({kScript, "--report", "a"}, options).status, 2);
   expectNothingLeft();
 }
 
