@@ -103,14 +103,15 @@ class ListedQueue : public OperationQueue, public std::enable_shared_from_this<L
   [[nodiscard]] const std::string& name() const override { return name_; }
 
  protected:
+  using Waiting = std::deque<std::shared_ptr<BlockOperation>>;
   using Executing = std::list<std::shared_ptr<BlockOperation>>;
 
   virtual void enqueue(std::shared_ptr<BlockOperation> operation) = 0;
 
-  /// With the lock held: moves the next waiting operation to the executing ones.
-  Executing::iterator begin() {
-    executing_.push_back(std::move(waiting_.front()));
-    waiting_.pop_front();
+  /// With the lock held: moves a waiting operation to the executing ones.
+  Executing::iterator begin(Waiting::iterator operation) {
+    executing_.push_back(std::move(*operation));
+    waiting_.erase(operation);
     return std::prev(executing_.end());
   }
   /// With the lock held.
@@ -125,7 +126,7 @@ class ListedQueue : public OperationQueue, public std::enable_shared_from_this<L
   }
 
   mutable std::mutex mutex_;
-  std::deque<std::shared_ptr<BlockOperation>> waiting_;
+  Waiting waiting_;
   Executing executing_;
 
  private:
@@ -191,7 +192,7 @@ class PoolOperationQueue final : public ListedQueue {
   void drain() {
     std::unique_lock lock(mutex_);
     while (!waiting_.empty() && !suspended_ && borrowed_ <= limit()) {
-      const auto operation = begin();
+      const auto operation = begin(waiting_.begin());
       lock.unlock();
       run(**operation);
       lock.lock();
@@ -217,19 +218,22 @@ class MainOperationQueue final : public ListedQueue {
 
  private:
   void enqueue(std::shared_ptr<BlockOperation> operation) override {
-    // Both under one lock, or two threads could disagree about which block runs which operation.
-    const std::lock_guard lock(mutex_);
-    waiting_.push_back(std::move(operation));
-    platform::mainQueue()->async([this] { runNext(); });
+    {
+      const std::lock_guard lock(mutex_);
+      waiting_.push_back(operation);
+    }
+    // Not with the lock held: the main thread would wake up only to wait for it. Another thread's operation may come to the main queue
+    // before it, so each block knows its own.
+    platform::mainQueue()->async([this, operation = std::move(operation)] { runOne(operation); });
   }
 
-  void runNext() {
+  void runOne(const std::shared_ptr<BlockOperation>& operation) {
     std::unique_lock lock(mutex_);
-    const auto operation = begin();
+    const auto begun = begin(std::find(waiting_.begin(), waiting_.end(), operation));
     lock.unlock();
-    run(**operation);
+    run(*operation);
     lock.lock();
-    end(operation);
+    end(begun);
   }
 };
 
