@@ -65,7 +65,7 @@ std::string ServicesUtilities::checkDuplicateAndCreate_kestrinePath(const std::s
     if (!platform::fileExistsAtPath(source, &isDirectory)) return source;
     std::string name = fmt::format("{} {}", stem, static_cast<std::int32_t>(counter));
     if (!isDirectory) name = platform::stringByAppendingPathExtension(name, extension);
-    const std::string candidate = platform::stringByAppendingPathComponent(folder, name);
+    std::string candidate = platform::stringByAppendingPathComponent(folder, name);
     if (platform::fileExistsAtPath(candidate)) continue;
     if (!platform::copyItemAtPath_toPath(source, candidate)) return candidate;
   }

@@ -115,20 +115,18 @@ class Writer {
 
   void number(const Object& value) {
     const auto type = value.numberType();
-    char digits[64];
-    char* end = digits;
     if (type == NumberType::Bool) {
       text_ += value.boolValue() ? "<true/>\n" : "<false/>\n";
       return;
     }
-    if (isReal(type)) {
-      end = std::to_chars(digits, std::end(digits), value.doubleValue()).ptr;
-    } else if (type == NumberType::UnsignedLongLong) {
-      end = std::to_chars(digits, std::end(digits), value.unsignedLongLongValue()).ptr;
-    } else {
-      end = std::to_chars(digits, std::end(digits), value.longLongValue()).ptr;
-    }
-    element(isReal(type) ? "real" : "integer", std::string_view(digits, static_cast<std::size_t>(end - digits)));
+    char digits[64];
+    const auto digitsOf = [&digits](auto number) {
+      const char* const end = std::to_chars(digits, std::end(digits), number).ptr;
+      return std::string_view(digits, static_cast<std::size_t>(end - digits));
+    };
+    if (isReal(type)) return element("real", digitsOf(value.doubleValue()));
+    if (type == NumberType::UnsignedLongLong) return element("integer", digitsOf(value.unsignedLongLongValue()));
+    element("integer", digitsOf(value.longLongValue()));
   }
 
   void element(std::string_view name, std::string_view content) {
