@@ -2,13 +2,22 @@
 #include <string>
 #include <vector>
 
-#include "app/Command.h"
-#include "platform/foundation/UserDefaults.h"
+#include "app/call/CallCommand.h"
+#include "app/commands/Commands.h"
+#include "platform/foundation/preferences/UserDefaults.h"
+
+namespace {
+
+constexpr const kestrine::Command* kCommands[] = {&kestrine::kStartCommand,  &kestrine::kStopCommand,     &kestrine::kStatusCommand,
+                                                  &kestrine::kFollowCommand, &kestrine::kDefaultsCommand, &kestrine::kEventsCommand,
+                                                  &kestrine::kCallCommand};
+
+}  // namespace
 
 int main(int count, char** words) {
   // A reader that goes away is an error value of the write, not a signal that ends us in the middle of one.
   std::signal(SIGPIPE, SIG_IGN);
   platform::setApplicationIdentifier("kestrine");
   const std::vector<std::string> arguments(words + (count > 0 ? 1 : 0), words + count);
-  return static_cast<int>(kestrine::runCommandLine(arguments));
+  return static_cast<int>(kestrine::runCommandLine(kCommands, arguments));
 }

@@ -10,8 +10,8 @@
 
 #include "bench/ExchangeMessage.h"
 #include "bench/Measure.h"
-#include "platform/xpc/Connection.h"
-#include "platform/xpc/Listener.h"
+#include "platform/xpc/connection/Connection.h"
+#include "platform/xpc/connection/Listener.h"
 
 namespace kestrine::bench {
 

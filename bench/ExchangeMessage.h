@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bench/Exchange.h"
-#include "platform/xpc/Value.h"
+#include "platform/xpc/value/Value.h"
 
 namespace kestrine::bench {
 

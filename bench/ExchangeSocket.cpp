@@ -7,8 +7,8 @@
 
 #include "bench/ExchangeMessage.h"
 #include "bench/Measure.h"
-#include "platform/xpc/Frame.h"
-#include "platform/xpc/SocketIO.h"
+#include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/SocketIO.h"
 
 namespace kestrine::bench {
 

@@ -12,7 +12,7 @@
 
 #include "Services/DataParser.h"
 #include "Services/QueryParser.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/formats/JSON.h"
 
 namespace {
 

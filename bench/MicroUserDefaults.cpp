@@ -2,7 +2,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/TemporaryFolder.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 
 namespace {
 

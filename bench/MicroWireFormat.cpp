@@ -3,7 +3,7 @@
 
 #include <variant>
 
-#include "platform/xpc/WireFormat.h"
+#include "platform/xpc/value/WireFormat.h"
 
 namespace {
 

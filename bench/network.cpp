@@ -25,7 +25,7 @@
 
 #include "bench/Measure.h"
 #include "bench/TemporaryFolder.h"
-#include "platform/network/URLSession.h"
+#include "platform/network/session/URLSession.h"
 
 namespace {
 

@@ -30,8 +30,8 @@
 #include "bench/Measure.h"
 #include "platform/concurrency/RunLoop.h"
 #include "platform/concurrency/SerialQueue.h"
-#include "platform/foundation/JSON.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/log/Log.h"
 
 namespace {
 

@@ -9,11 +9,13 @@ function(kestrine_together name)
   set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()
 
-# kestrine_room(NAME USES target... [ALONE file...]): a library of every *.cpp in the current folder but main.cpp. ALONE: files that are
-# never compiled together with others.
+# kestrine_room(NAME USES target... [ALONE file...] [FOLDERS folder...]): a library of every *.cpp in the current folder but main.cpp. ALONE:
+# files that are never compiled together with others. FOLDERS: sub-folders whose files belong to it too. script/lint reads the lists, and holds
+# each include against them.
 function(kestrine_room name)
-  cmake_parse_arguments(ROOM "" "" "USES;ALONE" ${ARGN})
-  file(GLOB sources CONFIGURE_DEPENDS "*.cpp")
+  cmake_parse_arguments(ROOM "" "" "USES;ALONE;FOLDERS" ${ARGN})
+  list(TRANSFORM ROOM_FOLDERS APPEND "/*.cpp")
+  file(GLOB sources CONFIGURE_DEPENDS "*.cpp" ${ROOM_FOLDERS})
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
   if(NOT sources)
     add_library(${name} INTERFACE)
@@ -23,6 +25,18 @@ function(kestrine_room name)
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC kestrine_compile ${ROOM_USES})
   kestrine_together(${name} ${ROOM_ALONE})
+endfunction()
+
+# kestrine_shelves(ROOM SHELF...): a room that is large enough to have shelves. Each is a sub-folder and a target ROOM_SHELF of its own, with a
+# list of its own of what it may use; the room is the sum of them.
+function(kestrine_shelves room)
+  set(targets ${ARGN})
+  list(TRANSFORM targets PREPEND "${room}_")
+  foreach(shelf ${ARGN})
+    add_subdirectory(${shelf})
+  endforeach()
+  add_library(${room} INTERFACE)
+  target_link_libraries(${room} INTERFACE ${targets})
 endfunction()
 
 # kestrine_tests(NAME USES target... [ALONE file...] [TIMEOUT s] [LABELS l...]): one test program of every *.cpp in the current folder, so that no

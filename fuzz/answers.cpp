@@ -5,8 +5,8 @@
 #include <tuple>
 
 #include "Services/Endpoints.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/formats/JSON.h"
 
 namespace {
 

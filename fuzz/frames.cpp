@@ -13,9 +13,9 @@
 #include <variant>
 #include <vector>
 
-#include "platform/xpc/Frame.h"
-#include "platform/xpc/ObjectConversion.h"
-#include "platform/xpc/WireFormat.h"
+#include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/value/ObjectConversion.h"
+#include "platform/xpc/value/WireFormat.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Any text is a URL or none. One that is stays the same when its text is read again, and each of its parts can be asked for.
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
 
 #include <cstdint>
 #include <cstdlib>

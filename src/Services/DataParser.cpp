@@ -1,7 +1,7 @@
 #include "Services/DataParser.h"
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/formats/JSON.h"
 
 namespace kestrine {
 

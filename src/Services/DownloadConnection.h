@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/network/URLConnection.h"
+#include "platform/network/session/URLConnection.h"
 
 namespace kestrine {
 

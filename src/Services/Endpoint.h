@@ -3,7 +3,7 @@
 #include <string_view>
 
 #include "Services/RestAnswer.h"
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 namespace kestrine {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/network/ReachabilityTarget.h"
+#include "platform/reachability/ReachabilityTarget.h"
 
 namespace kestrine {
 

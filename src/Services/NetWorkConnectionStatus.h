@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "platform/network/ReachabilityFlags.h"
+#include "platform/reachability/ReachabilityFlags.h"
 
 namespace kestrine {
 

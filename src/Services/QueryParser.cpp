@@ -8,7 +8,7 @@
 #include <span>
 #include <utility>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "util/ServicesUtilities.h"
 
 namespace kestrine {

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "Services/records/Records.h"
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 namespace kestrine {
 

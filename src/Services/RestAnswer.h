@@ -5,9 +5,9 @@
 #include <optional>
 
 #include "Services/RestTaskStatus.h"
-#include "platform/foundation/Error.h"
-#include "platform/network/Bytes.h"
-#include "platform/network/URLResponse.h"
+#include "platform/foundation/base/Error.h"
+#include "platform/network/message/Bytes.h"
+#include "platform/network/message/URLResponse.h"
 
 namespace kestrine {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
 
 namespace kestrine {
 

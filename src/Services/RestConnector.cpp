@@ -7,7 +7,7 @@
 #include "Services/Reachability/Reachability.h"
 #include "Services/RestBaseURL.h"
 #include "Services/RestJSON.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 
 namespace kestrine {
 

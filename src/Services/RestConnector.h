@@ -5,9 +5,9 @@
 #include <string>
 
 #include "Services/RestResult.h"
-#include "platform/foundation/Object.h"
-#include "platform/foundation/URL.h"
-#include "platform/network/URLSession.h"
+#include "platform/foundation/url/URL.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/network/session/URLSession.h"
 
 namespace kestrine {
 

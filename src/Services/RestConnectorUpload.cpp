@@ -10,8 +10,8 @@
 #include "Services/RestBaseURL.h"
 #include "Services/RestConnector.h"
 #include "Services/RestJSON.h"
-#include "platform/foundation/Log.h"
-#include "platform/foundation/Paths.h"
+#include "platform/foundation/files/Paths.h"
+#include "platform/foundation/log/Log.h"
 #include "util/ServicesUtilities.h"
 
 namespace kestrine {

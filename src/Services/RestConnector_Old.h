@@ -6,9 +6,9 @@
 
 #include "Services/RestResult.h"
 #include "platform/concurrency/OperationQueue.h"
-#include "platform/foundation/Object.h"
-#include "platform/foundation/URL.h"
-#include "platform/network/URLConnection.h"
+#include "platform/foundation/url/URL.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/network/session/URLConnection.h"
 
 namespace kestrine {
 

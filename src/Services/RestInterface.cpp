@@ -7,8 +7,8 @@
 #include "Services/Endpoints.h"
 #include "Services/RestConnector.h"
 #include "Services/RestConnector_Old.h"
-#include "platform/foundation/Format.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/foundation/value/Format.h"
 #include "util/ServicesUtilities.h"
 
 namespace kestrine {

@@ -4,7 +4,7 @@
 
 #include "Services/RestAnswer.h"
 #include "Services/records/Records.h"
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 namespace kestrine {
 

@@ -5,9 +5,9 @@
 #include <exception>
 
 #include "Services/RestBaseURL.h"
-#include "platform/foundation/JSON.h"
-#include "platform/foundation/Log.h"
-#include "platform/network/URLError.h"
+#include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/network/message/URLError.h"
 
 namespace kestrine {
 

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "Services/RestResult.h"
-#include "platform/foundation/Object.h"
-#include "platform/network/URLRequest.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/network/message/URLRequest.h"
 
 namespace kestrine {
 

@@ -5,10 +5,10 @@
 #include <variant>
 
 #include "Services/RestTaskStatus.h"
-#include "platform/foundation/Error.h"
-#include "platform/foundation/Object.h"
-#include "platform/network/Bytes.h"
-#include "platform/network/URLResponse.h"
+#include "platform/foundation/base/Error.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/network/message/Bytes.h"
+#include "platform/network/message/URLResponse.h"
 
 namespace kestrine {
 

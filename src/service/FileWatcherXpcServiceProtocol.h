@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/xpc/XPCInterface.h"
+#include "platform/xpc/connection/XPCInterface.h"
 
 namespace kestrine {
 

@@ -1,6 +1,6 @@
 #include "service/ServiceDelegate.h"
 
-#include "platform/xpc/XPCConnection.h"
+#include "platform/xpc/connection/XPCConnection.h"
 #include "service/FileWatcherXpcService.h"
 
 namespace kestrine {

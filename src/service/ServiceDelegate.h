@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "platform/xpc/XPCListener.h"
+#include "platform/xpc/service/XPCListener.h"
 
 namespace kestrine {
 

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 #include "xpc/XPCConnection.h"
 
 namespace kestrine {

@@ -5,8 +5,8 @@
 
 #include "platform/concurrency/OperationQueue.h"
 #include "platform/concurrency/SynchronousExecutor.h"
-#include "platform/foundation/NotificationCenter.h"
-#include "platform/xpc/XPCMain.h"
+#include "platform/foundation/process/NotificationCenter.h"
+#include "platform/xpc/service/XPCMain.h"
 
 namespace kestrine {
 

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/xpc/Connection.h"
+#include "platform/xpc/connection/Connection.h"
 #include "xpc/XPCConnection.h"
 
 namespace kestrine {

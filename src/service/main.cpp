@@ -1,7 +1,7 @@
 #include <memory>
 
-#include "platform/xpc/ServiceProcess.h"
-#include "platform/xpc/XPCListener.h"
+#include "platform/xpc/service/ServiceProcess.h"
+#include "platform/xpc/service/XPCListener.h"
 #include "service/ServiceDelegate.h"
 #include "service/WatchOnMessage.h"
 #include "service/XPCService.h"

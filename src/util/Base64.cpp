@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <utility>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/UTF8.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/text/UTF8.h"
 
 namespace kestrine {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 /// Bytes and text as Base64 (RFC 4648, section 4: the standard alphabet, padded), in one line or wrapped, and back. "Nothing" where there
 /// is nothing to encode or what is read is no Base64.

@@ -6,10 +6,10 @@
 #include <cmath>
 #include <cstdint>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileManager.h"
-#include "platform/foundation/Paths.h"
-#include "platform/foundation/SystemVersion.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/files/FileManager.h"
+#include "platform/foundation/files/Paths.h"
+#include "platform/foundation/process/SystemVersion.h"
 
 namespace kestrine {
 

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/foundation/Object.h"
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
+#include "platform/foundation/value/Object.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
 #include "watcher/CDEventFlags.h"
 

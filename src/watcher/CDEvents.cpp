@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Object.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/value/Object.h"
 #include "watcher/CDEventsDelegate.h"
 #include "watcher/CDEventsImpl.h"
 

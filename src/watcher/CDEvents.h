@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
 
 namespace platform {

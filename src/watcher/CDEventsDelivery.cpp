@@ -1,7 +1,7 @@
 #include <utility>
 
-#include "platform/foundation/Object.h"
-#include "platform/foundation/Paths.h"
+#include "platform/foundation/files/Paths.h"
+#include "platform/foundation/value/Object.h"
 #include "watcher/CDEvent.h"
 #include "watcher/CDEventsFilter.h"
 #include "watcher/CDEventsImpl.h"

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
 
 namespace kestrine {
 

@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Log.h"
-#include "platform/foundation/Paths.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/url/PercentEscapes.h"
 #include "watcher/CDEvent.h"
 #include "watcher/WatchStatus.h"
 #include "watcher/systemVersionIsAtLeast.h"

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Object.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/value/Object.h"
 #include "watcher/CDEvents.h"
 #include "watcher/CDEventsDelegate.h"
 

@@ -4,7 +4,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/foundation/StatusRegistry.h"
+#include "platform/foundation/process/StatusRegistry.h"
 #include "watcher/FileWatcherServiceXPC.h"
 
 namespace kestrine {

@@ -1,7 +1,7 @@
 #include <fmt/format.h>
 
 #include "Services/RestInterface.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 #include "watcher/FileWatcherServiceXPC.h"
 
 namespace kestrine {

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "platform/foundation/SystemVersion.h"
+#include "platform/foundation/process/SystemVersion.h"
 
 namespace kestrine {
 

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <utility>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/log/Log.h"
 #include "xpc/NeverReleased.h"
 #include "xpc/XPCParse.h"
 

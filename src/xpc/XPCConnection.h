@@ -8,8 +8,8 @@
 #include <string>
 
 #include "platform/concurrency/SerialQueue.h"
-#include "platform/foundation/Object.h"
-#include "platform/xpc/Connection.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/xpc/connection/Connection.h"
 
 namespace kestrine {
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <utility>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileHandle.h"
-#include "platform/foundation/UTF8.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/text/UTF8.h"
 #include "xpc/XPCUUID.h"
 
 namespace kestrine {

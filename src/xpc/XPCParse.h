@@ -2,11 +2,11 @@
 
 #include <optional>
 
-#include "platform/foundation/Object.h"
-#include "platform/xpc/Value.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/xpc/value/Value.h"
 
 /// The product's conversion between what the channel carries and objects, both ways. It loses more than the platform's own
-/// (platform/xpc/ObjectConversion.h), and applications rely on what it loses:
+/// (platform/xpc/value/ObjectConversion.h), and applications rely on what it loses:
 ///
 /// | value of the channel        | object                    | back                                                          |
 /// |-----------------------------|---------------------------|---------------------------------------------------------------|

@@ -4,9 +4,9 @@
 #include <functional>
 #include <string>
 
-#include "platform/foundation/Object.h"
-#include "platform/foundation/UUID.h"
-#include "platform/xpc/Value.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/foundation/value/UUID.h"
+#include "platform/xpc/value/Value.h"
 
 namespace kestrine {
 

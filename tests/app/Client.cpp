@@ -6,8 +6,8 @@
 #include <atomic>
 #include <mutex>
 
-#include "app/FileWatcherClient.h"
-#include "platform/xpc/ServiceLauncher.h"
+#include "app/client/FileWatcherClient.h"
+#include "platform/xpc/launch/ServiceLauncher.h"
 #include "tests/app/Sandbox.h"
 
 namespace kestrine::test {

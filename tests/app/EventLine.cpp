@@ -1,4 +1,4 @@
-#include "app/EventLine.h"
+#include "app/commands/EventLine.h"
 
 #include <gtest/gtest.h>
 

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/app/Sandbox.h"
 
 namespace kestrine::test {

@@ -1,4 +1,4 @@
-#include "app/Output.h"
+#include "app/cli/Output.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace kestrine::test {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryDirectory.h"

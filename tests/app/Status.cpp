@@ -3,7 +3,7 @@
 #include <rapidjson/document.h>
 #include <signal.h>
 
-#include "app/StatusText.h"
+#include "app/commands/StatusText.h"
 #include "tests/app/Sandbox.h"
 
 namespace kestrine::test {

@@ -1,4 +1,4 @@
-#include "app/WatchedFolder.h"
+#include "app/client/WatchedFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/log/Log.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace kestrine::test {
 namespace {

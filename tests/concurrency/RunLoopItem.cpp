@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/concurrency/LoopThread.h"
 #include "tests/support/Eventually.h"
 

@@ -11,8 +11,8 @@
 
 #include "platform/concurrency/RunLoop.h"
 #include "platform/concurrency/ThreadPool.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/log/Log.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

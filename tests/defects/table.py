@@ -101,7 +101,7 @@ DEFECTS = [
     # The values and the preferences.
     Defect(
         "url-escape-unchecked",
-        "src/platform/foundation/URL.cpp",
+        "src/platform/foundation/url/URL.cpp",
         "    if (isLegalInURL(c) || c == '[' || c == ']') {\n",
         "    if (isLegalInURL(c) || c == '%' || c == '[' || c == ']') {\n",
         "foundation_tests",
@@ -109,7 +109,7 @@ DEFECTS = [
     ),
     Defect(
         "cache-misses-the-reset",
-        "src/platform/foundation/UserDefaults.cpp",
+        "src/platform/foundation/preferences/UserDefaults.cpp",
         "    if (!isFresh() || !holds(onDisk_.values, changes_)) {\n",
         "    if (!holds(onDisk_.values, changes_)) {\n",
         "foundation_tests",
@@ -117,7 +117,7 @@ DEFECTS = [
     ),
     Defect(
         "writer-without-the-lock",
-        "src/platform/foundation/PreferencesFolder.cpp",
+        "src/platform/foundation/preferences/PreferencesFolder.cpp",
         "      result = flock(file.fileDescriptor(), LOCK_EX);\n      if (result != 0 && errno == EBADF) {\n",
         "      result = flock(file.fileDescriptor(), LOCK_SH);\n      if (result != 0 && errno == EBADF) {\n",
         "foundation_tests",
@@ -125,7 +125,7 @@ DEFECTS = [
     ),
     Defect(
         "writer-does-not-merge",
-        "src/platform/foundation/UserDefaults.cpp",
+        "src/platform/foundation/preferences/UserDefaults.cpp",
         "  Dictionary result = values.dictionaryValue();\n",
         "  Dictionary result = values.isNil() ? values.dictionaryValue() : Dictionary();\n",
         "foundation_tests",
@@ -133,7 +133,7 @@ DEFECTS = [
     ),
     Defect(
         "corrupt-file-not-kept",
-        "src/platform/foundation/PreferencesFile.cpp",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
         "  setAside(folder, unusable->why);\n",
         "  folder.remove(name_);\n",
         "foundation_tests",
@@ -141,7 +141,7 @@ DEFECTS = [
     ),
     Defect(
         "property-list-nested-without-bound",
-        "src/platform/foundation/PropertyListXMLReader.cpp",
+        "src/platform/foundation/formats/PropertyListXMLReader.cpp",
         '      if (open_.size() == kPropertyListMaximumDepth) fail("nested too deeply");\n',
         "",
         "foundation_tests",
@@ -175,7 +175,7 @@ DEFECTS = [
     # The local channel.
     Defect(
         "frame-length-unchecked",
-        "src/platform/xpc/Frame.cpp",
+        "src/platform/xpc/channel/Frame.cpp",
         '  if (header.payloadBytes > kMaximumPayloadBytes) return WireError{"the frame is too large"};\n',
         "",
         "xpc_tests",
@@ -183,7 +183,7 @@ DEFECTS = [
     ),
     Defect(
         "nesting-unbounded",
-        "src/platform/xpc/WireDecoder.cpp",
+        "src/platform/xpc/value/WireDecoder.cpp",
         '    if (depth > kMaximumDepth) throw Malformed("the value is nested too deeply");\n',
         "",
         "xpc_tests",
@@ -191,7 +191,7 @@ DEFECTS = [
     ),
     Defect(
         "count-believed",
-        "src/platform/xpc/WireDecoder.cpp",
+        "src/platform/xpc/value/WireDecoder.cpp",
         '    if (value > rest_.size() / smallest) throw Malformed("a count is larger than what follows");\n',
         "    static_cast<void>(smallest);\n",
         "xpc_tests",
@@ -199,7 +199,7 @@ DEFECTS = [
     ),
     Defect(
         "credentials-not-taken",
-        "src/platform/xpc/Channel.cpp",
+        "src/platform/xpc/channel/Channel.cpp",
         "    credentials_ = *received.credentials;\n    credentials_.asid = auditSession(credentials_.pid);\n",
         "",
         "xpc_tests",
@@ -207,7 +207,7 @@ DEFECTS = [
     ),
     Defect(
         "credentials-not-demanded",
-        "src/platform/xpc/Channel.cpp",
+        "src/platform/xpc/channel/Channel.cpp",
         "    if (!received.credentials) {\n      end(\"its first message came without credentials\");\n      return false;\n    }\n"
         "    credentials_ = *received.credentials;\n",
         "    credentials_ = received.credentials.value_or(credentials_);\n",
@@ -356,7 +356,7 @@ DEFECTS = [
     ),
     Defect(
         "header-set-instead-of-added",
-        "src/platform/network/HTTPHeaders.cpp",
+        "src/platform/network/message/HTTPHeaders.cpp",
         '.second.append(",").append(value);',
         ".second = value;",
         "network_tests",
@@ -404,7 +404,7 @@ DEFECTS = [
     ),
     Defect(
         "large-integer-refused",
-        "src/platform/foundation/JSONReader.cpp",
+        "src/platform/foundation/formats/JSONReader.cpp",
         "if (!text.starts_with('-') && std::from_chars",
         "if (false && std::from_chars",
         "foundation_tests",
@@ -412,7 +412,7 @@ DEFECTS = [
     ),
     Defect(
         "null-taken-for-nothing",
-        "src/platform/foundation/JSONReader.cpp",
+        "src/platform/foundation/formats/JSONReader.cpp",
         "return value(Object::null());",
         "return value(Object());",
         "foundation_tests",
@@ -502,7 +502,7 @@ DEFECTS = [
     ),
     Defect(
         "message-overtakes-what-waits",
-        "src/platform/xpc/SendQueue.cpp",
+        "src/platform/xpc/channel/SendQueue.cpp",
         "  if (!first) return bytes_ > kMaximumBytes ? Added::TooMuch : Added::Done;\n",
         "  if (!first) std::swap(entries_.front(), entries_.back());\n",
         "xpc_tests",
@@ -510,7 +510,7 @@ DEFECTS = [
     ),
     Defect(
         "message-overtakes-what-was-posted",
-        "src/platform/xpc/ConnectionCore.cpp",
+        "src/platform/xpc/connection/ConnectionCore.cpp",
         "if (!direct_ || posted_ > 0)",
         "if (!direct_)",
         "xpc_tests",
@@ -518,7 +518,7 @@ DEFECTS = [
     ),
     Defect(
         "hang-up-unseen-while-not-reading",
-        "src/platform/xpc/Channel.cpp",
+        "src/platform/xpc/channel/Channel.cpp",
         "(events & kTrouble) != 0 && isOpen()",
         "(events & kTrouble) != 0 && false",
         "xpc_tests",

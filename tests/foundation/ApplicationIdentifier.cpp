@@ -1,4 +1,4 @@
-#include "platform/foundation/ApplicationIdentifier.h"
+#include "platform/foundation/base/ApplicationIdentifier.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
-#include "platform/foundation/Assertion.h"
+#include "platform/foundation/process/Assertion.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <optional>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/foundation/CapturedStandardError.h"
 
 namespace platform {

@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/foundation/FileHandle.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/log/Log.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace platform {

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/foundation/Dictionary.h"
+#include "platform/foundation/value/Dictionary.h"
 
 #include <gtest/gtest.h>
 

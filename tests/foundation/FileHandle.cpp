@@ -1,4 +1,4 @@
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/foundation/Format.h"
+#include "platform/foundation/value/Format.h"
 
 #include <gtest/gtest.h>
 

@@ -8,8 +8,8 @@
 #include <limits>
 #include <random>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/formats/JSON.h"
 #include "tests/support/Eventually.h"
 
 namespace platform {

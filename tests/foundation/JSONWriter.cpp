@@ -7,9 +7,9 @@
 #include <string>
 #include <utility>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileHandle.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/formats/JSON.h"
 
 namespace platform {
 namespace {

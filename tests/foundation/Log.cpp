@@ -1,4 +1,4 @@
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/foundation/ApplicationIdentifier.h"
+#include "platform/foundation/base/ApplicationIdentifier.h"
 #include "tests/foundation/CapturedStandardError.h"
 
 namespace platform {

@@ -13,7 +13,7 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/foundation/ApplicationIdentifier.h"
+#include "platform/foundation/base/ApplicationIdentifier.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/support/Eventually.h"
 

@@ -1,4 +1,4 @@
-#include "platform/foundation/LogQueue.h"
+#include "platform/foundation/log/LogQueue.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/foundation/ApplicationIdentifier.h"
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/ApplicationIdentifier.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryDirectory.h"
 

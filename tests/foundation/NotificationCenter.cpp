@@ -1,4 +1,4 @@
-#include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/process/NotificationCenter.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,8 +8,8 @@
 #include <limits>
 #include <thread>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace platform {
 namespace {

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "platform/foundation/FileHandle.h"
-#include "platform/foundation/Object.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/value/Object.h"
 
 namespace platform {
 namespace {

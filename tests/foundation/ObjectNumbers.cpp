@@ -3,7 +3,7 @@
 #include <cmath>
 #include <limits>
 
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 namespace platform {
 namespace {

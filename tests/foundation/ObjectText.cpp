@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/JSON.h"
-#include "platform/foundation/Object.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Object.h"
 
 namespace platform {
 namespace {

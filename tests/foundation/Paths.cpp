@@ -1,4 +1,4 @@
-#include "platform/foundation/Paths.h"
+#include "platform/foundation/files/Paths.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "platform/foundation/Paths.h"
+#include "platform/foundation/files/Paths.h"
 
 namespace platform {
 namespace {

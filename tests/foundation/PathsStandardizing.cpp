@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/Paths.h"
+#include "platform/foundation/files/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace platform {

@@ -1,9 +1,10 @@
+#include "platform/foundation/url/PercentEscapes.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "platform/foundation/Paths.h"
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/foundation/PreferencesWrites.h"
+#include "platform/foundation/preferences/PreferencesWrites.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,8 +8,8 @@
 
 #include <cstdio>
 
-#include "platform/foundation/FileHandle.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {

@@ -1,12 +1,12 @@
-#include "platform/foundation/PropertyList.h"
+#include "platform/foundation/formats/PropertyList.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/foundation/PropertyList.h"
+#include "platform/foundation/formats/PropertyList.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

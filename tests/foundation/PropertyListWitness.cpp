@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "platform/foundation/PropertyList.h"
+#include "platform/foundation/formats/PropertyList.h"
 
 namespace kestrine::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/foundation/StatusRegistry.h"
+#include "platform/foundation/process/StatusRegistry.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/foundation/SystemVersion.h"
+#include "platform/foundation/process/SystemVersion.h"
 
 #include <gtest/gtest.h>
 

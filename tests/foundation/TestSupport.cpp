@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -1,4 +1,4 @@
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
 
 #include <gtest/gtest.h>
 

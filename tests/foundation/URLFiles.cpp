@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "platform/foundation/URL.h"
+#include "platform/foundation/url/URL.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace platform {

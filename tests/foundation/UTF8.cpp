@@ -1,4 +1,4 @@
-#include "platform/foundation/UTF8.h"
+#include "platform/foundation/text/UTF8.h"
 
 #include <gtest/gtest.h>
 

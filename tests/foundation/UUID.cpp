@@ -1,4 +1,4 @@
-#include "platform/foundation/UUID.h"
+#include "platform/foundation/value/UUID.h"
 
 #include <gtest/gtest.h>
 

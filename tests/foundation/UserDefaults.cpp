@@ -1,4 +1,4 @@
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/PropertyList.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/formats/PropertyList.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {

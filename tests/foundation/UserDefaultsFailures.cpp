@@ -4,9 +4,9 @@
 
 #include <filesystem>
 
-#include "platform/foundation/Log.h"
-#include "platform/foundation/PropertyList.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/formats/PropertyList.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "platform/foundation/Log.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 
 namespace kestrine::test {
 

@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <thread>
 
-#include "platform/foundation/FileHandle.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -13,8 +13,8 @@
 #include <set>
 #include <thread>
 
-#include "platform/foundation/FileHandle.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/preferences/UserDefaults.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -3,7 +3,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // What is told of single items: the flag of the operation and the kind of the item.

@@ -3,7 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // A store through a shared mapping is seen by nobody until the mapping ends; then it is told.

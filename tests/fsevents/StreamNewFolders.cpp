@@ -5,7 +5,7 @@
 #include <random>
 #include <set>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // Folders made while the stream watches, and what is put into them at once: before the stream can know of the folder.

@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // The ways in which editors and other programs save a document. Each ends in an event on the document's own name.

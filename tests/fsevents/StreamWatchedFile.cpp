@@ -1,6 +1,6 @@
 #include <fcntl.h>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // Watched paths that are not plain folders: a file, or a symbolic link.

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // What becomes of a watch when the watched folder itself, or a folder on the way to it, is removed, moved, replaced or made again.

@@ -1,11 +1,11 @@
-#include "platform/network/Bytes.h"
+#include "platform/network/message/Bytes.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <filesystem>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {

@@ -4,7 +4,7 @@
 #include <future>
 #include <thread>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/network/Fetch.h"
 #include "tests/network/Recorder.h"
 #include "tests/support/http/HTTPServer.h"

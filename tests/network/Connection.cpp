@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/network/URLConnection.h"
+#include "platform/network/session/URLConnection.h"
 #include "tests/network/Fetch.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/http/HTTPServer.h"

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <map>
 
-#include "platform/network/URLErrorTable.h"
+#include "platform/network/wire/URLErrorTable.h"
 
 namespace kestrine::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/network/URLSession.h"
+#include "platform/network/session/URLSession.h"
 
 namespace kestrine::test {
 

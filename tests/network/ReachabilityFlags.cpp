@@ -1,4 +1,4 @@
-#include "platform/network/ReachabilityFlags.h"
+#include "platform/reachability/ReachabilityFlags.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/network/ReachabilityWatch.h"
 
 namespace platform {

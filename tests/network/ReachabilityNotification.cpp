@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include "platform/network/NetlinkSocket.h"
+#include "platform/reachability/NetlinkSocket.h"
 #include "tests/concurrency/LoopThread.h"
 #include "tests/network/ReachabilityWatch.h"
 

@@ -1,4 +1,4 @@
-#include "platform/network/ReachabilityTarget.h"
+#include "platform/reachability/ReachabilityTarget.h"
 
 #include <gtest/gtest.h>
 

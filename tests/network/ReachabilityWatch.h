@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/network/ReachabilityTarget.h"
+#include "platform/reachability/ReachabilityTarget.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/NetworkNamespace.h"
 

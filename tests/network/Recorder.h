@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/network/URLSession.h"
+#include "platform/network/session/URLSession.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

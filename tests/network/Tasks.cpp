@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/log/Log.h"
 #include "tests/network/Fetch.h"
 #include "tests/network/Recorder.h"
 #include "tests/support/TemporaryDirectory.h"

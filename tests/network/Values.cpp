@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "platform/network/AuthenticateHeader.h"
-#include "platform/network/URLError.h"
-#include "platform/network/URLRequest.h"
-#include "platform/network/URLResponse.h"
-#include "platform/network/WireAddress.h"
+#include "platform/network/load/AuthenticateHeader.h"
+#include "platform/network/message/URLError.h"
+#include "platform/network/message/URLRequest.h"
+#include "platform/network/message/URLResponse.h"
+#include "platform/network/wire/WireAddress.h"
 #include "tests/network/Fetch.h"
 
 namespace kestrine::test {

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "platform/foundation/FileHandle.h"
-#include "platform/xpc/Connection.h"
-#include "platform/xpc/XPCConnection.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/xpc/connection/Connection.h"
+#include "platform/xpc/connection/XPCConnection.h"
 #include "service/FileWatcherXpcServiceProtocol.h"
 
 namespace kestrine::test {

@@ -10,8 +10,8 @@
 
 #include "platform/concurrency/OperationQueue.h"
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/NotificationCenter.h"
-#include "platform/xpc/Listener.h"
+#include "platform/foundation/process/NotificationCenter.h"
+#include "platform/xpc/connection/Listener.h"
 #include "service/WatchOnMessage.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "tests/xpc/RawSocket.h"

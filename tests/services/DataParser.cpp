@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/formats/JSON.h"
 #include "tests/services/ExpectedKeys.h"
 
 namespace kestrine::test {

@@ -3,7 +3,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/network/ReachabilityTarget.h"
+#include "platform/reachability/ReachabilityTarget.h"
 
 namespace kestrine::test {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <set>
 
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/formats/JSON.h"
 #include "tests/services/ExpectedCalls.h"
 #include "tests/services/ExpectedKeys.h"
 #include "tests/services/ProductServer.h"

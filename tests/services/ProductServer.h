@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Services/RestAnswer.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 #include "tests/services/RestNetwork.h"
 #include "tests/support/http/HTTPServer.h"
 

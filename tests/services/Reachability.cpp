@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <optional>
 
-#include "platform/foundation/Assertion.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/process/Assertion.h"
+#include "platform/foundation/process/NotificationCenter.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/services/FixedTarget.h"
 

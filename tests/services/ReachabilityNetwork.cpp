@@ -5,7 +5,7 @@
 
 #include "Services/NetWorkConnectionStatus.h"
 #include "Services/Reachability/Reachability.h"
-#include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/process/NotificationCenter.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/NetworkNamespace.h"
 

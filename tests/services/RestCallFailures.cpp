@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/formats/JSON.h"
 #include "tests/services/ExpectedCalls.h"
 #include "tests/services/ExpectedKeys.h"
 #include "tests/services/ProductServer.h"

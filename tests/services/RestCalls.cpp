@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/foundation/Format.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Format.h"
 #include "tests/services/ExpectedCalls.h"
 #include "tests/services/ExpectedKeys.h"
 #include "tests/services/ProductServer.h"

@@ -3,7 +3,7 @@
 
 #include "Services/RestConnector.h"
 #include "Services/RestJSON.h"
-#include "platform/network/URLError.h"
+#include "platform/network/message/URLError.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/services/RestNetwork.h"
 #include "tests/support/http/RawServer.h"

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "Services/RestConnector.h"
-#include "platform/foundation/Exception.h"
-#include "platform/network/URLError.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/network/message/URLError.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/services/RestNetwork.h"
 

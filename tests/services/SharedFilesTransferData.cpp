@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "Services/DataParser.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/formats/JSON.h"
 #include "tests/services/ExpectedKeys.h"
 
 namespace kestrine::test {

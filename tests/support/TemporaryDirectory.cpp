@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace kestrine::test {
 

@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/app/RefusedCalls.h"
 #include "tests/app/Sandbox.h"
 

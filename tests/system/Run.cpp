@@ -9,7 +9,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/formats/JSON.h"
 #include "tests/app/RefusedCalls.h"
 #include "tests/app/Sandbox.h"
 #include "tests/support/NetworkNamespace.h"

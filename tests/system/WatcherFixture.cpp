@@ -12,11 +12,11 @@
 #include <utility>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Paths.h"
-#include "platform/foundation/URL.h"
+#include "platform/foundation/files/Paths.h"
+#include "platform/foundation/url/URL.h"
 #include "platform/fsevents/FSEventStream.h"
-#include "platform/xpc/ServiceLauncher.h"
-#include "platform/xpc/ServiceStatus.h"
+#include "platform/xpc/launch/ServiceLauncher.h"
+#include "platform/xpc/service/ServiceStatus.h"
 
 namespace kestrine::test {
 

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/Object.h"
-#include "platform/foundation/UserDefaults.h"
-#include "platform/xpc/XPCConnection.h"
+#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/value/Object.h"
+#include "platform/xpc/connection/XPCConnection.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryDirectory.h"

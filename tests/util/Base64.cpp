@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/util/Base64Support.h"
 
 namespace kestrine::test {

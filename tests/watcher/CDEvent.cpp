@@ -5,7 +5,7 @@
 
 #include <set>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 
 namespace kestrine::test {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"
 #include "watcher/CDEvents.h"

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "platform/foundation/JSON.h"
+#include "platform/foundation/formats/JSON.h"
 #include "tests/services/ProductServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/watcher/WatcherFixture.h"

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <thread>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvents.h"
 #include "watcher/FileWatcherServiceXPC.h"

@@ -11,11 +11,11 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Log.h"
-#include "platform/foundation/Object.h"
-#include "platform/foundation/StatusRegistry.h"
-#include "platform/foundation/URL.h"
-#include "platform/foundation/UserDefaults.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/process/StatusRegistry.h"
+#include "platform/foundation/url/URL.h"
+#include "platform/foundation/value/Object.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "watcher/CDEvents.h"

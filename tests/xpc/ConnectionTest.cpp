@@ -11,8 +11,8 @@
 #include <stdexcept>
 
 #include "platform/concurrency/SerialQueue.h"
-#include "platform/foundation/Exception.h"
-#include "platform/xpc/Connection.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/xpc/connection/Connection.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/InProcessService.h"
 

@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "platform/xpc/Frame.h"
+#include "platform/xpc/channel/Frame.h"
 #include "tests/xpc/RawSocket.h"
 #include "tests/xpc/ServiceEnvironment.h"
 

@@ -7,7 +7,7 @@
 
 #include <fstream>
 
-#include "platform/xpc/Frame.h"
+#include "platform/xpc/channel/Frame.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/Bystander.h"
 

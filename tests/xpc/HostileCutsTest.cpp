@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "platform/xpc/Frame.h"
+#include "platform/xpc/channel/Frame.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/Bystander.h"
 

@@ -8,7 +8,7 @@
 #include <array>
 #include <cerrno>
 
-#include "platform/xpc/Frame.h"
+#include "platform/xpc/channel/Frame.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/Bystander.h"
 

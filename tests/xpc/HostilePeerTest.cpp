@@ -12,7 +12,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/xpc/Frame.h"
+#include "platform/xpc/channel/Frame.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/InProcessService.h"
 

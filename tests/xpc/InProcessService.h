@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/xpc/Listener.h"
+#include "platform/xpc/connection/Listener.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/xpc/RawSocket.h"
 #include "tests/xpc/ServiceEnvironment.h"

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <set>
 
-#include "platform/xpc/ServiceLauncher.h"
+#include "platform/xpc/launch/ServiceLauncher.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/xpc/RawSocket.h"

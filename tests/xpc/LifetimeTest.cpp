@@ -8,7 +8,7 @@
 #include <csignal>
 #include <thread>
 
-#include "platform/xpc/ServiceLauncher.h"
+#include "platform/xpc/launch/ServiceLauncher.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/xpc/RawSocket.h"

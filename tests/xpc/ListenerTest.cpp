@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "platform/foundation/StatusRegistry.h"
-#include "platform/xpc/Listener.h"
+#include "platform/foundation/process/StatusRegistry.h"
+#include "platform/xpc/connection/Listener.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/InProcessService.h"
 

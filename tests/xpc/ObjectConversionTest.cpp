@@ -3,8 +3,8 @@
 #include <cmath>
 #include <limits>
 
-#include "platform/foundation/Exception.h"
-#include "platform/xpc/ObjectConversion.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/xpc/value/ObjectConversion.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <thread>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Exception.h"
-#include "platform/xpc/Listener.h"
-#include "platform/xpc/XPCConnection.h"
-#include "platform/xpc/XPCListener.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/xpc/connection/Listener.h"
+#include "platform/xpc/connection/XPCConnection.h"
+#include "platform/xpc/service/XPCListener.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/InProcessService.h"
 #include "tests/xpc/ServiceEnvironment.h"

@@ -2,7 +2,7 @@
 
 #include <random>
 
-#include "platform/xpc/Value.h"
+#include "platform/xpc/value/Value.h"
 
 namespace kestrine::test {
 

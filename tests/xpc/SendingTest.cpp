@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/xpc/Connection.h"
+#include "platform/xpc/connection/Connection.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/RawSocket.h"
 #include "tests/xpc/ServiceEnvironment.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/xpc/Connection.h"
+#include "platform/xpc/connection/Connection.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {

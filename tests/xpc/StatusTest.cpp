@@ -4,7 +4,7 @@
 
 #include <csignal>
 
-#include "platform/xpc/ServiceStatus.h"
+#include "platform/xpc/service/ServiceStatus.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/RawSocket.h"
 #include "tests/xpc/ServiceEnvironment.h"

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <limits>
 
-#include "platform/foundation/Exception.h"
-#include "platform/xpc/Value.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/xpc/value/Value.h"
 #include "tests/xpc/ServiceEnvironment.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "platform/xpc/WireFormat.h"
+#include "platform/xpc/value/WireFormat.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/RandomValue.h"
 #include "tests/xpc/RawSocket.h"

@@ -8,7 +8,7 @@
 #include <csignal>
 #include <sstream>
 
-#include "platform/xpc/Listener.h"
+#include "platform/xpc/connection/Listener.h"
 #include "tests/support/Process.h"
 #include "tests/xpc/RawSocket.h"
 #include "tests/xpctoolkit/ConnectionPair.h"

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/xpctoolkit/ConnectionPair.h"
 

@@ -4,7 +4,7 @@
 #include <future>
 #include <thread>
 
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/xpctoolkit/ConnectionPair.h"
 

@@ -8,8 +8,8 @@
 #include <array>
 #include <limits>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace kestrine::test {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <random>
 
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/support/Eventually.h"
 #include "xpc/XPCParse.h"
 

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "platform/foundation/Assertion.h"
-#include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/process/Assertion.h"
+#include "platform/foundation/process/NotificationCenter.h"
 
 namespace kestrine {
 

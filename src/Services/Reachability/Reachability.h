@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/network/ReachabilityTarget.h"
+#include "platform/reachability/ReachabilityTarget.h"
 
 namespace kestrine {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 namespace kestrine {
 

@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "platform/concurrency/LoopClock.h"
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 
 namespace platform {
 

@@ -16,7 +16,7 @@
 
 #include "platform/concurrency/LoopItem.h"
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace platform {
 

@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "platform/concurrency/SerialQueue.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/log/Log.h"
 
 namespace platform {
 

@@ -8,7 +8,7 @@
 #include "platform/concurrency/LoopClock.h"
 #include "platform/concurrency/LoopItem.h"
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Exception.h"
+#include "platform/foundation/base/Exception.h"
 
 namespace platform {
 

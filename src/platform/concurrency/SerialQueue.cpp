@@ -10,8 +10,8 @@
 
 #include "platform/concurrency/EventLoop.h"
 #include "platform/concurrency/ThreadPool.h"
-#include "platform/foundation/Exception.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/log/Log.h"
 
 namespace platform {
 

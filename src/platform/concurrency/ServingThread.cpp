@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 
 namespace platform {
 

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "platform/concurrency/OperationQueue.h"
-#include "platform/foundation/NotificationCenter.h"
+#include "platform/foundation/process/NotificationCenter.h"
 
 namespace platform {
 

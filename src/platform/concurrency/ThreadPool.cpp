@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "platform/concurrency/EventLoop.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 
 namespace platform {
 

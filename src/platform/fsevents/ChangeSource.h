@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "platform/fsevents/KernelKey.h"
 
 namespace platform::fsevents {

@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Log.h"
-#include "platform/foundation/StatusRegistry.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/foundation/process/StatusRegistry.h"
 #include "platform/fsevents/EventClock.h"
 #include "platform/fsevents/StreamEngine.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
 
 namespace platform {

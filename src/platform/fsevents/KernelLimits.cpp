@@ -10,7 +10,7 @@
 #include <fstream>
 #include <optional>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace platform::fsevents {
 namespace {

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
 
 namespace platform::fsevents {

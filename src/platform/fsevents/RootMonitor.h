@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace platform::fsevents {
 

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "platform/fsevents/Coalescer.h"
 #include "platform/fsevents/EventClock.h"
 #include "platform/fsevents/FSEventStream.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 
 namespace platform::fsevents {
 namespace {

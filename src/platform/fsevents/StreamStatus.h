@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/Object.h"
+#include "platform/foundation/value/Object.h"
 
 namespace platform::fsevents {
 

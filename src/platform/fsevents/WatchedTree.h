@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 #include "platform/fsevents/ChangeSource.h"
 #include "platform/fsevents/Coalescer.h"
 #include "platform/fsevents/DirectoryTree.h"

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/foundation/PreferencesWrites.h"
+#include "platform/foundation/preferences/PreferencesWrites.h"
 #include "platform/fsevents/KernelLimits.h"
 #include "platform/fsevents/PathOpener.h"
 #include "platform/fsevents/WatchedTree.h"

@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/foundation/FileHandle.h"
+#include "platform/foundation/base/FileHandle.h"
 
 namespace kestrine::test {
 

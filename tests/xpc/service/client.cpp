@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/xpc/Connection.h"
+#include "platform/xpc/connection/Connection.h"
 
 int main(int count, char** arguments) {
   using namespace platform::xpc;

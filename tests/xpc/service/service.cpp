@@ -17,11 +17,11 @@
 #include <string>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Log.h"
-#include "platform/xpc/Connection.h"
-#include "platform/xpc/ServiceProcess.h"
-#include "platform/xpc/XPCConnection.h"
-#include "platform/xpc/XPCListener.h"
+#include "platform/foundation/log/Log.h"
+#include "platform/xpc/connection/Connection.h"
+#include "platform/xpc/connection/XPCConnection.h"
+#include "platform/xpc/service/ServiceProcess.h"
+#include "platform/xpc/service/XPCListener.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/foundation/FileHandle.h"
-#include "platform/xpc/ServiceProcess.h"
-#include "platform/xpc/XPCMain.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/xpc/service/ServiceProcess.h"
+#include "platform/xpc/service/XPCMain.h"
 #include "xpc/XPCConnection.h"
 
 namespace {

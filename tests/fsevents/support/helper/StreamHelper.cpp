@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/Log.h"
+#include "platform/foundation/log/Log.h"
 #include "platform/fsevents/FSEventStream.h"
 #include "tests/fsevents/support/Hex.h"
 

@@ -1,0 +1,116 @@
+#include "app/call/CallRequest.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "app/cli/Command.h"
+#include "app/cli/Nearest.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/formats/JSON.h"
+
+namespace kestrine {
+
+namespace {
+
+constexpr std::size_t kLargestFile = 256U << 20U;
+
+[[noreturn]] void refuse(const std::string& text) { throw CommandError(ExitCode::Usage, "call: " + text); }
+
+std::string readAll(int descriptor, const std::string& name) {
+  std::string text;
+  std::array<char, 65536> buffer{};
+  for (;;) {
+    const ssize_t count = read(descriptor, buffer.data(), buffer.size());
+    if (count == 0) return text;
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", name, std::strerror(errno)));
+    text.append(buffer.data(), static_cast<std::size_t>(count));
+    if (text.size() > kLargestFile) throw CommandError(ExitCode::Failed, fmt::format("'{}' is larger than 256 MiB", name));
+  }
+}
+
+std::string readFile(const std::string& path) {
+  const platform::FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.isOpen()) throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", path, std::strerror(errno)));
+  return readAll(file.fileDescriptor(), path);
+}
+
+/// What stands behind '=': text, or "@FILE" for a file's, or "@@" for an '@'.
+std::string valueOf(const std::string& text) {
+  if (!text.starts_with('@')) return text;
+  if (text.starts_with("@@")) return text.substr(1);
+  std::string value = readFile(text.substr(1));
+  if (value.ends_with('\n')) value.pop_back();
+  return value;
+}
+
+void checkProperty(const CallOperation& operation, const std::string& property) {
+  if (std::ranges::find(operation.properties, property) != operation.properties.end()) return;
+  refuse(fmt::format("{} has no property '{}'{}; it takes {}", operation.name, property, didYouMean(property, operation.properties),
+                     fmt::join(operation.properties, ", ")));
+}
+
+PropertyValues recordOf(const CallOperation& operation, std::span<const std::string> words) {
+  PropertyValues values;
+  for (const std::string& word : words) {
+    const auto equals = word.find('=');
+    if (equals == std::string::npos) refuse(fmt::format("'{}' is not PROPERTY=VALUE", word));
+    const std::string property = word.substr(0, equals);
+    checkProperty(operation, property);
+    if (!values.emplace(property, valueOf(word.substr(equals + 1))).second) refuse(fmt::format("'{}' is given twice", property));
+  }
+  return values;
+}
+
+PropertyValues recordOf(const CallOperation& operation, const platform::Object& element, std::size_t index) {
+  if (!element.isDictionary()) throw CommandError(ExitCode::Failed, fmt::format("call: element {} is no JSON object", index));
+  PropertyValues values;
+  for (const auto& [property, value] : element.dictionaryValue()) {
+    checkProperty(operation, property);
+    if (value.isNull()) continue;
+    if (!value.isString()) throw CommandError(ExitCode::Failed, fmt::format("call: '{}' of element {} is no text", property, index));
+    values.emplace(property, value.stringValue());
+  }
+  return values;
+}
+
+std::vector<PropertyValues> batchOf(const CallOperation& operation, std::span<const std::string> words) {
+  const bool isFile = words.size() == 1 && (words[0] == "-" || words[0].starts_with('@'));
+  if (!isFile) refuse(fmt::format("{} takes a JSON array of objects, as @FILE or - (standard input)", operation.name));
+  const std::string name = words[0] == "-" ? "standard input" : words[0].substr(1);
+  try {
+    const platform::Object elements = platform::readJSON(words[0] == "-" ? readAll(STDIN_FILENO, name) : readFile(name));
+    if (!elements.isArray()) throw CommandError(ExitCode::Failed, fmt::format("call: '{}' holds no JSON array", name));
+    std::vector<PropertyValues> records;
+    for (const platform::Object& element : elements.arrayValue()) records.push_back(recordOf(operation, element, records.size()));
+    return records;
+  } catch (const platform::JSONError& error) {
+    throw CommandError(ExitCode::Failed, fmt::format("call: '{}' is no JSON, at byte {}: {}", name, error.offset(), error.what()));
+  }
+}
+
+}  // namespace
+
+const CallOperation& operationNamed(const std::string& word) {
+  const auto operations = callOperations();
+  const auto found = std::ranges::find_if(operations, [&](const CallOperation& operation) { return operation.isCalled(word); });
+  if (found != operations.end()) return *found;
+  std::vector<std::string> names;
+  for (const CallOperation& operation : operations) names.push_back(operation.name);
+  for (const CallOperation& operation : operations) names.push_back(operation.operationName());
+  const std::string hint = didYouMean(word, names);
+  refuse(fmt::format("unknown operation '{}'{}", word, hint.empty() ? "; 'kestrine call --list' names them" : hint));
+}
+
+std::vector<PropertyValues> requestRecords(const CallOperation& operation, std::span<const std::string> words) {
+  if (operation.takesBatch) return batchOf(operation, words);
+  return {recordOf(operation, words)};
+}
+
+}  // namespace kestrine

@@ -1,0 +1,51 @@
+#include "app/call/CallWait.h"
+
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "platform/concurrency/RunLoop.h"
+
+namespace kestrine {
+
+namespace {
+
+/// What the answer, which comes on any thread, and the waiting main thread share.
+struct Shared {
+  std::mutex mutex;
+  std::optional<CallAnswer> answer;
+  std::shared_ptr<platform::RunLoopSource> ended = platform::RunLoopSource::create([] { platform::RunLoop::current()->stop(); });
+};
+
+/// Held by the handler alone: goes when nobody is left who could call it.
+class HandlerLife {
+ public:
+  explicit HandlerLife(std::shared_ptr<Shared> shared) : shared_(std::move(shared)) {}
+  ~HandlerLife() { shared_->ended->signal(); }
+  HandlerLife(const HandlerLife&) = delete;
+  HandlerLife& operator=(const HandlerLife&) = delete;
+
+  void take(const CallAnswer& answer) const {
+    const std::lock_guard lock(shared_->mutex);
+    shared_->answer = answer;
+    shared_->ended->signal();
+  }
+
+ private:
+  std::shared_ptr<Shared> shared_;
+};
+
+}  // namespace
+
+std::optional<CallAnswer> callAndWait(const CallOperation& operation, const std::vector<PropertyValues>& records) {
+  const auto shared = std::make_shared<Shared>();
+  const auto loop = platform::RunLoop::main();
+  loop->add(shared->ended);
+  operation.start(records, [life = std::make_shared<HandlerLife>(shared)](const CallAnswer& answer) { life->take(answer); });
+  loop->run();
+  shared->ended->invalidate();
+  const std::lock_guard lock(shared->mutex);
+  return std::move(shared->answer);
+}
+
+}  // namespace kestrine

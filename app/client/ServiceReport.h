@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/value/Object.h"
+
+namespace kestrine {
+
+/// One watch of the service.
+struct WatchReport {
+  std::int64_t number = 0;
+  std::string folder;
+  /// "starting", "standing" or "failed".
+  std::string state;
+  /// Why it failed.
+  std::string reason;
+};
+
+/// What the service says of itself.
+struct ServiceReport {
+  pid_t process = 0;
+  std::optional<platform::Date> startedAt;
+  std::vector<WatchReport> watches;
+  /// One dictionary per event stream; see FSEventStream::status().
+  platform::Array streams;
+  /// All of the above as it arrived.
+  platform::Object all;
+};
+
+/// Nullopt when the service does not run or does not answer within `limit`. Never starts it. Any thread.
+std::optional<ServiceReport> askService(std::chrono::milliseconds limit);
+
+}  // namespace kestrine

@@ -1,0 +1,38 @@
+#include "app/client/StatusFlag.h"
+
+#include "app/client/Names.h"
+#include "platform/foundation/preferences/UserDefaults.h"
+
+namespace kestrine {
+
+namespace {
+
+using platform::Object;
+
+bool isRaised(const Object& value) { return value.isString() && value.stringValue() == "1"; }
+
+}  // namespace
+
+FlagReading readFlag() {
+  FlagReading reading;
+  reading.value = platform::UserDefaults(kServiceName).objectForKey(kFlagKey);
+  reading.raised = isRaised(reading.value);
+  return reading;
+}
+
+FlagReading takeFlag() {
+  FlagReading reading;
+  platform::UserDefaults defaults(kServiceName);
+  const auto reset = [](const Object& value) { return isRaised(value) ? Object("0") : Object(); };
+  reading.value = defaults.exchange(kFlagKey, reset, &reading.resetFailed);
+  reading.raised = isRaised(reading.value);
+  return reading;
+}
+
+bool putFlagBack() {
+  platform::UserDefaults defaults(kServiceName);
+  defaults.setObject_forKey("1", kFlagKey);
+  return defaults.synchronize();
+}
+
+}  // namespace kestrine

@@ -1,0 +1,187 @@
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "app/cli/Numbers.h"
+#include "app/commands/Commands.h"
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/preferences/UserDefaults.h"
+
+namespace kestrine {
+
+namespace {
+
+using platform::Object;
+using platform::UserDefaults;
+
+constexpr Option kOptions[] = {
+    {"--type", "TYPE", "what 'write' stores: string (if not given), int, float or bool"},
+};
+
+constexpr ExitNote kExits[] = {
+    {ExitCode::Ok, "done"},
+    {ExitCode::Failed, "the preferences could not be read or written"},
+    {ExitCode::NotFound, "no such domain or key"},
+};
+
+std::string fileOf(const std::string& domain) { return fmt::format("{}/{}.plist", platform::preferencesFolder(), domain); }
+
+void checkName(const std::string& domain) {
+  const bool isLegal = !domain.empty() && domain != "." && domain != ".." && domain.find('/') == std::string::npos;
+  if (!isLegal)
+    throw CommandError(ExitCode::Usage, fmt::format("defaults: '{}' is no name of a domain; it may not be empty or hold '/'", domain));
+}
+
+/// The domain as it is on disk. "It does not exist" and "it may not be read" are different things to the user.
+Object read(const std::string& domain) {
+  checkName(domain);
+  const platform::FileHandle file(open(fileOf(domain).c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.isOpen()) {
+    const int error = errno;
+    if (error == ENOENT || error == ENOTDIR) {
+      throw CommandError(ExitCode::NotFound,
+                         fmt::format("no preferences domain '{}'; 'kestrine defaults list' names those that exist", domain));
+    }
+    throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", fileOf(domain), std::strerror(error)));
+  }
+  Object values = UserDefaults::standardUserDefaults().persistentDomainForName(domain);
+  if (!values.isDictionary()) {
+    throw CommandError(ExitCode::Failed, fmt::format("'{}' holds no preferences; the log above says why", fileOf(domain)));
+  }
+  return values;
+}
+
+Object readKey(const std::string& domain, const std::string& key) {
+  Object value = read(domain).objectForKey(key);
+  if (!value.isNil()) return value;
+  throw CommandError(ExitCode::NotFound,
+                     fmt::format("no key '{}' in domain '{}'; 'kestrine defaults list {}' names its keys", key, domain, domain));
+}
+
+/// A value that a type's text stands for; nil when the text does not fit the type.
+struct Type {
+  std::string_view name;
+  Object (*parse)(const std::string& text);
+};
+constexpr Type kTypes[] = {
+    {"string", [](const std::string& text) { return Object(text); }},
+    {"int",
+     [](const std::string& text) {
+       const auto number = parseInteger(text);
+       return number ? Object::numberWithLongLong(*number) : Object();
+     }},
+    {"float",
+     [](const std::string& text) {
+       const auto number = parseFraction(text);
+       return number ? Object::numberWithDouble(*number) : Object();
+     }},
+    {"bool",
+     [](const std::string& text) {
+       const bool isTrue = text == "true" || text == "yes" || text == "1";
+       return isTrue || text == "false" || text == "no" || text == "0" ? Object::numberWithBool(isTrue) : Object();
+     }},
+};
+
+Object parseValue(const Arguments& arguments, const std::string& text) {
+  const std::string type = arguments.value("--type").value_or("string");
+  const auto found = std::ranges::find(kTypes, type, &Type::name);
+  if (found == std::end(kTypes)) {
+    throw CommandError(ExitCode::Usage, fmt::format("defaults: unknown type '{}', expected string, int, float or bool", type));
+  }
+  Object value = found->parse(text);
+  if (value.isNil()) throw CommandError(ExitCode::Usage, fmt::format("defaults: '{}' is no value of type {}", text, type));
+  return value;
+}
+
+void store(const std::string& domain, const std::string& key, const Object& value) {
+  UserDefaults defaults(domain);
+  defaults.setObject_forKey(value, key);
+  if (defaults.synchronize()) return;
+  throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be written; the log above says why", fileOf(domain)));
+}
+
+void printRead(const Arguments& arguments) {
+  const auto& operands = arguments.operands();
+  const Object value = operands.size() > 2 ? readKey(operands[1], operands[2]) : read(operands[1]);
+  fmt::print("{}\n", value.description());
+}
+
+void write(const Arguments& arguments) {
+  const auto& operands = arguments.operands();
+  checkName(operands[1]);
+  store(operands[1], operands[2], parseValue(arguments, operands[3]));
+}
+
+void remove(const Arguments& arguments) {
+  const auto& operands = arguments.operands();
+  if (operands.size() > 2) {
+    readKey(operands[1], operands[2]);
+    return store(operands[1], operands[2], nullptr);
+  }
+  read(operands[1]);
+  if (!UserDefaults::standardUserDefaults().removePersistentDomainForName(operands[1])) {
+    throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be removed; the log above says why", fileOf(operands[1])));
+  }
+}
+
+void list(const Arguments& arguments) {
+  const auto& operands = arguments.operands();
+  if (operands.size() > 1) {
+    const Object values = read(operands[1]);
+    for (const auto& [key, value] : values.dictionaryValue()) fmt::print("{}\n", key);
+    return;
+  }
+  for (const std::string& domain : UserDefaults::standardUserDefaults().persistentDomainNames()) fmt::print("{}\n", domain);
+}
+
+/// What can be done, and how many operands it takes, its own name included.
+struct Action {
+  std::string_view name;
+  std::string_view operands;
+  std::size_t fewest;
+  std::size_t most;
+  void (*run)(const Arguments& arguments);
+};
+constexpr Action kActions[] = {
+    {"read", "DOMAIN [KEY]", 2, 3, printRead},
+    {"write", "DOMAIN KEY VALUE", 4, 4, write},
+    {"delete", "DOMAIN [KEY]", 2, 3, remove},
+    {"list", "[DOMAIN]", 1, 2, list},
+};
+
+ExitCode run(const Arguments& arguments) {
+  const std::string& name = arguments.operands().front();
+  const auto action = std::ranges::find(kActions, name, &Action::name);
+  if (action == std::end(kActions)) {
+    throw CommandError(ExitCode::Usage, fmt::format("defaults: unknown action '{}', expected read, write, delete or list", name));
+  }
+  const std::size_t count = arguments.operands().size();
+  if (count < action->fewest || count > action->most) {
+    throw CommandError(ExitCode::Usage, fmt::format("defaults: '{}' takes {}", action->name, action->operands));
+  }
+  action->run(arguments);
+  return ExitCode::Ok;
+}
+
+}  // namespace
+
+constinit const Command kDefaultsCommand{
+    .name = "defaults",
+    .operands = "read|write|delete|list [DOMAIN [KEY [VALUE]]]",
+    .summary = "Reads and writes the preferences domains.",
+    .details =
+        "  read DOMAIN [KEY]         prints the domain, or the value of one key\n"
+        "  write DOMAIN KEY VALUE    stores a value; the other keys stay\n"
+        "  delete DOMAIN [KEY]       removes the domain, or one key\n"
+        "  list [DOMAIN]             names the domains, or the keys of one",
+    .options = kOptions,
+    .fewestOperands = 1,
+    .mostOperands = 4,
+    .exits = kExits,
+    .run = run,
+};
+
+}  // namespace kestrine

@@ -1,0 +1,121 @@
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "app/cli/Numbers.h"
+#include "app/client/FileWatcherClient.h"
+#include "app/client/WatchRequest.h"
+#include "app/client/WatchedFolder.h"
+#include "app/commands/Commands.h"
+#include "platform/foundation/preferences/UserDefaults.h"
+
+namespace kestrine {
+
+namespace {
+
+constexpr Option kOptions[] = {
+    {"--base", "DIR", "the base folder, stored in the preferences; DIR/Kestrine is made if it is missing, and watched"},
+    {"--timeout", "S", "seconds to wait until the watch stands; 60 if not given"},
+};
+
+constexpr ExitNote kExits[] = {
+    {ExitCode::Ok, "the watch stands, whether it is new or stood already"},
+    {ExitCode::Failed, "the preferences or the folder could not be written"},
+    {ExitCode::NotWatching, "the watch could not start; the message says why"},
+    {ExitCode::UnusableBase, "no base folder is set, it does not exist, or the service cannot watch it"},
+    {ExitCode::TimedOut, "the service did not say in time that the watch stands"},
+    {ExitCode::NoService, "the service is not installed, does not start, or died"},
+};
+
+/// What each outcome is for a script.
+struct OutcomeCode {
+  WatchStart::Outcome outcome;
+  ExitCode code;
+};
+constexpr OutcomeCode kOutcomeCodes[] = {
+    {WatchStart::Outcome::Watching, ExitCode::Ok},
+    {WatchStart::Outcome::AlreadyWatching, ExitCode::Ok},
+    {WatchStart::Outcome::UnusableBase, ExitCode::UnusableBase},
+    {WatchStart::Outcome::NotWatching, ExitCode::NotWatching},
+    {WatchStart::Outcome::NoService, ExitCode::NoService},
+    {WatchStart::Outcome::TimedOut, ExitCode::TimedOut},
+};
+
+ExitCode codeOf(WatchStart::Outcome outcome) {
+  for (const OutcomeCode& row : kOutcomeCodes) {
+    if (row.outcome == outcome) return row.code;
+  }
+  return ExitCode::Failed;
+}
+
+std::chrono::milliseconds timeLimit(const Arguments& arguments) {
+  const auto text = arguments.value("--timeout");
+  if (!text) return std::chrono::seconds(60);
+  const auto seconds = parseFraction(*text);
+  if (!seconds || *seconds <= 0 || *seconds > 86400) {
+    throw CommandError(ExitCode::Usage, fmt::format("start: '--timeout {}' is no number of seconds from 0 to 86400", *text));
+  }
+  return std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
+}
+
+bool isFolder(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::is_directory(path, ignored);
+}
+
+void storeBase(const std::string& given) {
+  const std::string base = given.starts_with('/') ? given : std::filesystem::absolute(given).string();
+  const WatchedFolder folder = watchedFolder(base);
+  if (!folder.problem.empty()) throw CommandError(ExitCode::UnusableBase, folder.problem);
+  if (!isFolder(base)) {
+    throw CommandError(ExitCode::UnusableBase, fmt::format("the base folder '{}' is no existing folder; make it first", base));
+  }
+  if (basePath() == base || setBasePath(base)) return;
+  throw CommandError(ExitCode::Failed,
+                     fmt::format("the preferences in '{}' cannot be written; see the log above", platform::preferencesFolder()));
+}
+
+/// A base folder that is not there, such as a drive that is not connected, is no error: the service waits for it.
+void makeFolder(const std::string& base) {
+  const WatchedFolder folder = watchedFolder(base);
+  if (!folder.problem.empty()) return;
+  if (!isFolder(base)) {
+    fmt::print(stderr, "kestrine: note: '{}' does not exist now; watching begins when it appears\n", base);
+  } else if (mkdir(folder.typed.c_str(), 0777) < 0 && errno != EEXIST) {
+    throw CommandError(ExitCode::Failed, fmt::format("the folder '{}' cannot be made: {}", folder.typed, std::strerror(errno)));
+  }
+}
+
+ExitCode run(const Arguments& arguments) {
+  const auto limit = timeLimit(arguments);
+  if (const auto base = arguments.value("--base")) storeBase(*base);
+  if (const auto base = basePath()) makeFolder(*base);
+  const WatchStart start = requestWatch(limit);
+  for (const std::string& warning : start.warnings) fmt::print(stderr, "kestrine: warning: {}\n", warning);
+  if (!start.stands()) throw CommandError(codeOf(start.outcome), start.text);
+  fmt::print("{}\n", start.text);
+  return ExitCode::Ok;
+}
+
+}  // namespace
+
+constinit const Command kStartCommand{
+    .name = "start",
+    .operands = "",
+    .summary = "Starts the service where it does not run, and asks it to watch.",
+    .details =
+        "Returns when the watch stands or has failed. Where a watch of the same folder stands, it says so and asks for no second. The "
+        "watch\n"
+        "goes on after the command has ended; 'kestrine stop' ends it.",
+    .options = kOptions,
+    .fewestOperands = 0,
+    .mostOperands = 0,
+    .exits = kExits,
+    .run = run,
+};
+
+}  // namespace kestrine

@@ -1,0 +1,135 @@
+#include "app/commands/StatusText.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
+#include "app/cli/TimeText.h"
+#include "platform/foundation/text/UTF8.h"
+
+namespace kestrine {
+
+namespace {
+
+using platform::Object;
+
+/// A number, a text or a list of texts on one line.
+std::string plainText(const Object& value) {
+  if (!value.isArray()) return value.description();
+  std::string text;
+  for (const Object& element : value.arrayValue()) text += (text.empty() ? "" : ", ") + element.description();
+  return text;
+}
+
+class Lines {
+ public:
+  void add(std::string_view label, const std::string& value) { fmt::format_to(std::back_inserter(text_), "{:<18}{}\n", label, value); }
+  void addWhereSet(std::string_view label, const Object& value) {
+    const bool isEmpty = value.isNil() || (value.isArray() && value.count() == 0) || (value.isString() && value.stringValue().empty());
+    if (!isEmpty) add(label, plainText(value));
+  }
+  std::string take() { return std::move(text_); }
+
+ private:
+  std::string text_;
+};
+
+void addLosses(Lines& lines, const Object& losses) {
+  if (!losses.isArray() || losses.count() == 0) return lines.add("  losses", "none");
+  for (const Object& loss : losses.arrayValue()) {
+    if (!loss.isDictionary()) continue;
+    lines.add("  losses", fmt::format("{} times: {} ('{}')", loss.objectForKey("count").description(),
+                                      loss.objectForKey("reason").description(), loss.objectForKey("path").description()));
+  }
+}
+
+void addStream(Lines& lines, const Object& stream) {
+  lines.addWhereSet("  source", stream.objectForKey("source"));
+  lines.addWhereSet("  folders marked", stream.objectForKey("foldersMarked"));
+  lines.add("  events", fmt::format("{} in {} deliveries", stream.objectForKey("eventsDelivered").longLongValue(),
+                                    stream.objectForKey("deliveries").longLongValue()));
+  addLosses(lines, stream.objectForKey("losses"));
+  lines.addWhereSet("  unreadable", stream.objectForKey("unreadable"));
+  lines.addWhereSet("  polled", stream.objectForKey("polled"));
+  lines.addWhereSet("  error", stream.objectForKey("error"));
+}
+
+bool watches(const Object& stream, const std::string& folder) {
+  const Object paths = stream.objectForKey("paths");
+  return paths.isArray() && std::ranges::any_of(paths.arrayValue(), [&](const Object& path) { return path == Object(folder); });
+}
+
+void addWatches(Lines& lines, const ServiceReport& report) {
+  if (report.watches.empty()) lines.add("watches", "none; 'kestrine start' asks for one");
+  platform::Array streams = report.streams;
+  for (const WatchReport& watch : report.watches) {
+    const std::string reason = watch.reason.empty() ? std::string() : ": " + watch.reason;
+    lines.add(fmt::format("watch {}", watch.number), fmt::format("{}, '{}'{}", watch.state, watch.folder, reason));
+    // Two watches of one folder have a stream each.
+    const auto stream = std::ranges::find_if(streams, [&](const Object& candidate) { return watches(candidate, watch.folder); });
+    if (watch.state == "failed" || stream == streams.end()) continue;
+    addStream(lines, *stream);
+    streams.erase(stream);
+  }
+}
+
+/// The same in what JSON has: dates as text, and text that is not UTF-8 (a path may be any bytes) as {"hex": two digits a byte}.
+Object withJsonKinds(const Object& value) {
+  if (value.kind() == Object::Kind::Date) return universalTimeText(value.dateValue());
+  if (value.isString() && !platform::isUTF8(value.stringValue())) {
+    std::string digits;
+    for (const char c : value.stringValue()) fmt::format_to(std::back_inserter(digits), "{:02x}", static_cast<unsigned char>(c));
+    return platform::Dictionary{{"hex", digits}};
+  }
+  if (value.isArray()) {
+    platform::Array array;
+    for (const Object& element : value.arrayValue()) array.push_back(withJsonKinds(element));
+    return array;
+  }
+  if (!value.isDictionary()) return value;
+  platform::Dictionary dictionary;
+  for (const auto& [key, element] : value.dictionaryValue()) dictionary.emplace(key, withJsonKinds(element));
+  return dictionary;
+}
+
+Object orNull(const Object& value) { return value.isNil() ? Object::null() : value; }
+
+}  // namespace
+
+std::string statusText(const ServiceStatus& status) {
+  Lines lines;
+  if (status.process == 0) {
+    lines.add("service", "not running; 'kestrine start' starts it");
+  } else if (!status.report) {
+    lines.add("service", status.process > 0 ? fmt::format("running, process {}, but it does not answer", status.process)
+                                            : std::string("running, but it does not answer"));
+  } else {
+    std::string text = fmt::format("running, process {}", status.process);
+    if (const auto& since = status.report->startedAt) {
+      const double age = platform::Date::now().timeIntervalSince1970 - since->timeIntervalSince1970;
+      fmt::format_to(std::back_inserter(text), ", since {} ({})", localTimeText(*since), durationText(age));
+    }
+    lines.add("service", text);
+    addWatches(lines, *status.report);
+  }
+  lines.add("flag", status.flag.raised ? "raised" : "not raised");
+  lines.add("base", status.base ? "'" + *status.base + "'" : "not set; 'kestrine start --base DIR' sets it");
+  return lines.take();
+}
+
+Object statusObject(const ServiceStatus& status) {
+  platform::Dictionary object;
+  if (status.report) object = withJsonKinds(status.report->all).dictionaryValue();
+  object["running"] = Object::numberWithBool(status.process != 0);
+  object["answers"] = Object::numberWithBool(status.report.has_value());
+  if (status.process > 0) object["pid"] = Object::numberWithLongLong(status.process);
+  if (status.report && status.report->startedAt) object["startedAt"] = universalTimeText(*status.report->startedAt);
+  object["flag"] = orNull(withJsonKinds(status.flag.value));
+  object["flagRaised"] = Object::numberWithBool(status.flag.raised);
+  object["base"] = status.base ? withJsonKinds(*status.base) : Object::null();
+  return object;
+}
+
+}  // namespace kestrine

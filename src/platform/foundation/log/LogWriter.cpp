@@ -1,0 +1,141 @@
+#include "platform/foundation/log/LogWriter.h"
+
+#include <fmt/format.h>
+#include <pthread.h>
+#include <sys/syslog.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "platform/foundation/base/ApplicationIdentifier.h"
+
+namespace platform {
+
+namespace {
+
+/// How long the process's end waits for lines that cannot be written.
+constexpr int kPatienceAtExitInSeconds = 3;
+
+/// True in a process that was forked from one with a writer: it has the queue but not the thread, and its locks may be held by nobody.
+std::atomic<bool> isForkedChild = false;
+
+std::string formatLine(const LogLine& line) {
+  std::tm parts{};
+  localtime_r(&line.time.tv_sec, &parts);
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} {}[{}:{}] {}\n", parts.tm_year + 1900L, parts.tm_mon + 1, parts.tm_mday,
+                     parts.tm_hour, parts.tm_min, parts.tm_sec, line.time.tv_nsec / 1'000'000, applicationIdentifier(), getpid(),
+                     line.thread, line.text);
+}
+
+LogLine lineOfNow(std::string_view text) {
+  LogLine line;
+  clock_gettime(CLOCK_REALTIME, &line.time);
+  line.thread = gettid();
+  line.text = text;
+  return line;
+}
+
+/// While it lives, threads that are started have all signals blocked: handlers belong to the process's own threads, and a closed standard
+/// error gives the writer an error instead of SIGPIPE.
+class AllSignalsBlocked {
+ public:
+  AllSignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former_);
+  }
+  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
+  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
+
+ private:
+  sigset_t former_{};
+};
+
+}  // namespace
+
+LogWriter& LogWriter::shared() {
+  static LogWriter& writer = *new LogWriter();
+  return writer;
+}
+
+void LogWriter::startOnce() {
+  std::call_once(started_, [this] {
+    tzset();  // here, so that the writer never reads the environment, which others may be changing
+    pthread_atfork(nullptr, nullptr, [] { isForkedChild = true; });
+    std::atexit([] { shared().flush(kPatienceAtExitInSeconds); });
+    const AllSignalsBlocked blocked;
+    std::thread([this] { run(); }).detach();
+  });
+}
+
+void LogWriter::log(std::string_view text) {
+  if (isForkedChild) {
+    const std::string line = fmt::format("{}[{}:{}] {}\n", program_invocation_short_name, getpid(), gettid(), text);
+    static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
+    return;
+  }
+  startOnce();
+  queue_.push(lineOfNow(text));
+}
+
+void LogWriter::setDestination(const LogDestination& destination) {
+  if (isForkedChild) return;
+  startOnce();
+  queue_.setDestination(destination);
+}
+
+void LogWriter::flush(std::optional<int> limit) {
+  if (!isForkedChild) queue_.waitUntilWritten(limit);
+}
+
+void LogWriter::run() {
+  pthread_setname_np(pthread_self(), "log");
+  for (;;) {
+    write(queue_.take());
+    queue_.done();
+  }
+}
+
+void LogWriter::write(const LogQueue::Batch& batch) {
+  // Lines of the same batch may be older than the new destination; better there than lost.
+  if (batch.destination) {
+    syslog_ = batch.destination->syslog;
+    file_ = FileSink(batch.destination->file, batch.destination->fileLimit);
+    fileName_ = batch.destination->file;
+    fileError_ = 0;
+  }
+  for (const LogLine& line : batch.lines) writeLine(line);
+  if (batch.dropped > 0) writeLine(lineOfNow(fmt::format("dropped {} log lines", batch.dropped)));
+}
+
+void LogWriter::writeLine(const LogLine& line) {
+  const std::string text = formatLine(line);
+  writeStandardError(text);
+  if (syslog_) syslog(LOG_USER | LOG_NOTICE, "%s[%d:%d] %s", applicationIdentifier().c_str(), getpid(), line.thread, line.text.c_str());
+  reportFileError(file_.write(text));
+}
+
+void LogWriter::writeStandardError(std::string_view text) {
+  // A loss is said as soon as something goes through again.
+  if (lostOnStandardError_ > 0 && standardError_.write(formatLine(lineOfNow(fmt::format("dropped {} log lines", lostOnStandardError_))))) {
+    lostOnStandardError_ = 0;
+  }
+  if (!standardError_.write(text)) ++lostOnStandardError_;
+}
+
+void LogWriter::reportFileError(int error) {
+  const bool isNew = error != 0 && error != fileError_;
+  fileError_ = error;
+  if (isNew)
+    writeStandardError(formatLine(lineOfNow(fmt::format("the log file {} cannot be written: {}", fileName_, std::strerror(error)))));
+}
+
+void NSLog(std::string_view text) { LogWriter::shared().log(text); }
+void setLogDestination(const LogDestination& destination) { LogWriter::shared().setDestination(destination); }
+void flushLog() { LogWriter::shared().flush(std::nullopt); }
+
+}  // namespace platform

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/base/ApplicationIdentifier.h"
+#include "platform/foundation/value/Object.h"
+
+namespace platform {
+
+/// The folder of the preferences: ${XDG_CONFIG_HOME:-~/.config}/Preferences. Not made here.
+std::string preferencesFolder();
+
+/// Preferences: one property-list file per domain, "<preferencesFolder()>/<domain>.plist".
+///
+/// Files are written as XML and read as XML or binary, bounded in size and nesting before they are parsed. A writer takes the domain's
+/// lock, reads what is on disk, merges its own changes, writes a temporary file, syncs it and renames it over the old one, so a reader
+/// never sees half a file and a killed writer leaves the old one. A corrupt file is renamed aside, said in the log and treated as empty.
+///
+/// Threads: any thread may call anything. Processes: any number may read and write the same domain.
+class UserDefaults {
+ public:
+  /// The process's own preferences: its application domain. Never destroyed.
+  static UserDefaults& standardUserDefaults();
+  /// The preferences of the domain `domainName` in `folder` (preferencesFolder() when empty). Throws Exception(NSInvalidArgumentException)
+  /// for an illegal name (empty, with '/' or NUL, "." or "..").
+  explicit UserDefaults(std::string domainName, std::string folder = {});
+  UserDefaults(const UserDefaults&) = delete;
+  UserDefaults& operator=(const UserDefaults&) = delete;
+  ~UserDefaults();
+
+  /// The whole of another domain as it stands on disk now; nil when the domain does not exist or its name is not a legal one.
+  Object persistentDomainForName(std::string_view name);
+  /// Replaces the domain on disk. Throws Exception(NSInvalidArgumentException) for an illegal name or a value that is no dictionary or that
+  /// a property list cannot hold (PropertyList.h says which); returns false, with the reason in the log, when the file cannot be written.
+  bool setPersistentDomain_forName(const Object& domain, std::string_view name);
+  /// Removes the domain's file. True also when there was none. Throws for an illegal name.
+  bool removePersistentDomainForName(std::string_view name);
+  /// Names of the domains in the folder, sorted.
+  [[nodiscard]] std::vector<std::string> persistentDomainNames() const;
+
+  /// This domain's value for `key`: a change not yet synchronised, else what is on disk (which costs one stat to verify), else, when that
+  /// cannot be read, what was last read.
+  Object objectForKey(std::string_view key);
+  /// Remembers the value in the form in which it would be read back: integers as LongLong (UnsignedLongLong above 2^63-1), reals as Double,
+  /// dates in whole seconds. `synchronize` writes it. Nil removes the key. Throws as setPersistentDomain_forName does for a value or key
+  /// that cannot be stored.
+  void setObject_forKey(const Object& value, std::string_view key);
+  void removeObjectForKey(std::string_view key);
+  /// Writes the remembered changes. Costs one stat when the file is the one last read and already holds them; a change that another process
+  /// made since, to the same key too, is noticed and overwritten by ours. True when the disk now holds our changes; false, with the reason
+  /// in the log (once per reason), when it cannot be written: the changes stay remembered for the next call.
+  bool synchronize();
+
+  /// Reads `key` from disk and, when `decide` returns a value other than nil for it, stores that, all under the domain's lock: no other
+  /// writer comes between. A change to `key` not yet synchronised takes no part, and is dropped when a value is stored. Returns what was
+  /// read. `failed`, when not null, tells that the lock could not be taken (`decide` is not called then) or the new value not be written.
+  /// `decide` is called once at most and must not use preferences of this domain.
+  Object exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed = nullptr);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace platform

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+#include "platform/network/load/Load.h"
+#include "platform/network/message/BodyCollector.h"
+#include "platform/network/session/Delivery.h"
+#include "platform/network/session/URLSession.h"
+
+namespace platform::network {
+
+/// The task behind `URLSessionTask`: makes the load, gathers or passes on what it brings, and tells handler and delegate.
+///
+/// Locks: the task's own is never held while anybody else's code runs.
+class SessionTask final : public URLSessionTask, public Load::Client {
+ public:
+  enum class Kind { Data, Download };
+  /// What the task is made of.
+  struct Plan {
+    Kind kind = Kind::Data;
+    URLRequest request;
+    /// In place of the request's own body.
+    std::optional<Bytes> body = {};
+    std::optional<URL> bodyFile = {};
+    URLSession::DataHandler dataHandler = {};
+    URLSession::DownloadHandler downloadHandler = {};
+  };
+  /// What the session gives it.
+  struct Place {
+    std::shared_ptr<URLSession> session;
+    std::shared_ptr<SessionCore> core;
+    Executor executor;
+    std::uint64_t identifier = 0;
+    /// Called when the task was resumed (true), and after the last word on it was said (false).
+    std::function<void(bool runs)> tally;
+    std::function<void()> forget;
+  };
+
+  SessionTask(Plan plan, Place place);
+  ~SessionTask() override;
+
+  void resume() override;
+  void cancel() override;
+  [[nodiscard]] State state() const override;
+  [[nodiscard]] std::uint64_t taskIdentifier() const override { return place_.identifier; }
+  [[nodiscard]] std::string taskDescription() const override;
+  void setTaskDescription(std::string text) override;
+  [[nodiscard]] const URLRequest& originalRequest() const override { return plan_.request; }
+  [[nodiscard]] std::shared_ptr<const URLResponse> response() const override;
+  [[nodiscard]] std::optional<Error> error() const override;
+  [[nodiscard]] std::int64_t countOfBytesSent() const override { return sent_; }
+  [[nodiscard]] std::int64_t countOfBytesReceived() const override { return received_; }
+
+ private:
+  using Delegate = std::shared_ptr<URLSessionDelegate>;
+
+  // Load::Client
+  [[nodiscard]] bool answersChallenges() const override { return delegate_ != nullptr; }
+  void challenged(const URLAuthenticationChallenge& challenge, URLChallengeHandler answer) override;
+  void responseArrived(const std::shared_ptr<const URLResponse>& response) override;
+  Exchange::Appetite dataArrived(std::span<const char> piece, std::optional<Error>& failure) override;
+  void bytesMoved(std::int64_t sent, std::int64_t received) override;
+  void loadEnded(std::optional<Error> error) override;
+
+  std::shared_ptr<SessionTask> self() { return std::static_pointer_cast<SessionTask>(shared_from_this()); }
+  [[nodiscard]] bool hasHandler() const { return plan_.dataHandler || plan_.downloadHandler; }
+  std::shared_ptr<Load> makeLoad(std::optional<Error>& failure);
+  Exchange::Appetite passOn(std::span<const char> piece);
+  void taken(std::size_t size);
+  void tellWritten(std::size_t size);
+  void complete(std::optional<Error> error);
+  void tellEnd(const std::optional<Error>& error, const Delegate& delegate);
+  void tellDownload(const std::optional<Error>& error, const Delegate& delegate);
+
+  Plan plan_;
+  Place place_;
+  const std::shared_ptr<Delivery> delivery_;
+  BodyCollector collector_;
+  /// From `resume` to the end. Written before the load starts and by the last block of the delivery.
+  Delegate delegate_;
+
+  std::atomic<std::int64_t> sent_ = 0;
+  std::atomic<std::int64_t> received_ = 0;
+  /// Bytes passed on that the delegate has not taken yet.
+  std::atomic<std::size_t> waiting_ = 0;
+  /// Bytes written that the delegate has not been told yet.
+  std::atomic<std::int64_t> untold_ = 0;
+  std::atomic<std::int64_t> written_ = 0;
+
+  mutable std::mutex mutex_;
+  State state_ = State::Suspended;
+  std::string description_;
+  std::shared_ptr<const URLResponse> response_;
+  std::optional<Error> error_;
+  std::shared_ptr<Load> load_;
+};
+
+}  // namespace platform::network

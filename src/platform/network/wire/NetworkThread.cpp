@@ -1,0 +1,38 @@
+#include "platform/network/wire/NetworkThread.h"
+
+#include <curl/curl.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "platform/concurrency/ServingThread.h"
+
+namespace platform::network {
+
+namespace {
+
+const ServingThread& thread();
+
+/// Registered after the TLS library's own handler and so called before it: nothing may use that library any more when it has gone.
+void parkAtExit() { thread().park(); }
+
+const ServingThread& start() {
+  curl_global_init(CURL_GLOBAL_ALL);
+  // With SIGPIPE of a TLS write blocked, as every signal is on it.
+  const auto& made = *new ServingThread("network", "network: a failure on the network's thread was contained");
+  std::atexit(parkAtExit);
+  return made;
+}
+
+const ServingThread& thread() {
+  static const ServingThread& made = start();
+  return made;
+}
+
+}  // namespace
+
+RunLoop& networkLoop() { return thread().loop(); }
+
+void onNetworkThread(std::function<void()> block) { thread().perform(std::move(block)); }
+
+}  // namespace platform::network

@@ -1,0 +1,241 @@
+#include "platform/xpc/channel/Channel.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/process/StatusRegistry.h"
+#include "platform/xpc/channel/IOThread.h"
+#include "platform/xpc/value/ObjectConversion.h"
+
+namespace platform::xpc {
+
+namespace {
+
+/// What one connection may read before the others have their turn.
+constexpr int kReadsPerTurn = 4;
+constexpr std::size_t kReadBytes = std::size_t{64} << 10U;
+
+/// One buffer is enough: only the I/O thread reads.
+std::span<std::byte> readBuffer() {
+  static auto& buffer = *new std::array<std::byte, kReadBytes>;
+  return buffer;
+}
+
+}  // namespace
+
+std::shared_ptr<Channel> Channel::create(FileHandle socket, Side side) {
+  return std::shared_ptr<Channel>(new Channel(std::move(socket), side));
+}
+
+Channel::Channel(FileHandle socket, Side side)
+    : socket_(std::move(socket)), side_(side), outgoing_(std::make_shared<SendQueue>(socket_.fileDescriptor())) {
+  enableCredentials(socket_.fileDescriptor());
+  credentials_ = socketOwner(socket_.fileDescriptor());
+}
+
+Channel::~Channel() { close(); }
+
+void Channel::setHandlers(FrameHandler frameHandler, EndHandler endHandler) {
+  frameHandler_ = std::move(frameHandler);
+  endHandler_ = std::move(endHandler);
+}
+
+void Channel::setReading(bool reading) {
+  if (!isOpen() || reading == reading_) return;
+  reading_ = reading;
+  if (reading) scheduleReading();
+  updateStallTimer(false);
+  updateInterest();
+}
+
+// Frames may be here already, and the caller is not to be entered again from inside its own call.
+void Channel::scheduleReading() {
+  if (std::exchange(readScheduled_, true)) return;
+  onIOThread([weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    self->readScheduled_ = false;
+    self->updateStallTimer(self->dispatch());
+    self->updateInterest();
+  });
+}
+
+void Channel::ready(unsigned events) {
+  const auto self = shared_from_this();
+  constexpr unsigned kTrouble = EPOLLERR | EPOLLHUP;
+  if ((events & (EPOLLOUT | kTrouble)) != 0) outgoing_->flush();
+  if (reading_ && !readScheduled_) {
+    if ((events & (EPOLLIN | kTrouble)) != 0) readSome();
+  } else if ((events & kTrouble) != 0 && isOpen()) {
+    readTheRest();
+  }
+  updateInterest();
+}
+
+void Channel::readSome() {
+  bool newFrame = false;
+  for (int i = 0; i < kReadsPerTurn && isOpen() && reading_; ++i) {
+    auto result = receive(socket_.fileDescriptor(), readBuffer());
+    if (std::holds_alternative<Blocked>(result)) break;
+    if (const auto* error = std::get_if<WireError>(&result)) return end(error->reason);
+    auto& received = std::get<Received>(result);
+    if (received.bytes == 0) return endOfStream();
+    const auto bytes = std::span<const std::byte>(readBuffer()).first(received.bytes);
+    if (!accept(std::move(received), bytes)) return;
+    newFrame = dispatch() || newFrame;
+    // Probably all there was; the loop tells when it was not.
+    if (bytes.size() < kReadBytes) break;
+  }
+  updateStallTimer(newFrame);
+}
+
+// The other end is gone, which the loop would tell again and again. How much it left is bounded by the kernel's buffer.
+void Channel::readTheRest() {
+  for (;;) {
+    auto result = receive(socket_.fileDescriptor(), readBuffer());
+    auto* received = std::get_if<Received>(&result);
+    if (received == nullptr || received->bytes == 0) return closeSocket();
+    const auto bytes = std::span<const std::byte>(readBuffer()).first(received->bytes);
+    if (!accept(std::move(*received), bytes)) return;
+  }
+}
+
+bool Channel::accept(Received received, std::span<const std::byte> bytes) {
+  if (!hasCredentials_) {
+    if (!received.credentials) {
+      end("its first message came without credentials");
+      return false;
+    }
+    credentials_ = *received.credentials;
+    credentials_.asid = auditSession(credentials_.pid);
+    hasCredentials_ = true;
+  }
+  reader_.feed(bytes, std::move(received.descriptors));
+  if (!reader_.holdsTooMuch()) return true;
+  end("more is waiting to be received than this process takes");
+  return false;
+}
+
+// Returns whether there was a frame.
+bool Channel::dispatch() {
+  bool any = false;
+  while (isOpen() && reading_) {
+    auto next = reader_.next();
+    if (std::holds_alternative<std::monostate>(next)) {
+      if (!socket_.isOpen()) endOfStream();
+      break;
+    }
+    if (const auto* error = std::get_if<WireError>(&next)) {
+      end("it broke the protocol: " + error->reason);
+      break;
+    }
+    any = true;
+    dispatchOne(std::move(std::get<Frame>(next)));
+  }
+  return any;
+}
+
+void Channel::dispatchOne(Frame frame) {
+  if (side_ == Side::Service && frame.kind == FrameKind::StatusRequest) return answerStatus();
+  const bool expected =
+      frame.kind == FrameKind::Hello || frame.kind == FrameKind::Message || (side_ == Side::Client && frame.kind == FrameKind::StatusReply);
+  if (!expected) return end("it broke the protocol: that kind of frame is not for this end");
+  // A copy: the handler may hand this channel to another owner, and so replace itself.
+  if (const auto handler = frameHandler_) handler(std::move(frame));
+}
+
+void Channel::answerStatus() {
+  if (outgoing_->bytes() > kMaximumQueuedStatusBytes) return end("it does not read what is sent to it");
+  Encoded reply;
+  try {
+    auto encoded = encode(valueWithObject(StatusRegistry::shared().snapshot()));
+    if (const auto* error = std::get_if<WireError>(&encoded)) throw std::runtime_error(error->reason);
+    reply = std::move(std::get<Encoded>(encoded));
+  } catch (const std::exception& exception) {
+    return end(std::string("the status could not be told: ") + exception.what());
+  }
+  write(OutgoingFrame::make(FrameKind::StatusReply, std::move(reply)));
+}
+
+void Channel::write(OutgoingFrame frame) {
+  if (isOpen()) added(outgoing_->add(std::move(frame)));
+}
+
+void Channel::added(SendQueue::Added added) {
+  if (added == SendQueue::Added::TooMuch) return end("it does not read what is sent to it");
+  updateInterest();
+}
+
+void Channel::afterWriting(std::function<void()> block) { outgoing_->afterWriting(std::move(block)); }
+
+// A channel that wants nothing stays on the loop: a hang-up is told whether it is asked for or not.
+void Channel::updateInterest() {
+  if (!socket_.isOpen()) return;
+  const unsigned wanted = (reading_ && !readScheduled_ ? EPOLLIN : 0U) | (outgoing_->isEmpty() ? 0U : EPOLLOUT);
+  if (wanted == interest_) return;
+  interest_ = wanted;
+  if (item_) {
+    item_->setEvents(wanted);
+  } else {
+    item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), wanted, [weak = weak_from_this()](unsigned events) {
+      if (const auto self = weak.lock()) self->ready(events);
+    });
+    try {
+      ioLoop().add(item_);
+    } catch (const Exception& exception) {
+      // The system's limit of watched descriptors (epoll(7), max_user_watches).
+      end(exception.reason());
+    }
+  }
+}
+
+// One timer while a frame is under way, none between frames: an idle connection wakes nobody.
+void Channel::updateStallTimer(bool newFrame) {
+  hadFrame_ = hadFrame_ || newFrame;
+  const bool waiting = side_ == Side::Service && socket_.isOpen() && reading_ && (!hadFrame_ || reader_.isInsideFrame());
+  if (stallTimer_ && (newFrame || !waiting)) std::exchange(stallTimer_, nullptr)->invalidate();
+  if (!waiting || stallTimer_) return;
+  stallTimer_ = RunLoopTimer::create(kStallSeconds, 0, [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->end("it began no message, or did not end the one that it began");
+  });
+  ioLoop().add(stallTimer_);
+}
+
+void Channel::endOfStream() { end(reader_.isInsideFrame() ? "it closed in the middle of a message" : "it closed the connection"); }
+
+void Channel::end(const std::string& reason) {
+  if (!isOpen()) return;
+  const auto self = shared_from_this();
+  const auto handler = std::exchange(endHandler_, nullptr);
+  close();
+  if (handler) handler(reason);
+}
+
+void Channel::close() {
+  if (!isOpen()) return;
+  ended_ = true;
+  frameHandler_ = nullptr;
+  endHandler_ = nullptr;
+  reader_ = {};
+  closeSocket();
+}
+
+void Channel::closeSocket() {
+  if (const auto item = std::exchange(item_, nullptr)) item->invalidate();
+  if (const auto timer = std::exchange(stallTimer_, nullptr)) timer->invalidate();
+  interest_.reset();
+  if (!socket_.isOpen()) return;
+  auto socket = std::move(socket_);
+  // Before the descriptor becomes another file's.
+  outgoing_->close();
+  socket.closeFile();
+  if (const auto handler = std::exchange(closedHandler_, nullptr)) handler();
+}
+
+}  // namespace platform::xpc

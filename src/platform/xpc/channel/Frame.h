@@ -1,0 +1,101 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/xpc/value/WireFormat.h"
+
+// Internal to the channel: how messages are cut out of the byte stream. A frame is a header of eight bytes (payload length, kind, version,
+// number of descriptors) and the payload; its descriptors arrive with its first byte. docs/protocol.md has the layout.
+namespace platform::xpc {
+
+enum class FrameKind : std::uint8_t {
+  /// Says "I am here" with the credentials, and nothing else.
+  Hello = 1,
+  StatusRequest = 2,
+  StatusReply = 3,
+  Message = 4,
+};
+
+inline constexpr std::size_t kHeaderBytes = 8;
+inline constexpr std::uint8_t kProtocolVersion = 1;
+
+/// What this process has received and not yet dealt with, counted over all connections, so that peers together cannot use up the
+/// process's descriptors or memory. The hold ends when the handler has returned.
+class Hold {
+ public:
+  static constexpr std::size_t kMaximumDescriptors = 256;
+  static constexpr std::size_t kMaximumBytes = std::size_t{128} << 20U;
+  /// A connection that holds no more than this is not closed for what the others hold.
+  static constexpr std::size_t kExemptBytes = std::size_t{64} << 10U;
+
+  Hold() = default;
+  Hold(std::size_t descriptors, std::size_t bytes);
+  Hold(Hold&& other) noexcept;
+  Hold& operator=(Hold&& other) noexcept;
+  Hold(const Hold&) = delete;
+  Hold& operator=(const Hold&) = delete;
+  ~Hold();
+
+  [[nodiscard]] std::size_t descriptors() const { return descriptors_; }
+  [[nodiscard]] std::size_t bytes() const { return bytes_; }
+  /// Over all connections.
+  [[nodiscard]] static std::size_t totalDescriptors();
+  [[nodiscard]] static std::size_t totalBytes();
+
+ private:
+  std::size_t descriptors_ = 0;
+  std::size_t bytes_ = 0;
+};
+
+struct Frame {
+  FrameKind kind = FrameKind::Hello;
+  std::vector<std::byte> payload;
+  std::vector<FileHandle> descriptors;
+  Hold hold;
+};
+
+std::array<std::byte, kHeaderBytes> frameHeader(FrameKind kind, std::size_t payloadBytes, std::size_t descriptors);
+
+/// Turns what arrives into frames, however it is cut. After an error it stays in error.
+/// Threads: one at a time.
+class FrameReader {
+ public:
+  /// Bytes in the order of their arrival, with the descriptors that came with them.
+  void feed(std::span<const std::byte> bytes, std::vector<FileHandle> descriptors);
+  /// The next complete frame; nothing while there is none; what is wrong with the stream.
+  [[nodiscard]] std::variant<std::monostate, Frame, WireError> next();
+  /// Whether a frame has begun and not ended.
+  [[nodiscard]] bool isInsideFrame() const { return buffer_.size() > begin_; }
+  /// Whether this connection is to be closed because the process holds too much.
+  [[nodiscard]] bool holdsTooMuch() const;
+
+ private:
+  struct Header {
+    FrameKind kind;
+    std::size_t payloadBytes;
+    std::size_t descriptors;
+  };
+  [[nodiscard]] std::variant<Header, WireError> readHeader() const;
+  WireError fail(std::string reason);
+  Frame cut(const Header& header);
+  void account() { hold_ = Hold(descriptors_.size(), buffer_.size() - begin_); }
+
+  std::vector<std::byte> buffer_;
+  std::size_t begin_ = 0;
+  std::deque<FileHandle> descriptors_;
+  Hold hold_;
+  std::optional<WireError> error_;
+};
+
+}  // namespace platform::xpc

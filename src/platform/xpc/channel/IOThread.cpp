@@ -1,0 +1,24 @@
+#include "platform/xpc/channel/IOThread.h"
+
+#include <utility>
+
+#include "platform/concurrency/ServingThread.h"
+
+namespace platform::xpc {
+
+namespace {
+
+const ServingThread& thread() {
+  static const auto& made = *new ServingThread("xpc-io", "xpc: a failure on the channel's thread was contained");
+  return made;
+}
+
+}  // namespace
+
+RunLoop& ioLoop() { return thread().loop(); }
+
+void onIOThread(std::function<void()> block) { thread().perform(std::move(block)); }
+
+bool isIOThread() { return ioLoop().isCurrent(); }
+
+}  // namespace platform::xpc

@@ -1,0 +1,53 @@
+#include "platform/xpc/connection/Connection.h"
+
+#include <utility>
+
+#include "platform/foundation/base/Exception.h"
+#include "platform/xpc/channel/IOThread.h"
+#include "platform/xpc/connection/ConnectionCore.h"
+#include "platform/xpc/value/WireFormat.h"
+
+namespace platform::xpc {
+
+std::shared_ptr<Connection> Connection::create(std::string serviceName) {
+  return Core::makeConnection(std::make_shared<Core>(std::move(serviceName)));
+}
+
+std::shared_ptr<Connection> Connection::createWithSocket(FileHandle socket) {
+  const auto core = std::make_shared<Core>(std::nullopt);
+  auto connection = Core::makeConnection(core);
+  onIOThread([core, handle = std::make_shared<FileHandle>(std::move(socket))] {
+    core->adopt(Channel::create(std::move(*handle), Channel::Side::Service));
+    core->startReading();
+  });
+  return connection;
+}
+
+Connection::Connection(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+
+Connection::~Connection() { core_->cancel(false); }
+
+void Connection::setEventHandler(EventHandler handler) { core_->inbox().setHandler(std::move(handler)); }
+void Connection::setTargetQueue(std::shared_ptr<SerialQueue> queue) { core_->inbox().setQueue(std::move(queue)); }
+void Connection::resume() { core_->resume(); }
+void Connection::suspend() { core_->inbox().suspend(); }
+void Connection::cancel() { core_->cancel(true); }
+void Connection::sendBarrier(std::function<void()> block) { core_->sendBarrier(std::move(block)); }
+
+void Connection::send(const Value& message) {
+  if (!message.isDictionary()) {
+    throw Exception(NSInvalidArgumentException,
+                    "a message is a dictionary, not a value of the kind " + std::string(kindName(message.kind())));
+  }
+  auto encoded = encode(message);
+  if (const auto* error = std::get_if<WireError>(&encoded)) throw Exception(NSInvalidArgumentException, error->reason);
+  core_->send(OutgoingFrame::make(FrameKind::Message, std::move(std::get<Encoded>(encoded))));
+}
+
+std::optional<std::string> Connection::name() const { return core_->name(); }
+uid_t Connection::euid() const { return core_->credentials().euid; }
+gid_t Connection::egid() const { return core_->credentials().egid; }
+pid_t Connection::pid() const { return core_->credentials().pid; }
+std::uint32_t Connection::asid() const { return core_->credentials().asid; }
+
+}  // namespace platform::xpc

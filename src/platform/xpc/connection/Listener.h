@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/xpc/connection/Connection.h"
+
+namespace platform::xpc {
+
+/// Accepts peers on a listening stream socket.
+///
+/// A client that only asks for the status is answered and never seen. Any other becomes a peer with its first frame: the connection
+/// function is called, one peer at a time, on a queue of the listener's own, with a suspended connection, and the peer's frames are read
+/// only after that function has returned. It sets the handler and resumes the connection; a connection that it neither keeps nor resumes is
+/// closed.
+///
+/// At most `kMaximumConnections` sockets are open at once for a listener; more wait in the kernel's backlog until one closes. The same when
+/// the process has no descriptor left. Both are said in the log.
+///
+/// Ownership: shared; destroying it stops accepting and leaves existing peers alone.
+/// Threads: any thread may call anything.
+class Listener {
+ public:
+  using ConnectionFunction = std::function<void(const std::shared_ptr<Connection>&)>;
+  static constexpr std::size_t kMaximumConnections = 1024;
+
+  /// `socket` listens already.
+  static std::shared_ptr<Listener> create(FileHandle socket, ConnectionFunction function,
+                                          std::size_t maximumConnections = kMaximumConnections);
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  /// Begins to accept. Once.
+  void resume();
+  /// Stops accepting and closes the socket before it returns.
+  void cancel();
+  /// Stops accepting and tells every peer's handler TerminationImminent; `done` is called, on any thread, when all of them have returned.
+  void terminate(const std::string& reason, std::function<void()> done);
+
+  struct Statistics {
+    std::size_t openSockets = 0;
+    std::size_t peers = 0;
+    std::uint64_t accepted = 0;
+  };
+  [[nodiscard]] Statistics statistics() const;
+
+  class Core;
+
+ private:
+  explicit Listener(std::shared_ptr<Core> core);
+  std::shared_ptr<Core> core_;
+};
+
+}  // namespace platform::xpc

@@ -1,0 +1,74 @@
+#include "platform/xpc/launch/LockFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <thread>
+#include <utility>
+
+namespace platform::xpc {
+
+namespace {
+
+constexpr std::chrono::milliseconds kRetry{5};
+
+struct flock wholeFile(short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+}  // namespace
+
+std::optional<LockFile> LockFile::open(int folder, const std::string& name, bool create) {
+  FileHandle handle(openat(folder, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), 0600));
+  if (!handle.isOpen()) return std::nullopt;
+  return LockFile(std::move(handle));
+}
+
+LockFile::~LockFile() {
+  if (handle_.isOpen()) unlock();
+}
+
+// Tried again and again rather than waited for: the kernel's waiting has no time limit, and contention is rare and short.
+bool LockFile::lock(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    auto whole = wholeFile(F_WRLCK);
+    if (fcntl(handle_.fileDescriptor(), F_OFD_SETLK, &whole) == 0) return locked_ = true;
+    if (errno != EAGAIN && errno != EACCES && errno != EINTR) return false;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(kRetry);
+  }
+}
+
+// Said explicitly: a process that was forked at this moment and has not yet run its program still has the handle, and would keep the lock.
+void LockFile::unlock() {
+  if (!std::exchange(locked_, false)) return;
+  auto whole = wholeFile(F_UNLCK);
+  fcntl(handle_.fileDescriptor(), F_OFD_SETLK, &whole);
+}
+
+bool LockFile::isHeld() const {
+  auto whole = wholeFile(F_WRLCK);
+  return fcntl(handle_.fileDescriptor(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+}
+
+std::string LockFile::text() const {
+  std::array<char, 256> buffer{};
+  const ssize_t size = pread(handle_.fileDescriptor(), buffer.data(), buffer.size(), 0);
+  return {buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
+bool LockFile::setText(const std::string& text) const {
+  return ftruncate(handle_.fileDescriptor(), 0) == 0 &&
+         pwrite(handle_.fileDescriptor(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+}
+
+std::string lifeLockName(const std::string& service) { return "." + service + ".lock"; }
+std::string launchLockName(const std::string& service) { return "." + service + ".launch"; }
+
+}  // namespace platform::xpc

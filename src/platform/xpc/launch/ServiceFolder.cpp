@@ -1,0 +1,156 @@
+#include "platform/xpc/launch/ServiceFolder.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "platform/xpc/launch/Environment.h"
+
+namespace platform::xpc {
+
+namespace {
+
+/// The name's own bytes, those of the lock files around it and NAME_MAX.
+constexpr std::size_t kMaximumNameBytes = 200;
+constexpr int kBacklog = 512;
+/// How long a caller waits for a service that is too busy to accept.
+constexpr time_t kConnectSeconds = 30;
+
+std::string errorText(int number) { return std::generic_category().message(number); }
+
+bool isOwnFolder(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
+}
+
+std::string hostName() {
+  std::array<char, 256> name{};
+  return gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0' && std::strchr(name.data(), '/') == nullptr ? name.data()
+                                                                                                                       : "localhost";
+}
+
+std::string folderPath() {
+  if (const std::string runtime = absolutePathFromEnvironment("XDG_RUNTIME_DIR"); !runtime.empty()) return runtime + "/xpc";
+  const std::string usual = "/run/user/" + std::to_string(geteuid());
+  // The state folder may be shared between machines, sockets are not.
+  return isOwnFolder(usual) ? usual + "/xpc" : stateHome() + "/xpc-" + hostName();
+}
+
+/// Makes the folder and those above it, each for this user alone.
+int makeFolders(const std::string& path) {
+  for (std::size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+    if (mkdir(path.substr(0, end).c_str(), 0700) != 0 && errno != EEXIST && errno != EACCES && errno != EROFS) return errno;
+  }
+  return mkdir(path.c_str(), 0700) == 0 || errno == EEXIST ? 0 : errno;
+}
+
+/// The address of a path; false when it is too long for one (unix(7)).
+bool fillAddress(sockaddr_un& address, const std::string& path) {
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return false;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+std::string pathOfDescriptor(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
+
+FileHandle newSocket() { return FileHandle(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
+
+/// Different for different services, so that two launches never use the same temporary name (FNV-1a, 64 bits).
+std::string temporaryName(const std::string& name) {
+  std::uint64_t hash = 0xcbf29ce484222325U;
+  for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3U;
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), ".new-%016llx", static_cast<unsigned long long>(hash));
+  return text.data();
+}
+
+std::optional<SocketIdentity> identityOf(int folder, const std::string& file) {
+  struct stat status {};
+  if (fstatat(folder, file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
+  return SocketIdentity{status.st_dev, status.st_ino, status.st_mtim.tv_sec * 1'000'000'000 + status.st_mtim.tv_nsec};
+}
+
+}  // namespace
+
+std::optional<LaunchError> refuseName(const std::string& name) {
+  const bool legal = !name.empty() && name.size() <= kMaximumNameBytes && name.front() != '.' && name.find('/') == std::string::npos &&
+                     name.find('\0') == std::string::npos;
+  if (legal) return std::nullopt;
+  return LaunchError{"\"" + name +
+                     "\" cannot be a service's name: it must be a file name of 1 to 200 bytes that does not begin with a dot"};
+}
+
+std::variant<ServiceFolder, LaunchError> ServiceFolder::open(bool create) {
+  const std::string path = folderPath();
+  const auto refuse = [&path](const std::string& why) {
+    return LaunchError{"the folder of service sockets, " + path + ", cannot be used: " + why + "; see XDG_RUNTIME_DIR"};
+  };
+  if (create) {
+    if (const int error = makeFolders(path); error != 0) return refuse(errorText(error));
+  }
+  FileHandle handle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!handle.isOpen()) return refuse(errorText(errno));
+  struct stat status {};
+  if (fstat(handle.fileDescriptor(), &status) != 0) return refuse(errorText(errno));
+  if (status.st_uid != geteuid()) return refuse("it belongs to another user");
+  if ((status.st_mode & 0077U) != 0 && fchmod(handle.fileDescriptor(), 0700) != 0) return refuse(errorText(errno));
+  return ServiceFolder(std::move(handle), path);
+}
+
+std::optional<SocketIdentity> ServiceFolder::socketIdentity(const std::string& name) const { return identityOf(descriptor(), name); }
+
+std::variant<FileHandle, int> ServiceFolder::connect(const std::string& name) const {
+  // Through the file itself, so that no path and no name is too long.
+  const FileHandle file(openat(descriptor(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!file.isOpen()) return errno;
+  sockaddr_un address{};
+  fillAddress(address, pathOfDescriptor(file.fileDescriptor()));
+  FileHandle socket = newSocket();
+  if (!socket.isOpen()) return errno;
+  const timeval limit{.tv_sec = kConnectSeconds, .tv_usec = 0};
+  setsockopt(socket.fileDescriptor(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  int result = 0;
+  do {
+    result = ::connect(socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0) return errno;
+  return socket;
+}
+
+std::variant<ServiceFolder::Bound, int> ServiceFolder::bind(const std::string& name) const {
+  Bound bound{newSocket(), {}, temporaryName(name)};
+  if (!bound.socket.isOpen()) return errno;
+  remove(bound.temporaryName);
+  sockaddr_un address{};
+  fillAddress(address, pathOfDescriptor(descriptor()) + "/" + bound.temporaryName);
+  if (::bind(bound.socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return errno;
+  const auto identity = identityOf(descriptor(), bound.temporaryName);
+  if (!identity || fchmodat(descriptor(), bound.temporaryName.c_str(), 0600, 0) != 0 ||
+      listen(bound.socket.fileDescriptor(), kBacklog) != 0) {
+    const int error = errno;
+    remove(bound.temporaryName);
+    return error;
+  }
+  bound.identity = *identity;
+  return bound;
+}
+
+// Renamed into place when it listens already: whoever sees the name can connect.
+int ServiceFolder::publish(const Bound& bound, const std::string& name) const {
+  return renameat(descriptor(), bound.temporaryName.c_str(), descriptor(), name.c_str()) == 0 ? 0 : errno;
+}
+
+int ServiceFolder::remove(const std::string& file) const { return unlinkat(descriptor(), file.c_str(), 0) == 0 ? 0 : errno; }
+
+}  // namespace platform::xpc

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/xpc/connection/Connection.h"
+#include "platform/xpc/connection/Listener.h"
+
+namespace platform::xpc {
+
+/// What makes a process the service of a name. `main` calls `begin` before anything else and before it has a second thread.
+/// Threads: `begin` and `serve` on the main thread.
+class ServiceProcess {
+ public:
+  /// Sets the application identifier, the log's destination and the signals (SIGTERM ends the service in order, SIGPIPE and SIGXFSZ are
+  /// ignored), takes the service's lock file and registers the status section "process" {pid, startedAt, identifier}. Ends the process with
+  /// EX_TEMPFAIL (75) and a log line when another process is this service, and with EX_OSERR (71) when the lock file or socket cannot be
+  /// had.
+  static void begin(const std::string& identifier);
+
+  /// Serves until the process ends, running the main run loop (and so the main queue): peers reach `function` as a Listener's do. The
+  /// listening socket is the one handed over (LISTEN_FDS), else one that the process binds itself.
+  ///
+  /// On SIGTERM the service stops accepting, removes its socket unless somebody else (systemd) made it, tells every peer's handler
+  /// TerminationImminent, waits a short while for the handlers to return and ends the process with status 0.
+  [[noreturn]] static void serve(Listener::ConnectionFunction function);
+};
+
+}  // namespace platform::xpc
