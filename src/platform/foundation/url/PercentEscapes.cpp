@@ -1,26 +1,19 @@
 #include "platform/foundation/url/PercentEscapes.h"
 
+#include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/url/URLCharacters.h"
 
 namespace platform {
-
-int hexDigitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 bool beginsWithEscape(std::string_view text) {
   return text.size() >= 3 && text[0] == '%' && hexDigitValue(text[1]) >= 0 && hexDigitValue(text[2]) >= 0;
 }
 
 void appendEscape(std::string& out, char byte) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
   const auto value = static_cast<unsigned char>(byte);
   out += '%';
-  out += kDigits[value >> 4U];
-  out += kDigits[value & 0x0FU];
+  out += kUpperHexDigits[value >> 4U];
+  out += kUpperHexDigits[value & 0x0FU];
 }
 
 std::string stringByAddingPercentEscapes(std::string_view text) {

@@ -5,9 +5,6 @@
 
 namespace platform {
 
-/// The value of a hexadecimal digit; -1 for another character.
-int hexDigitValue(char c);
-
 /// Whether `text` begins with '%' and two hexadecimal digits.
 bool beginsWithEscape(std::string_view text);
 

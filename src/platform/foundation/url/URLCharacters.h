@@ -2,10 +2,9 @@
 
 #include <string_view>
 
-namespace platform {
+#include "platform/foundation/text/ASCII.h"
 
-inline bool isASCIILetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-inline bool isASCIIDigit(char c) { return c >= '0' && c <= '9'; }
+namespace platform {
 
 /// Whether a URL may hold `c` as itself: the unreserved and reserved characters of RFC 2396, section 2. '%', '#', '[' and ']' have a place
 /// in a URL only where its syntax puts them and so are not among them.
