@@ -279,6 +279,14 @@ DEFECTS = [
         "*Latency*:*Coalescer*",
     ),
     Defect(
+        "erasing-cuts-a-run",
+        "src/platform/fsevents/HashIndex.h",
+        "      if (distance(home(slots_[at].hash), at) >= distance(hole, at)) {\n",
+        "      if (false) {\n",
+        "fsevents_tests",
+        "HashIndex.*",
+    ),
+    Defect(
         "removal-cancels-creation",
         "src/platform/fsevents/Coalescer.cpp",
         "  event.flags |= flags;\n",
