@@ -1,7 +1,7 @@
 #include "app/client/ServiceReport.h"
 
 #include "app/client/Names.h"
-#include "platform/xpc/service/ServiceStatus.h"
+#include "platform/xpc/service/ServiceStatusQuery.h"
 
 namespace kestrine {
 
@@ -34,7 +34,7 @@ platform::Array dictionariesIn(const Object& report, std::string_view section) {
 }  // namespace
 
 std::optional<ServiceReport> askService(std::chrono::milliseconds limit) {
-  const std::optional<Object> answer = platform::xpc::serviceStatus(kServiceName, limit);
+  const std::optional<Object> answer = platform::xpc::queryServiceStatus(kServiceName, limit);
   if (!answer || !answer->isDictionary()) return std::nullopt;
   ServiceReport report;
   report.all = *answer;

@@ -63,12 +63,12 @@ void Connection::Core::resume() {
     if (!name_) kept_ = self_.lock();
     if (std::exchange(resumedOnce_, true) || !name_) return;
   }
-  using Result = std::variant<std::monostate, LaunchError>;
+  using Result = std::optional<LaunchError>;
   attemptOnPoolThread<Result>([name = *name_] { return checkService(name); },
                               [weak = weak_from_this()](const Result& result) {
                                 const auto self = weak.lock();
-                                if (!self || !std::holds_alternative<LaunchError>(result)) return;
-                                onIOThread([self, reason = std::get<LaunchError>(result).reason] { self->fail(reason); });
+                                if (!self || !result) return;
+                                onIOThread([self, reason = result->reason] { self->fail(reason); });
                               });
 }
 
@@ -212,7 +212,7 @@ void Connection::Core::updateReading() {
 void Connection::Core::open() {
   state_ = State::Opening;
   const auto pause = kPauseBetweenAttempts * attempts_++;
-  using Result = std::variant<FileHandle, LaunchError>;
+  using Result = platform::Result<FileHandle, LaunchError>;
   attemptOnPoolThread<Result>(
       [name = *name_, pause] {
         std::this_thread::sleep_for(pause);
@@ -225,10 +225,10 @@ void Connection::Core::open() {
       });
 }
 
-void Connection::Core::opened(std::variant<FileHandle, LaunchError> result) {
+void Connection::Core::opened(Result<FileHandle, LaunchError> result) {
   if (state_ != State::Opening) return;
-  if (const auto* error = std::get_if<LaunchError>(&result)) return fail(error->reason);
-  attach(Channel::create(std::move(std::get<FileHandle>(result)), Channel::Side::Client));
+  if (!result) return fail(result.error().reason);
+  attach(Channel::create(std::move(*result), Channel::Side::Client));
   for (std::size_t i = 0; state_ == State::Open && i < waiting_.size(); ++i) {
     if (!waiting_[i].barrier) transmit(waiting_[i]);
   }

@@ -63,7 +63,7 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   void transmit(const Outgoing& outgoing);
   void open();
   void greeted();
-  void opened(std::variant<FileHandle, LaunchError> result);
+  void opened(Result<FileHandle, LaunchError> result);
   void attach(std::shared_ptr<Channel> channel);
   void ended(const std::string& reason);
   void interrupt(const std::string& reason);
