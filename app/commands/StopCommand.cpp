@@ -11,9 +11,9 @@
 #include <thread>
 
 #include "app/cli/Numbers.h"
-#include "app/client/Names.h"
 #include "app/client/ServiceLifetime.h"
 #include "app/commands/Commands.h"
+#include "contract/ServiceName.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
 namespace kestrine {
