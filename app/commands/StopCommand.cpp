@@ -10,6 +10,7 @@
 #include <cstring>
 #include <thread>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
 #include "app/client/ServiceLifetime.h"
 #include "app/commands/Commands.h"
