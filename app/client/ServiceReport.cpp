@@ -1,6 +1,7 @@
 #include "app/client/ServiceReport.h"
 
-#include "app/client/Names.h"
+#include "contract/ServiceName.h"
+#include "contract/WatchEntry.h"
 #include "platform/xpc/service/ServiceStatusQuery.h"
 
 namespace kestrine {
@@ -43,8 +44,9 @@ std::optional<ServiceReport> askService(std::chrono::milliseconds limit) {
     const Object startedAt = process.objectForKey("startedAt");
     if (startedAt.kind() == Object::Kind::Date) report.startedAt = startedAt.dateValue();
   }
-  for (const Object& watch : dictionariesIn(*answer, "watches")) {
-    report.watches.push_back({numberFor(watch, "number"), textFor(watch, "folder"), textFor(watch, "state"), textFor(watch, "reason")});
+  for (const Object& watch : dictionariesIn(*answer, kWatchesSection)) {
+    report.watches.push_back({numberFor(watch, kWatchNumberKey), textFor(watch, kWatchFolderKey), textFor(watch, kWatchStateKey),
+                              textFor(watch, kWatchReasonKey)});
   }
   report.streams = dictionariesIn(*answer, "streams");
   return report;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
 #include "app/commands/Commands.h"
 #include "platform/foundation/base/FileHandle.h"

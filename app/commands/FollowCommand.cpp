@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Output.h"
 #include "app/cli/StopSignals.h"
 #include "app/cli/TimeText.h"

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
-#include "app/client/FileWatcherClient.h"
 #include "app/client/WatchRequest.h"
 #include "app/client/WatchedFolder.h"
 #include "app/commands/Commands.h"
