@@ -151,8 +151,8 @@ DEFECTS = [
     Defect(
         "queues-share-eight-threads",
         "src/platform/concurrency/ThreadPool.cpp",
-        "    parked = waiting_.size() < parked_;\n",
-        "    parked = waiting_.size() < parked_ || threads_ >= 8;\n",
+        "    isPromised = waiting_.size() < parked_ + beginning_;\n",
+        "    isPromised = waiting_.size() < parked_ + beginning_ || threads_ >= 8;\n",
         "concurrency_tests",
         "ThreadPool.RunsAsManyBlocksAtOnceAsThereAreAndParksFourThreads:SerialQueue.HoldsUpNoOtherQueueWithABlockThatDoesNotReturn",
     ),
