@@ -166,9 +166,9 @@ DEFECTS = [
     ),
     Defect(
         "invalidate-does-not-wait",
-        "src/platform/concurrency/LoopItem.cpp",
-        "    finished_.wait(lock, [this] { return running_ == 0; });\n",
-        "    static_cast<void>(0);\n",
+        "src/platform/concurrency/RunLoopItemCore.cpp",
+        "  while (running_ != 0) finished_.wait(lock);\n",
+        "",
         "concurrency_tests",
         "RunLoopItem.InvalidateWaitsForARunningCallbackAndItsCaptures",
     ),

@@ -1,7 +1,7 @@
 #include <utility>
 
-#include "platform/concurrency/EventLoop.h"
 #include "platform/concurrency/LabelledQueue.h"
+#include "platform/concurrency/ThreadLoops.h"
 
 namespace platform {
 

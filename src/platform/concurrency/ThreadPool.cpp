@@ -5,8 +5,8 @@
 #include <thread>
 #include <utility>
 
-#include "platform/concurrency/EventLoop.h"
 #include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/ThreadLoops.h"
 #include "platform/concurrency/ThreadName.h"
 #include "platform/foundation/base/AllSignalsBlocked.h"
 #include "platform/foundation/log/Contained.h"
@@ -52,7 +52,7 @@ void ThreadPool::work() {
     lock.unlock();
     job();
     job = nullptr;
-    EventLoop::abandonCurrent();
+    abandonCurrentLoop();
     lock.lock();
   }
   --threads_;
