@@ -6,12 +6,12 @@
 
 #include <array>
 #include <cerrno>
-#include <exception>
-#include <system_error>
 #include <utility>
 
+#include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
-#include "platform/xpc/channel/IOThread.h"
+#include "platform/xpc/connection/StatusAnswer.h"
 
 namespace platform::xpc {
 
@@ -40,17 +40,15 @@ class Introduction {
         first_(std::make_shared<Frame>(std::move(first))) {}
 
   void operator()() {
-    try {
-      function_(connection_);
-    } catch (const std::exception& exception) {
-      NSLog(std::string("xpc: a new connection was refused, because its connection function failed: ") + exception.what());
-      connection_->cancel();
-    }
+    const bool accepted =
+        runContained("xpc: a new connection was refused, because its connection function failed", [this] { function_(connection_); });
+    if (!accepted) connection_->cancel();
     // If nobody kept it this is its end, and it is over before the block below runs.
     connection_ = nullptr;
     onIOThread([core = core_, first = first_] {
-      if (!core->isOver()) core->receive(std::move(*first));
-      if (!core->isOver()) core->startReading();
+      assertOnIOThread();
+      core->link().received(std::move(*first));
+      core->link().startReading();
     });
   }
 
@@ -64,10 +62,10 @@ class Introduction {
 }  // namespace
 
 Listener::Core::Core(FileHandle socket, ConnectionFunction function, std::size_t maximumConnections)
-    : socket_(std::move(socket)),
-      function_(std::move(function)),
+    : function_(std::move(function)),
       maximumConnections_(maximumConnections),
-      queue_(SerialQueue::create("xpc.listener")) {
+      queue_(SerialQueue::create("xpc.listener")),
+      socket_(std::move(socket)) {
   // Set on the socket itself, which a launcher may share; every user of a listening socket in an event loop wants the same.
   fcntl(socket_.fileDescriptor(), F_SETFL, fcntl(socket_.fileDescriptor(), F_GETFL) | O_NONBLOCK);
 }
@@ -87,6 +85,7 @@ void Listener::Core::continueAccepting() {
   if (const auto timer = std::exchange(retryTimer_, nullptr)) timer->invalidate();
   if (!socket_.isOpen() || item_) return;
   item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), EPOLLIN, [weak = weak_from_this()](unsigned) {
+    assertOnIOThread();
     if (const auto self = weak.lock()) self->acceptSome();
   });
   ioLoop().add(item_);
@@ -99,7 +98,7 @@ void Listener::Core::acceptSome() {
     }
     const int error = acceptOne();
     if (isShortage(error)) {
-      pause("a connection could not be accepted: " + std::generic_category().message(error) + "; it waits");
+      pause("a connection could not be accepted: " + errnoText(error) + "; it waits");
       return retryLater();
     }
     if (error != 0) {
@@ -126,6 +125,7 @@ void Listener::Core::pause(const std::string& why) {
 
 void Listener::Core::retryLater() {
   retryTimer_ = RunLoopTimer::create(kRetrySeconds, 0, [weak = weak_from_this()] {
+    assertOnIOThread();
     if (const auto self = weak.lock()) self->continueAccepting();
   });
   ioLoop().add(retryTimer_);
@@ -134,14 +134,16 @@ void Listener::Core::retryLater() {
 void Listener::Core::admit(FileHandle socket) {
   ++accepted_;
   ++openSockets_;
-  const auto channel = Channel::create(std::move(socket), Channel::Side::Service);
+  const auto channel = Channel::create(std::move(socket), Channel::Side::Service, statusAnswer);
   callers_.emplace(channel.get(), channel);
   const auto weak = weak_from_this();
   channel->setClosedHandler([weak, key = channel.get()] {
+    assertOnIOThread();
     if (const auto self = weak.lock()) self->socketClosed(key);
   });
   channel->setHandlers(
       [weak, key = channel.get()](Frame frame) {
+        assertOnIOThread();
         if (const auto self = weak.lock()) self->receiveFrom(key, std::move(frame));
       },
       [](const std::string&) {});
@@ -161,7 +163,7 @@ void Listener::Core::becomePeer(const std::shared_ptr<Channel>& channel, Frame f
   callers_.erase(channel.get());
   peers_.emplace(channel.get(), core);
   ++peerCount_;
-  core->adopt(channel);
+  core->link().connected(channel);
   queue_->async([introduction = std::make_shared<Introduction>(function_, core, std::move(first))] { (*introduction)(); });
 }
 
