@@ -40,7 +40,7 @@ function(kestrine_shelves room)
 endfunction()
 
 # kestrine_tests(NAME USES target... [ALONE file...] [TIMEOUT s] [LABELS l...]): one test program of every *.cpp in the current folder, so that no
-# test file can be left out by mistake; each test case becomes one CTest test.
+# test file can be left out by mistake; each test case becomes one CTest test. tests/costs.cmake says which of them go first.
 include(GoogleTest)
 function(kestrine_tests name)
   cmake_parse_arguments(TESTS "" "TIMEOUT" "USES;ALONE;LABELS" ${ARGN})
@@ -56,5 +56,6 @@ function(kestrine_tests name)
   target_precompile_headers(${name} REUSE_FROM kestrine_test_pch)
   kestrine_together(${name} ${TESTS_ALONE})
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 TEST_PREFIX "${name}."
-    PROPERTIES TIMEOUT ${TESTS_TIMEOUT} LABELS "${TESTS_LABELS}")
+    PROPERTIES TIMEOUT ${TESTS_TIMEOUT} LABELS "${TESTS_LABELS}" ENVIRONMENT KESTRINE_TEST_ENDS_WITH_RUNNER=1)
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${PROJECT_SOURCE_DIR}/tests/costs.cmake")
 endfunction()

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "app/cli/Command.h"
+#include "app/cli/CommandError.h"
 #include "app/cli/Nearest.h"
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/formats/JSON.h"

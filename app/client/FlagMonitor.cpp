@@ -5,9 +5,9 @@
 #include <string_view>
 #include <utility>
 
-#include "app/client/Names.h"
+#include "contract/ServiceName.h"
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/fsevents/FSEventStream.h"
 
 namespace kestrine {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "app/client/Names.h"
+#include "contract/ServiceName.h"
 #include "platform/concurrency/RunLoop.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 

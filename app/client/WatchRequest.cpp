@@ -10,9 +10,10 @@
 #include <thread>
 #include <utility>
 
-#include "app/client/Names.h"
 #include "app/client/ServiceReport.h"
 #include "app/client/WatchedFolder.h"
+#include "contract/FileWatcherXpcServiceProtocol.h"
+#include "contract/ServiceName.h"
 #include "platform/xpc/connection/XPCConnection.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
@@ -27,25 +28,18 @@ using std::chrono::milliseconds;
 // The call has no reply, so its effect is looked for in the status: often enough not to be felt, for the short time that starting takes.
 constexpr milliseconds kLookAgain{20};
 
-/// The service's one operation, as the channel names it.
-struct WatcherProtocol {
-  virtual ~WatcherProtocol() = default;
-  virtual void callToFileWatcher() = 0;
-};
-
 /// A connection over which the service is asked once, and what became of it.
 class Asking {
  public:
   Asking() : connection_(platform::XPCConnection::connectionWithServiceName(kServiceName)) {
-    connection_->setRemoteObjectInterface(platform::XPCInterface::interfaceWithProtocol<WatcherProtocol>(
-        "FileWatcherXpcServiceProtocol", {{"callToFileWatcher", &WatcherProtocol::callToFileWatcher}}));
+    connection_->setRemoteObjectInterface(fileWatcherXpcServiceInterface());
     connection_->setInterruptionHandler([end = end_] { end->tell(Outcome::NoService, "the service ended while it was asked to watch"); });
     connection_->setInvalidationHandler([end = end_, connection = std::weak_ptr(connection_)] {
       const auto alive = connection.lock();
       end->tell(Outcome::NoService, alive ? alive->lastErrorDescription() : std::string());
     });
     connection_->resume();
-    connection_->callRemote("callToFileWatcher");
+    connection_->callRemote(kCallToFileWatcherSelector);
   }
   ~Asking() { connection_->invalidate(); }
   Asking(const Asking&) = delete;
@@ -106,11 +100,13 @@ class Request {
     if (!report) return Clock::now() < deadline_ ? askAndWait() : timedOut();
     result_.process = report->process;
     noteOtherFolders(*report);
-    const WatchReport* standing = find(*report, [this](const WatchReport& watch) { return isOurs(watch) && watch.state == "standing"; });
+    const WatchReport* standing =
+        find(*report, [this](const WatchReport& watch) { return isOurs(watch) && watch.is(WatchState::Standing); });
     if (standing != nullptr) {
       return finish(Outcome::AlreadyWatching, fmt::format("'{}' is watched already, by process {}", result_.folder, report->process));
     }
-    const WatchReport* starting = find(*report, [this](const WatchReport& watch) { return isOurs(watch) && watch.state == "starting"; });
+    const WatchReport* starting =
+        find(*report, [this](const WatchReport& watch) { return isOurs(watch) && watch.is(WatchState::Starting); });
     if (starting != nullptr) {
       // Somebody else has just asked for the same: their answer is ours.
       highestNumber_ = starting->number - 1;
@@ -147,10 +143,10 @@ class Request {
   }
 
   std::optional<WatchStart> answerIn(const ServiceReport& report) {
-    if (find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.state == "standing"; }) != nullptr) {
+    if (find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.is(WatchState::Standing); }) != nullptr) {
       return finish(Outcome::Watching, fmt::format("watching '{}', by process {}", result_.folder, report.process));
     }
-    const WatchReport* failed = find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.state == "failed"; });
+    const WatchReport* failed = find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.is(WatchState::Failed); });
     if (failed == nullptr) return std::nullopt;
     return finish(Outcome::NotWatching, fmt::format("the watch of '{}' could not start: {}", result_.folder, failed->reason));
   }
@@ -167,7 +163,7 @@ class Request {
 
   void noteOtherFolders(const ServiceReport& report) {
     for (const WatchReport& watch : report.watches) {
-      if (watch.state != "standing" || isOurs(watch)) continue;
+      if (!watch.is(WatchState::Standing) || isOurs(watch)) continue;
       result_.warnings.push_back(fmt::format("the service goes on watching '{}' too; 'kestrine stop' ends all watches", watch.folder));
     }
   }

@@ -1,9 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <string>
 
-#include "app/client/FileWatcherClient.h"
+#include "app/client/WatchStart.h"
 
 namespace kestrine {
 

@@ -6,7 +6,8 @@
 #include <cctype>
 #include <string_view>
 
-#include "app/client/Names.h"
+#include "contract/SharedPreferences.h"
+#include "contract/SyncFolder.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/url/URL.h"
 
@@ -56,7 +57,7 @@ std::string withSingleSeparators(std::string path) {
 
 WatchedFolder watchedFolder(const std::string& base) {
   WatchedFolder folder;
-  const std::string text = base + "/Kestrine";
+  const std::string text = syncFolderText(base);
   folder.typed = withSingleSeparators(text);
   const auto url = platform::URL::URLWithString(text);
   if (!url) {

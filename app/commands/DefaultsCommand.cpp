@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <cstring>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
 #include "app/commands/Commands.h"
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 
 namespace kestrine {

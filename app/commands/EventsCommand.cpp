@@ -7,6 +7,7 @@
 #include <limits>
 #include <span>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
 #include "app/cli/Output.h"
 #include "app/cli/StopSignals.h"

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Output.h"
 #include "app/cli/StopSignals.h"
 #include "app/cli/TimeText.h"
@@ -10,7 +11,7 @@
 #include "app/client/ServiceLifetime.h"
 #include "app/commands/Commands.h"
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace kestrine {
 

@@ -6,12 +6,12 @@
 #include <cstring>
 #include <filesystem>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
-#include "app/client/FileWatcherClient.h"
 #include "app/client/WatchRequest.h"
 #include "app/client/WatchedFolder.h"
 #include "app/commands/Commands.h"
-#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace kestrine {
 

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "app/client/Names.h"
 #include "app/client/ServiceReport.h"
 #include "app/client/StatusFlag.h"
 #include "app/client/WatchedFolder.h"
 #include "app/commands/Commands.h"
 #include "app/commands/StatusText.h"
+#include "contract/ServiceName.h"
 #include "platform/foundation/formats/JSON.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
@@ -31,7 +31,7 @@ constexpr auto kAnswerLimit = std::chrono::seconds(5);
 ExitCode codeOf(const ServiceStatus& status) {
   if (status.process == 0) return ExitCode::NotRunning;
   if (!status.report) return ExitCode::TimedOut;
-  const bool stands = std::ranges::any_of(status.report->watches, [](const WatchReport& watch) { return watch.state == "standing"; });
+  const bool stands = std::ranges::any_of(status.report->watches, [](const WatchReport& watch) { return watch.is(WatchState::Standing); });
   return stands ? ExitCode::Ok : ExitCode::NotWatching;
 }
 

@@ -10,10 +10,11 @@
 #include <cstring>
 #include <thread>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
-#include "app/client/Names.h"
 #include "app/client/ServiceLifetime.h"
 #include "app/commands/Commands.h"
+#include "contract/ServiceName.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
 namespace kestrine {

@@ -9,7 +9,7 @@ import sys
 import xml.etree.ElementTree as ElementTree
 
 LEFT_OUT = re.compile(r"left out: .*")
-SHORTENED = re.compile(r"shortened (?:under the sanitizer|without rights): .*")
+SHORTENED = re.compile(r"shortened (?:under the sanitizer|without rights|on a disk): .*")
 
 
 def reasons(case):

@@ -2,9 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <string_view>
 #include <utility>
 
+#include "contract/SharedPreferences.h"
+#include "contract/SyncFolder.h"
 #include "platform/concurrency/RunLoop.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
@@ -17,9 +18,6 @@ namespace kestrine {
 
 namespace {
 
-constexpr std::string_view kSharedPreferencesDomain = "Ostrabyte.Kestrine";
-constexpr std::string_view kBasePathKey = "kestrinePathKey";
-constexpr std::string_view kFileWatcherStatusKey = "FileWatcherStatusKey";
 constexpr double kNotificationLatency = 3.0;
 
 // A list of the one URL that `text` makes, as it stands.
@@ -40,7 +38,7 @@ platform::FSEventStreamCreateFlags watchCreationFlags() {
 
 void raiseFileWatcherStatus(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event) {
   platform::UserDefaults& defaults = platform::UserDefaults::standardUserDefaults();
-  defaults.setObject_forKey("1", kFileWatcherStatusKey);
+  defaults.setObject_forKey(kFlagRaised, kFlagKey);
   platform::NSLog("FileWatcher 1 in filewatcher service");
   defaults.synchronize();
   platform::NSLog(fmt::format("[Block] URLWatcher: {}\nEvent: {}", URLWatcher.description(), event->description()));
@@ -55,7 +53,7 @@ FileWatcherServiceXPC::~FileWatcherServiceXPC() {
 void FileWatcherServiceXPC::initFileWatcher() {
   platform::NSLog("inside initFilewatcher");
   setIAppsPrefs(platform::Dictionary());
-  setIAppsPrefs(platform::UserDefaults::standardUserDefaults().persistentDomainForName(kSharedPreferencesDomain));
+  setIAppsPrefs(platform::UserDefaults::standardUserDefaults().persistentDomainForName(kApplicationDomain));
   try {
     run();
     status_->stands();
@@ -80,7 +78,7 @@ void FileWatcherServiceXPC::report(const platform::Exception& failure) {
 
 void FileWatcherServiceXPC::run() {
   platform::NSLog(fmt::format("watcher url  {}", iAppsPrefs_.objectForKey(kBasePathKey).description()));
-  const std::string folder = fmt::format("{}/Kestrine", iAppsPrefs_.objectForKey(kBasePathKey).description());
+  const std::string folder = syncFolderText(iAppsPrefs_.objectForKey(kBasePathKey).description());
   status_->watches(folder);
   std::vector<platform::URL> watched = listOfURL(folder);
   status_->watches(watched.front().path());

@@ -19,7 +19,7 @@ DEFECTS = [
     # The product.
     Defect(
         "wrong-preference-key",
-        "src/watcher/FileWatcherServiceXPC.cpp",
+        "src/contract/SharedPreferences.h",
         'kBasePathKey = "kestrinePathKey"',
         'kBasePathKey = "KestrinePathKey"',
         "watcher_tests",
@@ -36,8 +36,8 @@ DEFECTS = [
     Defect(
         "flag-raised-once-only",
         "src/watcher/FileWatcherServiceXPC.cpp",
-        '  defaults.setObject_forKey("1", kFileWatcherStatusKey);\n',
-        '  static const bool once = (defaults.setObject_forKey("1", kFileWatcherStatusKey), true);\n  static_cast<void>(once);\n',
+        '  defaults.setObject_forKey(kFlagRaised, kFlagKey);\n',
+        '  static const bool once = (defaults.setObject_forKey(kFlagRaised, kFlagKey), true);\n  static_cast<void>(once);\n',
         "watcher_tests",
         "RaiseFileWatcherStatus.*",
     ),
@@ -277,6 +277,14 @@ DEFECTS = [
         "  opened_ = Clock::now();\n",
         "fsevents_tests",
         "*Latency*:*Coalescer*",
+    ),
+    Defect(
+        "erasing-cuts-a-run",
+        "src/platform/fsevents/HashIndex.h",
+        "      if (distance(home(slots_[at].hash), at) >= distance(hole, at)) {\n",
+        "      if (false) {\n",
+        "fsevents_tests",
+        "HashIndex.*",
     ),
     Defect(
         "removal-cancels-creation",

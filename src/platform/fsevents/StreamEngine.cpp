@@ -32,9 +32,6 @@ constexpr std::chrono::microseconds kQuietPerFolder(50);
 constexpr std::chrono::milliseconds kLongestBackoff(60'000);
 constexpr std::chrono::milliseconds kRefreshPatience(200);
 
-constexpr FSEventStreamEventFlags kAnyKind =
-    kFSEventStreamEventFlagItemIsFile | kFSEventStreamEventFlagItemIsDir | kFSEventStreamEventFlagItemIsSymlink;
-
 bool isLimit(int error) { return error == EMFILE || error == ENFILE || error == ENOSPC || error == ENOMEM; }
 
 }  // namespace
@@ -333,7 +330,7 @@ void StreamEngine::offer() {
       const TreeOptions& options = trees_[event.tree]->options();
       const FSEventStreamEventFlags kind = kindOfItem(options.openPath + event.path.substr(options.reportedPath.size()));
       // Of what is gone nothing can be seen any more: most items are files.
-      event.flags |= kind != 0 || (event.flags & kAnyKind) != 0 ? kind : kFSEventStreamEventFlagItemIsFile;
+      event.flags |= kind != 0 || (event.flags & kAnyItemKind) != 0 ? kind : kFSEventStreamEventFlagItemIsFile;
       if (++count % 1024 == 0) {
         for (const auto& tree : trees_) tree->drain();
       }

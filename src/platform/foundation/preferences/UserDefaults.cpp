@@ -1,8 +1,6 @@
 #include "platform/foundation/preferences/UserDefaults.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <system_error>
@@ -10,24 +8,14 @@
 
 #include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/base/Exception.h"
-#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/formats/PropertyList.h"
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/PreferencesFile.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace platform {
 
 namespace {
-
-bool isLegalDomainName(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
-         name.find('\0') == std::string_view::npos;
-}
-
-void requireLegalDomainName(std::string_view name) {
-  if (!isLegalDomainName(name))
-    throw Exception(NSInvalidArgumentException, "\"" + std::string(name) + "\" is no name of a preferences domain");
-}
 
 /// Changes by key; nil removes the key.
 using Changes = std::map<std::string, Object, std::less<>>;
@@ -50,13 +38,6 @@ Object merged(const Object& values, const Changes& changes) {
 }
 
 }  // namespace
-
-std::string preferencesFolder() {
-  // The XDG Base Directory Specification has a relative path ignored.
-  const char* configured = std::getenv("XDG_CONFIG_HOME");
-  const std::string base = configured != nullptr && configured[0] == '/' ? configured : NSHomeDirectory() + "/.config";
-  return base + "/Preferences";
-}
 
 class UserDefaults::Impl {
  public:
@@ -122,7 +103,7 @@ class UserDefaults::Impl {
 
   bool refresh() {
     if (isFresh()) return true;
-    auto now = file_.read();
+    auto now = file_.readOrSay();
     if (now) onDisk_ = std::move(*now);
     return now.has_value();
   }
@@ -140,20 +121,20 @@ UserDefaults& UserDefaults::standardUserDefaults() {
 }
 
 UserDefaults::UserDefaults(std::string domainName, std::string folder) {
-  requireLegalDomainName(domainName);
+  requirePreferencesDomainName(domainName);
   impl_ = std::make_unique<Impl>(folder.empty() ? preferencesFolder() : std::move(folder), domainName);
 }
 
 UserDefaults::~UserDefaults() = default;
 
 Object UserDefaults::persistentDomainForName(std::string_view name) {
-  if (!isLegalDomainName(name)) return nullptr;
-  const auto contents = PreferencesFile(impl_->folder(), name).read();
+  if (!isPreferencesDomainName(name)) return nullptr;
+  const auto contents = PreferencesFile(impl_->folder(), name).readOrSay();
   return contents ? contents->values : Object();
 }
 
 bool UserDefaults::setPersistentDomain_forName(const Object& domain, std::string_view name) {
-  requireLegalDomainName(name);
+  requirePreferencesDomainName(name);
   if (!domain.isDictionary()) throw Exception(NSInvalidArgumentException, "a preferences domain is a dictionary");
   const Object values = propertyListValue(domain);
   const auto replace = [&values](const Object& found) -> std::optional<Object> {
@@ -164,7 +145,7 @@ bool UserDefaults::setPersistentDomain_forName(const Object& domain, std::string
 }
 
 bool UserDefaults::removePersistentDomainForName(std::string_view name) {
-  requireLegalDomainName(name);
+  requirePreferencesDomainName(name);
   const PreferencesFile file(impl_->folder(), name);
   if (FileVersion(FileHandle()).isStillAt(file.path())) return true;
   return file.update([](const Object&) { return std::optional<Object>(std::in_place); }).has_value();

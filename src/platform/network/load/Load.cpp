@@ -4,6 +4,8 @@
 #include <exception>
 #include <utility>
 
+#include "platform/foundation/text/ASCII.h"
+#include "platform/network/message/HTTPText.h"
 #include "platform/network/wire/NetworkThread.h"
 
 namespace platform::network {
@@ -12,15 +14,6 @@ namespace {
 
 /// More of a reply that nobody wants costs more than a new connection.
 constexpr std::size_t kDiscardedAtMost = 64U << 10U;
-
-bool isToken(std::string_view text) {
-  constexpr std::string_view kOthers = "!#$%&'*+-.^_`|~";
-  return !text.empty() && std::all_of(text.begin(), text.end(), [&kOthers](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || kOthers.find(c) != std::string_view::npos;
-  });
-}
-
-bool breaksLine(std::string_view value) { return value.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos; }
 
 std::optional<std::chrono::steady_clock::duration> durationOf(double seconds) {
   constexpr double kLongest = 30.0 * 365 * 24 * 60 * 60;
@@ -80,14 +73,15 @@ std::optional<Error> Load::refusal() {
   if (!original_.URL()) return error(NSURLErrorUnsupportedURL, "there is no address");
   next_.url = original_.URL()->absoluteString();
   const auto scheme = original_.URL()->scheme();
-  if (!equalsIgnoringCase(scheme, "http") && !equalsIgnoringCase(scheme, "https")) return error(NSURLErrorUnsupportedURL, next_.url);
+  if (!equalIgnoringASCIICase(scheme, "http") && !equalIgnoringASCIICase(scheme, "https"))
+    return error(NSURLErrorUnsupportedURL, next_.url);
   const auto origin = originOf(next_.url);
   if (!origin) return error(NSURLErrorBadURL, next_.url);
   origin_ = *origin;
-  if (!isToken(next_.method)) return error(NSURLErrorBadURL, "the method is no word of HTTP");
+  if (!isHTTPToken(next_.method)) return error(NSURLErrorBadURL, "the method is no word of HTTP");
   for (const auto& [name, value] : next_.headers.fields()) {
-    if (!isToken(name)) return error(NSURLErrorBadURL, "a header field's name is no word of HTTP");
-    if (breaksLine(value)) return error(NSURLErrorBadURL, "the header field \"" + name + "\" holds a line end or a zero byte");
+    if (!isHTTPToken(name)) return error(NSURLErrorBadURL, "a header field's name is no word of HTTP");
+    if (breaksHeaderLine(value)) return error(NSURLErrorBadURL, "the header field \"" + name + "\" holds a line end or a zero byte");
   }
   return std::nullopt;
 }

@@ -1,6 +1,7 @@
 #include <array>
 #include <utility>
 
+#include "platform/foundation/text/ASCII.h"
 #include "platform/network/load/Load.h"
 #include "platform/network/wire/NetworkThread.h"
 
@@ -21,7 +22,7 @@ constexpr std::array kMethods = {Method{"Basic", NSURLAuthenticationMethodHTTPBa
 
 const Method* methodOf(const AuthenticationOffer& offer) {
   for (const auto& method : kMethods) {
-    if (equalsIgnoringCase(offer.scheme, method.scheme)) return &method;
+    if (equalIgnoringASCIICase(offer.scheme, method.scheme)) return &method;
   }
   return nullptr;
 }

@@ -5,7 +5,7 @@
 
 #include "platform/network/message/URLSessionConfiguration.h"
 #include "platform/network/wire/CurlMulti.h"
-#include "platform/network/wire/WireAddress.h"
+#include "platform/network/wire/Origin.h"
 
 namespace platform::network {
 

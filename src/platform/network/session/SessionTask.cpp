@@ -46,15 +46,20 @@ std::optional<Bytes> openBody(const URL& file, std::optional<Error>& failure) {
 /// A downloaded file for as long as its handler looks at it.
 class NamedDownload {
  public:
-  explicit NamedDownload(const std::shared_ptr<const FileHandle>& file) : path_(file ? nameFile(*file) : std::string()) {}
+  explicit NamedDownload(const std::shared_ptr<const FileHandle>& file) : path_(file ? pathGivenTo(*file) : std::string()) {}
   ~NamedDownload() {
     if (!path_.empty()) unlink(path_.c_str());
   }
   NamedDownload(const NamedDownload&) = delete;
   NamedDownload& operator=(const NamedDownload&) = delete;
+  /// Empty when there is none to be had.
   [[nodiscard]] const std::string& path() const { return path_; }
 
  private:
+  static std::string pathGivenTo(const FileHandle& file) {
+    auto path = nameFile(file);
+    return path ? *std::move(path) : std::string();
+  }
   const std::string path_;
 };
 

@@ -4,13 +4,15 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <exception>
 #include <new>
 #include <string_view>
 #include <utility>
+
+#include "platform/foundation/text/ASCII.h"
+#include "platform/network/message/HTTPText.h"
 
 namespace platform::network {
 
@@ -25,24 +27,9 @@ curl_socket_t openSocket(void* /*unused*/, curlsocktype /*purpose*/, curl_sockad
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
-std::string_view trimmed(std::string_view text) {
-  const auto begin = text.find_first_not_of(" \t\r\n");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
+bool sentByUs(std::string_view name) {
+  return equalIgnoringASCIICase(name, "Content-Length") || equalIgnoringASCIICase(name, "Transfer-Encoding");
 }
-
-/// The number in "HTTP/1.1 200 OK".
-int statusOf(std::string_view line) {
-  int status = 0;
-  const auto blank = line.find(' ');
-  if (blank != std::string_view::npos) {
-    const auto rest = trimmed(line.substr(blank));
-    std::from_chars(rest.data(), rest.data() + rest.size(), status);
-  }
-  return status;
-}
-
-bool sentByUs(std::string_view name) { return equalsIgnoringCase(name, "Content-Length") || equalsIgnoringCase(name, "Transfer-Encoding"); }
 
 }  // namespace
 
@@ -96,7 +83,7 @@ void Exchange::configure() {
   for (const auto& [name, value] : request_.headers.fields()) {
     if (sentByUs(name)) continue;
     // A semicolon is how libcurl is told of a header with an empty value.
-    append(trimmed(value).empty() ? name + ";" : name + ": " + value);
+    append(trimmed(value, kLineBlanks).empty() ? name + ";" : name + ": " + value);
   }
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, lines_.get());
 }
@@ -229,14 +216,14 @@ int Exchange::progressCallback(void* self, curl_off_t /*toReceive*/, curl_off_t 
 void Exchange::headerLine(std::string_view line) {
   listener_.bytesMoved(-1, -1);
   if (line.starts_with("HTTP/") && !headTold_) {
-    status_ = statusOf(line);
+    status_ = statusInLine(line);
     replyHeaders_ = {};
     lastField_.clear();
     headComplete_ = false;
     return;
   }
   if (headComplete_) return;  // a trailer
-  const auto text = trimmed(line);
+  const auto text = trimmed(line, kLineBlanks);
   if (text.empty()) {
     headComplete_ = status_ >= 200 || status_ == 101;
     // libcurl answers a Digest question itself and asks again: which reply stands is known with its body or its end only.
@@ -250,8 +237,8 @@ void Exchange::headerLine(std::string_view line) {
   }
   const auto colon = text.find(':');
   if (colon == std::string_view::npos) return;
-  lastField_ = trimmed(text.substr(0, colon));
-  replyHeaders_.add(lastField_, trimmed(text.substr(colon + 1)));
+  lastField_ = trimmed(text.substr(0, colon), kLineBlanks);
+  replyHeaders_.add(lastField_, trimmed(text.substr(colon + 1), kLineBlanks));
 }
 
 void Exchange::tellHead() {

@@ -7,6 +7,7 @@
 #include <exception>
 #include <utility>
 
+#include "platform/concurrency/Weakly.h"
 #include "platform/foundation/base/Exception.h"
 
 namespace platform::xpc {
@@ -67,18 +68,18 @@ void Channel::setReading(bool reading) {
 // Frames may be here already, and the caller is not to be entered again from inside its own call.
 void Channel::scheduleReading() {
   if (std::exchange(readScheduled_, true)) return;
-  onIOThread([weak = weak_from_this()] {
-    assertOnIOThread();
-    const auto self = weak.lock();
-    if (!self) return;
-    self->readScheduled_ = false;
-    self->updateStallTimer(self->dispatch());
-    self->updateInterest();
-  });
+  onIOThread(weakly(this, &Channel::readScheduled));
+}
+
+void Channel::readScheduled() {
+  assertOnIOThread();
+  readScheduled_ = false;
+  updateStallTimer(dispatch());
+  updateInterest();
 }
 
 void Channel::ready(unsigned events) {
-  const auto self = shared_from_this();
+  assertOnIOThread();
   constexpr unsigned kTrouble = EPOLLERR | EPOLLHUP;
   if ((events & (EPOLLOUT | kTrouble)) != 0) outgoing_->flush();
   if (reading_ && !readScheduled_) {
@@ -191,10 +192,7 @@ void Channel::updateInterest() {
   if (item_) {
     item_->setEvents(wanted);
   } else {
-    item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), wanted, [weak = weak_from_this()](unsigned events) {
-      assertOnIOThread();
-      if (const auto self = weak.lock()) self->ready(events);
-    });
+    item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), wanted, weakly(this, &Channel::ready));
     try {
       ioLoop().add(item_);
     } catch (const Exception& exception) {
@@ -210,11 +208,13 @@ void Channel::updateStallTimer(bool newFrame) {
   const bool waiting = side_ == Side::Service && state_ == State::Open && reading_ && (!hadFrame_ || reader_.isInsideFrame());
   if (stallTimer_ && (newFrame || !waiting)) std::exchange(stallTimer_, nullptr)->invalidate();
   if (!waiting || stallTimer_) return;
-  stallTimer_ = RunLoopTimer::create(kStallSeconds, 0, [weak = weak_from_this()] {
-    assertOnIOThread();
-    if (const auto self = weak.lock()) self->end("it began no message, or did not end the one that it began");
-  });
+  stallTimer_ = RunLoopTimer::create(kStallSeconds, 0, weakly(this, &Channel::stalled));
   ioLoop().add(stallTimer_);
+}
+
+void Channel::stalled() {
+  assertOnIOThread();
+  end("it began no message, or did not end the one that it began");
 }
 
 void Channel::endOfStream() { end(reader_.isInsideFrame() ? "it closed in the middle of a message" : "it closed the connection"); }

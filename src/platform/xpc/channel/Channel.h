@@ -76,7 +76,11 @@ class Channel : public std::enable_shared_from_this<Channel> {
  private:
   enum class State { Open, Draining, Ended };
   Channel(FileHandle socket, Side side, StatusSource status);
-  void ready(unsigned events) REQUIRES(kIOThread);
+  // Called by the I/O thread's loop, and asserting that.
+  void ready(unsigned events);
+  void readScheduled();
+  void stalled();
+
   void readSome() REQUIRES(kIOThread);
   void readTheRest() REQUIRES(kIOThread);
   void closeSocket() REQUIRES(kIOThread);

@@ -2,10 +2,13 @@
 
 #include <chrono>
 #include <exception>
+#include <functional>
+#include <optional>
 #include <thread>
 #include <utility>
 
 #include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/Weakly.h"
 #include "platform/xpc/connection/ConnectionCore.h"
 
 namespace platform::xpc {
@@ -37,16 +40,15 @@ void attemptOnPoolThread(std::function<Outcome()> attempt, std::function<void(Ou
 ClientLink::ClientLink(Connection::Core& core, std::string name) : Link(core), name_(std::move(name)) {}
 
 void ClientLink::resumed() {
-  using Outcome = std::variant<std::monostate, LaunchError>;
+  using Outcome = std::optional<LaunchError>;
   attemptOnPoolThread<Outcome>([name = name_] { return checkService(name); },
-                               [this, weak = core_.weak_from_this()](const Outcome& outcome) {
-                                 auto owner = weak.lock();
-                                 if (!owner || !std::holds_alternative<LaunchError>(outcome)) return;
-                                 onIOThread([this, owner = std::move(owner), reason = std::get<LaunchError>(outcome).reason] {
+                               weakly(&core_, [this](Connection::Core& core, const Outcome& unknown) {
+                                 if (!unknown) return;
+                                 onIOThread([this, owner = core.shared_from_this(), reason = unknown->reason] {
                                    assertOnIOThread();
                                    invalidate(reason);
                                  });
-                               });
+                               }));
 }
 
 void ClientLink::send(Outgoing outgoing) {
@@ -85,24 +87,22 @@ void ClientLink::dropKept() {
 void ClientLink::open() {
   state_ = State::Connecting;
   const auto pause = kPauseBetweenAttempts * attempts_++;
-  using Outcome = std::variant<FileHandle, LaunchError>;
+  using Outcome = Result<FileHandle, LaunchError>;
   attemptOnPoolThread<Outcome>(
       [name = name_, pause] {
         std::this_thread::sleep_for(pause);
         return connectToService(name);
       },
-      [this, weak = core_.weak_from_this()](Outcome outcome) {
-        onIOThread([this, weak, shared = std::make_shared<Outcome>(std::move(outcome))] {
-          assertOnIOThread();
-          if (const auto owner = weak.lock()) opened(std::move(*shared));
-        });
+      [connected = weakly(&core_, [this](Connection::Core&, Outcome& socket) { opened(std::move(socket)); })](Outcome socket) {
+        onIOThread([connected, shared = std::make_shared<Outcome>(std::move(socket))] { connected(*shared); });
       });
 }
 
-void ClientLink::opened(std::variant<FileHandle, LaunchError> result) {
+void ClientLink::opened(Result<FileHandle, LaunchError> socket) {
+  assertOnIOThread();
   if (state_ != State::Connecting) return;
-  if (const auto* error = std::get_if<LaunchError>(&result)) return invalidate(error->reason);
-  connected(Channel::create(std::move(std::get<FileHandle>(result)), Channel::Side::Client));
+  if (!socket) return invalidate(socket.error().reason);
+  connected(Channel::create(*std::move(socket), Channel::Side::Client));
 }
 
 void ClientLink::connected(std::shared_ptr<Channel> channel) {

@@ -4,8 +4,9 @@
 #include <deque>
 #include <memory>
 #include <string>
-#include <variant>
 
+#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
 #include "platform/xpc/connection/Link.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
@@ -29,7 +30,8 @@ class ClientLink final : public Link {
   void dropKept() override REQUIRES(kIOThread);
   void keep(Outgoing outgoing) REQUIRES(kIOThread);
   void open() REQUIRES(kIOThread);
-  void opened(std::variant<FileHandle, LaunchError> result) REQUIRES(kIOThread);
+  /// I/O thread.
+  void opened(Result<FileHandle, LaunchError> socket);
   void interrupt(const std::string& reason) REQUIRES(kIOThread);
 
   const std::string name_;

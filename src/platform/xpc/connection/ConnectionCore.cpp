@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/concurrency/Weakly.h"
 #include "platform/xpc/connection/ClientLink.h"
 #include "platform/xpc/connection/PeerLink.h"
 
@@ -23,12 +24,11 @@ Connection::Core::~Core() = default;
 
 std::shared_ptr<Connection> Connection::Core::makeConnection(std::shared_ptr<Core> core) {
   std::shared_ptr<Connection> connection(new Connection(core));
-  core->inbox_->setRoomHandler([weak = core->weak_from_this()] {
-    onIOThread([weak] {
-      assertOnIOThread();
-      if (const auto self = weak.lock()) self->link_->updateReading();
-    });
+  const auto updateReading = weakly(core.get(), [](Core& self) {
+    assertOnIOThread();
+    self.link_->updateReading();
   });
+  core->inbox_->setRoomHandler([updateReading] { onIOThread(updateReading); });
   const MutexLock lock(core->mutex_);
   core->self_ = connection;
   return connection;
@@ -63,10 +63,10 @@ void Connection::Core::send(OutgoingFrame frame) {
   }
   const auto added = direct_->add(std::move(frame));
   if (added == SendQueue::Added::Done) return;
-  onIOThread([weak = weak_from_this(), queue = direct_, added] {
+  onIOThread(weakly(this, [queue = direct_, added](Core& self) {
     assertOnIOThread();
-    if (const auto self = weak.lock()) self->link_->added(queue, added);
-  });
+    self.link_->added(queue, added);
+  }));
 }
 
 void Connection::Core::sendBarrier(std::function<void()> block) {

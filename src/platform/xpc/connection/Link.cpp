@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/concurrency/Weakly.h"
 #include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/value/WireFormat.h"
 
@@ -19,16 +20,15 @@ Link::~Link() {
 void Link::attach(std::shared_ptr<Channel> channel, State state) {
   state_ = state;
   channel_ = std::move(channel);
-  const auto weak = core_.weak_from_this();
-  channel_->setHandlers(
-      [this, weak](Frame frame) {
-        assertOnIOThread();
-        if (const auto owner = weak.lock()) received(std::move(frame));
-      },
-      [this, weak](const std::string& reason) {
-        assertOnIOThread();
-        if (const auto owner = weak.lock()) ended(reason);
-      });
+  channel_->setHandlers(weakly(&core_,
+                               [this](Connection::Core&, Frame frame) {
+                                 assertOnIOThread();
+                                 received(std::move(frame));
+                               }),
+                        weakly(&core_, [this](Connection::Core&, const std::string& reason) {
+                          assertOnIOThread();
+                          ended(reason);
+                        }));
   core_.identified(channel_->credentials());
 }
 

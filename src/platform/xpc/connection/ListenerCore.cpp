@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/concurrency/Weakly.h"
 #include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
@@ -82,16 +83,15 @@ void Listener::Core::stop() {
 }
 
 void Listener::Core::continueAccepting() {
+  assertOnIOThread();
   if (const auto timer = std::exchange(retryTimer_, nullptr)) timer->invalidate();
   if (!socket_.isOpen() || item_) return;
-  item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), EPOLLIN, [weak = weak_from_this()](unsigned) {
-    assertOnIOThread();
-    if (const auto self = weak.lock()) self->acceptSome();
-  });
+  item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), EPOLLIN, weakly(this, [](Core& self, unsigned) { self.acceptSome(); }));
   ioLoop().add(item_);
 }
 
 void Listener::Core::acceptSome() {
+  assertOnIOThread();
   for (int i = 0; i < kAcceptsPerTurn; ++i) {
     if (openSockets_ >= maximumConnections_) {
       return pause("there are " + std::to_string(openSockets_) + " connections, the most there may be; further ones wait");
@@ -124,10 +124,7 @@ void Listener::Core::pause(const std::string& why) {
 }
 
 void Listener::Core::retryLater() {
-  retryTimer_ = RunLoopTimer::create(kRetrySeconds, 0, [weak = weak_from_this()] {
-    assertOnIOThread();
-    if (const auto self = weak.lock()) self->continueAccepting();
-  });
+  retryTimer_ = RunLoopTimer::create(kRetrySeconds, 0, weakly(this, &Core::continueAccepting));
   ioLoop().add(retryTimer_);
 }
 
@@ -136,21 +133,15 @@ void Listener::Core::admit(FileHandle socket) {
   ++openSockets_;
   const auto channel = Channel::create(std::move(socket), Channel::Side::Service, statusAnswer);
   callers_.emplace(channel.get(), channel);
-  const auto weak = weak_from_this();
-  channel->setClosedHandler([weak, key = channel.get()] {
-    assertOnIOThread();
-    if (const auto self = weak.lock()) self->socketClosed(key);
-  });
-  channel->setHandlers(
-      [weak, key = channel.get()](Frame frame) {
-        assertOnIOThread();
-        if (const auto self = weak.lock()) self->receiveFrom(key, std::move(frame));
-      },
-      [](const std::string&) {});
+  const auto* key = channel.get();
+  channel->setClosedHandler(weakly(this, [key](Core& self) { self.socketClosed(key); }));
+  channel->setHandlers(weakly(this, [key](Core& self, Frame frame) { self.receiveFrom(key, std::move(frame)); }),
+                       [](const std::string&) {});
   channel->setReading(true);
 }
 
 void Listener::Core::receiveFrom(const Channel* caller, Frame frame) {
+  assertOnIOThread();
   const auto found = callers_.find(caller);
   if (found == callers_.end()) return;
   const std::shared_ptr<Channel> channel = found->second;
@@ -168,6 +159,7 @@ void Listener::Core::becomePeer(const std::shared_ptr<Channel>& channel, Frame f
 }
 
 void Listener::Core::socketClosed(const Channel* channel) {
+  assertOnIOThread();
   --openSockets_;
   callers_.erase(channel);
   if (peers_.erase(channel) > 0) --peerCount_;

@@ -28,15 +28,17 @@ class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
   [[nodiscard]] Listener::Statistics statistics() const;
 
  private:
-  void acceptSome() REQUIRES(kIOThread);
+  // Called by the I/O thread's loop, and asserting that.
+  void acceptSome();
+  void continueAccepting();
+  void receiveFrom(const Channel* caller, Frame frame);
+  void socketClosed(const Channel* channel);
+
   int acceptOne() REQUIRES(kIOThread);
-  void receiveFrom(const Channel* caller, Frame frame) REQUIRES(kIOThread);
   void admit(FileHandle socket) REQUIRES(kIOThread);
   void pause(const std::string& why) REQUIRES(kIOThread);
   void retryLater() REQUIRES(kIOThread);
-  void continueAccepting() REQUIRES(kIOThread);
   void becomePeer(const std::shared_ptr<Channel>& channel, Frame first) REQUIRES(kIOThread);
-  void socketClosed(const Channel* channel) REQUIRES(kIOThread);
 
   const ConnectionFunction function_;
   const std::size_t maximumConnections_;

@@ -12,6 +12,6 @@ namespace platform::xpc {
 /// booleans, 64-bit integers and doubles. Nullopt when the service does not run or does not answer within `timeout`; the reason of anything
 /// but "not running" is logged. Never starts a service, not through a socket of systemd's either; asks the channel itself, so no handler of
 /// the service is involved. Blocks. Any thread.
-[[nodiscard]] std::optional<Object> serviceStatus(const std::string& name, std::chrono::milliseconds timeout);
+[[nodiscard]] std::optional<Object> queryServiceStatus(const std::string& name, std::chrono::milliseconds timeout);
 
 }  // namespace platform::xpc

@@ -19,10 +19,13 @@ class FileWatcherXpcServiceProtocol {
   FileWatcherXpcServiceProtocol& operator=(const FileWatcherXpcServiceProtocol&) = default;
 };
 
-/// The same as a connection needs to know it, by selector.
+/// `callToFileWatcher` as it is called over a connection.
+inline constexpr const char* kCallToFileWatcherSelector = "callToFileWatcher";
+
+/// The protocol as a connection needs to know it, by selector.
 inline platform::XPCInterface fileWatcherXpcServiceInterface() {
   return platform::XPCInterface::interfaceWithProtocol<FileWatcherXpcServiceProtocol>(
-      "FileWatcherXpcServiceProtocol", {{"callToFileWatcher", &FileWatcherXpcServiceProtocol::callToFileWatcher}});
+      "FileWatcherXpcServiceProtocol", {{kCallToFileWatcherSelector, &FileWatcherXpcServiceProtocol::callToFileWatcher}});
 }
 
 }  // namespace kestrine

@@ -1,9 +1,11 @@
-#include "platform/network/wire/WireAddress.h"
+#include "platform/network/wire/Origin.h"
 
 #include <curl/curl.h>
 
 #include <cstdlib>
 #include <memory>
+
+#include "platform/foundation/text/ASCII.h"
 
 namespace platform::network {
 
@@ -33,9 +35,7 @@ std::optional<Origin> originOf(const std::string& url) {
   Origin origin{part(address, CURLUPART_SCHEME), part(address, CURLUPART_HOST),
                 std::atoi(part(address, CURLUPART_PORT, CURLU_DEFAULT_PORT).c_str())};
   if ((origin.scheme != "http" && origin.scheme != "https") || origin.host.empty()) return std::nullopt;
-  for (auto& c : origin.host) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
-  }
+  origin.host = asciiLowered(origin.host);
   return origin;
 }
 

@@ -1,8 +1,11 @@
-#include "app/cli/Command.h"
+#include "app/cli/Arguments.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+
+#include "app/cli/Command.h"
+#include "app/cli/CommandError.h"
 
 namespace kestrine {
 

@@ -1,8 +1,8 @@
-#include "xpc/NeverReleased.h"
+#include "platform/foundation/process/NeverReleased.h"
 
 #include <utility>
 
-namespace kestrine {
+namespace platform {
 
 NeverReleased& NeverReleased::registry() {
   static auto& one = *new NeverReleased;
@@ -10,13 +10,13 @@ NeverReleased& NeverReleased::registry() {
 }
 
 void NeverReleased::keep(std::any value) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   kept_.push_back(std::move(value));
 }
 
 std::size_t NeverReleased::count() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return kept_.size();
 }
 
-}  // namespace kestrine
+}  // namespace platform

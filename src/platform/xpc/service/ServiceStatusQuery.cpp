@@ -1,12 +1,15 @@
-#include "platform/xpc/service/ServiceStatus.h"
+#include "platform/xpc/service/ServiceStatusQuery.h"
 
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 #include <variant>
 
+#include "platform/foundation/base/Result.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/channel/Frame.h"
 #include "platform/xpc/channel/SocketIO.h"
@@ -18,7 +21,7 @@ namespace platform::xpc {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Answer = std::variant<Object, WireError>;
+using Answer = Result<Object, WireError>;
 
 bool waitFor(int socket, short events, Clock::time_point deadline) {
   for (;;) {
@@ -31,7 +34,7 @@ bool waitFor(int socket, short events, Clock::time_point deadline) {
   }
 }
 
-std::variant<std::monostate, WireError> sendRequest(int socket, Clock::time_point deadline) {
+std::optional<WireError> sendRequest(int socket, Clock::time_point deadline) {
   OutgoingFrame request = OutgoingFrame::make(FrameKind::StatusRequest);
   const std::array<const OutgoingFrame*, 1> pieces{&request};
   while (request.written < request.bytes.size()) {
@@ -43,7 +46,7 @@ std::variant<std::monostate, WireError> sendRequest(int socket, Clock::time_poin
       return WireError{"it does not read"};
     }
   }
-  return std::monostate{};
+  return std::nullopt;
 }
 
 Answer readReply(int socket, Clock::time_point deadline) {
@@ -69,25 +72,25 @@ Answer readReply(int socket, Clock::time_point deadline) {
 }
 
 Answer ask(int socket, Clock::time_point deadline) {
-  const auto sent = sendRequest(socket, deadline);
-  if (const auto* error = std::get_if<WireError>(&sent)) return *error;
+  if (auto error = sendRequest(socket, deadline)) return std::move(*error);
   return readReply(socket, deadline);
+}
+
+/// Whether this is how things are when nobody is the service, and so nothing to be told of.
+bool meansNotRunning(LaunchError::Kind kind) {
+  using Kind = LaunchError::Kind;
+  return kind == Kind::NotRunning || kind == Kind::NoFolder || kind == Kind::IllegalName;
 }
 
 }  // namespace
 
-std::optional<Object> serviceStatus(const std::string& name, std::chrono::milliseconds timeout) {
+std::optional<Object> queryServiceStatus(const std::string& name, std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
-  if (!runningService(name).isAlive) return std::nullopt;
   const auto socket = connectToRunningService(name);
-  Answer answer = WireError{};
-  if (const auto* error = std::get_if<LaunchError>(&socket)) {
-    answer = WireError{error->reason};
-  } else {
-    answer = ask(std::get<FileHandle>(socket).fileDescriptor(), deadline);
-  }
-  if (auto* status = std::get_if<Object>(&answer)) return std::move(*status);
-  NSLog("xpc: the service " + name + " did not tell its status: " + std::get<WireError>(answer).reason);
+  if (!socket && meansNotRunning(socket.error().kind)) return std::nullopt;
+  auto answer = socket ? ask(socket->fileDescriptor(), deadline) : Answer(WireError{socket.error().reason});
+  if (answer) return std::move(*answer);
+  NSLog("xpc: the service " + name + " did not tell its status: " + answer.error().reason);
   return std::nullopt;
 }
 

@@ -1,5 +1,6 @@
-#include "platform/xpc/launch/Environment.h"
+#include "platform/xpc/launch/XDGFolders.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 
@@ -7,19 +8,26 @@
 
 namespace platform::xpc {
 
-std::string absolutePathFromEnvironment(const char* variable) {
+namespace {
+
+/// The variable's value when it is an absolute path, else empty.
+std::string absolutePath(const char* variable) {
   const char* value = std::getenv(variable);
   return value != nullptr && value[0] == '/' ? value : "";
 }
 
-std::string stateHome() {
-  const std::string folder = absolutePathFromEnvironment("XDG_STATE_HOME");
+}  // namespace
+
+std::string xdgRuntimeFolder() { return absolutePath("XDG_RUNTIME_DIR"); }
+
+std::string xdgStateFolder() {
+  const std::string folder = absolutePath("XDG_STATE_HOME");
   return folder.empty() ? NSHomeDirectory() + "/.local/state" : folder;
 }
 
-std::vector<std::string> dataFolders() {
+std::vector<std::string> xdgDataFolders() {
   std::vector<std::string> folders;
-  const std::string own = absolutePathFromEnvironment("XDG_DATA_HOME");
+  const std::string own = absolutePath("XDG_DATA_HOME");
   folders.push_back(own.empty() ? NSHomeDirectory() + "/.local/share" : own);
   const char* shared = std::getenv("XDG_DATA_DIRS");
   std::string_view rest = shared != nullptr && shared[0] != '\0' ? shared : "/usr/local/share:/usr/share";
@@ -30,7 +38,5 @@ std::vector<std::string> dataFolders() {
   }
   return folders;
 }
-
-std::string logFile(const std::string& name) { return stateHome() + "/xpc/" + name + ".log"; }
 
 }  // namespace platform::xpc
