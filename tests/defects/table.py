@@ -527,7 +527,7 @@ DEFECTS = [
     Defect(
         "hang-up-unseen-while-not-reading",
         "src/platform/xpc/channel/Channel.cpp",
-        "(events & kTrouble) != 0 && isOpen()",
+        "(events & kTrouble) != 0 && state_ == State::Open",
         "(events & kTrouble) != 0 && false",
         "xpc_tests",
         "Listener.KeepsWhatAClientLeft*",
