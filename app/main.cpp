@@ -5,7 +5,7 @@
 #include "app/call/CallCommand.h"
 #include "app/cli/CommandLine.h"
 #include "app/commands/Commands.h"
-#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/base/ApplicationIdentifier.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "contract/ServiceName.h"
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/fsevents/FSEventStream.h"
 
 namespace kestrine {

@@ -9,6 +9,7 @@
 #include "app/cli/Numbers.h"
 #include "app/commands/Commands.h"
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 
 namespace kestrine {

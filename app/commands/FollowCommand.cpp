@@ -11,7 +11,7 @@
 #include "app/client/ServiceLifetime.h"
 #include "app/commands/Commands.h"
 #include "platform/concurrency/RunLoop.h"
-#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace kestrine {
 

@@ -11,7 +11,7 @@
 #include "app/client/WatchRequest.h"
 #include "app/client/WatchedFolder.h"
 #include "app/commands/Commands.h"
-#include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace kestrine {
 

@@ -7,8 +7,10 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/PropertyList.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {

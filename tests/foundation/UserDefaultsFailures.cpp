@@ -119,6 +119,15 @@ TEST(UserDefaultsFailures, KeepAChangeThatAReadOnlyFolderRefusesAndSayEachReason
   EXPECT_EQ(occurrences(outcome.errorOutput, "other.plist cannot be written"), 1) << outcome.errorOutput;
 }
 
+TEST(UserDefaultsFailures, SayWhyTheFolderCannotBeMade) {
+  const TemporaryDirectory folder;
+  giveToUnprivileged(folder.path(), 0500);
+  const auto outcome = runHelper({.name = "writeBelowAClosedFolder", .folder = folder.path(), .unprivileged = true});
+  EXPECT_EQ(outcome.output, "written: no\n");
+  EXPECT_EQ(occurrences(outcome.errorOutput, "domain.plist cannot be written: making the folder: Permission denied"), 1)
+      << outcome.errorOutput;
+}
+
 TEST(UserDefaultsFailures, NeverReplaceAFileThatCannotBeRead) {
   const TemporaryDirectory folder;
   writeFile(folder / "unreadable.plist", "<plist><dict><key>key</key><string>secret</string></dict></plist>");

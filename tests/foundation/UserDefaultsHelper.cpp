@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "platform/foundation/log/Log.h"
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 
 namespace kestrine::test {
@@ -88,6 +89,22 @@ void readWithoutRights(const HelperJob& job) {
   say("written: " + yesOrNo(defaults.synchronize()));
 }
 
+void readDomainsWithoutRights(const HelperJob& job) {
+  using platform::PreferencesError;
+  constexpr const char* kKinds[] = {"no such domain", "refused", "damaged"};
+  for (const char* domain : {"closed", "damaged"}) {
+    const auto values = platform::readPreferencesDomain(domain, job.folder);
+    say(std::string(domain) + ": " +
+        (values ? "read" : kKinds[static_cast<int>(values.error().kind)] + std::string(", ") + values.error().reason));
+  }
+}
+
+void writeBelowAClosedFolder(const HelperJob& job) {
+  UserDefaults defaults("domain", job.folder + "/a/b");
+  defaults.setObject_forKey("value", "key");
+  say("written: " + yesOrNo(defaults.synchronize()));
+}
+
 /// On a disk, or with a limit, that holds a small file and not a large one.
 void writeTooMuch(UserDefaults& defaults) {
   defaults.setObject_forKey("small", "key");
@@ -125,8 +142,14 @@ constexpr struct {
   const char* name;
   void (*run)(const HelperJob&);
 } kJobs[] = {
-    {"writeForEver", writeForEver},           {"raiseFlags", raiseFlags}, {"writeWithoutRights", writeWithoutRights},
-    {"readWithoutRights", readWithoutRights}, {"fillDisk", fillDisk},     {"exceedLimit", exceedLimit},
+    {"writeForEver", writeForEver},
+    {"raiseFlags", raiseFlags},
+    {"writeWithoutRights", writeWithoutRights},
+    {"readWithoutRights", readWithoutRights},
+    {"readDomainsWithoutRights", readDomainsWithoutRights},
+    {"writeBelowAClosedFolder", writeBelowAClosedFolder},
+    {"fillDisk", fillDisk},
+    {"exceedLimit", exceedLimit},
 };
 
 std::string environmentVariable(const char* name) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/process/StatusRegistry.h"

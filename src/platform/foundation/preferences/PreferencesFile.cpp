@@ -5,13 +5,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
+#include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/log/Log.h"
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/foundation/preferences/PreferencesReasons.h"
+#include "platform/foundation/text/ASCII.h"
 
 namespace platform {
 
@@ -19,20 +21,6 @@ namespace {
 
 constexpr std::string_view kTemporarySuffix = ".tmp";
 constexpr int kCorruptFilesKept = 100;
-
-/// Reads at most one byte more than a property list may have.
-std::string readAll(int descriptor) {
-  std::string bytes;
-  char piece[1U << 16U];
-  while (bytes.size() <= kPropertyListMaximumSize) {
-    const ssize_t count = ::read(descriptor, piece, sizeof piece);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throwLastError("reading");
-    if (count == 0) break;
-    bytes.append(piece, static_cast<std::size_t>(count));
-  }
-  return bytes;
-}
 
 FileHandle openForReading(const std::string& path) {
   FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -42,14 +30,11 @@ FileHandle openForReading(const std::string& path) {
   }
   struct stat status {};
   if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at it");
-  if (!S_ISREG(status.st_mode))
-    throw std::system_error(S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP, std::generic_category(), "it is no regular file");
+  if (!S_ISREG(status.st_mode)) throwError(S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP, "it is no regular file");
   return file;
 }
 
-bool isDigits(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
+bool isDigits(std::string_view text) { return !text.empty() && std::ranges::all_of(text, isASCIIDigit); }
 
 }  // namespace
 
@@ -66,14 +51,15 @@ bool FileVersion::isStillAt(const std::string& path) const {
 }
 
 PreferencesFile::PreferencesFile(std::string folder, std::string_view domain)
-    : folder_(std::move(folder)), name_(std::string(domain) + ".plist"), path_(folder_ + "/" + name_) {}
+    : folder_(std::move(folder)), name_(preferencesFileName(domain)), path_(folder_ + "/" + name_) {}
 
 PreferencesFile::Contents PreferencesFile::load(std::optional<Unusable>* unusable) const {
   FileHandle file = openForReading(path_);
   if (!file.isOpen()) return {Object(), FileVersion(FileHandle())};
-  const std::string bytes = readAll(file.fileDescriptor());
+  const auto bytes = readAll(file.fileDescriptor(), kPropertyListMaximumSize);
+  if (!bytes) throwError(bytes.error(), "reading");
   try {
-    auto values = readPropertyList(bytes);
+    auto values = readPropertyList(*bytes);
     if (values.isDictionary()) return {std::move(values), FileVersion(std::move(file))};
     *unusable = Unusable{"it holds no dictionary"};
   } catch (const PropertyListError& error) {
@@ -87,10 +73,10 @@ PreferencesFile::Contents PreferencesFile::loadLocked(const PreferencesFolder& f
   auto contents = load(&unusable);
   if (!unusable) return contents;
   setAside(folder, unusable->why);
-  return {Object(), FileVersion(FileHandle())};
+  return {Object(), FileVersion(FileHandle()), unusable->why};
 }
 
-std::optional<PreferencesFile::Contents> PreferencesFile::read() const {
+Result<PreferencesFile::Contents, std::system_error> PreferencesFile::read() const {
   std::optional<Unusable> unusable;
   try {
     auto contents = load(&unusable);
@@ -103,10 +89,18 @@ std::optional<PreferencesFile::Contents> PreferencesFile::read() const {
     PreferencesReasons::shared().succeeded(path_, PreferencesReasons::Operation::Read);
     return contents;
   } catch (const std::system_error& error) {
-    failed(false, unusable ? unusable->why + ", and it cannot be moved aside: " + error.what() : error.what());
+    if (!unusable) return error;
     // What is unusable and must stay where it is counts as empty all the same.
-    return unusable ? std::optional(Contents{}) : std::nullopt;
+    failed(false, unusable->why + ", and it cannot be moved aside: " + error.what());
+    return Contents{.damage = unusable->why};
   }
+}
+
+std::optional<PreferencesFile::Contents> PreferencesFile::readOrSay() const {
+  auto contents = read();
+  if (contents) return std::move(*contents);
+  failed(false, contents.error().what());
+  return std::nullopt;
 }
 
 std::optional<PreferencesFile::Contents> PreferencesFile::update(const Change& change) const {

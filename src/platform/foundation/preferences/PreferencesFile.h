@@ -6,8 +6,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {
@@ -43,6 +45,8 @@ class PreferencesFile {
     /// A dictionary; nil when there is no file.
     Object values;
     FileVersion version;
+    /// What is wrong with the file that stood there; empty when nothing is. It counts as no file.
+    std::string damage = {};
   };
   /// What the file is to hold, given what it holds: a dictionary, nil for no file, or nullopt to leave it.
   using Change = std::function<std::optional<Object>(const Object& values)>;
@@ -51,9 +55,11 @@ class PreferencesFile {
 
   [[nodiscard]] const std::string& path() const { return path_; }
 
-  /// What is on disk now. A file that is no property list is moved aside and counts as none. Nullopt, with the reason in the log, when the
-  /// file is there and cannot be read.
-  [[nodiscard]] std::optional<Contents> read() const;
+  /// What is on disk now. A file that is no property list is moved aside, which the log says, and counts as none. The error that names the
+  /// step, when a file is there and cannot be read.
+  [[nodiscard]] Result<Contents, std::system_error> read() const;
+  /// The same with the error in the log, once per reason.
+  [[nodiscard]] std::optional<Contents> readOrSay() const;
 
   /// Changes the file under its lock. Returns what is on disk afterwards, or nullopt, with the reason in the log, when it could not be read
   /// or written; the old file is untouched then. Exceptions of `change` pass.

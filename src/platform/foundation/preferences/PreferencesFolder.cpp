@@ -8,9 +8,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
-#include <string_view>
 
+#include "platform/foundation/base/DescriptorIO.h"
+#include "platform/foundation/files/FileManager.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/preferences/PreferencesWrites.h"
 
 namespace platform {
@@ -18,13 +21,6 @@ namespace platform {
 namespace {
 
 FileHandle openFolder(const std::string& path) { return FileHandle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); }
-
-std::string parentOf(const std::string& path) {
-  const auto end = path.find_last_not_of('/');
-  const auto slash = end == std::string::npos ? end : path.rfind('/', end);
-  if (slash == std::string::npos) return {};
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 /// Announces the event for as long as the call that causes it has not failed.
 class Expected {
@@ -46,31 +42,28 @@ class Expected {
   bool happened_ = false;
 };
 
-void makeFolders(const std::string& path) {
-  const std::string parent = parentOf(path);
-  if (parent.empty() || parent == path) return;
-  if (access(parent.c_str(), F_OK) != 0) makeFolders(parent);
-  struct stat status {};
-  const auto end = path.find_last_not_of('/');
-  const auto start = path.rfind('/', end) + 1;
-  const std::string name = path.substr(start, end + 1 - start);
-  if (stat(parent.c_str(), &status) != 0) return;
-  Expected event(status.st_dev, status.st_ino, name);
-  if (mkdir(path.c_str(), 0700) == 0) event.happened();
-}
-
-void writeAll(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) throwLastError("writing the temporary file");
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
+/// mkdir, announced. 0 or an errno.
+int makeFolder(const std::string& path) {
+  struct stat above {};
+  if (stat(stringByDeletingLastPathComponent(path).c_str(), &above) != 0) return errno;
+  const std::string name = lastPathComponent(path);
+  Expected event(above.st_dev, above.st_ino, name);
+  if (mkdir(path.c_str(), 0700) != 0) return errno;
+  event.happened();
+  return 0;
 }
 
 }  // namespace
 
-void throwLastError(const std::string& step) { throw std::system_error(errno, std::generic_category(), step); }
+void throwLastError(const std::string& step) { throwError(errno, step); }
+void throwError(int error, const std::string& step) { throw std::system_error(error, std::generic_category(), step); }
+
+std::string preferencesFolder() {
+  // The XDG Base Directory Specification has a relative path ignored.
+  const char* configured = std::getenv("XDG_CONFIG_HOME");
+  const std::string base = configured != nullptr && configured[0] == '/' ? configured : NSHomeDirectory() + "/.config";
+  return base + "/Preferences";
+}
 
 PreferencesLock::~PreferencesLock() {
   if (file_.isOpen()) flock(file_.fileDescriptor(), LOCK_UN);
@@ -78,7 +71,7 @@ PreferencesLock::~PreferencesLock() {
 
 PreferencesFolder::PreferencesFolder(const std::string& path, bool make) : folder_(openFolder(path)) {
   if (!folder_.isOpen() && errno == ENOENT && make) {
-    makeFolders(path);
+    if (const int error = makeFolders(path, makeFolder); error != 0) throwError(error, "making the folder");
     folder_ = openFolder(path);
   }
   struct stat status {};
@@ -135,7 +128,7 @@ FileHandle PreferencesFolder::write(const std::string& temporaryName, const std:
   const FileHandle file(openat(descriptor(), temporaryName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!file.isOpen()) throwLastError("making the temporary file");
   try {
-    writeAll(file.fileDescriptor(), bytes);
+    if (const int error = writeAll(file.fileDescriptor(), bytes); error != 0) throwError(error, "writing the temporary file");
     if (fsync(file.fileDescriptor()) != 0) throwLastError("syncing the temporary file");
     FileHandle reader(openat(descriptor(), temporaryName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     if (!reader.isOpen()) throwLastError("opening the temporary file");

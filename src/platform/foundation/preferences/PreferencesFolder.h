@@ -11,6 +11,9 @@
 
 namespace platform {
 
+/// The folder of the preferences: ${XDG_CONFIG_HOME:-~/.config}/Preferences. Not made here. Any thread.
+std::string preferencesFolder();
+
 /// The lock of one preferences file for as long as this lives. Given back by name, not by closing: a child process that is about to run
 /// another program may share the descriptor.
 class PreferencesLock {
@@ -63,7 +66,8 @@ class PreferencesFolder {
   ino_t inode_ = 0;
 };
 
-/// Throws std::system_error for errno.
+/// Throws std::system_error for the error number, or for errno.
+[[noreturn]] void throwError(int error, const std::string& step);
 [[noreturn]] void throwLastError(const std::string& step);
 
 }  // namespace platform

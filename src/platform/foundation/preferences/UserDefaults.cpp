@@ -1,33 +1,21 @@
 #include "platform/foundation/preferences/UserDefaults.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <map>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
 #include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/base/Exception.h"
-#include "platform/foundation/files/Paths.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/formats/PropertyList.h"
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/PreferencesFile.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace platform {
 
 namespace {
-
-bool isLegalDomainName(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
-         name.find('\0') == std::string_view::npos;
-}
-
-void requireLegalDomainName(std::string_view name) {
-  if (!isLegalDomainName(name))
-    throw Exception(NSInvalidArgumentException, "\"" + std::string(name) + "\" is no name of a preferences domain");
-}
 
 /// Changes by key; nil removes the key.
 using Changes = std::map<std::string, Object, std::less<>>;
@@ -49,14 +37,15 @@ Object merged(const Object& values, const Changes& changes) {
   return result;
 }
 
-}  // namespace
-
-std::string preferencesFolder() {
-  // The XDG Base Directory Specification has a relative path ignored.
-  const char* configured = std::getenv("XDG_CONFIG_HOME");
-  const std::string base = configured != nullptr && configured[0] == '/' ? configured : NSHomeDirectory() + "/.config";
-  return base + "/Preferences";
+/// Puts the changes in, which must stay until it is called, unless they are there.
+PreferencesFile::Change putIn(const Changes& changes) {
+  return [&changes](const Object& values) -> std::optional<Object> {
+    if (holds(values, changes)) return std::nullopt;
+    return merged(values, changes);
+  };
 }
+
+}  // namespace
 
 class UserDefaults::Impl {
  public:
@@ -64,26 +53,23 @@ class UserDefaults::Impl {
 
   [[nodiscard]] const std::string& folder() const { return folder_; }
 
-  Object value(std::string_view key) {
-    const std::lock_guard lock(mutex_);
+  Object value(std::string_view key) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     if (const auto change = changes_.find(key); change != changes_.end()) return change->second;
     refresh();
     return onDisk_.values.objectForKey(key);
   }
 
-  void remember(Object value, std::string_view key) {
-    const std::lock_guard lock(mutex_);
+  void remember(Object value, std::string_view key) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     changes_.insert_or_assign(std::string(key), std::move(value));
   }
 
-  bool synchronize() {
-    const std::lock_guard lock(mutex_);
+  bool synchronize() EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     if (changes_.empty()) return refresh();
     if (!isFresh() || !holds(onDisk_.values, changes_)) {
-      auto after = file_.update([this](const Object& values) -> std::optional<Object> {
-        if (holds(values, changes_)) return std::nullopt;
-        return merged(values, changes_);
-      });
+      auto after = file_.update(putIn(changes_));
       if (!after) return false;
       onDisk_ = std::move(*after);
     }
@@ -91,8 +77,8 @@ class UserDefaults::Impl {
     return true;
   }
 
-  Object exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed) {
-    const std::lock_guard lock(mutex_);
+  Object exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     Object found;
     bool asked = false;
     bool decided = false;
@@ -102,9 +88,7 @@ class UserDefaults::Impl {
       const Object wanted = decide(found);
       if (wanted.isNil()) return std::nullopt;
       decided = true;
-      const Changes change{{std::string(key), propertyListValue(wanted)}};
-      if (holds(values, change)) return std::nullopt;
-      return merged(values, change);
+      return putIn({{std::string(key), propertyListValue(wanted)}})(values);
     });
     if (failed != nullptr) *failed = !after;
     if (after) {
@@ -118,20 +102,20 @@ class UserDefaults::Impl {
   }
 
  private:
-  [[nodiscard]] bool isFresh() const { return onDisk_.version.isStillAt(file_.path()); }
+  [[nodiscard]] bool isFresh() const REQUIRES(mutex_) { return onDisk_.version.isStillAt(file_.path()); }
 
-  bool refresh() {
+  bool refresh() REQUIRES(mutex_) {
     if (isFresh()) return true;
-    auto now = file_.read();
+    auto now = file_.readOrSay();
     if (now) onDisk_ = std::move(*now);
     return now.has_value();
   }
 
   const std::string folder_;
   const PreferencesFile file_;
-  std::mutex mutex_;
-  PreferencesFile::Contents onDisk_;
-  Changes changes_;
+  Mutex mutex_;
+  PreferencesFile::Contents onDisk_ GUARDED_BY(mutex_);
+  Changes changes_ GUARDED_BY(mutex_);
 };
 
 UserDefaults& UserDefaults::standardUserDefaults() {
@@ -140,20 +124,20 @@ UserDefaults& UserDefaults::standardUserDefaults() {
 }
 
 UserDefaults::UserDefaults(std::string domainName, std::string folder) {
-  requireLegalDomainName(domainName);
+  requirePreferencesDomainName(domainName);
   impl_ = std::make_unique<Impl>(folder.empty() ? preferencesFolder() : std::move(folder), domainName);
 }
 
 UserDefaults::~UserDefaults() = default;
 
 Object UserDefaults::persistentDomainForName(std::string_view name) {
-  if (!isLegalDomainName(name)) return nullptr;
-  const auto contents = PreferencesFile(impl_->folder(), name).read();
+  if (!isPreferencesDomainName(name)) return nullptr;
+  const auto contents = PreferencesFile(impl_->folder(), name).readOrSay();
   return contents ? contents->values : Object();
 }
 
 bool UserDefaults::setPersistentDomain_forName(const Object& domain, std::string_view name) {
-  requireLegalDomainName(name);
+  requirePreferencesDomainName(name);
   if (!domain.isDictionary()) throw Exception(NSInvalidArgumentException, "a preferences domain is a dictionary");
   const Object values = propertyListValue(domain);
   const auto replace = [&values](const Object& found) -> std::optional<Object> {
@@ -164,7 +148,7 @@ bool UserDefaults::setPersistentDomain_forName(const Object& domain, std::string
 }
 
 bool UserDefaults::removePersistentDomainForName(std::string_view name) {
-  requireLegalDomainName(name);
+  requirePreferencesDomainName(name);
   const PreferencesFile file(impl_->folder(), name);
   if (FileVersion(FileHandle()).isStillAt(file.path())) return true;
   return file.update([](const Object&) { return std::optional<Object>(std::in_place); }).has_value();

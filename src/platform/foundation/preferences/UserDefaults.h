@@ -6,13 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {
-
-/// The folder of the preferences: ${XDG_CONFIG_HOME:-~/.config}/Preferences. Not made here.
-std::string preferencesFolder();
 
 /// Preferences: one property-list file per domain, "<preferencesFolder()>/<domain>.plist".
 ///

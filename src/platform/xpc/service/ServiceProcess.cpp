@@ -18,10 +18,10 @@
 #include <utility>
 
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
-#include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/process/StatusRegistry.h"
 #include "platform/xpc/channel/IOThread.h"
 #include "platform/xpc/launch/LaunchRecord.h"

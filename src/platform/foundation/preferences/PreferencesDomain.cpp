@@ -1,0 +1,41 @@
+#include "platform/foundation/preferences/PreferencesDomain.h"
+
+#include <cerrno>
+
+#include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/preferences/PreferencesFile.h"
+#include "platform/foundation/preferences/PreferencesFolder.h"
+
+namespace platform {
+
+bool isPreferencesDomainName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+void requirePreferencesDomainName(std::string_view name) {
+  if (!isPreferencesDomainName(name))
+    throw Exception(NSInvalidArgumentException, "\"" + std::string(name) + "\" is no name of a preferences domain");
+}
+
+std::string preferencesFileName(std::string_view domain) { return std::string(domain) + ".plist"; }
+
+std::string preferencesFilePath(std::string_view domain, const std::string& folder) {
+  return (folder.empty() ? preferencesFolder() : folder) + "/" + preferencesFileName(domain);
+}
+
+Result<Object, PreferencesError> readPreferencesDomain(std::string_view domain, const std::string& folder) {
+  using Kind = PreferencesError::Kind;
+  requirePreferencesDomainName(domain);
+  const auto contents = PreferencesFile(folder.empty() ? preferencesFolder() : folder, domain).read();
+  if (!contents) {
+    const int error = contents.error().code().value();
+    return PreferencesError{error == ENOTDIR ? Kind::NoSuchDomain : Kind::Refused, errnoText(error)};
+  }
+  if (!contents->damage.empty()) return PreferencesError{Kind::Damaged, contents->damage};
+  if (contents->values.isNil()) return PreferencesError{Kind::NoSuchDomain, errnoText(ENOENT)};
+  return contents->values;
+}
+
+}  // namespace platform
