@@ -100,7 +100,10 @@ std::optional<Date> propertyListDate(std::string_view text) {
   const year_month_day calendar(year(*y), month(static_cast<unsigned>(*m)), day(static_cast<unsigned>(*d)));
   if (!calendar.ok()) return std::nullopt;
   const auto time = sys_seconds(sys_days(calendar)) + hours(*hour) + minutes(*minute) + seconds(*second);
-  return Date{static_cast<double>(time.time_since_epoch().count())};
+  const Date date{static_cast<double>(time.time_since_epoch().count())};
+  // The leap second of the last day is the first of the next year.
+  if (!propertyListDateText(date)) return std::nullopt;
+  return date;
 }
 
 std::string propertyListDataText(const Data& data) {
