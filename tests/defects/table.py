@@ -172,6 +172,22 @@ DEFECTS = [
         "concurrency_tests",
         "RunLoopItem.InvalidateWaitsForARunningCallbackAndItsCaptures",
     ),
+    Defect(
+        "failure-on-a-serving-thread-not-contained",
+        "src/platform/concurrency/LoopThread.cpp",
+        "    while (!ended_) runContained(failure_, [this] { loop_->run(); });\n",
+        "    while (!ended_) loop_->run();\n",
+        "concurrency_tests",
+        "LoopThread.SaysWhatLeavesABlockOrACallbackAndGoesOn",
+    ),
+    Defect(
+        "run-loop-woken-once-for-ever",
+        "src/platform/concurrency/WakeUp.cpp",
+        "  if (state_.exchange(State::Awake) != State::Woken && !wasReadable) return;\n",
+        "  if (state_.exchange(State::Awake) != State::Woken && !(wasReadable && false)) return;\n",
+        "concurrency_tests",
+        "WakeUp.*",
+    ),
     # The local channel.
     Defect(
         "frame-length-unchecked",
