@@ -540,6 +540,31 @@ DEFECTS = [
         "xpc_tests",
         "Sending.*",
     ),
+    # Starting a service, and its end.
+    Defect(
+        "loop-waits-for-a-lock",
+        "src/platform/xpc/service/LockWait.cpp",
+        "  const auto result = lock_.tryLock();\n",
+        "  static_cast<void>(lock_.lock(std::chrono::seconds(20)));\n  const auto result = lock_.tryLock();\n",
+        "xpc_tests",
+        "LockWaiting.LetsTheLoopServeOthersUntilTheLockIsFree",
+    ),
+    Defect(
+        "number-of-a-dead-service-believed",
+        "src/platform/xpc/launch/ServiceLocks.cpp",
+        "pid <= 0 || startTime(pid) != started",
+        "pid <= 0",
+        "xpc_tests",
+        "ServiceLocks.BelieveNoMarkOfAProcessThatIsGone",
+    ),
+    Defect(
+        "socket-meant-for-another-process-taken",
+        "src/platform/xpc/launch/SocketActivation.cpp",
+        "process != nullptr && std::to_string(getpid()) == process && ",
+        "process != nullptr && ",
+        "xpc_tests",
+        "SocketActivation.TakesNothingThatIsNotForThisProcess",
+    ),
     Defect(
         "hang-up-unseen-while-not-reading",
         "src/platform/xpc/channel/Channel.cpp",
