@@ -7,6 +7,7 @@
 #include "contract/SharedPreferences.h"
 #include "contract/SyncFolder.h"
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/url/PercentEscapes.h"
@@ -68,12 +69,8 @@ void FileWatcherServiceXPC::initFileWatcher() {
 }
 
 void FileWatcherServiceXPC::report(const platform::Exception& failure) {
-  try {
-    logErrorMethod(failure);
-  } catch (const platform::Exception& exception) {
-    // A report that cannot be made is no reason for the service to end.
-    platform::NSLog(fmt::format("the failure could not be reported: {}: {}", exception.name(), exception.reason()));
-  }
+  // A report that cannot be made is no reason for the service to end.
+  platform::runContained("the failure could not be reported", [&] { logErrorMethod(failure); });
 }
 
 void FileWatcherServiceXPC::run() {
