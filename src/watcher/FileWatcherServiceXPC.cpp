@@ -13,7 +13,6 @@
 #include "platform/foundation/url/PercentEscapes.h"
 #include "watcher/CDEvent.h"
 #include "watcher/WatchStatus.h"
-#include "watcher/systemVersionIsAtLeast.h"
 
 namespace kestrine {
 
@@ -30,10 +29,10 @@ std::vector<platform::URL> listOfURL(const std::string& text) {
 
 }  // namespace
 
-platform::FSEventStreamCreateFlags watchCreationFlags() {
+platform::FSEventStreamCreateFlags watchCreationFlags(const std::function<bool(std::int32_t major, std::int32_t minor)>& isAtLeast) {
   platform::FSEventStreamCreateFlags flags = kCDEventsDefaultEventStreamFlags;
-  if (systemVersionIsAtLeast(10, 6)) flags |= platform::kFSEventStreamCreateFlagIgnoreSelf;
-  if (systemVersionIsAtLeast(10, 7)) flags |= platform::kFSEventStreamCreateFlagFileEvents;
+  if (isAtLeast(10, 6)) flags |= platform::kFSEventStreamCreateFlagIgnoreSelf;
+  if (isAtLeast(10, 7)) flags |= platform::kFSEventStreamCreateFlagFileEvents;
   return flags;
 }
 
