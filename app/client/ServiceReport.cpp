@@ -2,7 +2,7 @@
 
 #include "contract/ServiceName.h"
 #include "contract/WatchEntry.h"
-#include "platform/xpc/service/ServiceStatus.h"
+#include "platform/xpc/service/ServiceStatusQuery.h"
 
 namespace kestrine {
 
@@ -35,7 +35,7 @@ platform::Array dictionariesIn(const Object& report, std::string_view section) {
 }  // namespace
 
 std::optional<ServiceReport> askService(std::chrono::milliseconds limit) {
-  const std::optional<Object> answer = platform::xpc::serviceStatus(kServiceName, limit);
+  const std::optional<Object> answer = platform::xpc::queryServiceStatus(kServiceName, limit);
   if (!answer || !answer->isDictionary()) return std::nullopt;
   ServiceReport report;
   report.all = *answer;

@@ -7,13 +7,14 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
-#include "xpc/NeverReleased.h"
+#include "platform/foundation/process/NeverReleased.h"
 #include "xpc/XPCParse.h"
 
 namespace kestrine {
 
 namespace {
 
+using platform::NeverReleased;
 using platform::Object;
 using platform::xpc::Connection;
 using platform::xpc::ConnectionError;

@@ -28,7 +28,7 @@ namespace kestrine {
 ///
 /// Ownership: shared. Nothing here keeps a connection: the handlers are handed it, the channel refers to it weakly. Pending work of the
 /// queue does, until it is done. Destroying it cancels the channel's connection, without a further event; the queue and the two handlers
-/// that it has then are never released (see NeverReleased), so a handler must not own the connection.
+/// that it has then are never released (see platform::NeverReleased), so a handler must not own the connection.
 ///
 /// Threads: any thread may call anything.
 class XPCConnection : public std::enable_shared_from_this<XPCConnection> {

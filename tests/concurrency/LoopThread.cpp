@@ -76,6 +76,11 @@ TEST(LoopThread, SaysWhatLeavesABlockOrACallbackAndGoesOn) {
     throwing(7);
     thread.perform(nullptr);
     EXPECT_EQ(answer(thread, [] { return 7; }), 7);
+    std::promise<void> called;
+    sources.push_back(RunLoopSource::create([&called] { called.set_value(); }));
+    thread.loop().add(sources.back());
+    sources.back()->signal();
+    called.get_future().wait();
   }
   flushLog();
   const auto log = testing::internal::GetCapturedStderr();

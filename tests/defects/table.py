@@ -151,8 +151,8 @@ DEFECTS = [
     Defect(
         "queues-share-eight-threads",
         "src/platform/concurrency/ThreadPool.cpp",
-        "    parked = waiting_.size() < parked_;\n",
-        "    parked = waiting_.size() < parked_ || threads_ >= 8;\n",
+        "    isPromised = waiting_.size() < parked_ + beginning_;\n",
+        "    isPromised = waiting_.size() < parked_ + beginning_ || threads_ >= 8;\n",
         "concurrency_tests",
         "ThreadPool.RunsAsManyBlocksAtOnceAsThereAreAndParksFourThreads:SerialQueue.HoldsUpNoOtherQueueWithABlockThatDoesNotReturn",
     ),
@@ -166,9 +166,9 @@ DEFECTS = [
     ),
     Defect(
         "invalidate-does-not-wait",
-        "src/platform/concurrency/LoopItem.cpp",
-        "    finished_.wait(lock, [this] { return running_ == 0; });\n",
-        "    static_cast<void>(0);\n",
+        "src/platform/concurrency/RunLoopItemCore.cpp",
+        "  while (running_ != 0) finished_.wait(lock);\n",
+        "",
         "concurrency_tests",
         "RunLoopItem.InvalidateWaitsForARunningCallbackAndItsCaptures",
     ),
@@ -277,6 +277,14 @@ DEFECTS = [
         "  opened_ = Clock::now();\n",
         "fsevents_tests",
         "*Latency*:*Coalescer*",
+    ),
+    Defect(
+        "erasing-cuts-a-run",
+        "src/platform/fsevents/HashIndex.h",
+        "      if (distance(home(slots_[at].hash), at) >= distance(hole, at)) {\n",
+        "      if (false) {\n",
+        "fsevents_tests",
+        "HashIndex.*",
     ),
     Defect(
         "removal-cancels-creation",
@@ -519,7 +527,7 @@ DEFECTS = [
     Defect(
         "hang-up-unseen-while-not-reading",
         "src/platform/xpc/channel/Channel.cpp",
-        "(events & kTrouble) != 0 && isOpen()",
+        "(events & kTrouble) != 0 && state_ == State::Open",
         "(events & kTrouble) != 0 && false",
         "xpc_tests",
         "Listener.KeepsWhatAClientLeft*",

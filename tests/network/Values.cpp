@@ -4,7 +4,7 @@
 #include "platform/network/message/URLError.h"
 #include "platform/network/message/URLRequest.h"
 #include "platform/network/message/URLResponse.h"
-#include "platform/network/wire/WireAddress.h"
+#include "platform/network/wire/Origin.h"
 #include "tests/network/Fetch.h"
 
 namespace kestrine::test {
@@ -90,7 +90,7 @@ TEST(AuthenticateHeader, ReadsOffersWithTheirRealms) {
   EXPECT_EQ(offers("= Basic"), "");
 }
 
-TEST(WireAddress, KnowsTheOrigin) {
+TEST(Origin, IsReadFromAnAddress) {
   const auto origin = originOf("HTTP://Host.Example/path");
   ASSERT_TRUE(origin);
   EXPECT_EQ(origin->scheme, "http");
@@ -102,7 +102,7 @@ TEST(WireAddress, KnowsTheOrigin) {
     EXPECT_FALSE(originOf(none)) << none;
 }
 
-TEST(WireAddress, ResolvesLocations) {
+TEST(Origin, ResolvesLocations) {
   EXPECT_EQ(resolvedLocation("http://h/a/b?q", "c"), "http://h/a/c");
   EXPECT_EQ(resolvedLocation("http://h/a/b", "/c?x=y"), "http://h/c?x=y");
   EXPECT_EQ(resolvedLocation("http://h/a", "//other:81/c"), "http://other:81/c");

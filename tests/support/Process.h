@@ -10,7 +10,8 @@
 
 namespace kestrine::test {
 
-/// A second process with its output captured. Killed and reaped when destroyed.
+/// A second process with its output captured. Killed and reaped when destroyed, and killed when the test process dies before: by the
+/// keeper, or by the kernel when it has an environment of its own, and then also when the thread that made it ends.
 class Process {
  public:
   struct Options {

@@ -92,6 +92,14 @@ TEST(Listener, ClosesAConnectionWhoseFunctionThrew) {
   EXPECT_EQ(errorKind(service.peer(0).events.at(0)), ConnectionError::Kind::Invalid);
 }
 
+TEST(Listener, ClosesAConnectionWhoseFunctionThrewWhatIsNoException) {
+  InProcessService service([](InProcessService::Peer&) { throw 42; });
+  const FileHandle client = service.connect();
+  ASSERT_TRUE(sendBytes(client, commandFrame("hello")));
+  EXPECT_TRUE(isClosed(client));
+  EXPECT_EQ(errorKind(service.peer(0).events.at(0)), ConnectionError::Kind::Invalid);
+}
+
 TEST(Listener, KeepsAResumedConnectionThatNobodyElseKeeps) {
   InProcessService service;
   const FileHandle client = service.connectPeer();

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -87,6 +88,31 @@ TEST(ObjectLevel, CallsTheExportedObject) {
   EXPECT_EQ(called.get_future().wait_for(60s), std::future_status::ready);
   client.closeFile();
   EXPECT_TRUE(service.waitUntilInvalid());
+}
+
+TEST(ObjectLevel, TellsWhoIsAtTheOtherEnd) {
+  TemporaryDirectory folder;
+  std::promise<void> called;
+  std::shared_ptr<XPCConnection> connection;
+  const auto object = std::make_shared<Object>();
+  object->onFirst = [&called] { called.set_value(); };
+  const auto listener = Listener::create(listenAt(folder / "socket"), [&](const std::shared_ptr<Connection>& peer) {
+    connection = XPCConnection::connectionWithPeer(peer);
+    connection->setExportedInterface(interfaceOfOperations());
+    connection->setExportedObject<Operations>(object);
+    connection->resume();
+  });
+  listener->resume();
+  const FileHandle client = connectTo(folder / "socket");
+  ASSERT_TRUE(sendBytes(client, call("first")));
+  ASSERT_EQ(called.get_future().wait_for(60s), std::future_status::ready);
+  std::uint32_t session = 0;
+  std::ifstream("/proc/self/sessionid") >> session;
+  EXPECT_EQ(connection->processIdentifier(), getpid());
+  EXPECT_EQ(connection->effectiveUserIdentifier(), geteuid());
+  EXPECT_EQ(connection->effectiveGroupIdentifier(), getegid());
+  EXPECT_EQ(connection->auditSessionIdentifier(), session);
+  EXPECT_EQ(connection->serviceName(), std::nullopt);
 }
 
 TEST(ObjectLevel, IgnoresWhatIsNotExportedAndContainsExceptions) {

@@ -8,10 +8,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
+#include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/network/message/TemporaryFile.h"
 
 namespace platform {
@@ -21,9 +22,7 @@ namespace {
 /// A file up to this size is copied into memory, which is cheaper than a file of its own.
 constexpr std::uint64_t kSmall = 64U << 10U;
 
-Error systemError(int number, const std::string& what) {
-  return {NSPOSIXErrorDomain, number, what + ": " + std::generic_category().message(number)};
-}
+Error systemError(int number, const std::string& what) { return {NSPOSIXErrorDomain, number, what + ": " + errnoText(number)}; }
 
 struct Opened {
   std::shared_ptr<const FileHandle> file;
@@ -85,11 +84,12 @@ std::optional<Bytes> Bytes::snapshotOfFile(const std::string& path, Error* error
     }
   }
   auto copy = network::makeNamelessFile();
-  if (!copy.isOpen() || !network::copyFile(opened->file->fileDescriptor(), copy.fileDescriptor(), opened->length)) {
-    tell(error, errno, path);
+  const int failure = copy ? network::copyFile(opened->file->fileDescriptor(), copy->fileDescriptor(), opened->length) : copy.error();
+  if (failure != 0) {
+    tell(error, failure, path);
     return std::nullopt;
   }
-  return ofDescriptor(std::make_shared<const FileHandle>(std::move(copy)), opened->length);
+  return ofDescriptor(std::make_shared<const FileHandle>(*std::move(copy)), opened->length);
 }
 
 std::uint64_t Bytes::length() const { return memory_ ? memory_->size() : file_ ? file_->length : 0; }
@@ -104,7 +104,7 @@ std::size_t Bytes::read(std::uint64_t offset, std::span<char> room) const {
   while (got < wanted) {
     const auto count = pread(file_->handle->fileDescriptor(), room.data() + got, wanted - got, static_cast<off_t>(offset + got));
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throw Exception(NSFileReadException, "a file cannot be read: " + std::generic_category().message(errno));
+    if (count < 0) throw Exception(NSFileReadException, "a file cannot be read: " + errnoText(errno));
     if (count == 0) throw Exception(NSFileReadException, "a file has become shorter while it was read");
     got += static_cast<std::size_t>(count);
   }
@@ -127,9 +127,13 @@ Data Bytes::data() const {
 std::optional<Error> Bytes::writeToFile(const std::string& path) const {
   const FileHandle file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!file.isOpen()) return systemError(errno, path);
-  const bool written = file_ ? network::copyFile(file_->handle->fileDescriptor(), file.fileDescriptor(), file_->length)
-                             : !memory_ || network::writeAll(file.fileDescriptor(), memory_->data(), memory_->size());
-  return written ? std::nullopt : std::optional(systemError(errno, path));
+  int failure = 0;
+  if (file_) {
+    failure = network::copyFile(file_->handle->fileDescriptor(), file.fileDescriptor(), file_->length);
+  } else if (memory_) {
+    failure = writeAll(file.fileDescriptor(), *memory_);
+  }
+  return failure == 0 ? std::nullopt : std::optional(systemError(failure, path));
 }
 
 bool operator==(const Bytes& a, const Bytes& b) {

@@ -10,7 +10,7 @@
 namespace platform::xpc {
 
 SendQueue::Added SendQueue::add(OutgoingFrame frame) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (broken_ || socket_ < 0) return Added::Done;
   const bool first = entries_.empty();
   bytes_ += frame.bytes.size();
@@ -24,7 +24,7 @@ void SendQueue::flush() {
   for (;;) {
     std::function<void()> marker;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       while (writeSome()) continue;
       if (entries_.empty() || !entries_.front().marker) return;
       marker = std::move(entries_.front().marker);
@@ -73,7 +73,7 @@ void SendQueue::breakOff() {
 
 void SendQueue::afterWriting(std::function<void()> block) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!entries_.empty()) {
       entries_.push_back({{}, std::move(block)});
       return;
@@ -85,7 +85,7 @@ void SendQueue::afterWriting(std::function<void()> block) {
 void SendQueue::close() {
   std::deque<Entry> dropped;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     socket_ = -1;
     dropped.swap(entries_);
     bytes_ = 0;
@@ -96,12 +96,12 @@ void SendQueue::close() {
 }
 
 bool SendQueue::isEmpty() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return entries_.empty();
 }
 
 std::size_t SendQueue::bytes() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return bytes_;
 }
 
