@@ -140,6 +140,16 @@ DEFECTS = [
         "UserDefaultsFailures.*",
     ),
     Defect(
+        "file-named-before-its-bytes",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
+        "  FileHandle file = folder.write(temporary, bytes);\n  try {\n    folder.rename(temporary, name_);\n",
+        "  FileHandle file = folder.write(temporary, {});\n  try {\n    folder.rename(temporary, name_);\n"
+        "    const FileHandle late(::open(path_.c_str(), O_WRONLY | O_CLOEXEC));\n"
+        "    static_cast<void>(!::write(late.fileDescriptor(), bytes.data(), bytes.size()));\n",
+        "foundation_tests",
+        "UserDefaultsProcesses.ReadOnlyWholeFilesWhileAnotherWrites",
+    ),
+    Defect(
         "property-list-nested-without-bound",
         "src/platform/foundation/formats/PropertyListXMLReader.cpp",
         '      if (open_.size() == kPropertyListMaximumDepth) fail("nested too deeply");\n',

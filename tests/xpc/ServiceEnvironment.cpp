@@ -24,7 +24,7 @@ using platform::xpc::ConnectionError;
 using platform::xpc::Event;
 using platform::xpc::Value;
 
-constexpr std::chrono::seconds kLimit{60};
+constexpr std::chrono::milliseconds kLimit = kPatience;
 
 }  // namespace
 
