@@ -13,11 +13,11 @@ endfunction()
 
 # What most rooms include anyway. Called once, before the rooms.
 function(kestrine_precompiled)
+  add_library(kestrine_pch STATIC "${PROJECT_SOURCE_DIR}/cmake/Precompiled.cpp")
+  # A precompiled header is taken only where fmt's own macro stands as it did here; it means nothing to rooms without fmt.
+  target_compile_definitions(kestrine_compile INTERFACE $<TARGET_PROPERTY:fmt::fmt,INTERFACE_COMPILE_DEFINITIONS>)
+  target_link_libraries(kestrine_pch PRIVATE kestrine_compile)
   if(KESTRINE_TOGETHER)
-    add_library(kestrine_pch STATIC "${PROJECT_SOURCE_DIR}/cmake/Precompiled.cpp")
-    # A precompiled header is taken only where fmt's own macro stands as it did here; it means nothing to rooms without fmt.
-    target_compile_definitions(kestrine_compile INTERFACE $<TARGET_PROPERTY:fmt::fmt,INTERFACE_COMPILE_DEFINITIONS>)
-    target_link_libraries(kestrine_pch PRIVATE kestrine_compile)
     target_precompile_headers(kestrine_pch PRIVATE <algorithm> <array> <atomic> <chrono> <cstdint> <functional> <map> <memory> <mutex> <optional>
       <span> <string> <string_view> <system_error> <thread> <utility> <variant> <vector> <fmt/format.h>)
   endif()
@@ -39,7 +39,7 @@ function(kestrine_room name)
   add_library(${name} STATIC ${sources})
   target_link_libraries(${name} PUBLIC kestrine_compile ${ROOM_USES})
   kestrine_together(${name} ${ROOM_ALONE})
-  if(TARGET kestrine_pch)
+  if(KESTRINE_TOGETHER)
     target_precompile_headers(${name} REUSE_FROM kestrine_pch)
   endif()
 endfunction()
