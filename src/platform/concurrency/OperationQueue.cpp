@@ -22,7 +22,7 @@ thread_local OperationQueue* runningOperationQueue = nullptr;
 
 class BlockOperation final : public Operation {
  public:
-  explicit BlockOperation(std::function<void()> block) : block_(std::move(block)) {}
+  explicit BlockOperation(Block block) : block_(std::move(block)) {}
 
   void cancel() override { cancelled_ = true; }
   [[nodiscard]] bool isCancelled() const override { return cancelled_; }
@@ -35,14 +35,14 @@ class BlockOperation final : public Operation {
   /// Runs the block, unless cancelled, and lets go of what it captured. `failure`: what the log says before that which left it.
   void run(const std::string& failure) {
     stage_ = Stage::Executing;
-    if (block_ && !cancelled_) runContained(failure, block_);
+    if (!cancelled_) runContained(failure, [this] { block_(); });
     block_ = nullptr;
     stage_ = Stage::Finished;
   }
 
  private:
   enum class Stage { Waiting, Executing, Finished };
-  std::function<void()> block_;
+  Block block_;
   std::atomic<bool> queued_ = false;
   std::atomic<bool> cancelled_ = false;
   std::atomic<Stage> stage_ = Stage::Waiting;
@@ -63,7 +63,7 @@ class ListedQueue : public OperationQueue, public std::enable_shared_from_this<L
     enqueue(block);
   }
 
-  void addOperationWithBlock(std::function<void()> block) override {
+  void addOperationWithBlock(Block block) override {
     auto operation = std::make_shared<BlockOperation>(std::move(block));
     operation->queue();
     enqueue(std::move(operation));
@@ -247,9 +247,7 @@ class MainOperationQueue final : public ListedQueue {
 Operation::~Operation() = default;
 OperationQueue::~OperationQueue() = default;
 
-std::shared_ptr<Operation> Operation::blockOperationWithBlock(std::function<void()> block) {
-  return std::make_shared<BlockOperation>(std::move(block));
-}
+std::shared_ptr<Operation> Operation::blockOperationWithBlock(Block block) { return std::make_shared<BlockOperation>(std::move(block)); }
 
 std::shared_ptr<OperationQueue> OperationQueue::create(std::string name) { return std::make_shared<PoolOperationQueue>(std::move(name)); }
 
