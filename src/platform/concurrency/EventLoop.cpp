@@ -120,14 +120,14 @@ std::optional<EventLoop::Nanoseconds> EventLoop::timeToSleep(std::optional<TimeP
 }
 
 bool EventLoop::runNextBlock() {
-  Block block;
+  Performed next;
   {
     const MutexLock lock(mutex_);
     if (blocks_.empty()) return false;
-    block = std::move(blocks_.front());
+    next = std::move(blocks_.front());
     blocks_.pop_front();
   }
-  if (block.run) block.run();
+  next.block();
   return true;
 }
 
@@ -177,15 +177,15 @@ void EventLoop::stop() {
   wake();
 }
 
-void EventLoop::perform(std::function<void()> block) { enqueue({std::move(block), true}); }
+void EventLoop::perform(Block block) { enqueue({std::move(block), true}); }
 
-void EventLoop::performKept(std::function<void()> block) { enqueue({std::move(block), false}); }
+void EventLoop::performKept(Block block) { enqueue({std::move(block), false}); }
 
-void EventLoop::enqueue(Block block) {
+void EventLoop::enqueue(Performed performed) {
   {
     const MutexLock lock(mutex_);
     if (abandoned_) return;
-    blocks_.push_back(std::move(block));
+    blocks_.push_back(std::move(performed));
     if (!wakeUp_.claim()) return;
   }
   // Not with the lock held: the loop's thread would wake up only to wait for it.
@@ -193,9 +193,9 @@ void EventLoop::enqueue(Block block) {
 }
 
 void EventLoop::discardPerformed() {
-  std::deque<Block> discarded;
+  std::deque<Performed> discarded;
   const MutexLock lock(mutex_);
-  const auto kept = std::stable_partition(blocks_.begin(), blocks_.end(), [](const Block& block) { return !block.discardable; });
+  const auto kept = std::stable_partition(blocks_.begin(), blocks_.end(), [](const Performed& each) { return !each.discardable; });
   std::move(kept, blocks_.end(), std::back_inserter(discarded));
   blocks_.erase(kept, blocks_.end());
 }

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -39,13 +38,13 @@ class EventLoop final : public RunLoop, public RunLoopItemHost {
   bool runFor(double seconds) override EXCLUDES(mutex_);
   void stop() override EXCLUDES(mutex_);
   void add(const std::shared_ptr<RunLoopItem>& item) override EXCLUDES(mutex_);
-  void perform(std::function<void()> block) override EXCLUDES(mutex_);
+  void perform(Block block) override EXCLUDES(mutex_);
   void discardPerformed() override EXCLUDES(mutex_);
   [[nodiscard]] bool isRunning() const override EXCLUDES(mutex_);
   [[nodiscard]] bool isCurrent() const override;
 
   /// `perform` for a block that `discardPerformed` leaves alone.
-  void performKept(std::function<void()> block) EXCLUDES(mutex_);
+  void performKept(Block block) EXCLUDES(mutex_);
   /// The loop's thread has ended: lets go of everything, and from now on of everything at once.
   void abandon() EXCLUDES(mutex_);
 
@@ -64,8 +63,8 @@ class EventLoop final : public RunLoop, public RunLoopItemHost {
     std::atomic<bool> stopped = false;
   };
   class FrameScope;
-  struct Block {
-    std::function<void()> run;
+  struct Performed {
+    Block block;
     bool discardable = true;
   };
 
@@ -84,7 +83,7 @@ class EventLoop final : public RunLoop, public RunLoopItemHost {
   /// The one way from a loop to an item, which takes its own lock and calls out.
   void fire(const std::shared_ptr<RunLoopItemCore>& item, unsigned ready) EXCLUDES(mutex_);
   std::shared_ptr<RunLoopItemCore> find(ItemSerial item) const REQUIRES(mutex_);
-  void enqueue(Block block) EXCLUDES(mutex_);
+  void enqueue(Performed performed) EXCLUDES(mutex_);
   void wake() REQUIRES(mutex_);
   [[nodiscard]] bool nothingScheduled() const EXCLUDES(mutex_);
 
@@ -93,7 +92,7 @@ class EventLoop final : public RunLoop, public RunLoopItemHost {
 
   mutable Mutex mutex_;
   std::unordered_map<ItemSerial, std::shared_ptr<RunLoopItemCore>> items_ GUARDED_BY(mutex_);
-  std::deque<Block> blocks_ GUARDED_BY(mutex_);
+  std::deque<Performed> blocks_ GUARDED_BY(mutex_);
   std::deque<ItemSerial> signals_ GUARDED_BY(mutex_);
   TimerTable timers_ GUARDED_BY(mutex_);
   Frame* innermost_ GUARDED_BY(mutex_) = nullptr;

@@ -40,9 +40,9 @@ LabelledQueue::LabelledQueue(std::string label)
 
 bool LabelledQueue::isCurrent() const { return runningSerialQueue == this; }
 
-void LabelledQueue::run(const std::function<void()>& block) const {
+void LabelledQueue::run(Block& block) const {
   const auto* outer = std::exchange(runningSerialQueue, this);
-  runContained(block);
+  runContained([&block] { block(); });
   runningSerialQueue = outer;
 }
 

@@ -18,7 +18,7 @@ class LabelledQueue : public SerialQueue {
 
  protected:
   /// Runs a block as one of this queue's.
-  void run(const std::function<void()>& block) const;
+  void run(Block& block) const;
 
  private:
   void runContained(const std::function<void()>& block) const;

@@ -81,11 +81,9 @@ RunLoop& LoopThread::loop() const { return *server_->loop(); }
 
 const std::shared_ptr<RunLoop>& LoopThread::sharedLoop() const { return server_->loop(); }
 
-void LoopThread::perform(std::function<void()> block) const {
+void LoopThread::perform(Block block) const {
   // Contained here already: a failure that left the loop would skip whatever else it has to do in this turn.
-  loop().perform([server = server_, block = std::move(block)] {
-    if (block) runContained(server->failure(), block);
-  });
+  loop().perform([server = server_, block = std::move(block)]() mutable { runContained(server->failure(), [&block] { block(); }); });
 }
 
 }  // namespace platform

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
+#include "platform/concurrency/Block.h"
 #include "platform/concurrency/RunLoop.h"
 
 namespace platform {
@@ -33,7 +33,7 @@ class LoopThread {
   /// The same, for what outlives the thread: then the loop lets go of all that it is given.
   [[nodiscard]] const std::shared_ptr<RunLoop>& sharedLoop() const;
   /// Runs `block` on the thread; blocks run in the order given, and are destroyed there.
-  void perform(std::function<void()> block) const;
+  void perform(Block block) const;
 
  private:
   class Server;

@@ -11,8 +11,8 @@ namespace {
 class MainQueue final : public LabelledQueue {
  public:
   MainQueue() : LabelledQueue("main") {}
-  void async(std::function<void()> block) override {
-    mainEventLoop()->performKept([this, block = std::move(block)] { run(block); });
+  void async(Block block) override {
+    mainEventLoop()->performKept([this, block = std::move(block)]() mutable { run(block); });
   }
   void suspend() override {}
   void resume() override {}

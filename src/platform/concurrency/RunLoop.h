@@ -1,8 +1,8 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 
+#include "platform/concurrency/Block.h"
 #include "platform/concurrency/RunLoopDescriptor.h"
 #include "platform/concurrency/RunLoopItem.h"
 #include "platform/concurrency/RunLoopSource.h"
@@ -45,7 +45,7 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
   /// Schedules an item; an item may be on one loop only. Adding an invalid or an already scheduled item does nothing.
   virtual void add(const std::shared_ptr<RunLoopItem>& item) = 0;
   /// Runs `block` once on the loop.
-  virtual void perform(std::function<void()> block) = 0;
+  virtual void perform(Block block) = 0;
   /// Drops the blocks of `perform` that have not begun; those of the main queue stay. Only on the loop's own thread. For a caller that
   /// queued a block to learn whether the loop was run, and finds that it was not.
   virtual void discardPerformed() = 0;

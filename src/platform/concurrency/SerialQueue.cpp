@@ -18,7 +18,7 @@ class PoolQueue final : public LabelledQueue, public std::enable_shared_from_thi
  public:
   using LabelledQueue::LabelledQueue;
 
-  void async(std::function<void()> block) override EXCLUDES(mutex_) {
+  void async(Block block) override EXCLUDES(mutex_) {
     {
       const MutexLock lock(mutex_);
       blocks_.push_back(std::move(block));
@@ -56,7 +56,7 @@ class PoolQueue final : public LabelledQueue, public std::enable_shared_from_thi
 
   void drain() EXCLUDES(mutex_) {
     nameThisThread(label().empty() ? "queue" : label());
-    std::function<void()> block;
+    Block block;
     while (next(block)) {
       run(block);
       block = nullptr;
@@ -64,7 +64,7 @@ class PoolQueue final : public LabelledQueue, public std::enable_shared_from_thi
   }
 
   // False when the thread is to be given back.
-  bool next(std::function<void()>& block) EXCLUDES(mutex_) {
+  bool next(Block& block) EXCLUDES(mutex_) {
     const MutexLock lock(mutex_);
     if (suspensions_ > 0 || blocks_.empty()) {
       borrowed_ = false;
@@ -76,7 +76,7 @@ class PoolQueue final : public LabelledQueue, public std::enable_shared_from_thi
   }
 
   Mutex mutex_;
-  std::deque<std::function<void()>> blocks_ GUARDED_BY(mutex_);
+  std::deque<Block> blocks_ GUARDED_BY(mutex_);
   int suspensions_ GUARDED_BY(mutex_) = 0;
   bool borrowed_ GUARDED_BY(mutex_) = false;
 };

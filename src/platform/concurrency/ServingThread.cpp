@@ -17,7 +17,7 @@ constexpr std::chrono::seconds kPatienceAtTheEnd{5};
 
 ServingThread::ServingThread(std::string name, std::string failure) : thread_(std::move(name), std::move(failure)) {}
 
-void ServingThread::perform(std::function<void()> block) const { thread_.perform(std::move(block)); }
+void ServingThread::perform(Block block) const { thread_.perform(std::move(block)); }
 
 void ServingThread::park() const {
   if (loop().isCurrent()) return;

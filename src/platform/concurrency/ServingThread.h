@@ -1,8 +1,8 @@
 #pragma once
 
-#include <functional>
 #include <string>
 
+#include "platform/concurrency/Block.h"
 #include "platform/concurrency/LoopThread.h"
 
 namespace platform {
@@ -20,7 +20,7 @@ class ServingThread {
 
   [[nodiscard]] RunLoop& loop() const { return thread_.loop(); }
   /// Runs `block` on the thread; blocks run in the order given, and are destroyed there.
-  void perform(std::function<void()> block) const;
+  void perform(Block block) const;
   /// Halts the thread for ever after what it has to do now, and waits for that, but not for long. For the end of the process, before its
   /// libraries are taken down under the thread. Does nothing when the caller is the thread itself.
   void park() const;

@@ -81,10 +81,10 @@ std::size_t ThreadPool::threads() const {
   return threads_;
 }
 
-void runOnPoolThread(std::function<void()> block) {
-  ThreadPool::shared().run([block = std::move(block)] {
+void runOnPoolThread(Block block) {
+  ThreadPool::shared().run([block = std::move(block)]() mutable {
     nameThisThread("pool");
-    if (block) runContained("an exception left a block", block);
+    runContained("an exception left a block", [&block] { block(); });
   });
 }
 

@@ -2,8 +2,8 @@
 
 #include <cstddef>
 #include <deque>
-#include <functional>
 
+#include "platform/concurrency/Block.h"
 #include "platform/foundation/base/Mutex.h"
 
 namespace platform {
@@ -16,7 +16,7 @@ namespace platform {
 /// Threads: any thread may call anything.
 class ThreadPool {
  public:
-  using Job = std::function<void()>;
+  using Job = Block;
   static constexpr std::size_t kParkedAtMost = 4;
 
   static ThreadPool& shared();
