@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstring>
 #include <future>
 #include <stdexcept>
 #include <tuple>
