@@ -9,6 +9,8 @@
 
 namespace kestrine {
 
+class WatchKeeper;
+
 /// The folder-watching service, as an application uses it:
 ///
 ///     kestrine::FileWatcherClient watcher;
@@ -27,7 +29,8 @@ namespace kestrine {
 /// too, as long as a client wants its watch.
 ///
 /// Threads: any thread may call anything; `waitForFlag` runs the calling thread's run loop. The event handler is called on a thread of the
-/// client's own and must not destroy the client. Destroying it may wait for a request of that thread, up to ten seconds.
+/// client's own, which has all signals blocked, and must not destroy the client. Destroying it may wait for a request of that thread, up to
+/// ten seconds.
 class FileWatcherClient {
  public:
   /// What happened to the service since the watch was started.
@@ -55,12 +58,12 @@ class FileWatcherClient {
   /// Takes the flag if it is raised, without waiting. Throws as waitForFlag.
   bool takeFlag();
 
-  /// Set it before `startWatching`.
+  /// For the events from now on, so best set before `startWatching`; a call of the former one may still be under way. What leaves it, of
+  /// whatever type, is said in the log and ends there.
   void setEventHandler(std::function<void(const ServiceEvent&)> handler);
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
+  std::unique_ptr<WatchKeeper> keeper_;
 };
 
 }  // namespace kestrine

@@ -22,7 +22,7 @@ namespace {
 
 using platform::FSEventStream;
 
-constexpr Option kOptions[] = {
+constexpr Option kEventsOptions[] = {
     {"--latency", "S", "seconds to collect changes for, from the first one on; 0.1 if not given"},
     {"--since", "ID", "tell first what changed since this event identifier; 'now' if not given"},
     {"--no-file-events", "", "one event per folder in which something changed, not one per item"},
@@ -34,7 +34,7 @@ constexpr Option kOptions[] = {
     {"--json", "", "one JSON object per line instead of text for people"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kEventsExits[] = {
     {ExitCode::Ok, "ended by SIGINT or SIGTERM, or its reader has gone"},
     {ExitCode::Failed, "standard output could not be written"},
     {ExitCode::NotWatching, "the watch could not start; the message says why"},
@@ -166,7 +166,7 @@ class EventPrinter {
   FSEventStream stream_;
 };
 
-ExitCode run(const Arguments& arguments) { return EventPrinter(arguments).run(); }
+ExitCode runEvents(const Arguments& arguments) { return EventPrinter(arguments).run(); }
 
 }  // namespace
 
@@ -183,11 +183,11 @@ constinit const Command kEventsCommand{
         "\"path\"}, with \"path_hex\" instead of \"path\" where its bytes are not UTF-8. An event with MustScanSubDirs says that "
         "something\n"
         "below its path may have changed untold. On SIGINT and SIGTERM what is pending is printed first.",
-    .options = kOptions,
+    .options = kEventsOptions,
     .fewestOperands = 1,
     .mostOperands = std::numeric_limits<std::size_t>::max(),
-    .exits = kExits,
-    .run = run,
+    .exits = kEventsExits,
+    .run = runEvents,
 };
 
 }  // namespace kestrine

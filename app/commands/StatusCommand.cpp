@@ -15,11 +15,11 @@ namespace kestrine {
 
 namespace {
 
-constexpr Option kOptions[] = {
+constexpr Option kStatusOptions[] = {
     {"--json", "", "one JSON object instead of text for people"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kStatusExits[] = {
     {ExitCode::Ok, "the service runs and at least one watch stands"},
     {ExitCode::NotRunning, "the service is not running"},
     {ExitCode::NotWatching, "the service runs and no watch stands"},
@@ -49,7 +49,7 @@ ServiceStatus collect() {
   return status;
 }
 
-ExitCode run(const Arguments& arguments) {
+ExitCode runStatus(const Arguments& arguments) {
   const ServiceStatus status = collect();
   fmt::print("{}", arguments.has("--json") ? platform::jsonText(statusObject(status)) + "\n" : statusText(status));
   return codeOf(status);
@@ -62,11 +62,11 @@ constinit const Command kStatusCommand{
     .operands = "",
     .summary = "Tells whether the service runs, what it watches and whether the flag is raised.",
     .details = "Never starts the service and changes nothing.",
-    .options = kOptions,
+    .options = kStatusOptions,
     .fewestOperands = 0,
     .mostOperands = 0,
-    .exits = kExits,
-    .run = run,
+    .exits = kStatusExits,
+    .run = runStatus,
 };
 
 }  // namespace kestrine

@@ -7,12 +7,12 @@
 #include "contract/SharedPreferences.h"
 #include "contract/SyncFolder.h"
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/url/PercentEscapes.h"
 #include "watcher/CDEvent.h"
 #include "watcher/WatchStatus.h"
-#include "watcher/systemVersionIsAtLeast.h"
 
 namespace kestrine {
 
@@ -29,10 +29,10 @@ std::vector<platform::URL> listOfURL(const std::string& text) {
 
 }  // namespace
 
-platform::FSEventStreamCreateFlags watchCreationFlags() {
+platform::FSEventStreamCreateFlags watchCreationFlags(const std::function<bool(std::int32_t major, std::int32_t minor)>& isAtLeast) {
   platform::FSEventStreamCreateFlags flags = kCDEventsDefaultEventStreamFlags;
-  if (systemVersionIsAtLeast(10, 6)) flags |= platform::kFSEventStreamCreateFlagIgnoreSelf;
-  if (systemVersionIsAtLeast(10, 7)) flags |= platform::kFSEventStreamCreateFlagFileEvents;
+  if (isAtLeast(10, 6)) flags |= platform::kFSEventStreamCreateFlagIgnoreSelf;
+  if (isAtLeast(10, 7)) flags |= platform::kFSEventStreamCreateFlagFileEvents;
   return flags;
 }
 
@@ -68,12 +68,8 @@ void FileWatcherServiceXPC::initFileWatcher() {
 }
 
 void FileWatcherServiceXPC::report(const platform::Exception& failure) {
-  try {
-    logErrorMethod(failure);
-  } catch (const platform::Exception& exception) {
-    // A report that cannot be made is no reason for the service to end.
-    platform::NSLog(fmt::format("the failure could not be reported: {}: {}", exception.name(), exception.reason()));
-  }
+  // A report that cannot be made is no reason for the service to end.
+  platform::runContained("the failure could not be reported", [&] { logErrorMethod(failure); });
 }
 
 void FileWatcherServiceXPC::run() {

@@ -3,11 +3,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "platform/concurrency/SerialQueue.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/value/Object.h"
 #include "platform/xpc/connection/Connection.h"
 
@@ -103,10 +103,10 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   [[nodiscard]] platform::Object readNumber(const std::function<std::uint32_t(const platform::xpc::Connection&)>& read);
 
   const std::shared_ptr<platform::xpc::Connection> connection_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<platform::SerialQueue> dispatchQueue_;
-  EventHandler eventHandler_;
-  ErrorHandler errorHandler_;
+  mutable platform::Mutex mutex_;
+  std::shared_ptr<platform::SerialQueue> dispatchQueue_ GUARDED_BY(mutex_);
+  EventHandler eventHandler_ GUARDED_BY(mutex_);
+  ErrorHandler errorHandler_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kestrine

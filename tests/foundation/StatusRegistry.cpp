@@ -56,8 +56,11 @@ TEST(StatusRegistry, MovesARegistrationWithItsMeaning) {
 TEST(StatusRegistry, ShowsWhyAPartCouldNotBeDescribed) {
   StatusRegistry registry;
   const Registration bad = registry.add("s", []() -> Object { throw std::runtime_error("because"); });
+  const Registration worse = registry.add("s", []() -> Object { throw 5; });
   const Registration good = registry.add("s", saying("fine"));
-  EXPECT_EQ(registry.snapshot(), Object(Dictionary{{"s", Array{Dictionary{{"error", "because"}}, "fine"}}}));
+  const Dictionary ofBad{{"error", "because"}};
+  const Dictionary ofWorse{{"error", "an exception of an unknown type"}};
+  EXPECT_EQ(registry.snapshot(), Object(Dictionary{{"s", Array{ofBad, ofWorse, "fine"}}}));
 }
 
 TEST(StatusRegistry, WaitsForARunningFunctionBeforeARegistrationIsGone) {

@@ -8,6 +8,7 @@
 #include <array>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <set>
 
 #include "platform/xpc/launch/ServiceLauncher.h"
@@ -250,6 +251,54 @@ TEST(Launch, TellsThatTheFolderOfSocketsCannotBeUsed) {
   EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid);
   EXPECT_TRUE(contains(errorText(event), "the folder of service sockets, " + (environment / "run/xpc") + ", cannot be used"))
       << errorText(event);
+}
+
+TEST(Launch, TellsEveryErrorsKind) {
+  using Kind = platform::xpc::LaunchError::Kind;
+  struct Case {
+    Kind kind;
+    std::function<void(ServiceEnvironment&)> prepare;
+    std::string name = kName;
+  };
+  const auto install = [](const std::string& program) {
+    return [program](ServiceEnvironment& environment) { environment.install(kName, program); };
+  };
+  const auto leaveSocket = [](ServiceEnvironment& environment) {
+    environment.install(kName);
+    makeFolder(environment.socketFolder());
+    listenAt(environment.socketPath(kName));  // and closed again: nobody listens
+  };
+  const auto spoilFolder = [](ServiceEnvironment& environment) { writeFile(environment.socketFolder(), "a file in its place"); };
+  const std::vector<Case> table{{Kind::IllegalName, install(XPC_TEST_SERVICE), "a/b"},
+                                {Kind::NotInstalled, install(XPC_TEST_SERVICE), "No.Such.Service"},
+                                {Kind::BadInstallation, install("/nowhere/service")},
+                                {Kind::BadInstallation, install("service")},
+                                {Kind::BadInstallation, install("")},
+                                {Kind::ForeignSocket, leaveSocket},
+                                {Kind::NoFolder, spoilFolder}};
+  for (const Case& entry : table) {
+    ServiceEnvironment environment;
+    entry.prepare(environment);
+    const auto connected = platform::xpc::connectToService(entry.name);
+    ASSERT_FALSE(connected);
+    EXPECT_EQ(connected.error().kind, entry.kind) << connected.error().reason;
+  }
+}
+
+TEST(Launch, TellsThatNobodyIsTheServiceWithoutStartingIt) {
+  using Kind = platform::xpc::LaunchError::Kind;
+  ServiceEnvironment environment;
+  environment.install(kName);
+  EXPECT_EQ(platform::xpc::connectToRunningService(kName).error().kind, Kind::NoFolder) << "nobody has made it";
+  makeFolder(environment.socketFolder());
+  EXPECT_EQ(platform::xpc::connectToRunningService(kName).error(),
+            (platform::xpc::LaunchError{"the service Test.Service does not run", Kind::NotRunning}));
+  Client client(kName);
+  ASSERT_NO_THROW(messageOf(client.ask("pid")));
+  EXPECT_TRUE(platform::xpc::connectToRunningService(kName));
+  ASSERT_EQ(unlink(environment.socketPath(kName).c_str()), 0);
+  EXPECT_EQ(platform::xpc::connectToRunningService(kName).error().kind, Kind::NobodyListens);
+  EXPECT_EQ(environment.startedServices().size(), 1U);
 }
 
 TEST(Launch, LooksForDescriptionsInTheSharedFoldersToo) {

@@ -6,9 +6,12 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <sstream>
 #include <thread>
 
+#include "platform/xpc/launch/ServiceFolder.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
+#include "platform/xpc/launch/ServiceLocks.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/xpc/RawSocket.h"
@@ -27,6 +30,15 @@ std::int64_t pidFrom(const std::optional<platform::xpc::Event>& event) { return 
 bool exists(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0;
+}
+
+/// Whether somebody listens on the socket at `path`, by the flags that /proc/net/unix shows (__SO_ACCEPTCON).
+bool isListening(const std::string& path) {
+  std::istringstream sockets(readFile("/proc/net/unix"));
+  for (std::string line; std::getline(sockets, line);) {
+    if (line.ends_with(" " + path)) return contains(line, " 00010000 ");
+  }
+  return false;
 }
 
 /// Waits for a child's end and returns its status as a shell tells it.
@@ -80,6 +92,21 @@ TEST(Lifetime, TellsPeersOfTheTerminationRemovesTheSocketAndEndsWithStatusZero) 
   EXPECT_FALSE(exists(environment.socketPath(kTestService)));
   EXPECT_FALSE(runningService(kTestService).isAlive);
   EXPECT_NE(pidFrom(client.ask("pid")), pid);
+}
+
+TEST(Lifetime, EndsAlsoWhenSomebodyKeepsTheLaunchLock) {
+  ServiceEnvironment environment;
+  environment.install(kTestService);
+  Client client(kTestService);
+  const auto pid = static_cast<int>(pidFrom(client.ask("pid")));
+  const auto folder = platform::xpc::ServiceFolder::open(false);
+  ASSERT_TRUE(folder);
+  const auto lock = platform::xpc::takeLaunchLock(*folder, kTestService, 60s);
+  ASSERT_TRUE(lock);
+  ASSERT_EQ(kill(pid, SIGTERM), 0);
+  EXPECT_EQ(reap(pid), 0);
+  EXPECT_EQ(environment.countInRecord("termination imminent"), 1);
+  EXPECT_TRUE(exists(environment.socketPath(kTestService))) << "nobody may remove it without the lock";
 }
 
 TEST(Lifetime, TellsTheServiceWhenAClientIsGone) {
@@ -182,7 +209,8 @@ TEST(Lifetime, IsStartedBySystemdsOwnSocketActivation) {
   }
   arguments.emplace_back(XPC_TEST_SERVICE);
   Process activator(arguments);
-  ASSERT_TRUE(eventually([&] { return exists(environment.socketPath(kTestService)); }, 60s));
+  // Not only bound: whoever calls before it listens finds a socket that nobody is behind.
+  ASSERT_TRUE(eventually([&] { return isListening(environment.socketPath(kTestService)); }, 60s));
   EXPECT_TRUE(environment.startedServices().empty());
   Client client(kTestService);
   // It becomes the service when somebody connects.
@@ -265,6 +293,7 @@ TEST(Lifetime, KeepsServingWhenAHandlerThrowsAndWhenAPeerMisbehaves) {
   Client client(kTestService);
   const auto pid = pidFrom(client.ask("pid"));
   client.connection->send(command("throw"));
+  ASSERT_NO_THROW(messageOf(client.ask("throw on main loop")));
   const FileHandle hostile = connectTo(environment.socketPath(kTestService));
   ASSERT_TRUE(sendBytes(hostile, "garbage garbage"));
   EXPECT_TRUE(isClosed(hostile));

@@ -1,12 +1,11 @@
 #include "platform/concurrency/LoopThread.h"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <exception>
 #include <future>
 #include <utility>
 
+#include "platform/concurrency/ThreadName.h"
 #include "platform/foundation/base/AllSignalsBlocked.h"
 #include "platform/foundation/log/Contained.h"
 
@@ -19,7 +18,7 @@ class LoopThread::Server : public std::enable_shared_from_this<Server> {
 
   /// Tells through `started` that the loop is there, or why it cannot be, and serves it until `end`.
   void serve(std::promise<void> started) {
-    pthread_setname_np(pthread_self(), name_.substr(0, 15).c_str());
+    nameThisThread(name_);
     // Keeps the loop running while nothing else is scheduled; costs nothing.
     std::shared_ptr<RunLoopSource> anchor;
     try {

@@ -2,16 +2,14 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <deque>
-#include <exception>
 #include <list>
-#include <mutex>
 #include <utility>
 
 #include "platform/concurrency/SerialQueue.h"
 #include "platform/foundation/base/Exception.h"
-#include "platform/foundation/log/Log.h"
+#include "platform/foundation/base/Mutex.h"
+#include "platform/foundation/log/Contained.h"
 
 namespace platform {
 
@@ -19,7 +17,8 @@ namespace {
 
 constexpr int kLentAtMost = 64;
 
-thread_local OperationQueue* runningQueue = nullptr;
+/// The queue whose operation the calling thread is running.
+thread_local OperationQueue* runningOperationQueue = nullptr;
 
 class BlockOperation final : public Operation {
  public:
@@ -33,21 +32,10 @@ class BlockOperation final : public Operation {
   /// Whether it was not queued before.
   bool queue() { return !queued_.exchange(true); }
 
-  /// Runs the block, unless cancelled, and lets go of what it captured.
-  void run(const std::string& queueName) {
+  /// Runs the block, unless cancelled, and lets go of what it captured. `failure`: what the log says before that which left it.
+  void run(const std::string& failure) {
     stage_ = Stage::Executing;
-    const auto say = [&queueName](const std::string& what) {
-      NSLog("an exception left an operation" + (queueName.empty() ? std::string() : " of the queue \"" + queueName + "\"") + ": " + what);
-    };
-    try {
-      if (block_ && !cancelled_) block_();
-    } catch (const Exception& exception) {
-      say(exception.name() + ": " + exception.reason());
-    } catch (const std::exception& exception) {
-      say(exception.what());
-    } catch (...) {
-      say("of an unknown type");
-    }
+    if (block_ && !cancelled_) runContained(failure, block_);
     block_ = nullptr;
     stage_ = Stage::Finished;
   }
@@ -63,7 +51,9 @@ class BlockOperation final : public Operation {
 /// What both kinds of queue share: the lists of operations.
 class ListedQueue : public OperationQueue, public std::enable_shared_from_this<ListedQueue> {
  public:
-  explicit ListedQueue(std::string name) : name_(std::move(name)) {}
+  explicit ListedQueue(std::string name)
+      : name_(std::move(name)),
+        failure_("an exception left an operation" + (name_.empty() ? std::string() : " of the queue \"" + name_ + "\"")) {}
 
   void addOperation(const std::shared_ptr<Operation>& operation) override {
     const auto block = std::dynamic_pointer_cast<BlockOperation>(operation);
@@ -80,14 +70,14 @@ class ListedQueue : public OperationQueue, public std::enable_shared_from_this<L
   }
 
   [[nodiscard]] std::vector<std::shared_ptr<Operation>> operations() const override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     std::vector<std::shared_ptr<Operation>> all(executing_.begin(), executing_.end());
     all.insert(all.end(), waiting_.begin(), waiting_.end());
     return all;
   }
 
   [[nodiscard]] std::size_t operationCount() const override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return executing_.size() + waiting_.size();
   }
 
@@ -96,8 +86,8 @@ class ListedQueue : public OperationQueue, public std::enable_shared_from_this<L
   }
 
   void waitUntilAllOperationsAreFinished() override {
-    std::unique_lock lock(mutex_);
-    idle_.wait(lock, [this] { return executing_.empty() && waiting_.empty(); });
+    MutexLock lock(mutex_);
+    while (!executing_.empty() || !waiting_.empty()) idle_.wait(lock);
   }
 
   [[nodiscard]] const std::string& name() const override { return name_; }
@@ -108,30 +98,31 @@ class ListedQueue : public OperationQueue, public std::enable_shared_from_this<L
 
   virtual void enqueue(std::shared_ptr<BlockOperation> operation) = 0;
 
-  /// With the lock held: moves a waiting operation to the executing ones.
-  Executing::iterator begin(Waiting::iterator operation) {
+  /// Moves a waiting operation to the executing ones.
+  Executing::iterator begin(Waiting::iterator operation) REQUIRES(mutex_) {
     executing_.push_back(std::move(*operation));
     waiting_.erase(operation);
     return std::prev(executing_.end());
   }
-  /// With the lock held.
-  void end(Executing::iterator operation) {
+  void end(Executing::iterator operation) REQUIRES(mutex_) {
     executing_.erase(operation);
-    if (executing_.empty() && waiting_.empty()) idle_.notify_all();
+    if (executing_.empty() && waiting_.empty()) idle_.notifyAll();
   }
-  void run(BlockOperation& operation) {
-    auto* const outer = std::exchange(runningQueue, this);
-    operation.run(name_);
-    runningQueue = outer;
+  void run(BlockOperation& operation) EXCLUDES(mutex_) {
+    auto* const outer = std::exchange(runningOperationQueue, this);
+    operation.run(failure_);
+    runningOperationQueue = outer;
   }
 
-  mutable std::mutex mutex_;
-  Waiting waiting_;
-  Executing executing_;
+  mutable Mutex mutex_;
+  Waiting waiting_ GUARDED_BY(mutex_);
+  Executing executing_ GUARDED_BY(mutex_);
 
  private:
   const std::string name_;
-  std::condition_variable idle_;
+  /// For the log.
+  const std::string failure_;
+  Condition idle_;
 };
 
 class PoolOperationQueue final : public ListedQueue {
@@ -139,7 +130,7 @@ class PoolOperationQueue final : public ListedQueue {
   using ListedQueue::ListedQueue;
 
   [[nodiscard]] int maxConcurrentOperationCount() const override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return maximum_;
   }
 
@@ -147,50 +138,64 @@ class PoolOperationQueue final : public ListedQueue {
     if (count < 1 && count != kDefaultMaxConcurrentOperationCount) {
       throw Exception(NSInvalidArgumentException, "a queue cannot run " + std::to_string(count) + " operations at a time");
     }
-    change([this, count] { maximum_ = count; });
+    std::size_t wanted = 0;
+    {
+      const MutexLock lock(mutex_);
+      maximum_ = count;
+      wanted = claimThreads();
+    }
+    borrowThreads(wanted);
   }
 
   [[nodiscard]] bool isSuspended() const override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return suspended_;
   }
 
   void setSuspended(bool suspended) override {
-    change([this, suspended] { suspended_ = suspended; });
+    std::size_t wanted = 0;
+    {
+      const MutexLock lock(mutex_);
+      suspended_ = suspended;
+      wanted = claimThreads();
+    }
+    borrowThreads(wanted);
   }
 
  private:
   void enqueue(std::shared_ptr<BlockOperation> operation) override {
-    change([this, &operation] { waiting_.push_back(std::move(operation)); });
-  }
-
-  /// Makes a change and then borrows as many threads as it gives work to.
-  template <class Change>
-  void change(Change make) {
     std::size_t wanted = 0;
     {
-      const std::lock_guard lock(mutex_);
-      make();
-      if (!suspended_) {
-        const auto room = limit() > borrowed_ ? limit() - borrowed_ : 0;
-        // A thread that was borrowed and has not begun yet will take one of the waiting ones.
-        const auto unclaimed = borrowed_ - executing_.size();
-        wanted = std::min(room, waiting_.size() > unclaimed ? waiting_.size() - unclaimed : 0);
-        borrowed_ += wanted;
-      }
+      const MutexLock lock(mutex_);
+      waiting_.push_back(std::move(operation));
+      wanted = claimThreads();
     }
-    auto self = shared_from_this();
+    borrowThreads(wanted);
+  }
+
+  /// How many threads there is work for beyond those that come anyway; the caller borrows them.
+  std::size_t claimThreads() REQUIRES(mutex_) {
+    if (suspended_) return 0;
+    const auto room = limit() > borrowed_ ? limit() - borrowed_ : 0;
+    // A thread that was borrowed and has not begun yet will take one of the waiting ones.
+    const auto unclaimed = borrowed_ - executing_.size();
+    const auto wanted = std::min(room, waiting_.size() > unclaimed ? waiting_.size() - unclaimed : 0);
+    borrowed_ += wanted;
+    return wanted;
+  }
+
+  void borrowThreads(std::size_t wanted) EXCLUDES(mutex_) {
     for (; wanted > 0; --wanted) {
-      runOnPoolThread([self] { static_cast<PoolOperationQueue&>(*self).drain(); });
+      runOnPoolThread([self = shared_from_this()] { static_cast<PoolOperationQueue&>(*self).drain(); });
     }
   }
 
-  [[nodiscard]] std::size_t limit() const {
+  [[nodiscard]] std::size_t limit() const REQUIRES(mutex_) {
     return static_cast<std::size_t>(maximum_ == kDefaultMaxConcurrentOperationCount ? kLentAtMost : maximum_);
   }
 
-  void drain() {
-    std::unique_lock lock(mutex_);
+  void drain() EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     while (!waiting_.empty() && !suspended_ && borrowed_ <= limit()) {
       const auto operation = begin(waiting_.begin());
       lock.unlock();
@@ -201,10 +206,10 @@ class PoolOperationQueue final : public ListedQueue {
     --borrowed_;
   }
 
-  int maximum_ = kDefaultMaxConcurrentOperationCount;
-  bool suspended_ = false;
+  int maximum_ GUARDED_BY(mutex_) = kDefaultMaxConcurrentOperationCount;
+  bool suspended_ GUARDED_BY(mutex_) = false;
   /// Threads on their way or at work here; at least as many as there are executing operations.
-  std::size_t borrowed_ = 0;
+  std::size_t borrowed_ GUARDED_BY(mutex_) = 0;
 };
 
 /// Each operation is a block of the main queue, so that it keeps its place among the others there.
@@ -219,7 +224,7 @@ class MainOperationQueue final : public ListedQueue {
  private:
   void enqueue(std::shared_ptr<BlockOperation> operation) override {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       waiting_.push_back(operation);
     }
     // Not with the lock held: the main thread would wake up only to wait for it. Another thread's operation may come to the main queue
@@ -228,7 +233,7 @@ class MainOperationQueue final : public ListedQueue {
   }
 
   void runOne(const std::shared_ptr<BlockOperation>& operation) {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     const auto begun = begin(std::find(waiting_.begin(), waiting_.end(), operation));
     lock.unlock();
     run(*operation);
@@ -254,7 +259,7 @@ std::shared_ptr<OperationQueue> OperationQueue::mainQueue() {
 }
 
 std::shared_ptr<OperationQueue> OperationQueue::currentQueue() {
-  return runningQueue == nullptr ? nullptr : static_cast<ListedQueue*>(runningQueue)->shared_from_this();
+  return runningOperationQueue == nullptr ? nullptr : static_cast<ListedQueue*>(runningOperationQueue)->shared_from_this();
 }
 
 }  // namespace platform

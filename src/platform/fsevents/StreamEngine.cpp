@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <set>
 #include <utility>
 
+#include "platform/foundation/base/AllSignalsBlocked.h"
 #include "platform/fsevents/KernelLimits.h"
 #include "platform/fsevents/PathOpener.h"
 #include "platform/fsevents/WatchedPath.h"
@@ -43,13 +43,10 @@ StreamEngine::~StreamEngine() { stop(); }
 
 bool StreamEngine::start() {
   clock_ = std::make_unique<EventClock::Member>([this] { refreshClock(); });
-  sigset_t all;
-  sigset_t before;
-  ::sigfillset(&all);
-  // The process's signals are for its other threads.
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
-  thread_ = std::thread([this] { run(); });
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  {
+    const AllSignalsBlocked blocked;
+    thread_ = std::thread([this] { run(); });
+  }
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return standing_.has_value(); });
   return *standing_;

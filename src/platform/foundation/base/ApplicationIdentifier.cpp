@@ -1,35 +1,27 @@
 #include "platform/foundation/base/ApplicationIdentifier.h"
 
 #include <cerrno>
-#include <mutex>
 #include <utility>
+
+#include "platform/foundation/base/Mutex.h"
 
 namespace platform {
 
 namespace {
 
-struct Identifier {
-  std::mutex mutex;
-  std::string text = program_invocation_short_name;
-};
-
-Identifier& identifierInForce() {
-  static Identifier& identifier = *new Identifier();
+Guarded<std::string>& identifierInForce() {
+  static Guarded<std::string>& identifier = *new Guarded<std::string>(program_invocation_short_name);
   return identifier;
 }
 
 }  // namespace
 
 void setApplicationIdentifier(std::string identifier) {
-  Identifier& inForce = identifierInForce();
-  const std::lock_guard lock(inForce.mutex);
-  inForce.text = std::move(identifier);
+  identifierInForce().with([&](std::string& inForce) { inForce = std::move(identifier); });
 }
 
 std::string applicationIdentifier() {
-  Identifier& inForce = identifierInForce();
-  const std::lock_guard lock(inForce.mutex);
-  return inForce.text;
+  return identifierInForce().with([](const std::string& inForce) { return inForce; });
 }
 
 }  // namespace platform

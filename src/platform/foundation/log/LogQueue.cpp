@@ -7,7 +7,7 @@ namespace platform {
 
 void LogQueue::push(LogLine line) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ++pushed_;
     if (next_.lines.size() >= kMostLines || bytes_ + line.text.size() > kMostBytes) {
       ++next_.dropped;
@@ -16,21 +16,21 @@ void LogQueue::push(LogLine line) {
       next_.lines.push_back(std::move(line));
     }
   }
-  hasWork_.notify_one();
+  hasWork_.notifyOne();
 }
 
 void LogQueue::setDestination(const LogDestination& destination) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ++pushed_;
     next_.destination = destination;
   }
-  hasWork_.notify_one();
+  hasWork_.notifyOne();
 }
 
 LogQueue::Batch LogQueue::take() {
-  std::unique_lock lock(mutex_);
-  hasWork_.wait(lock, [this] { return taken_ != pushed_; });
+  MutexLock lock(mutex_);
+  while (taken_ == pushed_) hasWork_.wait(lock);
   taken_ = pushed_;
   bytes_ = 0;
   return std::exchange(next_, {});
@@ -38,19 +38,21 @@ LogQueue::Batch LogQueue::take() {
 
 void LogQueue::done() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     written_ = taken_;
   }
-  hasWritten_.notify_all();
+  hasWritten_.notifyAll();
 }
 
 void LogQueue::waitUntilWritten(std::optional<int> limit) {
-  std::unique_lock lock(mutex_);
-  const auto isWritten = [this, target = pushed_] { return written_ >= target; };
-  if (limit) {
-    hasWritten_.wait_for(lock, std::chrono::seconds(*limit), isWritten);
-  } else {
-    hasWritten_.wait(lock, isWritten);
+  MutexLock lock(mutex_);
+  const std::uint64_t target = pushed_;
+  if (!limit) {
+    while (written_ < target) hasWritten_.wait(lock);
+    return;
+  }
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(*limit);
+  while (written_ < target && hasWritten_.waitUntil(lock, end)) {
   }
 }
 

@@ -2,14 +2,13 @@
 
 #include <sys/types.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <ctime>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Log.h"
 
 namespace platform {
@@ -37,26 +36,26 @@ class LogQueue {
   };
 
   /// Never waits for the writer.
-  void push(LogLine line);
-  void setDestination(const LogDestination& destination);
+  void push(LogLine line) EXCLUDES(mutex_);
+  void setDestination(const LogDestination& destination) EXCLUDES(mutex_);
 
   /// Waits until there is something to do.
-  Batch take();
+  Batch take() EXCLUDES(mutex_);
   /// Tells that the last batch has been written.
-  void done();
+  void done() EXCLUDES(mutex_);
   /// Waits until everything pushed or dropped before the call has been written or said; for at most `limit` seconds when it is given.
-  void waitUntilWritten(std::optional<int> limit);
+  void waitUntilWritten(std::optional<int> limit) EXCLUDES(mutex_);
 
  private:
-  std::mutex mutex_;
-  std::condition_variable hasWork_;
-  std::condition_variable hasWritten_;
-  Batch next_;
-  std::size_t bytes_ = 0;
+  Mutex mutex_;
+  Condition hasWork_;
+  Condition hasWritten_;
+  Batch next_ GUARDED_BY(mutex_);
+  std::size_t bytes_ GUARDED_BY(mutex_) = 0;
   /// Every push has a number, kept or dropped, and so has every batch the number of its last push.
-  std::uint64_t pushed_ = 0;
-  std::uint64_t taken_ = 0;
-  std::uint64_t written_ = 0;
+  std::uint64_t pushed_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t taken_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t written_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace platform

@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "platform/foundation/base/DescriptorIO.h"
+
 namespace platform {
 
 namespace {
@@ -73,13 +75,7 @@ int FileSink::write(std::string_view line) {
   if (S_ISREG(status.st_mode) && status.st_size > 0 && static_cast<std::size_t>(status.st_size) + line.size() > limit_) {
     if (const int error = beginAnew(); error != 0) return error;
   }
-  while (!line.empty()) {
-    const ssize_t written = ::write(handle_.fileDescriptor(), line.data(), line.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    line.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
+  return writeAll(handle_.fileDescriptor(), line);
 }
 
 }  // namespace platform

@@ -5,12 +5,15 @@
 #include <sys/syslog.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <ctime>
 #include <thread>
 
+#include "platform/foundation/base/AllSignalsBlocked.h"
 #include "platform/foundation/base/ApplicationIdentifier.h"
+#include "platform/foundation/base/SystemError.h"
 
 namespace platform {
 
@@ -38,23 +41,6 @@ LogLine lineOfNow(std::string_view text) {
   return line;
 }
 
-/// While it lives, threads that are started have all signals blocked: handlers belong to the process's own threads, and a closed standard
-/// error gives the writer an error instead of SIGPIPE.
-class AllSignalsBlocked {
- public:
-  AllSignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former_);
-  }
-  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
- private:
-  sigset_t former_{};
-};
-
 }  // namespace
 
 LogWriter& LogWriter::shared() {
@@ -67,6 +53,7 @@ void LogWriter::startOnce() {
     tzset();  // here, so that the writer never reads the environment, which others may be changing
     pthread_atfork(nullptr, nullptr, [] { isForkedChild = true; });
     std::atexit([] { shared().flush(kPatienceAtExitInSeconds); });
+    // Among them SIGPIPE: a closed standard error gives the writer an error.
     const AllSignalsBlocked blocked;
     std::thread([this] { run(); }).detach();
   });
@@ -94,6 +81,7 @@ void LogWriter::flush(std::optional<int> limit) {
 
 void LogWriter::run() {
   pthread_setname_np(pthread_self(), "log");
+  beWritingThread();
   for (;;) {
     write(queue_.take());
     queue_.done();
@@ -130,12 +118,7 @@ void LogWriter::writeStandardError(std::string_view text) {
 void LogWriter::reportFileError(int error) {
   const bool isNew = error != 0 && error != fileError_;
   fileError_ = error;
-  if (isNew)
-    writeStandardError(formatLine(lineOfNow(fmt::format("the log file {} cannot be written: {}", fileName_, std::strerror(error)))));
+  if (isNew) writeStandardError(formatLine(lineOfNow(fmt::format("the log file {} cannot be written: {}", fileName_, errnoText(error)))));
 }
-
-void NSLog(std::string_view text) { LogWriter::shared().log(text); }
-void setLogDestination(const LogDestination& destination) { LogWriter::shared().setDestination(destination); }
-void flushLog() { LogWriter::shared().flush(std::nullopt); }
 
 }  // namespace platform

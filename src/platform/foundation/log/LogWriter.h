@@ -1,9 +1,12 @@
 #pragma once
 
-#include <atomic>
+#include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/LogQueue.h"
 #include "platform/foundation/log/LogSinks.h"
 
@@ -23,21 +26,23 @@ class LogWriter {
   LogWriter() = default;
   void startOnce();
   void run();
-  void write(const LogQueue::Batch& batch);
-  void writeLine(const LogLine& line);
-  void writeStandardError(std::string_view text);
-  void reportFileError(int error);
+  void beWritingThread() const ASSERT_CAPABILITY(writing_) {}
+  void write(const LogQueue::Batch& batch) REQUIRES(writing_);
+  void writeLine(const LogLine& line) REQUIRES(writing_);
+  void writeStandardError(std::string_view text) REQUIRES(writing_);
+  void reportFileError(int error) REQUIRES(writing_);
 
   LogQueue queue_;
   std::once_flag started_;
 
-  // The writing thread's own.
-  DescriptorSink standardError_{2};
-  std::uint64_t lostOnStandardError_ = 0;
-  FileSink file_{{}, 0};
-  std::string fileName_;
-  bool syslog_ = false;
-  int fileError_ = 0;
+  /// What only the writing thread touches.
+  ThreadRole writing_;
+  DescriptorSink standardError_ GUARDED_BY(writing_){2};
+  std::uint64_t lostOnStandardError_ GUARDED_BY(writing_) = 0;
+  FileSink file_ GUARDED_BY(writing_){{}, 0};
+  std::string fileName_ GUARDED_BY(writing_);
+  bool syslog_ GUARDED_BY(writing_) = false;
+  int fileError_ GUARDED_BY(writing_) = 0;
 };
 
 }  // namespace platform

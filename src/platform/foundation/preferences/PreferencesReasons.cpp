@@ -11,14 +11,14 @@ PreferencesReasons& PreferencesReasons::shared() {
 
 void PreferencesReasons::failed(const std::string& path, Operation operation, const std::string& reason) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!said_[{path, operation}].insert(reason).second) return;
   }
   NSLog("The preferences " + path + (operation == Operation::Read ? " cannot be read: " : " cannot be written: ") + reason);
 }
 
 void PreferencesReasons::succeeded(const std::string& path, Operation operation) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!said_.empty()) said_.erase({path, operation});
 }
 

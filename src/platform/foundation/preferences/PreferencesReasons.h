@@ -1,9 +1,11 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
+#include <utility>
+
+#include "platform/foundation/base/Mutex.h"
 
 namespace platform {
 
@@ -14,12 +16,12 @@ class PreferencesReasons {
 
   static PreferencesReasons& shared();
 
-  void failed(const std::string& path, Operation operation, const std::string& reason);
-  void succeeded(const std::string& path, Operation operation);
+  void failed(const std::string& path, Operation operation, const std::string& reason) EXCLUDES(mutex_);
+  void succeeded(const std::string& path, Operation operation) EXCLUDES(mutex_);
 
  private:
-  std::mutex mutex_;
-  std::map<std::pair<std::string, Operation>, std::set<std::string>> said_;
+  Mutex mutex_;
+  std::map<std::pair<std::string, Operation>, std::set<std::string>> said_ GUARDED_BY(mutex_);
 };
 
 }  // namespace platform

@@ -26,12 +26,12 @@ PreferencesWrites::Record& PreferencesWrites::touch(dev_t folderDevice, ino_t fo
 
 bool PreferencesWrites::hasName(std::string_view name) {
   if (!used_.load(std::memory_order_acquire)) return false;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return names_.contains(name);
 }
 
 void PreferencesWrites::recordOwnName(dev_t folderDevice, ino_t folderInode, std::string_view name) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   touch(folderDevice, folderInode, name).own = true;
 }
 
@@ -40,21 +40,21 @@ void PreferencesWrites::Record::forgetExpired(Clock::time_point now) {
 }
 
 void PreferencesWrites::expectEvent(dev_t folderDevice, ino_t folderInode, std::string_view name, Clock::time_point now) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   Record& record = touch(folderDevice, folderInode, name);
   record.expected.push_back(now);
   record.forgetExpired(now);
 }
 
 void PreferencesWrites::cancelEvent(dev_t folderDevice, ino_t folderInode, std::string_view name) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = records_.find(Key(folderDevice, folderInode, name));
   if (found != records_.end() && !found->second.expected.empty()) found->second.expected.pop_back();
 }
 
 bool PreferencesWrites::isOwnWrite(dev_t folderDevice, ino_t folderInode, std::string_view name, Clock::time_point now) {
   if (!used_.load(std::memory_order_acquire)) return false;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = records_.find(Key(folderDevice, folderInode, name));
   if (found == records_.end()) return false;
   Record& record = found->second;

@@ -8,11 +8,12 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
 #include <tuple>
+
+#include "platform/foundation/base/Mutex.h"
 
 namespace platform {
 
@@ -35,18 +36,18 @@ class PreferencesWrites {
   static PreferencesWrites& shared();
 
   /// Every event of `name` in the folder is this process's own.
-  void recordOwnName(dev_t folderDevice, ino_t folderInode, std::string_view name);
+  void recordOwnName(dev_t folderDevice, ino_t folderInode, std::string_view name) EXCLUDES(mutex_);
   /// One event of `name` in the folder is about to be caused.
-  void expectEvent(dev_t folderDevice, ino_t folderInode, std::string_view name, Clock::time_point now = Clock::now());
+  void expectEvent(dev_t folderDevice, ino_t folderInode, std::string_view name, Clock::time_point now = Clock::now()) EXCLUDES(mutex_);
   /// The expected event will not come.
-  void cancelEvent(dev_t folderDevice, ino_t folderInode, std::string_view name);
+  void cancelEvent(dev_t folderDevice, ino_t folderInode, std::string_view name) EXCLUDES(mutex_);
 
   /// Whether an event of `name` in the folder is this process's own; an expected one is used up by the answer. Costs one atomic load while
   /// nothing was ever recorded.
-  bool isOwnWrite(dev_t folderDevice, ino_t folderInode, std::string_view name, Clock::time_point now = Clock::now());
+  bool isOwnWrite(dev_t folderDevice, ino_t folderInode, std::string_view name, Clock::time_point now = Clock::now()) EXCLUDES(mutex_);
 
   /// Whether a name of any folder is recorded: cheaper than finding out which folder an event is about.
-  bool hasName(std::string_view name);
+  bool hasName(std::string_view name) EXCLUDES(mutex_);
 
   PreferencesWrites() = default;
   PreferencesWrites(const PreferencesWrites&) = delete;
@@ -64,14 +65,14 @@ class PreferencesWrites {
     void forgetExpired(Clock::time_point now);
   };
 
-  Record& touch(dev_t folderDevice, ino_t folderInode, std::string_view name);
+  Record& touch(dev_t folderDevice, ino_t folderInode, std::string_view name) REQUIRES(mutex_);
 
   std::atomic<bool> used_ = false;
-  std::mutex mutex_;
-  std::map<Key, Record> records_;
-  std::map<std::uint64_t, Key> byAge_;
-  std::multiset<std::string, std::less<>> names_;
-  std::uint64_t touches_ = 0;
+  Mutex mutex_;
+  std::map<Key, Record> records_ GUARDED_BY(mutex_);
+  std::map<std::uint64_t, Key> byAge_ GUARDED_BY(mutex_);
+  std::multiset<std::string, std::less<>> names_ GUARDED_BY(mutex_);
+  std::uint64_t touches_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace platform

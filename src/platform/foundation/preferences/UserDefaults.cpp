@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <map>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
 #include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/PreferencesFile.h"
@@ -37,6 +37,14 @@ Object merged(const Object& values, const Changes& changes) {
   return result;
 }
 
+/// Puts the changes in, which must stay until it is called, unless they are there.
+PreferencesFile::Change putIn(const Changes& changes) {
+  return [&changes](const Object& values) -> std::optional<Object> {
+    if (holds(values, changes)) return std::nullopt;
+    return merged(values, changes);
+  };
+}
+
 }  // namespace
 
 class UserDefaults::Impl {
@@ -45,26 +53,23 @@ class UserDefaults::Impl {
 
   [[nodiscard]] const std::string& folder() const { return folder_; }
 
-  Object value(std::string_view key) {
-    const std::lock_guard lock(mutex_);
+  Object value(std::string_view key) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     if (const auto change = changes_.find(key); change != changes_.end()) return change->second;
     refresh();
     return onDisk_.values.objectForKey(key);
   }
 
-  void remember(Object value, std::string_view key) {
-    const std::lock_guard lock(mutex_);
+  void remember(Object value, std::string_view key) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     changes_.insert_or_assign(std::string(key), std::move(value));
   }
 
-  bool synchronize() {
-    const std::lock_guard lock(mutex_);
+  bool synchronize() EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     if (changes_.empty()) return refresh();
     if (!isFresh() || !holds(onDisk_.values, changes_)) {
-      auto after = file_.update([this](const Object& values) -> std::optional<Object> {
-        if (holds(values, changes_)) return std::nullopt;
-        return merged(values, changes_);
-      });
+      auto after = file_.update(putIn(changes_));
       if (!after) return false;
       onDisk_ = std::move(*after);
     }
@@ -72,8 +77,8 @@ class UserDefaults::Impl {
     return true;
   }
 
-  Object exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed) {
-    const std::lock_guard lock(mutex_);
+  Object exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     Object found;
     bool asked = false;
     bool decided = false;
@@ -83,9 +88,7 @@ class UserDefaults::Impl {
       const Object wanted = decide(found);
       if (wanted.isNil()) return std::nullopt;
       decided = true;
-      const Changes change{{std::string(key), propertyListValue(wanted)}};
-      if (holds(values, change)) return std::nullopt;
-      return merged(values, change);
+      return putIn({{std::string(key), propertyListValue(wanted)}})(values);
     });
     if (failed != nullptr) *failed = !after;
     if (after) {
@@ -99,9 +102,9 @@ class UserDefaults::Impl {
   }
 
  private:
-  [[nodiscard]] bool isFresh() const { return onDisk_.version.isStillAt(file_.path()); }
+  [[nodiscard]] bool isFresh() const REQUIRES(mutex_) { return onDisk_.version.isStillAt(file_.path()); }
 
-  bool refresh() {
+  bool refresh() REQUIRES(mutex_) {
     if (isFresh()) return true;
     auto now = file_.readOrSay();
     if (now) onDisk_ = std::move(*now);
@@ -110,9 +113,9 @@ class UserDefaults::Impl {
 
   const std::string folder_;
   const PreferencesFile file_;
-  std::mutex mutex_;
-  PreferencesFile::Contents onDisk_;
-  Changes changes_;
+  Mutex mutex_;
+  PreferencesFile::Contents onDisk_ GUARDED_BY(mutex_);
+  Changes changes_ GUARDED_BY(mutex_);
 };
 
 UserDefaults& UserDefaults::standardUserDefaults() {

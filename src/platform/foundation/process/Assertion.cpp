@@ -2,24 +2,19 @@
 
 #include <fmt/format.h>
 
-#include <mutex>
 #include <utility>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Log.h"
 
 namespace platform {
 
 namespace {
 
-struct HandlerInForce {
-  std::mutex mutex;
-  AssertionHandler handler;
-};
-
-HandlerInForce& handlerInForce() {
-  static HandlerInForce& holder = *new HandlerInForce();
-  return holder;
+Guarded<AssertionHandler>& handlerInForce() {
+  static Guarded<AssertionHandler>& handler = *new Guarded<AssertionHandler>();
+  return handler;
 }
 
 void logAndThrow(const AssertionFailure& failure) {
@@ -30,20 +25,12 @@ void logAndThrow(const AssertionFailure& failure) {
 }  // namespace
 
 AssertionHandler setAssertionHandler(AssertionHandler handler) {
-  HandlerInForce& holder = handlerInForce();
-  const std::lock_guard lock(holder.mutex);
-  return std::exchange(holder.handler, std::move(handler));
+  return handlerInForce().with([&](AssertionHandler& inForce) { return std::exchange(inForce, std::move(handler)); });
 }
 
 void handleFailure(const AssertionFailure& failure) {
-  HandlerInForce& holder = handlerInForce();
-  AssertionHandler handler;
-  {
-    const std::lock_guard lock(holder.mutex);
-    handler = holder.handler;
-  }
-  // Called without the lock: a handler may replace itself or throw.
-  if (handler) {
+  // A copy, called without the lock: a handler may replace itself or throw.
+  if (const AssertionHandler handler = handlerInForce().with([](const AssertionHandler& inForce) { return inForce; })) {
     handler(failure);
   } else {
     logAndThrow(failure);

@@ -3,9 +3,10 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
+
+#include "platform/foundation/base/Mutex.h"
 
 namespace platform {
 
@@ -13,11 +14,11 @@ struct NotificationCenter::State {
   /// By registration, so that posting follows that order and a removal is not a search.
   using Observers = std::map<std::uint64_t, std::shared_ptr<Observation::Impl>>;
 
-  std::mutex mutex;
-  std::uint64_t lastKey = 0;
-  std::map<std::string, Observers, std::less<>> observersByName;
+  Mutex mutex;
+  std::uint64_t lastKey GUARDED_BY(mutex) = 0;
+  std::map<std::string, Observers, std::less<>> observersByName GUARDED_BY(mutex);
 
-  std::vector<std::shared_ptr<Observation::Impl>> observersOf(const std::string& name);
+  std::vector<std::shared_ptr<Observation::Impl>> observersOf(const std::string& name) EXCLUDES(mutex);
 };
 
 struct NotificationCenter::Observation::Impl {
@@ -49,7 +50,7 @@ void NotificationCenter::Observation::Impl::remove() {
   const std::shared_ptr<State> state = center.lock();
   if (!state) return;
   std::shared_ptr<Impl> removed;  // destroyed after the lock is released: what the block holds may call the centre
-  const std::lock_guard lock(state->mutex);
+  const MutexLock lock(state->mutex);
   const auto named = state->observersByName.find(name);
   if (named == state->observersByName.end()) return;
   const auto found = named->second.find(key);
@@ -92,7 +93,7 @@ NotificationCenter::Observation NotificationCenter::addObserver(std::string name
   impl->name = std::move(name);
   impl->queue = std::move(queue);
   impl->block = std::move(block);
-  const std::lock_guard lock(state_->mutex);
+  const MutexLock lock(state_->mutex);
   impl->key = ++state_->lastKey;
   state_->observersByName[impl->name].emplace(impl->key, impl);
   return Observation(impl);
@@ -100,7 +101,7 @@ NotificationCenter::Observation NotificationCenter::addObserver(std::string name
 
 std::vector<std::shared_ptr<NotificationCenter::Observation::Impl>> NotificationCenter::State::observersOf(const std::string& name) {
   std::vector<std::shared_ptr<Observation::Impl>> observers;
-  const std::lock_guard lock(mutex);
+  const MutexLock lock(mutex);
   const auto named = observersByName.find(name);
   if (named == observersByName.end()) return observers;
   observers.reserve(named->second.size());

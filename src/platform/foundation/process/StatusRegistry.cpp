@@ -2,8 +2,9 @@
 
 #include <exception>
 #include <map>
-#include <mutex>
 #include <utility>
+
+#include "platform/foundation/base/Mutex.h"
 
 namespace platform {
 
@@ -13,10 +14,10 @@ struct StatusRegistry::State {
     std::function<Object()> describe;
   };
   /// Held while the functions run: that is what makes a removal wait for them.
-  std::mutex mutex;
-  std::uint64_t lastKey = 0;
+  Mutex mutex;
+  std::uint64_t lastKey GUARDED_BY(mutex) = 0;
   /// Keys grow, so the order is that of the additions.
-  std::map<std::uint64_t, Entry> entries;
+  std::map<std::uint64_t, Entry> entries GUARDED_BY(mutex);
 };
 
 namespace {
@@ -26,6 +27,8 @@ Object describeSafely(const std::function<Object()>& describe) {
     return describe();
   } catch (const std::exception& error) {
     return Dictionary{{"error", error.what()}};
+  } catch (...) {
+    return Dictionary{{"error", "an exception of an unknown type"}};
   }
 }
 
@@ -56,22 +59,22 @@ StatusRegistry::StatusRegistry() : state_(std::make_unique<State>()) {}
 StatusRegistry::~StatusRegistry() = default;
 
 StatusRegistry::Registration StatusRegistry::add(std::string section, std::function<Object()> describe) {
-  const std::lock_guard lock(state_->mutex);
+  const MutexLock lock(state_->mutex);
   const std::uint64_t key = ++state_->lastKey;
   state_->entries.emplace(key, State::Entry{std::move(section), std::move(describe)});
   return {this, key};
 }
 
 void StatusRegistry::remove(std::uint64_t key) {
-  decltype(state_->entries)::node_type removed;
-  const std::lock_guard lock(state_->mutex);
+  std::map<std::uint64_t, State::Entry>::node_type removed;  // destroyed after the lock is released
+  const MutexLock lock(state_->mutex);
   removed = state_->entries.extract(key);
 }
 
 Object StatusRegistry::snapshot() const {
   std::map<std::string, Array> sections;
   {
-    const std::lock_guard lock(state_->mutex);
+    const MutexLock lock(state_->mutex);
     for (const auto& [key, entry] : state_->entries) sections[entry.section].push_back(describeSafely(entry.describe));
   }
   Dictionary all;

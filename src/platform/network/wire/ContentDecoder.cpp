@@ -13,6 +13,9 @@
 
 namespace platform::network {
 
+/// What a body's Content-Encoding asks for.
+enum class Coding { None, Gzip, Deflate, Unknown };
+
 namespace {
 
 constexpr std::size_t kRoom = 64U << 10U;
@@ -20,8 +23,6 @@ constexpr std::size_t kRoom = 64U << 10U;
 constexpr int kWindow = 15;
 constexpr int kGzip = kWindow + 16;
 constexpr int kBare = -kWindow;
-
-enum class Coding { None, Gzip, Deflate, Unknown };
 
 struct Name {
   std::string_view name;

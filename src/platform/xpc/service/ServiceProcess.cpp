@@ -101,10 +101,10 @@ void ServiceProcess::serve(Listener::ConnectionFunction function) {
   own.channelSection = addChannelSection(listener);
   own.termination.emplace(own.folder, own.name, listener);
   if (own.endingSignals.begin(ioLoop(), [&own] { own.termination->begin(); }) != 0) giveUp({"signals cannot be received"});
-  listener->resume();
   // The main queue is served for as long as the process lives, whether or not something is scheduled.
   const auto anchor = RunLoopSource::create([] {});
   RunLoop::main()->add(anchor);
+  listener->resume();
   for (;;) runContained("an exception left the main run loop", [] { RunLoop::main()->run(); });
 }
 

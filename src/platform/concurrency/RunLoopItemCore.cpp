@@ -1,28 +1,25 @@
-#include "platform/concurrency/LoopItem.h"
+#include "platform/concurrency/RunLoopItemCore.h"
 
 #include <atomic>
-#include <utility>
-
-#include "platform/concurrency/EventLoop.h"
 
 namespace platform {
 
 namespace {
 
-LoopItem::Serial nextSerial() {
-  static std::atomic<LoopItem::Serial> last = 0;
+ItemSerial nextSerial() {
+  static std::atomic<ItemSerial> last = 0;
   return ++last;
 }
 
 }  // namespace
 
-LoopItem::LoopItem(Callback callback) : serial_(nextSerial()), callback_(std::move(callback)) {}
+RunLoopItemCore::RunLoopItemCore(Callback callback) : serial_(nextSerial()), callback_(std::move(callback)) {}
 
-LoopItem::~LoopItem() = default;
+RunLoopItemCore::~RunLoopItemCore() = default;
 
-void LoopItem::scheduleOn(const std::shared_ptr<EventLoop>& loop, const std::shared_ptr<LoopItem>& self) {
-  std::shared_ptr<LoopItem> forgotten;
-  const std::lock_guard lock(mutex_);
+void RunLoopItemCore::scheduleOn(const std::shared_ptr<RunLoopItemHost>& loop, const std::shared_ptr<RunLoopItemCore>& self) {
+  std::shared_ptr<RunLoopItemCore> forgotten;
+  const MutexLock lock(mutex_);
   if (!valid_ || scheduled_ || !loop->enroll(self)) return;
   try {
     entered(*loop);
@@ -34,10 +31,10 @@ void LoopItem::scheduleOn(const std::shared_ptr<EventLoop>& loop, const std::sha
   scheduled_ = true;
 }
 
-void LoopItem::fire(unsigned ready) {
-  std::shared_ptr<LoopItem> forgotten;
+void RunLoopItemCore::fire(unsigned ready) {
+  std::shared_ptr<RunLoopItemCore> forgotten;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!valid_) return;
     ready = admit(ready);
     if (ready == 0) return;
@@ -46,40 +43,34 @@ void LoopItem::fire(unsigned ready) {
     runner_ = std::this_thread::get_id();
   }
   struct Finisher {
-    LoopItem& item;
+    RunLoopItemCore& item;
     ~Finisher() { item.finish(); }
   } const finisher{*this};
   if (callback_) callback_(ready);
 }
 
-void LoopItem::finish() {
-  std::unique_lock lock(mutex_);
-  if (running_ == 1 && !valid_) {
-    releaseCallback(lock);
-    return;
-  }
+void RunLoopItemCore::finish() {
+  const MutexLock lock(mutex_);
+  if (running_ == 1 && !valid_) return releaseCallback();
   if (--running_ == 0) runner_ = {};
 }
 
-void LoopItem::retireAndWait() {
-  std::shared_ptr<LoopItem> forgotten;
-  std::unique_lock lock(mutex_);
+void RunLoopItemCore::retireAndWait() {
+  std::shared_ptr<RunLoopItemCore> forgotten;
+  MutexLock lock(mutex_);
   if (valid_) forgotten = retire();
   if (runner_ == std::this_thread::get_id()) return;
-  if (running_ == 0) {
-    releaseCallback(lock);
-  } else {
-    finished_.wait(lock, [this] { return running_ == 0; });
-  }
+  if (running_ == 0) return releaseCallback();
+  while (running_ != 0) finished_.wait(lock);
 }
 
-bool LoopItem::valid() const {
-  const std::lock_guard lock(mutex_);
+bool RunLoopItemCore::valid() const {
+  const MutexLock lock(mutex_);
   return valid_;
 }
 
 // Returns the loop's reference, which may be the last one: the caller lets go of it after the lock.
-std::shared_ptr<LoopItem> LoopItem::retire() {
+std::shared_ptr<RunLoopItemCore> RunLoopItemCore::retire() {
   valid_ = false;
   const auto loop = loop_.lock();
   if (!loop) return nullptr;
@@ -89,17 +80,17 @@ std::shared_ptr<LoopItem> LoopItem::retire() {
 
 // What the callback captured may itself wait for or invalidate this item when it is destroyed, so that happens without the lock and counts
 // as running.
-void LoopItem::releaseCallback(std::unique_lock<std::mutex>& lock) {
+void RunLoopItemCore::releaseCallback() {
   Callback released;
   released.swap(callback_);
   running_ = 1;
   runner_ = std::this_thread::get_id();
-  lock.unlock();
+  mutex_.unlock();
   released = nullptr;
-  lock.lock();
+  mutex_.lock();
   running_ = 0;
   runner_ = {};
-  finished_.notify_all();
+  finished_.notifyAll();
 }
 
 }  // namespace platform
