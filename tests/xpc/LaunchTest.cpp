@@ -258,15 +258,15 @@ TEST(Launch, TellsEveryErrorsKind) {
   struct Case {
     Kind kind;
     std::function<void(ServiceEnvironment&)> prepare;
-    std::string name = kName;
+    std::string name = kTestService;
   };
   const auto install = [](const std::string& program) {
-    return [program](ServiceEnvironment& environment) { environment.install(kName, program); };
+    return [program](ServiceEnvironment& environment) { environment.install(kTestService, program); };
   };
   const auto leaveSocket = [](ServiceEnvironment& environment) {
-    environment.install(kName);
+    environment.install(kTestService);
     makeFolder(environment.socketFolder());
-    listenAt(environment.socketPath(kName));  // and closed again: nobody listens
+    listenAt(environment.socketPath(kTestService));  // and closed again: nobody listens
   };
   const auto spoilFolder = [](ServiceEnvironment& environment) { writeFile(environment.socketFolder(), "a file in its place"); };
   const std::vector<Case> table{{Kind::IllegalName, install(XPC_TEST_SERVICE), "a/b"},
@@ -288,16 +288,16 @@ TEST(Launch, TellsEveryErrorsKind) {
 TEST(Launch, TellsThatNobodyIsTheServiceWithoutStartingIt) {
   using Kind = platform::xpc::LaunchError::Kind;
   ServiceEnvironment environment;
-  environment.install(kName);
-  EXPECT_EQ(platform::xpc::connectToRunningService(kName).error().kind, Kind::NoFolder) << "nobody has made it";
+  environment.install(kTestService);
+  EXPECT_EQ(platform::xpc::connectToRunningService(kTestService).error().kind, Kind::NoFolder) << "nobody has made it";
   makeFolder(environment.socketFolder());
-  EXPECT_EQ(platform::xpc::connectToRunningService(kName).error(),
+  EXPECT_EQ(platform::xpc::connectToRunningService(kTestService).error(),
             (platform::xpc::LaunchError{"the service Test.Service does not run", Kind::NotRunning}));
-  Client client(kName);
+  Client client(kTestService);
   ASSERT_NO_THROW(messageOf(client.ask("pid")));
-  EXPECT_TRUE(platform::xpc::connectToRunningService(kName));
-  ASSERT_EQ(unlink(environment.socketPath(kName).c_str()), 0);
-  EXPECT_EQ(platform::xpc::connectToRunningService(kName).error().kind, Kind::NobodyListens);
+  EXPECT_TRUE(platform::xpc::connectToRunningService(kTestService));
+  ASSERT_EQ(unlink(environment.socketPath(kTestService).c_str()), 0);
+  EXPECT_EQ(platform::xpc::connectToRunningService(kTestService).error().kind, Kind::NobodyListens);
   EXPECT_EQ(environment.startedServices().size(), 1U);
 }
 
