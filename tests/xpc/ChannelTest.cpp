@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
-#include <array>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -23,12 +22,11 @@ using platform::xpc::Value;
 class ServedChannel {
  public:
   explicit ServedChannel(Channel::StatusSource status) {
-    std::array<int, 2> ends{};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw std::runtime_error("no socket pair");
-    client_ = FileHandle(ends[0]);
-    onIOThread([this, socket = ends[1], status = std::move(status)] {
+    auto [client, service] = socketPair();
+    client_ = std::move(client);
+    onIOThread([this, socket = std::make_shared<FileHandle>(std::move(service)), status = std::move(status)] {
       assertOnIOThread();
-      channel_ = Channel::create(FileHandle(socket), Channel::Side::Service, status);
+      channel_ = Channel::create(std::move(*socket), Channel::Side::Service, status);
       channel_->setHandlers([](const platform::xpc::Frame&) {}, [this](const std::string& reason) { end_.set_value(reason); });
       channel_->setReading(true);
     });

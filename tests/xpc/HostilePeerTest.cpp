@@ -25,8 +25,6 @@ using platform::xpc::ConnectionError;
 using platform::xpc::ReceiveBudget;
 using platform::xpc::Value;
 
-std::string commandOf(const std::optional<platform::xpc::Event>& event) { return messageOf(event).find("command")->stringValue(); }
-
 /// Whether a good peer is still served.
 void expectService(InProcessService& service) {
   const std::size_t index = service.peerCount();

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -146,6 +147,9 @@ Value messageOf(const std::optional<Event>& event) {
   return std::get<Value>(*event);
 }
 
+std::string textUnder(const std::optional<Event>& event, const std::string& key) { return messageOf(event).find(key)->stringValue(); }
+std::int64_t numberUnder(const std::optional<Event>& event, const std::string& key) { return messageOf(event).find(key)->int64Value(); }
+
 Value command(const std::string& command) { return Value::dictionary({{"command", Value::string(command)}}); }
 
 Client::Client(const std::string& service) : connection(platform::xpc::Connection::create(service)) {
@@ -156,6 +160,12 @@ Client::Client(const std::string& service) : connection(platform::xpc::Connectio
 std::optional<Event> Client::ask(const Value& message) {
   connection->send(message);
   return events.at(seen++);
+}
+
+std::uint32_t ownAuditSession() {
+  std::uint32_t session = 0;
+  std::ifstream("/proc/self/sessionid") >> session;
+  return session;
 }
 
 int countOwnDescriptors() {

@@ -13,6 +13,9 @@
 
 namespace kestrine::test {
 
+/// A name for the test service.
+inline constexpr const char* kTestService = "Test.Service";
+
 /// Folders of its own for sockets, state and service descriptions, named by the environment while it lives; ends and reaps every service
 /// that was started in them. Orphans of this process come to it (PR_SET_CHILD_SUBREAPER, prctl(2)), so none can be missed.
 class ServiceEnvironment {
@@ -69,6 +72,11 @@ std::string errorText(const std::optional<platform::xpc::Event>& event);
 /// The message; throws when it is none.
 platform::xpc::Value messageOf(const std::optional<platform::xpc::Event>& event);
 
+/// What the message holds under `key`; throws when that is another kind or nothing.
+std::string textUnder(const std::optional<platform::xpc::Event>& event, const std::string& key);
+std::int64_t numberUnder(const std::optional<platform::xpc::Event>& event, const std::string& key);
+inline std::string commandOf(const std::optional<platform::xpc::Event>& event) { return textUnder(event, "command"); }
+
 /// {"command": command}
 platform::xpc::Value command(const std::string& command);
 
@@ -84,6 +92,9 @@ struct Client {
   std::size_t seen = 0;
 };
 
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+/// The audit session of this process, as the kernel writes it.
+std::uint32_t ownAuditSession();
 /// Open descriptors of this process.
 int countOwnDescriptors();
 bool processExists(int pid);

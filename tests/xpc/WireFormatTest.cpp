@@ -16,6 +16,7 @@ namespace {
 using namespace platform::xpc;
 using kestrine::test::little32;
 using kestrine::test::little64;
+using kestrine::test::nullDescriptors;
 using platform::Data;
 using platform::FileHandle;
 using platform::Result;
@@ -33,12 +34,6 @@ std::string encodedOrReason(const Value& value) {
 }
 
 std::string reasonOf(const Result<Value, WireError>& result) { return result ? "accepted" : result.error().reason; }
-
-std::vector<FileHandle> nullDescriptors(std::size_t count) {
-  std::vector<FileHandle> handles;
-  for (std::size_t i = 0; i < count; ++i) handles.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  return handles;
-}
 
 TEST(WireFormat, WritesTheDocumentedBytes) {
   const std::vector<std::pair<Value, std::string>> table{

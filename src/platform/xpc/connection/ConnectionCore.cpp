@@ -1,5 +1,6 @@
 #include "platform/xpc/connection/ConnectionCore.h"
 
+#include <unordered_map>
 #include <utility>
 
 #include "platform/concurrency/Weakly.h"
@@ -13,6 +14,13 @@ namespace {
 std::unique_ptr<Link> makeLink(Connection::Core& core, const std::optional<std::string>& name) {
   if (name) return std::make_unique<ClientLink>(core, *name);
   return std::make_unique<PeerLink>(core);
+}
+
+/// The owner of the resumed peers' connections, each until it is over: who accepts a peer need not hold it.
+using ResumedPeers = std::unordered_map<const Connection::Core*, std::shared_ptr<Connection>>;
+Guarded<ResumedPeers>& resumedPeers() {
+  static auto& peers = *new Guarded<ResumedPeers>;
+  return peers;
 }
 
 }  // namespace
@@ -49,7 +57,9 @@ void Connection::Core::resume() {
   {
     const MutexLock lock(mutex_);
     if (over_) return;
-    if (!name_) kept_ = self_.lock();
+    if (const auto peer = name_ ? nullptr : self_.lock()) {
+      resumedPeers().with([this, &peer](ResumedPeers& peers) { peers.try_emplace(this, peer); });
+    }
     if (std::exchange(resumedOnce_, true)) return;
   }
   link_->resumed();
@@ -113,13 +123,13 @@ void Connection::Core::terminate(const std::string& reason, std::function<void()
 }
 
 void Connection::Core::over(ConnectionError last) {
-  std::shared_ptr<Connection> kept;
   {
     const MutexLock lock(mutex_);
     over_ = true;
-    kept = std::move(kept_);
   }
-  inbox_->close(std::move(last), std::move(kept));
+  // Nothing is resumed any more, so nobody is added behind this.
+  auto peer = resumedPeers().with([this](ResumedPeers& peers) { return peers.extract(this); });
+  inbox_->close(std::move(last), peer ? std::move(peer.mapped()) : nullptr);
 }
 
 }  // namespace platform::xpc

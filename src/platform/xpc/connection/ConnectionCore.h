@@ -16,8 +16,8 @@
 // Internal to the channel: what a Connection does.
 namespace platform::xpc {
 
-/// The machinery of one connection: an inbox towards the handler, and a link to the other end. Lives as long as the connection, its socket
-/// or a pending event needs it.
+/// The machinery of one connection: an inbox towards the handler, and a link to the other end. Owned by its connection, and by what is
+/// pending for it.
 ///
 /// Threads: any, but for what REQUIRES the I/O thread.
 class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
@@ -60,8 +60,6 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   mutable Mutex mutex_;
   Credentials credentials_ GUARDED_BY(mutex_);
   std::weak_ptr<Connection> self_ GUARDED_BY(mutex_);
-  /// A resumed peer's connection, until it is over.
-  std::shared_ptr<Connection> kept_ GUARDED_BY(mutex_);
   bool over_ GUARDED_BY(mutex_) = false;
   bool resumedOnce_ GUARDED_BY(mutex_) = false;
 

@@ -37,6 +37,7 @@ struct Outgoing {
 /// | invalidate        | -> Over               | -> Over       | -> Over             | -> Over                  | nothing |
 ///
 /// (1) While messages are kept and a few attempts have not been made; else interrupted.
+///
 /// Interrupted: the handler is told, what is kept is dropped, its barriers are called, -> Idle. Entering Over does the same, with Invalid
 /// as the handler's last event. Entering Connected writes the kept messages, entering Greeted forgets them and leaves their barriers to the
 /// channel: a service greets before it hands the first message to anybody, so what it did not greet was seen by nobody and can be sent to
@@ -55,7 +56,7 @@ class Link {
   /// The connection was resumed for the first time. Any thread.
   virtual void resumed() {}
   virtual void send(Outgoing outgoing) REQUIRES(kIOThread) = 0;
-  /// There is a socket to the other end; nothing is read before `startReading`.
+  /// There is a socket to the other end. A peer's is not read before `startReading`.
   virtual void connected(std::shared_ptr<Channel> channel) REQUIRES(kIOThread) = 0;
   void received(Frame frame) REQUIRES(kIOThread);
   /// `reason` is told after "Connection invalid: ".
