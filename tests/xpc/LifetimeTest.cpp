@@ -9,9 +9,11 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/foundation/base/Exception.h"
 #include "platform/xpc/launch/ServiceFolder.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 #include "platform/xpc/launch/ServiceLocks.h"
+#include "platform/xpc/service/ServiceProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/xpc/RawSocket.h"
@@ -104,9 +106,14 @@ TEST(Lifetime, EndsAlsoWhenSomebodyKeepsTheLaunchLock) {
   const auto lock = platform::xpc::takeLaunchLock(*folder, kTestService, 60s);
   ASSERT_TRUE(lock);
   ASSERT_EQ(kill(pid, SIGTERM), 0);
+  ASSERT_EQ(kill(pid, SIGINT), 0) << "told twice";
   EXPECT_EQ(reap(pid), 0);
   EXPECT_EQ(environment.countInRecord("termination imminent"), 1);
   EXPECT_TRUE(exists(environment.socketPath(kTestService))) << "nobody may remove it without the lock";
+}
+
+TEST(Lifetime, BeginsBeforeItServes) {
+  EXPECT_THROW(platform::xpc::ServiceProcess::serve([](const auto&) {}), platform::Exception);
 }
 
 TEST(Lifetime, TellsTheServiceWhenAClientIsGone) {
