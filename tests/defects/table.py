@@ -341,8 +341,8 @@ DEFECTS = [
     Defect(
         "swapped-status",
         "src/Services/RestJSON.cpp",
-        "RestStatusResponseParseError : RestStatusSuccess",
-        "RestStatusSuccess : RestStatusResponseParseError",
+        "finished(parsed.error(), RestStatusResponseParseError)",
+        "finished(parsed.error(), RestStatusSuccess)",
         "services_tests",
         "RestConnector*",
     ),
