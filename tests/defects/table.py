@@ -363,6 +363,14 @@ DEFECTS = [
         "*",
     ),
     Defect(
+        "exception-through-libcurl",
+        "src/platform/network/wire/Exchange.cpp",
+        "  return runContained(kNetworkFailure, std::cref(block));\n",
+        "  block();\n  return true;\n",
+        "network_tests",
+        "Exchange*",
+    ),
+    Defect(
         "upload-without-a-snapshot",
         "src/Services/RestConnectorUpload.cpp",
         "Bytes::snapshotOfFile(source->path())",
