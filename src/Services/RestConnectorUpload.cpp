@@ -57,10 +57,10 @@ platform::URLRequest uploadRequest(const std::optional<URL>& url, const Object& 
 void uploadCompleted(const std::string& fileName, const std::optional<Bytes>& data, const std::optional<Error>& error,
                      const RestFinishedHandler& finished) {
   if (error) return finished(*error, RestStatusNetworkError);
-  const RestResult parsed = restParse(data.value_or(Bytes()));
+  const auto parsed = restParse(data.value_or(Bytes()));
   // A file and nothing else: a task that sent a folder would have failed.
   unlink(stagingPathOf(fileName).c_str());
-  finished(std::holds_alternative<Object>(parsed) ? parsed : RestResult(), RestStatusSuccess);
+  finished(parsed ? *parsed : Object(), RestStatusSuccess);
 }
 
 }  // namespace

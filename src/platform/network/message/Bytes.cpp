@@ -29,22 +29,12 @@ struct Opened {
   std::uint64_t length = 0;
 };
 
-void tell(Error* error, int number, const std::string& path) {
-  if (error != nullptr) *error = systemError(number, path);
-}
-
 /// Without blocking on what is no regular file, such as a pipe.
-std::optional<Opened> openRegular(const std::string& path, Error* error) {
+Result<Opened, Error> openRegular(const std::string& path) {
   FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (!file.isOpen() || fstat(file.fileDescriptor(), &status) != 0) {
-    tell(error, errno, path);
-    return std::nullopt;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    tell(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
-    return std::nullopt;
-  }
+  if (!file.isOpen() || fstat(file.fileDescriptor(), &status) != 0) return systemError(errno, path);
+  if (!S_ISREG(status.st_mode)) return systemError(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
   return Opened{std::make_shared<const FileHandle>(std::move(file)), static_cast<std::uint64_t>(status.st_size)};
 }
 
@@ -65,30 +55,26 @@ Bytes Bytes::ofDescriptor(std::shared_ptr<const FileHandle> file, std::uint64_t 
   return bytes;
 }
 
-std::optional<Bytes> Bytes::dataWithContentsOfFile(const std::string& path, Error* error) {
-  auto opened = openRegular(path, error);
-  if (!opened) return std::nullopt;
+Result<Bytes, Error> Bytes::dataWithContentsOfFile(const std::string& path) {
+  auto opened = openRegular(path);
+  if (!opened) return std::move(opened).error();
   return ofDescriptor(std::move(opened->file), opened->length);
 }
 
-std::optional<Bytes> Bytes::snapshotOfFile(const std::string& path, Error* error) {
-  const auto opened = openRegular(path, error);
-  if (!opened) return std::nullopt;
+Result<Bytes, Error> Bytes::snapshotOfFile(const std::string& path) {
+  const auto opened = openRegular(path);
+  if (!opened) return opened.error();
   const auto there = ofDescriptor(opened->file, opened->length);
   if (opened->length <= kSmall) {
     try {
       return Bytes(there.text());
     } catch (const Exception&) {
-      tell(error, ENODATA, path);
-      return std::nullopt;
+      return systemError(ENODATA, path);
     }
   }
   auto copy = network::makeNamelessFile();
   const int failure = copy ? network::copyFile(opened->file->fileDescriptor(), copy->fileDescriptor(), opened->length) : copy.error();
-  if (failure != 0) {
-    tell(error, failure, path);
-    return std::nullopt;
-  }
+  if (failure != 0) return systemError(failure, path);
   return ofDescriptor(std::make_shared<const FileHandle>(*std::move(copy)), opened->length);
 }
 

@@ -37,10 +37,9 @@ std::int64_t codeOfFileError(std::int64_t systemError) {
 }
 
 Result<Bytes, Error> openBody(const URL& file) {
-  Error error;
-  auto body = Bytes::dataWithContentsOfFile(file.path(), &error);
-  if (!body) return URLError(codeOfFileError(error.code), file.absoluteString(), error.localizedDescription);
-  return *std::move(body);
+  auto body = Bytes::dataWithContentsOfFile(file.path());
+  if (body) return body;
+  return URLError(codeOfFileError(body.error().code), file.absoluteString(), body.error().localizedDescription);
 }
 
 /// A downloaded file for as long as its handler looks at it.
