@@ -57,7 +57,15 @@ constexpr std::string_view kTokens[] = {"{",
                                         "\"error\":",
                                         "\"ReturnStatus\":",
                                         "\"FileToTransfer\":",
-                                        "http://"};
+                                        "http://",
+                                        "<dict>",
+                                        "</dict>",
+                                        "<key>k</key>",
+                                        "<array>",
+                                        "<string/>",
+                                        "<!--",
+                                        "<![CDATA[",
+                                        "&#xD;"};
 
 class Mutator {
  public:

@@ -23,8 +23,6 @@ using platform::Error;
 using platform::Object;
 using platform::URL;
 
-constexpr double kRequestSeconds = 60;
-
 /// The parameter, and the place in the local file system that it means. One that is missing prints as such, as in every text made of it.
 std::string localPathOf(const Object& filePath) {
   return ServicesUtilities::convertPathToMac(filePath.isNil() ? filePath.description() : filePath.stringValue());
@@ -46,7 +44,7 @@ void stage(const std::string& localPath, const std::string& stagingPath) {
 }
 
 platform::URLRequest uploadRequest(const std::optional<URL>& url, const Object& params) {
-  platform::URLRequest request(url, platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRequestSeconds);
+  platform::URLRequest request(url, platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRestRequestSeconds);
   request.setHTTPMethod("POST");
   request.setValue_forHTTPHeaderField("application/octet-stream", "Content-Type");
   for (const std::string_view name : {"FilePath", "TransitDownloadPath", "FileRequestID"}) {

@@ -13,8 +13,6 @@ namespace kestrine {
 
 namespace {
 
-constexpr double kRequestSeconds = 60;
-
 platform::Error jsonError(std::int64_t code, const std::exception& reason) { return {NSCocoaErrorDomain, code, reason.what()}; }
 
 std::string descriptionOf(const RestResult& result) {
@@ -41,7 +39,7 @@ RestResult restParse(const platform::Bytes& data) {
 }
 
 platform::URLRequest restRequest(const std::string& path, const std::string& body) {
-  platform::URLRequest request(restAbsoluteURL(path), platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRequestSeconds);
+  platform::URLRequest request(restAbsoluteURL(path), platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRestRequestSeconds);
   request.setValue_forHTTPHeaderField(fmt::format("{}", body.size()), "Content-Length");
   request.setHTTPMethod("POST");
   request.setHTTPBody(platform::Bytes(body));

@@ -1,39 +1,20 @@
 #include "util/Base64.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <utility>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/text/Base64.h"
 #include "platform/foundation/text/UTF8.h"
 
 namespace kestrine {
 
 namespace {
 
-constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr char kPadding = '=';
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
-/// The library counts in int, so long buffers go through it in pieces of whole groups.
-constexpr std::size_t kPieceGroups = std::size_t{1} << 20U;
-
-const unsigned char* asLibraryBytes(const void* bytes) { return static_cast<const unsigned char*>(bytes); }
-
-std::string encodedInOneLine(std::span<const std::byte> data) {
-  std::string text((data.size() + 2) / 3 * 4, '\0');
-  char* place = text.data();
-  // The NUL that the library writes behind each piece is overwritten by the next one, and the last one is the string's own.
-  while (!data.empty()) {
-    const auto piece = data.first(std::min(data.size(), kPieceGroups * 3));
-    place += EVP_EncodeBlock(reinterpret_cast<unsigned char*>(place), asLibraryBytes(piece.data()), static_cast<int>(piece.size()));
-    data = data.subspan(piece.size());
-  }
-  return text;
-}
 
 std::string wrapped(std::string_view line, std::size_t step) {
   std::string text;
@@ -46,8 +27,8 @@ std::string wrapped(std::string_view line, std::size_t step) {
 std::string knownCharacters(std::string_view text) {
   static constexpr auto kIsKnown = [] {
     std::array<bool, 256> known{};
-    for (const char character : kAlphabet) known[static_cast<std::uint8_t>(character)] = true;
-    known[static_cast<std::uint8_t>(kPadding)] = true;
+    for (const char character : platform::kBase64Alphabet) known[static_cast<std::uint8_t>(character)] = true;
+    known[static_cast<std::uint8_t>(platform::kBase64Padding)] = true;
     return known;
   }();
   std::string known(text.size(), '\0');
@@ -58,28 +39,6 @@ std::string knownCharacters(std::string_view text) {
   }
   known.resize(static_cast<std::size_t>(end - known.data()));
   return known;
-}
-
-/// Whole groups of the alphabet with padding at the end only; nothing when `text` is anything else.
-std::optional<platform::Data> decodedGroups(std::string_view text) {
-  if (text.empty() || text.size() % 4 != 0) return std::nullopt;
-  const std::size_t padding = text.size() - std::min(text.size(), text.find(kPadding));
-  if (padding > 2 || (padding == 2 && text.back() != kPadding)) return std::nullopt;
-
-  platform::Data data(text.size() / 4 * 3);
-  auto* place = reinterpret_cast<unsigned char*>(data.data());
-  while (!text.empty()) {
-    const auto piece = text.substr(0, kPieceGroups * 4);
-    const auto expected = piece.size() / 4 * 3;
-    // Blanks at its ends the library skips by itself; then the count tells.
-    const int decoded = EVP_DecodeBlock(place, asLibraryBytes(piece.data()), static_cast<int>(piece.size()));
-    if (decoded < 0 || static_cast<std::size_t>(decoded) != expected) return std::nullopt;
-    place += expected;
-    text.remove_prefix(piece.size());
-  }
-  // The library decodes padding to zeros.
-  data.resize(data.size() - padding);
-  return data;
 }
 
 /// `text`, which is not UTF-8, with its faults replaced.
@@ -97,9 +56,12 @@ std::string mended(std::string_view text) {
 }  // namespace
 
 std::optional<platform::Data> dataWithBase64EncodedString(std::string_view string) {
-  if (auto data = decodedGroups(string)) return data;
-  const std::string known = knownCharacters(string);
-  return known.size() < string.size() ? decodedGroups(known) : std::nullopt;
+  auto data = platform::base64Bytes(string);
+  if (!data) {
+    const std::string known = knownCharacters(string);
+    if (known.size() < string.size()) data = platform::base64Bytes(known);
+  }
+  return data && !data->empty() ? std::move(data) : std::nullopt;
 }
 
 std::optional<std::string> base64EncodedStringWithWrapWidth(std::span<const std::byte> data, std::size_t width) {
@@ -108,7 +70,7 @@ std::optional<std::string> base64EncodedStringWithWrapWidth(std::span<const std:
   if (width > 0 && step == 0) {
     throw platform::Exception(platform::NSInvalidArgumentException, "a line of Base64 has 4 characters at least, or no end (width 0)");
   }
-  std::string line = encodedInOneLine(data);
+  std::string line = platform::base64Text(data);
   if (width == 0 || width >= line.size()) return line;
   return wrapped(line, step);
 }

@@ -140,6 +140,16 @@ DEFECTS = [
         "UserDefaultsFailures.*",
     ),
     Defect(
+        "file-named-before-its-bytes",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
+        "  FileHandle file = folder.write(temporary, bytes);\n  try {\n    folder.rename(temporary, name_);\n",
+        "  FileHandle file = folder.write(temporary, {});\n  try {\n    folder.rename(temporary, name_);\n"
+        "    const FileHandle late(::open(path_.c_str(), O_WRONLY | O_CLOEXEC));\n"
+        "    static_cast<void>(!::write(late.fileDescriptor(), bytes.data(), bytes.size()));\n",
+        "foundation_tests",
+        "UserDefaultsProcesses.ReadOnlyWholeFilesWhileAnotherWrites",
+    ),
+    Defect(
         "property-list-nested-without-bound",
         "src/platform/foundation/formats/PropertyListXMLReader.cpp",
         '      if (open_.size() == kPropertyListMaximumDepth) fail("nested too deeply");\n',
@@ -171,6 +181,22 @@ DEFECTS = [
         "",
         "concurrency_tests",
         "RunLoopItem.InvalidateWaitsForARunningCallbackAndItsCaptures",
+    ),
+    Defect(
+        "failure-on-a-serving-thread-not-contained",
+        "src/platform/concurrency/LoopThread.cpp",
+        "    while (!ended_) runContained(failure_, [this] { loop_->run(); });\n",
+        "    while (!ended_) loop_->run();\n",
+        "concurrency_tests",
+        "LoopThread.SaysWhatLeavesABlockOrACallbackAndGoesOn",
+    ),
+    Defect(
+        "run-loop-woken-once-for-ever",
+        "src/platform/concurrency/WakeUp.cpp",
+        "  if (state_.exchange(State::Awake) != State::Woken && !wasReadable) return;\n",
+        "  if (state_.exchange(State::Awake) != State::Woken && !(wasReadable && false)) return;\n",
+        "concurrency_tests",
+        "WakeUp.*",
     ),
     # The local channel.
     Defect(
@@ -523,6 +549,31 @@ DEFECTS = [
         "if (!direct_)",
         "xpc_tests",
         "Sending.*",
+    ),
+    # Starting a service, and its end.
+    Defect(
+        "loop-waits-for-a-lock",
+        "src/platform/xpc/service/LockWait.cpp",
+        "  const auto result = lock_.tryLock();\n",
+        "  static_cast<void>(lock_.lock(std::chrono::seconds(20)));\n  const auto result = lock_.tryLock();\n",
+        "xpc_tests",
+        "LockWaiting.LetsTheLoopServeOthersUntilTheLockIsFree",
+    ),
+    Defect(
+        "number-of-a-dead-service-believed",
+        "src/platform/xpc/launch/ServiceLocks.cpp",
+        "pid <= 0 || startTime(pid) != started",
+        "pid <= 0",
+        "xpc_tests",
+        "ServiceLocks.BelieveNoMarkOfAProcessThatIsGone",
+    ),
+    Defect(
+        "socket-meant-for-another-process-taken",
+        "src/platform/xpc/launch/SocketActivation.cpp",
+        "process != nullptr && std::to_string(getpid()) == process && ",
+        "process != nullptr && ",
+        "xpc_tests",
+        "SocketActivation.TakesNothingThatIsNotForThisProcess",
     ),
     Defect(
         "hang-up-unseen-while-not-reading",

@@ -197,6 +197,7 @@ TEST(PropertyList, RefusesWhatIsNoXMLPropertyList) {
       "<date>2026-11-21</date>",
       "<date>2026-11-21T24:00:00Z</date>",
       "<date>0000-01-01T00:00:00Z</date>",
+      "<date>9999-12-31T23:59:60Z</date>",
       "<data>A</data>",
       "<data>AB=</data>",
       "<data>AB*=</data>",

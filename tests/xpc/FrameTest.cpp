@@ -18,13 +18,10 @@ class Reading {
   void feed(const std::string& bytes, std::vector<FileHandle> descriptors = {}) {
     reader_.feed(std::as_bytes(std::span(bytes)), std::move(descriptors));
     for (;;) {
-      auto next = reader_.next();
-      if (std::holds_alternative<std::monostate>(next)) return;
-      if (const auto* error = std::get_if<WireError>(&next)) {
-        error_ = error->reason;
-        return;
-      }
-      const auto& read = std::get<platform::xpc::Frame>(next);
+      const auto next = reader_.next();
+      if (!next) error_ = next.error().reason;
+      if (!next || !*next) return;
+      const platform::xpc::Frame& read = **next;
       frames_.push_back(std::to_string(static_cast<int>(read.kind)) + ":" + std::to_string(read.payload.size()) + ":" +
                         std::to_string(read.descriptors.size()));
     }
@@ -133,22 +130,22 @@ TEST(FrameReader, RefusesDescriptorsThatBelongToNoFrameAndClosesThem) {
 }
 
 TEST(FrameReader, CountsWhatTheProcessHolds) {
-  const auto descriptors = Hold::totalDescriptors();
-  const auto bytes = Hold::totalBytes();
+  const auto descriptors = ReceiveBudget::totalDescriptors();
+  const auto bytes = ReceiveBudget::totalBytes();
   {
     FrameReader reader;
     const std::string whole = frame(4, std::string(100'000, 'x'), 3);
     reader.feed(std::as_bytes(std::span(whole)).first(50'000), nullFiles(3));
-    EXPECT_EQ(Hold::totalDescriptors(), descriptors + 3);
-    EXPECT_EQ(Hold::totalBytes(), bytes + 50'000);
+    EXPECT_EQ(ReceiveBudget::totalDescriptors(), descriptors + 3);
+    EXPECT_EQ(ReceiveBudget::totalBytes(), bytes + 50'000);
     reader.feed(std::as_bytes(std::span(whole)).subspan(50'000), {});
     const auto next = reader.next();
-    ASSERT_TRUE(std::holds_alternative<platform::xpc::Frame>(next));
-    EXPECT_EQ(Hold::totalDescriptors(), descriptors + 3);
-    EXPECT_EQ(Hold::totalBytes(), bytes + 100'000);
+    ASSERT_TRUE(next && *next);
+    EXPECT_EQ(ReceiveBudget::totalDescriptors(), descriptors + 3);
+    EXPECT_EQ(ReceiveBudget::totalBytes(), bytes + 100'000);
   }
-  EXPECT_EQ(Hold::totalDescriptors(), descriptors);
-  EXPECT_EQ(Hold::totalBytes(), bytes);
+  EXPECT_EQ(ReceiveBudget::totalDescriptors(), descriptors);
+  EXPECT_EQ(ReceiveBudget::totalBytes(), bytes);
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ using platform::xpc::ConnectionError;
 using platform::xpc::Event;
 using platform::xpc::Value;
 
-constexpr std::chrono::seconds kLimit{60};
+constexpr std::chrono::milliseconds kLimit = kPatience;
 
 }  // namespace
 
@@ -109,20 +109,24 @@ std::vector<int> ServiceEnvironment::startedServices() const {
 
 platform::xpc::Connection::EventHandler EventLog::handler() const {
   return [state = state_](const Event& event) {
-    const std::lock_guard lock(state->mutex);
+    const platform::MutexLock lock(state->mutex);
     state->events.push_back(event);
-    state->changed.notify_all();
+    state->changed.notifyAll();
   };
 }
 
 std::optional<Event> EventLog::at(std::size_t index) const {
-  std::unique_lock lock(state_->mutex);
-  if (!state_->changed.wait_for(lock, kLimit, [&] { return state_->events.size() > index; })) return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + kLimit;
+  platform::MutexLock lock(state_->mutex);
+  while (state_->events.size() <= index) {
+    if (!state_->changed.waitUntil(lock, deadline)) break;
+  }
+  if (state_->events.size() <= index) return std::nullopt;
   return state_->events[index];
 }
 
 std::size_t EventLog::count() const {
-  const std::lock_guard lock(state_->mutex);
+  const platform::MutexLock lock(state_->mutex);
   return state_->events.size();
 }
 

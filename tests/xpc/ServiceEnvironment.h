@@ -1,14 +1,13 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/xpc/connection/Connection.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -46,7 +45,7 @@ class ServiceEnvironment {
   std::map<std::string, std::optional<std::string>> former_;
 };
 
-/// Gathers a connection's events.
+/// Gathers a connection's events. Threads: any.
 class EventLog {
  public:
   EventLog() : state_(std::make_shared<State>()) {}
@@ -57,9 +56,9 @@ class EventLog {
 
  private:
   struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<platform::xpc::Event> events;
+    platform::Mutex mutex;
+    platform::Condition changed;
+    std::vector<platform::xpc::Event> events GUARDED_BY(mutex);
   };
   std::shared_ptr<State> state_;
 };

@@ -121,7 +121,7 @@ TEST_F(LockWaiting, EndsAtOnceWhenNobodyHasTheLock) {
 
 TEST_F(LockWaiting, LetsTheLoopServeOthersUntilTheLockIsFree) {
   ASSERT_EQ(other_.tryLock(), LockFile::Attempt::Taken);
-  const auto wait = makeWait(60s);
+  const auto wait = makeWait(20s);
   wait->begin(*RunLoop::current());
   EXPECT_EQ(taken_, std::nullopt);
   // Nobody would come to this if the wait kept the thread.

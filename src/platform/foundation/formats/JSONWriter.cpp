@@ -11,6 +11,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/text/UTF8.h"
 
 namespace platform {
@@ -97,10 +98,9 @@ void putEscaped(GrowingText& out, char c) {
     out.put('\\');
     out.put(kLetters[at]);
   } else {
-    constexpr std::string_view kDigits = "0123456789ABCDEF";
     out.put("\\u00");
-    out.put(kDigits[static_cast<unsigned char>(c) >> 4U]);
-    out.put(kDigits[static_cast<unsigned char>(c) & 0xFU]);
+    out.put(kUpperHexDigits[static_cast<unsigned char>(c) >> 4U]);
+    out.put(kUpperHexDigits[static_cast<unsigned char>(c) & 0xFU]);
   }
 }
 
@@ -124,9 +124,9 @@ std::size_t lengthAbout(const Object& object, std::size_t blanks) {
 }
 
 /// Writes one value and what it holds. Without blanks, unless it is for people.
-class Writer {
+class JSONWriter {
  public:
-  Writer(bool forPeople, std::size_t length) : out_(length), forPeople_(forPeople) {}
+  JSONWriter(bool forPeople, std::size_t length) : out_(length), forPeople_(forPeople) {}
 
   void write(const Object& object) {
     switch (object.kind()) {
@@ -256,7 +256,7 @@ class Writer {
 };
 
 std::string textOf(const Object& object, bool forPeople) {
-  Writer writer(forPeople, lengthAbout(object, 0));
+  JSONWriter writer(forPeople, lengthAbout(object, 0));
   writer.write(object);
   return writer.take();
 }

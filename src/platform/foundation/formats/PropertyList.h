@@ -12,8 +12,9 @@ namespace platform {
 // Property lists: numbers, text, data, dates, arrays and dictionaries as a file holds them.
 //
 // Both readers take hostile bytes: size, nesting and number of values are bounded, nothing recurses further than the nesting bound, and
-// what is read can always be written again unchanged. Numbers read are Bool, LongLong (UnsignedLongLong above 2^63-1) and Double. Dates are
-// whole seconds of the years 1 to 9999 when written.
+// what is read can be written again unchanged, but for fractions of a second, unless that makes it larger than the bound: a binary list
+// shares its parts, XML does not. Numbers read are Bool, LongLong (UnsignedLongLong above 2^63-1) and Double. Dates are whole seconds of
+// the years 1 to 9999 when written.
 //
 // Threads: all functions may be called on any thread.
 

@@ -13,8 +13,6 @@ namespace platform {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& why) { throw PropertyListError("binary: " + why); }
-
 /// Dates are counted from 2001-01-01T00:00:00Z.
 constexpr double kReferenceDate = 978307200;
 constexpr std::size_t kHeaderSize = 8;
@@ -23,9 +21,10 @@ constexpr std::size_t kTrailerSize = 32;
 /// Objects are found through a table of offsets, so a hostile list can make one object contain itself, share one among many or lay many
 /// over the same bytes. Each is read once; the depth, the number of values with shared ones counted wherever they appear, and the sum of
 /// the bytes read are bounded.
-class Reader {
+class BinaryReader {
  public:
-  explicit Reader(std::string_view bytes) : bytes_(bytes) {
+  explicit BinaryReader(std::string_view bytes) : bytes_(bytes) {
+    if (bytes.size() > kPropertyListMaximumSize) fail("larger than a property list may be");
     if (bytes.size() < kHeaderSize + kTrailerSize || !bytes.starts_with("bplist0")) fail("no header or no trailer");
     const std::string_view trailer = bytes.substr(bytes.size() - kTrailerSize);
     offsetSize_ = integer(trailer.substr(6, 1));
@@ -54,6 +53,8 @@ class Reader {
     std::size_t count = 1;
     Object value;
   };
+
+  [[noreturn]] static void fail(const std::string& why) { throw PropertyListError("binary: " + why); }
 
   static std::uint64_t integer(std::string_view bytes) {
     std::uint64_t number = 0;
@@ -219,7 +220,7 @@ class Reader {
   std::vector<Entry> read_;
 };
 
-std::string Reader::fromUTF16(std::string_view units) {
+std::string BinaryReader::fromUTF16(std::string_view units) {
   std::string text;
   const auto unit = [units](std::size_t i) { return static_cast<std::uint32_t>(integer(units.substr(i, 2))); };
   for (std::size_t i = 0; i < units.size(); i += 2) {
@@ -235,9 +236,6 @@ std::string Reader::fromUTF16(std::string_view units) {
 
 }  // namespace
 
-Object readBinaryPropertyList(std::string_view bytes) {
-  if (bytes.size() > kPropertyListMaximumSize) fail("larger than a property list may be");
-  return Reader(bytes).read();
-}
+Object readBinaryPropertyList(std::string_view bytes) { return BinaryReader(bytes).read(); }
 
 }  // namespace platform

@@ -2,36 +2,26 @@
 
 #include <fmt/format.h>
 
-#include <array>
-#include <charconv>
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 
+#include "platform/foundation/text/ASCII.h"
+#include "platform/foundation/text/Base64.h"
 #include "platform/foundation/text/UTF8.h"
 
 namespace platform {
 
 namespace {
 
-constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr std::uint8_t kNoDigit = 64;
-
-constexpr auto kBase64Digits = [] {
-  std::array<std::uint8_t, 256> digits{};
-  digits.fill(kNoDigit);
-  for (std::size_t i = 0; i < kBase64.size(); ++i) digits[static_cast<unsigned char>(kBase64[i])] = static_cast<std::uint8_t>(i);
-  return digits;
-}();
-
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-
 /// A number of exactly `digits` decimal digits at the front of `text`, which loses them; and then `separator`.
 std::optional<int> takeNumber(std::string_view& text, std::size_t digits, char separator) {
   int number = 0;
   if (text.size() <= digits || text[digits] != separator) return std::nullopt;
   for (const char c : text.substr(0, digits)) {
-    if (c < '0' || c > '9') return std::nullopt;
+    if (!isASCIIDigit(c)) return std::nullopt;
     number = number * 10 + (c - '0');
   }
   text.remove_prefix(digits + 1);
@@ -100,40 +90,17 @@ std::optional<Date> propertyListDate(std::string_view text) {
   const year_month_day calendar(year(*y), month(static_cast<unsigned>(*m)), day(static_cast<unsigned>(*d)));
   if (!calendar.ok()) return std::nullopt;
   const auto time = sys_seconds(sys_days(calendar)) + hours(*hour) + minutes(*minute) + seconds(*second);
-  return Date{static_cast<double>(time.time_since_epoch().count())};
-}
-
-std::string propertyListDataText(const Data& data) {
-  std::string text;
-  text.reserve((data.size() + 2) / 3 * 4);
-  for (std::size_t i = 0; i < data.size(); i += 3) {
-    const std::size_t taken = std::min<std::size_t>(3, data.size() - i);
-    std::uint32_t bits = 0;
-    for (std::size_t k = 0; k < 3; ++k) bits = bits << 8U | (k < taken ? std::to_integer<std::uint32_t>(data[i + k]) : 0U);
-    for (std::size_t k = 0; k < 4; ++k) text += k <= taken ? kBase64[bits >> (18 - 6 * k) & 63U] : '=';
-  }
-  return text;
+  const Date date{static_cast<double>(time.time_since_epoch().count())};
+  // The leap second of the last day is the first of the next year.
+  if (!propertyListDateText(date)) return std::nullopt;
+  return date;
 }
 
 std::optional<Data> propertyListData(std::string_view text) {
-  Data data;
-  data.reserve(text.size() / 4 * 3);
-  std::uint32_t bits = 0;
-  std::size_t digits = 0;
-  std::size_t padding = 0;
-  for (const char c : text) {
-    if (isBlank(c)) continue;
-    if (c == '=' && digits % 4 >= 2 && digits % 4 + padding < 4) {
-      ++padding;
-      continue;
-    }
-    const auto digit = kBase64Digits[static_cast<unsigned char>(c)];
-    if (digit == kNoDigit || padding > 0) return std::nullopt;
-    bits = bits << 6U | digit;
-    if (++digits % 4 != 1) data.push_back(static_cast<std::byte>(bits >> (6 - 2 * ((digits - 1) % 4)) & 0xFFU));
-  }
-  if ((digits + padding) % 4 != 0) return std::nullopt;
-  return data;
+  std::string digits;
+  digits.reserve(text.size());
+  std::ranges::copy_if(text, std::back_inserter(digits), [](char c) { return kPropertyListBlanks.find(c) == std::string_view::npos; });
+  return base64Bytes(digits);
 }
 
 }  // namespace platform

@@ -10,6 +10,9 @@
 
 namespace platform {
 
+/// What counts as nothing between elements, and around and in values that are no text.
+inline constexpr std::string_view kPropertyListBlanks = " \t\r\n";
+
 /// Whether `text` is UTF-8 of characters that XML 1.0 can hold (section 2.2).
 bool isPropertyListText(std::string_view text);
 bool isPropertyListCharacter(char32_t character);
@@ -21,8 +24,7 @@ std::optional<std::string> propertyListDateText(Date date);
 /// The reverse; nullopt for another form or no such day.
 std::optional<Date> propertyListDate(std::string_view text);
 
-/// RFC 4648, section 4. Decoding skips blanks and line ends, and yields nothing for anything else that is wrong.
-std::string propertyListDataText(const Data& data);
+/// The bytes of Base64 with blanks and line ends anywhere; nullopt for anything else that is wrong.
 std::optional<Data> propertyListData(std::string_view text);
 
 }  // namespace platform

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <limits>
@@ -7,12 +8,11 @@
 
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/formats/PropertyListText.h"
+#include "platform/foundation/text/ASCII.h"
 
 namespace platform {
 
 namespace {
-
-constexpr std::string_view kBlanks = " \t\r\n";
 
 [[noreturn]] void fail(const std::string& why) { throw PropertyListError(why); }
 
@@ -31,7 +31,7 @@ class Tokens {
   /// The next tag; nothing but blanks may come before it. Nullopt at the end of the text.
   std::optional<Tag> nextTag() {
     while (true) {
-      rest_.remove_prefix(std::min(rest_.find_first_not_of(kBlanks), rest_.size()));
+      rest_.remove_prefix(std::min(rest_.find_first_not_of(kPropertyListBlanks), rest_.size()));
       if (rest_.empty()) return std::nullopt;
       if (rest_.front() != '<') fail("text between elements");
       if (!skipMarkup()) return takeTag();
@@ -143,11 +143,6 @@ class Tokens {
   std::string_view rest_;
 };
 
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(kBlanks);
-  return first == std::string_view::npos ? std::string_view() : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
 template <class Number>
 std::optional<Number> parsed(std::string_view text, int base = 10) {
   Number number{};
@@ -157,7 +152,7 @@ std::optional<Number> parsed(std::string_view text, int base = 10) {
 }
 
 Object integerFrom(std::string_view text) {
-  text = trimmed(text);
+  text = trimmed(text, kPropertyListBlanks);
   if (text.starts_with('+')) text.remove_prefix(1);
   if (const auto number = parsed<std::int64_t>(text)) return Object::numberWithLongLong(*number);
   if (const auto number = parsed<std::uint64_t>(text)) return Object::numberWithUnsignedLongLong(*number);
@@ -172,7 +167,7 @@ Object integerFrom(std::string_view text) {
 }
 
 Object realFrom(std::string_view text) {
-  text = trimmed(text);
+  text = trimmed(text, kPropertyListBlanks);
   if (text.starts_with('+')) text.remove_prefix(1);
   double number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -181,7 +176,7 @@ Object realFrom(std::string_view text) {
 }
 
 Object dateFrom(std::string_view text) {
-  const auto date = propertyListDate(trimmed(text));
+  const auto date = propertyListDate(trimmed(text, kPropertyListBlanks));
   if (!date) fail("a bad date");
   return *date;
 }
@@ -207,9 +202,9 @@ constexpr LeafKind kLeaves[] = {
 };
 
 /// Builds the value with a stack of its own, so that nesting costs no call depth.
-class Reader {
+class XMLReader {
  public:
-  explicit Reader(std::string_view text) : tokens_(text) {}
+  explicit XMLReader(std::string_view text) : tokens_(text) {}
 
   Object read() {
     const auto first = tokens_.nextTag();
@@ -289,11 +284,7 @@ class Reader {
 Object readXMLPropertyList(std::string_view text) {
   if (text.size() > kPropertyListMaximumSize) fail("larger than a property list may be");
   if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
-  return Reader(text).read();
-}
-
-Object readPropertyList(std::string_view bytes) {
-  return bytes.starts_with("bplist") ? readBinaryPropertyList(bytes) : readXMLPropertyList(bytes);
+  return XMLReader(text).read();
 }
 
 }  // namespace platform

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/text/UTF8.h"
 #include "platform/foundation/url/PercentEscapes.h"
 #include "platform/foundation/url/URLCharacters.h"
@@ -164,10 +165,7 @@ std::string URL::path() const {
 
 std::string URL::scheme() const { return std::string(split(text_).scheme); }
 
-bool URL::isFileURL() const {
-  constexpr std::string_view kFile = "file";
-  return std::ranges::equal(split(text_).scheme, kFile, {}, [](char c) { return isASCIILetter(c) ? static_cast<char>(c | 0x20) : c; });
-}
+bool URL::isFileURL() const { return equalIgnoringASCIICase(split(text_).scheme, "file"); }
 
 std::string URL::host() const {
   std::string_view host = hostOf(split(text_).authority.value_or(std::string_view()));

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/text/UTF8.h"
 #include "platform/foundation/value/Object.h"
 
@@ -13,7 +14,7 @@ namespace {
 
 constexpr std::size_t kBlanksPerLevel = 4;
 
-bool isLetterOrDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+bool isLetterOrDigit(char c) { return isASCIILetter(c) || isASCIIDigit(c); }
 
 void appendEscaped(std::string& out, char32_t c) {
   static constexpr std::string_view kCharacters = "\a\b\t\n\v\f\r\"\\";

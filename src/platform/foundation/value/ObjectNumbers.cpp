@@ -6,13 +6,12 @@
 #include <cstdlib>
 #include <limits>
 
+#include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {
 
 namespace {
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 std::string_view withoutLeadingBlanks(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t\n\v\f\r");
@@ -20,7 +19,7 @@ std::string_view withoutLeadingBlanks(std::string_view text) {
 }
 
 std::size_t digitsFrom(std::string_view text, std::size_t at) {
-  while (at < text.size() && isDigit(text[at])) ++at;
+  while (at < text.size() && isASCIIDigit(text[at])) ++at;
   return at;
 }
 
@@ -53,7 +52,7 @@ double doubleOfText(std::string_view text) {
 template <class Integer>
 Integer integerOfText(std::string_view text) {
   text = withoutLeadingBlanks(text);
-  if (text.starts_with('+') && text.size() > 1 && isDigit(text[1])) text.remove_prefix(1);
+  if (text.starts_with('+') && text.size() > 1 && isASCIIDigit(text[1])) text.remove_prefix(1);
   Integer value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc::result_out_of_range) return value;

@@ -24,7 +24,7 @@ std::span<std::byte> readBuffer() {
   return buffer;
 }
 
-std::variant<Encoded, WireError> encodedStatus(const Channel::StatusSource& status) {
+Result<Encoded, WireError> encodedStatus(const Channel::StatusSource& status) {
   try {
     return encode(status());
   } catch (const std::exception& exception) {
@@ -93,16 +93,15 @@ void Channel::ready(unsigned events) {
 void Channel::readSome() {
   bool newFrame = false;
   for (int i = 0; i < kReadsPerTurn && state_ == State::Open && reading_; ++i) {
-    auto result = receive(socket_.fileDescriptor(), readBuffer());
-    if (std::holds_alternative<Blocked>(result)) break;
-    if (const auto* error = std::get_if<WireError>(&result)) return end(error->reason);
-    auto& received = std::get<Received>(result);
-    if (received.bytes == 0) return endOfStream();
-    const auto bytes = std::span<const std::byte>(readBuffer()).first(received.bytes);
-    if (!takeIn(std::move(received), bytes)) return;
+    auto received = receiveSome(socket_.fileDescriptor(), readBuffer());
+    if (!received) return end(received.error().reason);
+    if (!*received) break;
+    const std::size_t size = (*received)->bytes;
+    if (size == 0) return endOfStream();
+    if (!takeIn(**std::move(received))) return;
     newFrame = dispatch() || newFrame;
     // Probably all there was; the loop tells when it was not.
-    if (bytes.size() < kReadBytes) break;
+    if (size < kReadBytes) break;
   }
   updateStallTimer(newFrame);
 }
@@ -110,18 +109,16 @@ void Channel::readSome() {
 // The other end is gone, which the loop would tell again and again. How much it left is bounded by the kernel's buffer.
 void Channel::readTheRest() {
   for (;;) {
-    auto result = receive(socket_.fileDescriptor(), readBuffer());
-    auto* received = std::get_if<Received>(&result);
-    if (received == nullptr || received->bytes == 0) {
+    auto received = receiveSome(socket_.fileDescriptor(), readBuffer());
+    if (!received || !*received || (*received)->bytes == 0) {
       state_ = State::Draining;
       return closeSocket();
     }
-    const auto bytes = std::span<const std::byte>(readBuffer()).first(received->bytes);
-    if (!takeIn(std::move(*received), bytes)) return;
+    if (!takeIn(**std::move(received))) return;
   }
 }
 
-bool Channel::takeIn(Received received, std::span<const std::byte> bytes) {
+bool Channel::takeIn(Received received) {
   if (!hasCredentials_) {
     if (!received.credentials) {
       end("its first message came without credentials");
@@ -131,7 +128,7 @@ bool Channel::takeIn(Received received, std::span<const std::byte> bytes) {
     credentials_.asid = auditSession(credentials_.pid);
     hasCredentials_ = true;
   }
-  reader_.feed(bytes, std::move(received.descriptors));
+  reader_.feed(std::span<const std::byte>(readBuffer()).first(received.bytes), std::move(received.descriptors));
   if (!reader_.holdsTooMuch()) return true;
   end("more is waiting to be received than this process takes");
   return false;
@@ -142,16 +139,16 @@ bool Channel::dispatch() {
   bool any = false;
   while (state_ != State::Ended && reading_) {
     auto next = reader_.next();
-    if (std::holds_alternative<std::monostate>(next)) {
+    if (!next) {
+      end("it broke the protocol: " + next.error().reason);
+      break;
+    }
+    if (!*next) {
       if (state_ == State::Draining) endOfStream();
       break;
     }
-    if (const auto* error = std::get_if<WireError>(&next)) {
-      end("it broke the protocol: " + error->reason);
-      break;
-    }
     any = true;
-    dispatchOne(std::move(std::get<Frame>(next)));
+    dispatchOne(**std::move(next));
   }
   return any;
 }
@@ -168,8 +165,8 @@ void Channel::dispatchOne(Frame frame) {
 void Channel::answerStatus() {
   if (outgoing_->bytes() > kMaximumQueuedStatusBytes) return end("it does not read what is sent to it");
   auto reply = encodedStatus(status_);
-  if (const auto* error = std::get_if<WireError>(&reply)) return end("the status could not be told: " + error->reason);
-  write(OutgoingFrame::make(FrameKind::StatusReply, std::move(std::get<Encoded>(reply))));
+  if (!reply) return end("the status could not be told: " + reply.error().reason);
+  write(OutgoingFrame::make(FrameKind::StatusReply, *std::move(reply)));
 }
 
 void Channel::write(OutgoingFrame frame) {

@@ -10,6 +10,7 @@
 #include "platform/xpc/channel/Credentials.h"
 #include "platform/xpc/channel/Frame.h"
 #include "platform/xpc/channel/IOThread.h"
+#include "platform/xpc/channel/OutgoingFrame.h"
 #include "platform/xpc/channel/SendQueue.h"
 #include "platform/xpc/channel/SocketIO.h"
 #include "platform/xpc/value/Value.h"
@@ -84,7 +85,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void readSome() REQUIRES(kIOThread);
   void readTheRest() REQUIRES(kIOThread);
   void closeSocket() REQUIRES(kIOThread);
-  bool takeIn(Received received, std::span<const std::byte> bytes) REQUIRES(kIOThread);
+  /// What is in the read buffer. False when that ends the channel.
+  bool takeIn(Received received) REQUIRES(kIOThread);
   bool dispatch() REQUIRES(kIOThread);
   void dispatchOne(Frame frame) REQUIRES(kIOThread);
   void answerStatus() REQUIRES(kIOThread);

@@ -7,6 +7,8 @@
 #include <span>
 #include <utility>
 
+#include "platform/xpc/channel/SocketIO.h"
+
 namespace platform::xpc {
 
 SendQueue::Added SendQueue::add(OutgoingFrame frame) {
@@ -43,14 +45,11 @@ bool SendQueue::writeSome() {
     frames[count++] = &entry.frame;
   }
   if (count == 0) return false;
-  const auto result = transmit(socket_, std::span(frames).first(count), !sentCredentials_);
-  if (std::holds_alternative<Blocked>(result)) return false;
-  if (std::holds_alternative<WireError>(result)) {
-    breakOff();
-    return false;
-  }
+  const auto result = sendSome(socket_, std::span(frames).first(count), !sentCredentials_);
+  if (!result) breakOff();
+  if (!result || !*result) return false;
   sentCredentials_ = true;
-  std::size_t written = std::get<std::size_t>(result);
+  std::size_t written = **result;
   while (written > 0) {
     OutgoingFrame& frame = entries_.front().frame;
     const std::size_t part = std::min(written, frame.bytes.size() - frame.written);

@@ -6,7 +6,7 @@
 
 #include "platform/foundation/base/Mutex.h"
 #include "platform/xpc/channel/IOThread.h"
-#include "platform/xpc/channel/SocketIO.h"
+#include "platform/xpc/channel/OutgoingFrame.h"
 
 // Internal to the channel: frames on their way into one socket.
 namespace platform::xpc {

@@ -42,8 +42,8 @@ void Connection::send(const Value& message) {
                     "a message is a dictionary, not a value of the kind " + std::string(kindName(message.kind())));
   }
   auto encoded = encode(message);
-  if (const auto* error = std::get_if<WireError>(&encoded)) throw Exception(NSInvalidArgumentException, error->reason);
-  core_->send(OutgoingFrame::make(FrameKind::Message, std::move(std::get<Encoded>(encoded))));
+  if (!encoded) throw Exception(NSInvalidArgumentException, encoded.error().reason);
+  core_->send(OutgoingFrame::make(FrameKind::Message, *std::move(encoded)));
 }
 
 std::optional<std::string> Connection::name() const { return core_->name(); }

@@ -48,7 +48,7 @@ void Inbox::suspend() {
   ++suspensions_;
 }
 
-void Inbox::put(Value message, Hold hold) { putItem({.event = std::move(message), .hold = std::move(hold)}); }
+void Inbox::put(Value message, ReceiveBudget budget) { putItem({.event = std::move(message), .budget = std::move(budget)}); }
 
 void Inbox::putError(ConnectionError error, std::function<void()> told) { putItem({.event = std::move(error), .told = std::move(told)}); }
 
@@ -109,8 +109,8 @@ void Inbox::putItem(Item item) {
     taken = state_ == State::Taking;
     if (taken) {
       if (item.last) state_ = State::Ending;
-      bytes_ += item.hold.bytes();
-      descriptors_ += item.hold.descriptors();
+      bytes_ += item.budget.bytes();
+      descriptors_ += item.budget.descriptors();
       items_.push_back(std::move(item));
       due = dueOn();
     }
@@ -142,8 +142,8 @@ void Inbox::deliver() {
     }
     item = std::move(items_.front());
     items_.pop_front();
-    bytes_ -= item.hold.bytes();
-    descriptors_ -= item.hold.descriptors();
+    bytes_ -= item.budget.bytes();
+    descriptors_ -= item.budget.descriptors();
     if (awaited_ && halfEmpty()) {
       awaited_ = false;
       room = room_;
@@ -158,7 +158,7 @@ void Inbox::deliver() {
   if (room) room();
   // What the message holds counts until the handler has returned.
   if (handler) runContained(failure_, [&] { handler(item.event); });
-  item.hold = {};
+  item.budget = {};
   if (item.told) item.told();
   std::shared_ptr<SerialQueue> due;
   {

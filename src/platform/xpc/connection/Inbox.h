@@ -7,7 +7,7 @@
 
 #include "platform/concurrency/SerialQueue.h"
 #include "platform/foundation/base/Mutex.h"
-#include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/ReceiveBudget.h"
 #include "platform/xpc/connection/Event.h"
 
 // Internal to the channel: events on their way to a connection's handler.
@@ -39,7 +39,7 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
   void resume() EXCLUDES(mutex_);
   void suspend() EXCLUDES(mutex_);
 
-  void put(Value message, Hold hold) EXCLUDES(mutex_);
+  void put(Value message, ReceiveBudget budget) EXCLUDES(mutex_);
   /// The handler's call is followed by `told`.
   void putError(ConnectionError error, std::function<void()> told = {}) EXCLUDES(mutex_);
   /// `last` is the last event; the handler is released after it, and `kept` with it.
@@ -59,7 +59,7 @@ class Inbox : public std::enable_shared_from_this<Inbox> {
  private:
   struct Item {
     Event event;
-    Hold hold{};
+    ReceiveBudget budget{};
     /// Called after the handler, or when the event is dropped.
     std::function<void()> told{};
     bool last = false;

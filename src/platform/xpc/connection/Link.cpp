@@ -52,13 +52,12 @@ void Link::received(Frame frame) {
   if (state_ == State::Connected) greeted();
   if (frame.kind != FrameKind::Message) return;
   auto message = decode(frame.payload, std::move(frame.descriptors));
-  const auto* error = std::get_if<WireError>(&message);
-  if (error == nullptr && std::get<Value>(message).isDictionary()) {
-    core_.inbox().put(std::move(std::get<Value>(message)), std::move(frame.hold));
+  if (message && message->isDictionary()) {
+    core_.inbox().put(*std::move(message), std::move(frame.budget));
     return updateReading();
   }
   channel_->close();
-  ended("it broke the protocol: " + (error != nullptr ? error->reason : std::string("a message that is no dictionary")));
+  ended("it broke the protocol: " + (message ? std::string("a message that is no dictionary") : message.error().reason));
 }
 
 void Link::startReading() {

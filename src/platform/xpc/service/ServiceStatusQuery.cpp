@@ -7,11 +7,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <utility>
-#include <variant>
 
 #include "platform/foundation/base/Result.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/OutgoingFrame.h"
 #include "platform/xpc/channel/SocketIO.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 #include "platform/xpc/value/ObjectConversion.h"
@@ -38,10 +38,10 @@ std::optional<WireError> sendRequest(int socket, Clock::time_point deadline) {
   OutgoingFrame request = OutgoingFrame::make(FrameKind::StatusRequest);
   const std::array<const OutgoingFrame*, 1> pieces{&request};
   while (request.written < request.bytes.size()) {
-    const auto result = transmit(socket, pieces, request.written == 0);
-    if (const auto* error = std::get_if<WireError>(&result)) return *error;
-    if (const auto* size = std::get_if<std::size_t>(&result)) {
-      request.written += *size;
+    const auto size = sendSome(socket, pieces, request.written == 0);
+    if (!size) return size.error();
+    if (*size) {
+      request.written += **size;
     } else if (!waitFor(socket, POLLOUT, deadline)) {
       return WireError{"it does not read"};
     }
@@ -54,20 +54,20 @@ Answer readReply(int socket, Clock::time_point deadline) {
   std::vector<std::byte> buffer(std::size_t{64} << 10U);
   for (;;) {
     auto next = reader.next();
-    if (const auto* error = std::get_if<WireError>(&next)) return *error;
-    if (auto* frame = std::get_if<Frame>(&next)) {
+    if (!next) return next.error();
+    if (auto& frame = *next) {
       if (frame->kind != FrameKind::StatusReply) continue;
       const auto value = decode(frame->payload, std::move(frame->descriptors));
-      if (const auto* error = std::get_if<WireError>(&value)) return *error;
-      return objectWithValue(std::get<Value>(value));
+      if (!value) return value.error();
+      return objectWithValue(*value);
     }
     if (!waitFor(socket, POLLIN, deadline)) return WireError{"it does not answer"};
-    auto result = receive(socket, buffer);
-    if (const auto* error = std::get_if<WireError>(&result)) return *error;
-    auto* received = std::get_if<Received>(&result);
-    if (received == nullptr) continue;
-    if (received->bytes == 0) return WireError{"it closed the connection"};
-    reader.feed(std::span<const std::byte>(buffer).first(received->bytes), std::move(received->descriptors));
+    auto result = receiveSome(socket, buffer);
+    if (!result) return result.error();
+    if (!*result) continue;
+    Received& received = **result;
+    if (received.bytes == 0) return WireError{"it closed the connection"};
+    reader.feed(std::span<const std::byte>(buffer).first(received.bytes), std::move(received.descriptors));
   }
 }
 
