@@ -69,8 +69,8 @@ constexpr FlagSwitch kFlagSwitches[] = {
 double latencyIn(const Arguments& arguments) {
   const auto text = arguments.value("--latency");
   if (!text) return 0.1;
-  const auto seconds = parseFraction(*text);
-  if (!seconds || *seconds < 0 || *seconds > 86400) refuse("--latency", *text, "a number of seconds from 0 to 86400");
+  const auto seconds = parseSeconds(*text);
+  if (!seconds) refuse("--latency", *text, "a number of seconds from 0 to 86400");
   return *seconds;
 }
 

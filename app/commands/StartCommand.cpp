@@ -55,8 +55,8 @@ ExitCode codeOf(WatchStart::Outcome outcome) {
 std::chrono::milliseconds startLimit(const Arguments& arguments) {
   const auto text = arguments.value("--timeout");
   if (!text) return std::chrono::seconds(60);
-  const auto seconds = parseFraction(*text);
-  if (!seconds || *seconds <= 0 || *seconds > 86400) {
+  const auto seconds = parseSeconds(*text);
+  if (!seconds || *seconds == 0) {
     throw CommandError(ExitCode::Usage, fmt::format("start: '--timeout {}' is no number of seconds from 0 to 86400", *text));
   }
   return std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));

@@ -68,8 +68,7 @@ bool waitUntilGone(const ServiceProcessHandle& service, Clock::time_point deadli
 double stopLimit(const Arguments& arguments) {
   const auto text = arguments.value("--timeout");
   if (!text) return 20;
-  const auto seconds = parseFraction(*text);
-  if (seconds && *seconds >= 0 && *seconds <= 86400) return *seconds;
+  if (const auto seconds = parseSeconds(*text)) return *seconds;
   throw CommandError(ExitCode::Usage, fmt::format("stop: '--timeout {}' is no number of seconds from 0 to 86400", *text));
 }
 
