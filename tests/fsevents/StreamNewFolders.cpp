@@ -72,6 +72,8 @@ TEST_P(StreamNewFolders, ThatAreFilledWhileTheyAreListedMissNothing) {
         const auto late = "late" + std::to_string(made);
         const platform::FileHandle file(::openat(folder.fileDescriptor(), late.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         ASSERT_TRUE(file.isOpen()) << late;
+        // In memory it would be through before the listing begins.
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
       }
     });
     moveItem(outside(name), in(name));
