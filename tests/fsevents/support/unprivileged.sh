@@ -11,9 +11,12 @@ if [ -n "${UNPRIVILEGED_TESTS-}" ]; then
   set -- "--gtest_filter=$UNPRIVILEGED_TESTS" "$@"
   echo "shortened under the sanitizer: the run without rights has only the suites that depend on them"
 fi
-# Where the other tests of this run have theirs; a user without rights must get there.
+# Where the other tests of this run have theirs. A stream watches the folders above what it watches, too, so that a user without rights must be
+# able to read the run's own ones.
 base=${KESTRINE_TEST_FOLDER:-${TMPDIR:-/tmp}}
-[ -z "${KESTRINE_TEST_FOLDER-}" ] || { mkdir -p "$base" && chmod a+x "$base"; }
+for above in "${KESTRINE_RUN_FOLDER-}" "${KESTRINE_TEST_FOLDER-}"; do
+  [ -z "$above" ] || { mkdir -p "$above" && chmod a+rx "$above"; }
+done
 folder=$(mktemp -d "$base/kestrine-XXXXXX")
 trap 'chmod -R u+rwx "$folder"; rm -rf "$folder"' EXIT
 mkdir "$folder/bin" "$folder/tmp" "$folder/home"
