@@ -56,9 +56,9 @@ def changed_files():
 
 
 def configure(preset):
-    """The build that tells how each file is compiled; returns its folder."""
+    """The build that tells how each file is compiled, with its precompiled headers; returns its folder."""
     folder = BUILDS / preset
-    for words in (["cmake", "--preset", preset, "-B", str(folder)], ["cmake", "--build", str(folder), "--target", "kestrine_test_pch"]):
+    for words in (["cmake", "--preset", preset, "-B", str(folder)], ["cmake", "--build", str(folder), "--target", "kestrine_pch", "kestrine_test_pch"]):
         done = subprocess.run(words, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
         if done.returncode != 0:
             say(done.stdout)
