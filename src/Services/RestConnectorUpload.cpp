@@ -10,6 +10,7 @@
 #include "Services/RestBaseURL.h"
 #include "Services/RestConnector.h"
 #include "Services/RestJSON.h"
+#include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "util/ServicesUtilities.h"

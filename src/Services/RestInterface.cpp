@@ -8,7 +8,7 @@
 #include "Services/RestConnector.h"
 #include "Services/RestConnector_Old.h"
 #include "platform/foundation/log/Log.h"
-#include "platform/foundation/value/Format.h"
+#include "platform/foundation/value/ObjectFormat.h"
 #include "util/ServicesUtilities.h"
 
 namespace kestrine {

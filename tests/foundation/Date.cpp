@@ -1,10 +1,10 @@
+#include "platform/foundation/value/Date.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-
-#include "platform/foundation/value/Object.h"
 
 namespace platform {
 namespace {

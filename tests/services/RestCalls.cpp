@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/formats/JSON.h"
-#include "platform/foundation/value/Format.h"
+#include "platform/foundation/value/ObjectFormat.h"
 #include "tests/services/ExpectedCalls.h"
 #include "tests/services/ExpectedKeys.h"
 #include "tests/services/ProductServer.h"

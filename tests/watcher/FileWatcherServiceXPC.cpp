@@ -8,7 +8,7 @@
 #include <future>
 #include <thread>
 
-#include "platform/foundation/files/Paths.h"
+#include "platform/foundation/files/HomeDirectory.h"
 #include "tests/support/Process.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"

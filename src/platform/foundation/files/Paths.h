@@ -9,9 +9,6 @@ namespace platform {
 /// Path texts are bytes separated by '/'; nothing here touches the file system unless it says so. All functions may be called on any
 /// thread.
 
-/// The user's home folder: $HOME when it is set to an absolute path, else the password database's entry, else "/".
-std::string NSHomeDirectory();
-
 /// Removes a trailing separator, repeated separators, "." and (in an absolute path) ".." components, and expands a leading "~". Symbolic
 /// links are resolved only where that is needed to remove a ".." and a leading "/private" is left as it is. An empty path stays empty.
 std::string stringByStandardizingPath(std::string_view path);

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
-#include "platform/foundation/files/PathsHome.h"
 
 namespace platform {
 

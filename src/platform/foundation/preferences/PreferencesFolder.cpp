@@ -13,6 +13,7 @@
 
 #include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/files/FileManager.h"
+#include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/preferences/PreferencesWrites.h"
 

@@ -1,9 +1,9 @@
+#include "platform/foundation/value/Date.h"
+
 #include <fmt/format.h>
 
 #include <cmath>
 #include <ctime>
-
-#include "platform/foundation/value/Object.h"
 
 namespace platform {
 

@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/foundation/value/Date.h"
 #include "platform/foundation/value/SharedText.h"
 #include "platform/foundation/value/TextTable.h"
 #include "platform/foundation/value/UUID.h"
@@ -24,17 +25,6 @@ class Object;
 using Array = std::vector<Object>;
 /// Raw bytes.
 using Data = std::vector<std::byte>;
-
-/// A point in time: seconds since 1970-01-01 00:00:00 UTC, fractions included.
-struct Date {
-  double timeIntervalSince1970 = 0;
-  /// The current time by CLOCK_REALTIME.
-  static Date now();
-  /// "2026-11-21 08:38:00 +0000", always in UTC, whole seconds.
-  [[nodiscard]] std::string description() const;
-  // NOLINTNEXTLINE(modernize-use-nullptr): takes the 0 of a rewritten comparison for a pointer
-  friend auto operator<=>(const Date&, const Date&) = default;
-};
 
 /// The type code that a number keeps from its making. A boolean, a 32-bit 7, a 64-bit 7 and an unsigned 64-bit 7 are four different
 /// numbers; the letters are those of the platform's type encoding (a boolean shares 'c' with a char there, so it has one of its own here).

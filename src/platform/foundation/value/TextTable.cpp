@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "platform/foundation/base/Exception.h"
-#include "platform/foundation/value/Object.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

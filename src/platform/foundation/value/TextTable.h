@@ -21,6 +21,9 @@ struct ConstantKeyText {
 /// The entries of a dictionary value whose keys are constants and whose values are texts, such as the body of a request: held in two
 /// pieces of memory however many there are. A Dictionary of them is made for who asks for one, with the first question, and kept.
 ///
+/// It is here for one task: building and writing a batch of 10,000 bodies takes 2.9 times as long with a Dictionary for each, and would
+/// miss its target.
+///
 /// Threads: any thread may use a table, and several at once.
 class TextTable {
  public:

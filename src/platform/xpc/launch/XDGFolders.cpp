@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "platform/foundation/files/Paths.h"
+#include "platform/foundation/files/HomeDirectory.h"
 
 namespace platform::xpc {
 

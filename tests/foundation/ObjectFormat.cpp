@@ -1,4 +1,4 @@
-#include "platform/foundation/value/Format.h"
+#include "platform/foundation/value/ObjectFormat.h"
 
 #include <gtest/gtest.h>
 

@@ -1,3 +1,5 @@
+#include "platform/foundation/files/HomeDirectory.h"
+
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <unistd.h>

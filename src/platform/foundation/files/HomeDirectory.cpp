@@ -1,4 +1,4 @@
-#include "platform/foundation/files/PathsHome.h"
+#include "platform/foundation/files/HomeDirectory.h"
 
 #include <pwd.h>
 #include <unistd.h>
@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <vector>
-
-#include "platform/foundation/files/Paths.h"
 
 namespace platform {
 
