@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <functional>
 #include <future>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
 
 #include "platform/network/wire/NetworkThread.h"
 #include "tests/network/Fetch.h"
@@ -62,7 +64,10 @@ int runExchange(const std::string& url, Thrower::At at) {
   onNetworkThread([&] {
     assertOnNetworkThread();
     multi = std::make_unique<CurlMulti>(0);
-    exchange = std::make_unique<Exchange>(*multi, Exchange::Request{.url = url, .method = "GET"}, listener);
+    Exchange::Request request;
+    request.url = url;
+    request.method = "GET";
+    exchange = std::make_unique<Exchange>(*multi, std::move(request), listener);
   });
   const int result = ended.get();
   std::promise<void> gone;
