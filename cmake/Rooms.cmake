@@ -6,7 +6,7 @@
 # room have too, and stay alone.
 option(KESTRINE_TOGETHER "Compile the files of a room in groups" OFF)
 function(kestrine_together name)
-  set_target_properties(${name} PROPERTIES UNITY_BUILD ${KESTRINE_TOGETHER} UNITY_BUILD_BATCH_SIZE 16
+  set_target_properties(${name} PROPERTIES UNITY_BUILD ${KESTRINE_TOGETHER} UNITY_BUILD_BATCH_SIZE 8
     UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include): this is what such a file is for.")
   set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()

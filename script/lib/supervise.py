@@ -13,6 +13,7 @@ import os
 import pathlib
 import select
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -22,7 +23,7 @@ from descendants import end_descendants, reap
 PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
 MNT_DETACH = 2
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT)
-PREFIX = "kestrine."
+PREFIX, MODE = "kestrine.", 0o711
 # What a whole run has been seen to need at once is a tenth of this.
 ROOM, FILES = 1 << 30, 300_000
 
@@ -75,9 +76,12 @@ def remove(folder):
 
 def remove_old(parent):
     """What a run left behind whose two watchers were killed in one moment."""
+    def is_ours(entry):
+        status = entry.stat(follow_symlinks=False)
+        return entry.name.startswith(PREFIX) and status.st_uid == os.getuid() and status.st_mode == stat.S_IFDIR | MODE
+
     with os.scandir(parent) as entries:
-        old = [entry.path for entry in entries if entry.name.startswith(PREFIX) and entry.is_dir(follow_symlinks=False)
-               and entry.stat(follow_symlinks=False).st_uid == os.getuid()]
+        old = [entry.path for entry in entries if is_ours(entry)]
     for folder in old:
         descriptor = lock(folder)
         if descriptor is not None:
@@ -92,7 +96,7 @@ def make_folder(parent):
     while held is None or os.fstat(held).st_nlink == 0:
         folder = tempfile.mkdtemp(prefix=PREFIX, dir=parent)
         held = lock(folder)
-    os.chmod(folder, 0o711)
+    os.chmod(folder, MODE)
     os.mkdir(folder + "/t")
     os.chmod(folder + "/t", 0o1777)
     return folder
