@@ -1,28 +1,18 @@
 #include "watcher/systemVersionIsAtLeast.h"
 
-#include <atomic>
-
 #include "platform/foundation/process/SystemVersion.h"
 
 namespace kestrine {
 
-namespace {
-
-// Two threads may fetch at once; both then store the same number.
-std::atomic<std::int32_t> versionMajor = 0;
-std::atomic<std::int32_t> versionMinor = 0;
-
-}  // namespace
-
-bool systemVersionIsAtLeast(std::int32_t major, std::int32_t minor) {
-  if (versionMajor == 0) versionMajor = platform::systemVersion().major;
-  if (versionMinor == 0) versionMinor = platform::systemVersion().minor;
-  return versionMajor > major || (versionMajor == major && versionMinor >= minor);
+bool KnownSystemVersion::isAtLeast(std::int32_t major, std::int32_t minor) {
+  if (major_ == 0) major_ = platform::systemVersion().major;
+  if (minor_ == 0) minor_ = platform::systemVersion().minor;
+  return major_ > major || (major_ == major && minor_ >= minor);
 }
 
-void resetSystemVersionCachesForTest() {
-  versionMajor = 0;
-  versionMinor = 0;
+bool systemVersionIsAtLeast(std::int32_t major, std::int32_t minor) {
+  static KnownSystemVersion version;
+  return version.isAtLeast(major, minor);
 }
 
 }  // namespace kestrine
