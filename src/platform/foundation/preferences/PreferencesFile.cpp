@@ -92,7 +92,7 @@ Result<PreferencesFile::Contents, std::system_error> PreferencesFile::read() con
     if (!unusable) return error;
     // What is unusable and must stay where it is counts as empty all the same.
     failed(false, unusable->why + ", and it cannot be moved aside: " + error.what());
-    return Contents{.damage = unusable->why};
+    return Contents{Object(), FileVersion(), unusable->why};
   }
 }
 
