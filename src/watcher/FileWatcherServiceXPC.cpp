@@ -7,6 +7,7 @@
 
 #include "platform/concurrency/RunLoop.h"
 #include "platform/foundation/files/HomeDirectory.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/url/PercentEscapes.h"
