@@ -8,6 +8,7 @@
 #include "contract/SyncFolder.h"
 #include "platform/concurrency/RunLoop.h"
 #include "platform/foundation/files/HomeDirectory.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"

@@ -157,6 +157,30 @@ DEFECTS = [
         "foundation_tests",
         "PropertyList.*",
     ),
+    Defect(
+        "date-beyond-the-last-year",
+        "src/platform/foundation/formats/PropertyListText.cpp",
+        "  if (!propertyListDateText(date)) return std::nullopt;\n",
+        "",
+        "foundation_tests",
+        "PropertyList.*",
+    ),
+    Defect(
+        "interrupted-read-is-an-error",
+        "src/platform/foundation/base/DescriptorIO.cpp",
+        "    const ssize_t count = ::read(descriptor, piece.data(), piece.size());\n    if (count < 0 && errno == EINTR) continue;\n",
+        "    const ssize_t count = ::read(descriptor, piece.data(), piece.size());\n",
+        "foundation_tests",
+        "DescriptorIO.*",
+    ),
+    Defect(
+        "folder-refused-without-a-reason",
+        "src/platform/foundation/preferences/PreferencesFolder.cpp",
+        "    if (const int error = makeFolders(path, makeFolder); error != 0) throwError(error, \"making the folder\");\n",
+        "    static_cast<void>(makeFolders(path, makeFolder));\n",
+        "foundation_tests",
+        "UserDefaultsFailures.*",
+    ),
     # The run loop and the queues.
     Defect(
         "queues-share-eight-threads",

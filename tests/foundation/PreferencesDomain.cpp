@@ -32,8 +32,8 @@ TEST(PreferencesDomain, HasItsFileInThePreferencesFolder) {
 
 TEST(PreferencesDomain, IsReadAsItStandsOnDisk) {
   const TemporaryDirectory folder;
-  ASSERT_TRUE(UserDefaults("domain", folder.path()).setPersistentDomain_forName(Dictionary{{"key", "value"}}, "domain"));
-  const auto values = readPreferencesDomain("domain", folder.path());
+  ASSERT_TRUE(UserDefaults("stored", folder.path()).setPersistentDomain_forName(Dictionary{{"key", "value"}}, "stored"));
+  const auto values = readPreferencesDomain("stored", folder.path());
   ASSERT_TRUE(values);
   EXPECT_EQ(*values, Object(Dictionary{{"key", "value"}}));
 }
@@ -42,7 +42,7 @@ TEST(PreferencesDomain, WithoutAFileOrAFolderIsNone) {
   const TemporaryDirectory folder;
   writeFile(folder / "file", "");
   for (const std::string& place : {folder.path(), folder / "missing", folder / "file"}) {
-    const auto values = readPreferencesDomain("domain", place);
+    const auto values = readPreferencesDomain("stored", place);
     ASSERT_FALSE(values) << place;
     EXPECT_EQ(values.error().kind, Kind::NoSuchDomain) << place;
   }
@@ -50,19 +50,19 @@ TEST(PreferencesDomain, WithoutAFileOrAFolderIsNone) {
 
 TEST(PreferencesDomain, OfADamagedFileSaysWhatIsWrongAndHasItMovedAside) {
   const TemporaryDirectory folder;
-  writeFile(folder / "domain.plist", "<plist><array/></plist>");
-  const auto values = readPreferencesDomain("domain", folder.path());
+  writeFile(folder / "stored.plist", "<plist><array/></plist>");
+  const auto values = readPreferencesDomain("stored", folder.path());
   ASSERT_FALSE(values);
   EXPECT_EQ(values.error().kind, Kind::Damaged);
   EXPECT_EQ(values.error().reason, "it holds no dictionary");
-  EXPECT_EQ(readFile(folder / "domain.plist.corrupt"), "<plist><array/></plist>");
-  EXPECT_EQ(readPreferencesDomain("domain", folder.path()).error().kind, Kind::NoSuchDomain);
+  EXPECT_EQ(readFile(folder / "stored.plist.corrupt"), "<plist><array/></plist>");
+  EXPECT_EQ(readPreferencesDomain("stored", folder.path()).error().kind, Kind::NoSuchDomain);
 }
 
 TEST(PreferencesDomain, ThatIsNoFileIsRefused) {
   const TemporaryDirectory folder;
-  makeFolder(folder / "domain.plist");
-  const auto values = readPreferencesDomain("domain", folder.path());
+  makeFolder(folder / "stored.plist");
+  const auto values = readPreferencesDomain("stored", folder.path());
   ASSERT_FALSE(values);
   EXPECT_EQ(values.error().kind, Kind::Refused);
   EXPECT_EQ(values.error().reason, "Is a directory");

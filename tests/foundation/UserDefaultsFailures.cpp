@@ -128,6 +128,25 @@ TEST(UserDefaultsFailures, SayWhyTheFolderCannotBeMade) {
       << outcome.errorOutput;
 }
 
+TEST(UserDefaultsFailures, SayOnceThatTheFolderCannotBeListed) {
+  const TemporaryDirectory folder;
+  writeFile(folder / "domain.plist", "<plist><dict/></plist>");
+  giveToUnprivileged(folder.path(), 0300);
+  const auto outcome = runHelper({.name = "listWithoutRights", .folder = folder.path(), .unprivileged = true});
+  giveToUnprivileged(folder.path(), 0700);
+  EXPECT_EQ(outcome.output, "domains: 0\ndomains: 0\n");
+  EXPECT_EQ(occurrences(outcome.errorOutput, folder.path() + " cannot be read: opening the folder: Permission denied"), 1)
+      << outcome.errorOutput;
+}
+
+TEST(UserDefaultsFailures, SayNothingOfAFolderThatIsNotThere) {
+  const TemporaryDirectory folder;
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(UserDefaults("domain", folder / "missing").persistentDomainNames().empty());
+  platform::flushLog();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST(UserDefaultsFailures, NeverReplaceAFileThatCannotBeRead) {
   const TemporaryDirectory folder;
   writeFile(folder / "unreadable.plist", "<plist><dict><key>key</key><string>secret</string></dict></plist>");

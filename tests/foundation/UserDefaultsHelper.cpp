@@ -99,6 +99,10 @@ void readDomainsWithoutRights(const HelperJob& job) {
   }
 }
 
+void listWithoutRights(const HelperJob& job) {
+  for (int i = 0; i < 2; ++i) say("domains: " + std::to_string(UserDefaults("domain", job.folder).persistentDomainNames().size()));
+}
+
 void writeBelowAClosedFolder(const HelperJob& job) {
   UserDefaults defaults("domain", job.folder + "/a/b");
   defaults.setObject_forKey("value", "key");
@@ -147,6 +151,7 @@ constexpr struct {
     {"writeWithoutRights", writeWithoutRights},
     {"readWithoutRights", readWithoutRights},
     {"readDomainsWithoutRights", readDomainsWithoutRights},
+    {"listWithoutRights", listWithoutRights},
     {"writeBelowAClosedFolder", writeBelowAClosedFolder},
     {"fillDisk", fillDisk},
     {"exceedLimit", exceedLimit},

@@ -92,9 +92,7 @@ Result<PreferencesFile::Contents, std::system_error> PreferencesFile::read() con
     if (!unusable) return error;
     // What is unusable and must stay where it is counts as empty all the same.
     failed(false, unusable->why + ", and it cannot be moved aside: " + error.what());
-    Contents empty;
-    empty.damage = unusable->why;
-    return empty;
+    return Contents{Object(), FileVersion(), unusable->why};
   }
 }
 

@@ -12,6 +12,7 @@
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/PreferencesFile.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
+#include "platform/foundation/preferences/PreferencesReasons.h"
 
 namespace platform {
 
@@ -161,8 +162,11 @@ std::vector<std::string> UserDefaults::persistentDomainNames() const {
     for (auto& name : PreferencesFolder(impl_->folder(), false).names()) {
       if (name.size() > kSuffix.size() && name.ends_with(kSuffix)) found.push_back(name.substr(0, name.size() - kSuffix.size()));
     }
-  } catch (const std::system_error&) {
-    // No folder that can be listed: no domains.
+    PreferencesReasons::shared().succeeded(impl_->folder(), PreferencesReasons::Operation::Read);
+  } catch (const std::system_error& error) {
+    // No folder: no domains.
+    if (error.code() != std::errc::no_such_file_or_directory && error.code() != std::errc::not_a_directory)
+      PreferencesReasons::shared().failed(impl_->folder(), PreferencesReasons::Operation::Read, error.what());
   }
   std::sort(found.begin(), found.end());
   return found;

@@ -35,7 +35,7 @@ class UserDefaults {
   bool setPersistentDomain_forName(const Object& domain, std::string_view name);
   /// Removes the domain's file. True also when there was none. Throws for an illegal name.
   bool removePersistentDomainForName(std::string_view name);
-  /// Names of the domains in the folder, sorted.
+  /// Names of the domains in the folder, sorted. None, with the reason in the log, when there is a folder that cannot be listed.
   [[nodiscard]] std::vector<std::string> persistentDomainNames() const;
 
   /// This domain's value for `key`: a change not yet synchronised, else what is on disk (which costs one stat to verify), else, when that
