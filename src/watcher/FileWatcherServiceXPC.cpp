@@ -7,6 +7,7 @@
 #include "contract/SharedPreferences.h"
 #include "contract/SyncFolder.h"
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
