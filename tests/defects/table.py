@@ -98,6 +98,30 @@ DEFECTS = [
         "watcher_tests",
         "CDEventsFilter.*:CDEventsDelivery.*",
     ),
+    Defect(
+        "report-contains-some-exceptions-only",
+        "src/watcher/FileWatcherServiceXPC.cpp",
+        '  platform::runContained("the failure could not be reported", [&] { logErrorMethod(failure); });\n',
+        "  try {\n    logErrorMethod(failure);\n  } catch (const platform::Exception&) {\n  }\n",
+        "watcher_tests",
+        "FailureReport.ThatFindsNoThreadIsLogged",
+    ),
+    Defect(
+        "clients-handler-stops-its-keeper",
+        "app/client/WatchKeeper.cpp",
+        '  platform::runContained("an exception left the event handler of a FileWatcherClient", [&] { (*handler)({kind, text}); });\n',
+        "  (*handler)({kind, text});\n",
+        "app_tests",
+        "Client.GoesOnWhenItsHandlerThrows",
+    ),
+    Defect(
+        "keeper-gives-up-at-once",
+        "app/client/WatchKeeper.cpp",
+        "  } else if (mayMendItself(start.outcome)) {\n    askLater();\n",
+        "  } else if (mayMendItself(start.outcome)) {\n    enter(GivenUp{});\n",
+        "app_tests",
+        "Client.KeepsAskingWhenTheServiceDoesNotComeBack",
+    ),
     # The values and the preferences.
     Defect(
         "url-escape-unchecked",
