@@ -71,7 +71,12 @@ function(kestrine_tests name)
   target_link_libraries(${name} PRIVATE kestrine_test_support ${TESTS_USES})
   target_precompile_headers(${name} REUSE_FROM kestrine_test_pch)
   kestrine_together(${name} ${TESTS_ALONE})
+  # An empty value would not arrive as one.
+  set(labels)
+  if(TESTS_LABELS)
+    set(labels LABELS "${TESTS_LABELS}")
+  endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES DISCOVERY_TIMEOUT 600 TEST_PREFIX "${name}."
-    PROPERTIES TIMEOUT ${TESTS_TIMEOUT} LABELS "${TESTS_LABELS}" ENVIRONMENT KESTRINE_TEST_ENDS_WITH_RUNNER=1)
+    PROPERTIES TIMEOUT ${TESTS_TIMEOUT} ENVIRONMENT KESTRINE_TEST_ENDS_WITH_RUNNER=1 ${labels})
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${PROJECT_SOURCE_DIR}/tests/costs.cmake")
 endfunction()

@@ -171,7 +171,7 @@ DEFECTS = [
         "    const FileHandle late(::open(path_.c_str(), O_WRONLY | O_CLOEXEC));\n"
         "    static_cast<void>(!::write(late.fileDescriptor(), bytes.data(), bytes.size()));\n",
         "foundation_tests",
-        "UserDefaultsProcesses.ReadOnlyWholeFilesWhileAnotherWrites",
+        "UserDefaultsProcesses.KilledAtAnyMomentLeaveAWholeFile",
     ),
     Defect(
         "property-list-nested-without-bound",

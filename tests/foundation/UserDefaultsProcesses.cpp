@@ -75,6 +75,7 @@ TEST(UserDefaultsProcesses, LoseNoSignalHoweverFastItIsSetAndReset) {
 
 TEST(UserDefaultsProcesses, KilledAtAnyMomentLeaveAWholeFile) {
   const TemporaryDirectory folder;
+  // A file that has its name before its bytes is noticed ten times out of ten by so many, and six times by thirty.
   const int kills = longOrShort(200, 30);
   std::minstd_rand random(4711);
   std::set<long> lengths;
