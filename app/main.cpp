@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "app/call/CallCommand.h"
+#include "app/cli/CommandLine.h"
 #include "app/commands/Commands.h"
 #include "platform/foundation/base/ApplicationIdentifier.h"
 

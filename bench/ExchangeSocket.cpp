@@ -2,13 +2,12 @@
 #include <unistd.h>
 
 #include <array>
-#include <variant>
 #include <vector>
 
 #include "bench/ExchangeMessage.h"
 #include "bench/Measure.h"
 #include "platform/xpc/channel/Frame.h"
-#include "platform/xpc/channel/SocketIO.h"
+#include "platform/xpc/channel/OutgoingFrame.h"
 
 namespace kestrine::bench {
 
@@ -19,7 +18,7 @@ using platform::FileHandle;
 
 void writeMessage(const FileHandle& socket, const Value& message) {
   auto encoded = encode(message);
-  const auto frame = OutgoingFrame::make(FrameKind::Message, std::move(std::get<Encoded>(encoded)));
+  const auto frame = OutgoingFrame::make(FrameKind::Message, *std::move(encoded));
   for (std::size_t written = 0; written < frame.bytes.size();) {
     const ssize_t size = ::send(socket.fileDescriptor(), frame.bytes.data() + written, frame.bytes.size() - written, MSG_NOSIGNAL);
     if (size < 0) fail("send");
@@ -32,10 +31,7 @@ Value readMessage(const FileHandle& socket, FrameReader& reader) {
   static std::array<std::byte, 65536> buffer;
   for (;;) {
     auto next = reader.next();
-    if (auto* frame = std::get_if<Frame>(&next)) {
-      auto value = decode(frame->payload, {});
-      return std::get<Value>(value);
-    }
+    if (next.value()) return *decode((*next)->payload, {});
     const ssize_t size = recv(socket.fileDescriptor(), buffer.data(), buffer.size(), 0);
     if (size <= 0) return {};
     reader.feed(std::span(buffer).first(static_cast<std::size_t>(size)), {});

@@ -20,6 +20,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC bug 105651: a false -Wrestrict on std::string concatenation. And g++ takes the enumerators of an enum class for names of the
   # surrounding scope, which they are not; clang looks for shadowing in full.
   target_compile_options(kestrine_compile INTERFACE -Wno-restrict -Wno-shadow -Wshadow=local)
+  # Its memory grows to a gigabyte either way before a large unit is done; collecting it less often saves a twelfth of the time.
+  add_compile_options("SHELL:--param ggc-min-heapsize=1048576" "SHELL:--param ggc-min-expand=200")
 endif()
 
 if(KESTRINE_SANITIZE)

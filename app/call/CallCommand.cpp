@@ -10,6 +10,7 @@
 #include "app/call/CallOperation.h"
 #include "app/call/CallRequest.h"
 #include "app/call/CallWait.h"
+#include "app/cli/CommandError.h"
 #include "platform/foundation/formats/JSON.h"
 
 namespace kestrine {

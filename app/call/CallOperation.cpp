@@ -1,13 +1,13 @@
 #include "app/call/CallOperation.h"
 
 #include <fmt/format.h>
-#include <strings.h>
 
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
 #include "Services/Endpoints.h"
+#include "platform/foundation/text/ASCII.h"
 
 namespace kestrine {
 
@@ -146,8 +146,6 @@ CallOperation operation(const StreamEndpoint<Query>& row) {
   return operation;
 }
 
-bool isSame(std::string_view a, std::string_view b) { return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0; }
-
 }  // namespace
 
 std::string CallOperation::operationName() const {
@@ -156,7 +154,8 @@ std::string CallOperation::operationName() const {
 }
 
 bool CallOperation::isCalled(std::string_view word) const {
-  return isSame(word, name) || isSame(word, selector) || isSame(word, operationName()) || word == std::to_string(number);
+  return platform::equalIgnoringASCIICase(word, name) || platform::equalIgnoringASCIICase(word, selector) ||
+         platform::equalIgnoringASCIICase(word, operationName()) || word == std::to_string(number);
 }
 
 std::span<const CallOperation> callOperations() {

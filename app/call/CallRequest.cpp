@@ -5,13 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
 
-#include "app/cli/Command.h"
+#include "app/cli/CommandError.h"
 #include "app/cli/Nearest.h"
+#include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/formats/JSON.h"
 
 namespace kestrine {
@@ -22,23 +22,21 @@ constexpr std::size_t kLargestFile = 256U << 20U;
 
 [[noreturn]] void refuse(const std::string& text) { throw CommandError(ExitCode::Usage, "call: " + text); }
 
-std::string readAll(int descriptor, const std::string& name) {
-  std::string text;
-  std::array<char, 65536> buffer{};
-  for (;;) {
-    const ssize_t count = read(descriptor, buffer.data(), buffer.size());
-    if (count == 0) return text;
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", name, std::strerror(errno)));
-    text.append(buffer.data(), static_cast<std::size_t>(count));
-    if (text.size() > kLargestFile) throw CommandError(ExitCode::Failed, fmt::format("'{}' is larger than 256 MiB", name));
-  }
+[[noreturn]] void refuseToRead(const std::string& name, int error) {
+  throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", name, platform::errnoText(error)));
+}
+
+std::string readDescriptor(int descriptor, const std::string& name) {
+  auto text = platform::readAll(descriptor, kLargestFile);
+  if (!text) refuseToRead(name, text.error());
+  if (text->size() > kLargestFile) throw CommandError(ExitCode::Failed, fmt::format("'{}' is larger than 256 MiB", name));
+  return *std::move(text);
 }
 
 std::string readFile(const std::string& path) {
   const platform::FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.isOpen()) throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", path, std::strerror(errno)));
-  return readAll(file.fileDescriptor(), path);
+  if (!file.isOpen()) refuseToRead(path, errno);
+  return readDescriptor(file.fileDescriptor(), path);
 }
 
 /// What stands behind '=': text, or "@FILE" for a file's, or "@@" for an '@'.
@@ -85,7 +83,7 @@ std::vector<PropertyValues> batchOf(const CallOperation& operation, std::span<co
   if (!isFile) refuse(fmt::format("{} takes a JSON array of objects, as @FILE or - (standard input)", operation.name));
   const std::string name = words[0] == "-" ? "standard input" : words[0].substr(1);
   try {
-    const platform::Object elements = platform::readJSON(words[0] == "-" ? readAll(STDIN_FILENO, name) : readFile(name));
+    const platform::Object elements = platform::readJSON(words[0] == "-" ? readDescriptor(STDIN_FILENO, name) : readFile(name));
     if (!elements.isArray()) throw CommandError(ExitCode::Failed, fmt::format("call: '{}' holds no JSON array", name));
     std::vector<PropertyValues> records;
     for (const platform::Object& element : elements.arrayValue()) records.push_back(recordOf(operation, element, records.size()));

@@ -1,10 +1,10 @@
 #include "app/call/CallWait.h"
 
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/base/Mutex.h"
 
 namespace kestrine {
 
@@ -12,8 +12,7 @@ namespace {
 
 /// What the answer, which comes on any thread, and the waiting main thread share.
 struct Shared {
-  std::mutex mutex;
-  std::optional<CallAnswer> answer;
+  platform::Guarded<std::optional<CallAnswer>> answer;
   std::shared_ptr<platform::RunLoopSource> ended = platform::RunLoopSource::create([] { platform::RunLoop::current()->stop(); });
 };
 
@@ -26,8 +25,7 @@ class HandlerLife {
   HandlerLife& operator=(const HandlerLife&) = delete;
 
   void take(const CallAnswer& answer) const {
-    const std::lock_guard lock(shared_->mutex);
-    shared_->answer = answer;
+    shared_->answer.with([&](auto& held) { held = answer; });
     shared_->ended->signal();
   }
 
@@ -44,8 +42,7 @@ std::optional<CallAnswer> callAndWait(const CallOperation& operation, const std:
   operation.start(records, [life = std::make_shared<HandlerLife>(shared)](const CallAnswer& answer) { life->take(answer); });
   loop->run();
   shared->ended->invalidate();
-  const std::lock_guard lock(shared->mutex);
-  return std::move(shared->answer);
+  return shared->answer.with([](auto& held) { return std::move(held); });
 }
 
 }  // namespace kestrine

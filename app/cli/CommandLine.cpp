@@ -1,10 +1,13 @@
+#include "app/cli/CommandLine.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <exception>
 
-#include "app/cli/Command.h"
+#include "app/cli/CommandError.h"
+#include "app/cli/Help.h"
 
 namespace kestrine {
 

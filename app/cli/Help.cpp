@@ -1,9 +1,9 @@
+#include "app/cli/Help.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <iterator>
-
-#include "app/cli/Command.h"
 
 namespace kestrine {
 

@@ -6,19 +6,13 @@
 #include <numeric>
 #include <utility>
 
+#include "platform/foundation/text/ASCII.h"
+
 namespace kestrine {
 
 namespace {
 
 constexpr std::size_t kMostNames = 3;
-
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
-}
 
 /// Levenshtein's distance: how many letters must be added, taken away or changed.
 std::size_t distance(std::string_view a, std::string_view b) {
@@ -38,10 +32,10 @@ std::size_t distance(std::string_view a, std::string_view b) {
 }  // namespace
 
 std::vector<std::string> nearestNames(std::string_view word, std::span<const std::string> names) {
-  const std::string wanted = lowerCase(word);
+  const std::string wanted = platform::asciiLowered(word);
   std::vector<std::pair<std::size_t, std::string>> near;
   for (const std::string& name : names) {
-    const std::string candidate = lowerCase(name);
+    const std::string candidate = platform::asciiLowered(name);
     const std::size_t apart = distance(wanted, candidate);
     const bool isPart = wanted.size() > 2 && (candidate.find(wanted) != std::string::npos || wanted.find(candidate) != std::string::npos);
     if (isPart || apart <= std::max<std::size_t>(1, std::min(wanted.size(), candidate.size()) / 3)) near.emplace_back(apart, name);

@@ -32,4 +32,10 @@ std::optional<double> parseFraction(std::string_view text) {
   return number && std::isfinite(*number) ? number : std::nullopt;
 }
 
+std::optional<double> parseSeconds(std::string_view text) {
+  constexpr double kDay = 86400;
+  const auto seconds = parseFraction(text);
+  return seconds && *seconds >= 0 && *seconds <= kDay ? seconds : std::nullopt;
+}
+
 }  // namespace kestrine

@@ -13,5 +13,7 @@ std::optional<std::uint64_t> parseUnsignedOrHexadecimal(std::string_view text);
 std::optional<std::int64_t> parseInteger(std::string_view text);
 /// A finite decimal fraction.
 std::optional<double> parseFraction(std::string_view text);
+/// The same for a time to wait: seconds from 0 to a day.
+std::optional<double> parseSeconds(std::string_view text);
 
 }  // namespace kestrine

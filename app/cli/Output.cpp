@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
+
+#include "platform/foundation/base/SystemError.h"
 
 namespace kestrine {
 
@@ -17,7 +18,7 @@ constexpr int kPatience = 2000;
 
 }  // namespace
 
-const char* Output::reason() const {
+std::string Output::reason() const {
   switch (state_) {
     case State::Open:
       return "";
@@ -26,7 +27,7 @@ const char* Output::reason() const {
     case State::ReaderStuck:
       return "its reader does not read";
     case State::Failed:
-      return std::strerror(error_);
+      return platform::errnoText(error_);
   }
   return "";
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace kestrine {
@@ -24,7 +25,7 @@ class Output {
   /// Closed because the reader has gone: a quiet end.
   [[nodiscard]] bool readerHasGone() const { return state_ == State::ReaderGone; }
   /// Why it is closed, for people.
-  [[nodiscard]] const char* reason() const;
+  [[nodiscard]] std::string reason() const;
 
  private:
   enum class State { Open, ReaderGone, ReaderStuck, Failed };

@@ -1,43 +1,15 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
+
+#include "app/client/WatchStart.h"
 
 namespace kestrine {
 
-/// How a request to watch ended.
-struct WatchStart {
-  enum class Outcome {
-    /// A new watch stands.
-    Watching,
-    /// A watch of this folder stood already; none was asked for.
-    AlreadyWatching,
-    /// No base folder is set, or the service cannot watch the one that is. Nothing was asked.
-    UnusableBase,
-    /// The service was asked, and says that the watch could not start.
-    NotWatching,
-    /// The service is not installed, does not start, or ended while it was asked.
-    NoService,
-    /// The service did not say in time whether the watch stands. It may still come to stand.
-    TimedOut,
-  };
-  Outcome outcome = Outcome::TimedOut;
-  /// The watched folder; empty with UnusableBase.
-  std::string folder;
-  /// What happened and, where something went wrong, what to do about it.
-  std::string text;
-  /// The service; 0 when it was not reached.
-  pid_t process = 0;
-  /// What a user should know in any case, such as that another folder is watched than the one typed.
-  std::vector<std::string> warnings;
-
-  [[nodiscard]] bool stands() const { return outcome == Outcome::Watching || outcome == Outcome::AlreadyWatching; }
-};
+class WatchKeeper;
 
 /// The folder-watching service, as an application uses it:
 ///
@@ -57,7 +29,8 @@ struct WatchStart {
 /// too, as long as a client wants its watch.
 ///
 /// Threads: any thread may call anything; `waitForFlag` runs the calling thread's run loop. The event handler is called on a thread of the
-/// client's own and must not destroy the client. Destroying it may wait for a request of that thread, up to ten seconds.
+/// client's own, which has all signals blocked, and must not destroy the client. Destroying it may wait for a request of that thread, up to
+/// ten seconds.
 class FileWatcherClient {
  public:
   /// What happened to the service since the watch was started.
@@ -85,12 +58,12 @@ class FileWatcherClient {
   /// Takes the flag if it is raised, without waiting. Throws as waitForFlag.
   bool takeFlag();
 
-  /// Set it before `startWatching`.
+  /// For the events from now on, so best set before `startWatching`; a call of the former one may still be under way. What leaves it, of
+  /// whatever type, is said in the log and ends there.
   void setEventHandler(std::function<void(const ServiceEvent&)> handler);
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
+  std::unique_ptr<WatchKeeper> keeper_;
 };
 
 }  // namespace kestrine

@@ -5,8 +5,9 @@
 #include <string_view>
 #include <utility>
 
-#include "app/client/Names.h"
+#include "contract/ServiceName.h"
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/fsevents/FSEventStream.h"
 
@@ -21,9 +22,9 @@ constexpr double kLatency = 0.05;
 constexpr auto kFolderNotices = platform::kFSEventStreamEventFlagMustScanSubDirs | platform::kFSEventStreamEventFlagRootChanged |
                                 platform::kFSEventStreamEventFlagMount | platform::kFSEventStreamEventFlagUnmount;
 
-bool concernsFlag(const platform::FSEvent& event) {
-  static constexpr std::string_view kFile = "/Ostrabyte.FileWatcherXpcService.plist";
-  return (event.flags & kFolderNotices) != 0 || std::string_view(event.path).ends_with(kFile);
+/// `end`: what the path of the file with the flag ends in.
+bool concernsFlag(const platform::FSEvent& event, std::string_view end) {
+  return (event.flags & kFolderNotices) != 0 || std::string_view(event.path).ends_with(end);
 }
 
 }  // namespace
@@ -33,8 +34,8 @@ FlagMonitor::FlagMonitor(std::shared_ptr<platform::RunLoop> loop, Handler raised
   const auto flags = platform::kFSEventStreamCreateFlagNoDefer | platform::kFSEventStreamCreateFlagWatchRoot |
                      platform::kFSEventStreamCreateFlagFileEvents;
   stream_ = std::make_unique<platform::FSEventStream>(
-      [this](platform::FSEventStream&, std::span<const platform::FSEvent> events) {
-        if (std::ranges::any_of(events, concernsFlag)) look();
+      [this, end = "/" + platform::preferencesFileName(kServiceName)](platform::FSEventStream&, std::span<const platform::FSEvent> events) {
+        if (std::ranges::any_of(events, [&end](const platform::FSEvent& event) { return concernsFlag(event, end); })) look();
       },
       std::vector<std::string>{platform::preferencesFolder()}, platform::kFSEventStreamEventIdSinceNow, kLatency, flags);
   stream_->scheduleWithRunLoop(loop_);

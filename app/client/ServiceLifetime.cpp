@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "app/client/Names.h"
+#include "contract/ServiceName.h"
 #include "platform/concurrency/RunLoop.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
@@ -16,7 +16,7 @@ namespace kestrine {
 namespace {
 
 // In seconds; only where the kernel tells no end of a process that is not a child.
-constexpr double kLookAgain = 1;
+constexpr double kLookEvery = 1;
 
 }  // namespace
 
@@ -53,7 +53,7 @@ std::shared_ptr<platform::RunLoopItem> ServiceLifetime::waitForEnd() {
   if (descriptor_.isOpen()) {
     return platform::RunLoopDescriptor::create(descriptor_.fileDescriptor(), EPOLLIN, [this](unsigned) { ended(); });
   }
-  return platform::RunLoopTimer::create(kLookAgain, kLookAgain, [this] {
+  return platform::RunLoopTimer::create(kLookEvery, kLookEvery, [this] {
     const auto service = platform::xpc::runningService(kServiceName);
     if (!service.isAlive || service.processIdentifier != process_) ended();
   });

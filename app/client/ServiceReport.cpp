@@ -1,7 +1,8 @@
 #include "app/client/ServiceReport.h"
 
-#include "app/client/Names.h"
-#include "platform/xpc/service/ServiceStatus.h"
+#include "contract/ServiceName.h"
+#include "contract/WatchEntry.h"
+#include "platform/xpc/service/ServiceStatusQuery.h"
 
 namespace kestrine {
 
@@ -34,7 +35,7 @@ platform::Array dictionariesIn(const Object& report, std::string_view section) {
 }  // namespace
 
 std::optional<ServiceReport> askService(std::chrono::milliseconds limit) {
-  const std::optional<Object> answer = platform::xpc::serviceStatus(kServiceName, limit);
+  const std::optional<Object> answer = platform::xpc::queryServiceStatus(kServiceName, limit);
   if (!answer || !answer->isDictionary()) return std::nullopt;
   ServiceReport report;
   report.all = *answer;
@@ -43,8 +44,9 @@ std::optional<ServiceReport> askService(std::chrono::milliseconds limit) {
     const Object startedAt = process.objectForKey("startedAt");
     if (startedAt.kind() == Object::Kind::Date) report.startedAt = startedAt.dateValue();
   }
-  for (const Object& watch : dictionariesIn(*answer, "watches")) {
-    report.watches.push_back({numberFor(watch, "number"), textFor(watch, "folder"), textFor(watch, "state"), textFor(watch, "reason")});
+  for (const Object& watch : dictionariesIn(*answer, kWatchesSection)) {
+    report.watches.push_back({numberFor(watch, kWatchNumberKey), textFor(watch, kWatchFolderKey), textFor(watch, kWatchStateKey),
+                              textFor(watch, kWatchReasonKey)});
   }
   report.streams = dictionariesIn(*answer, "streams");
   return report;

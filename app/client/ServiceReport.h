@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/WatchState.h"
 #include "platform/foundation/value/Object.h"
 
 namespace kestrine {
@@ -16,10 +17,12 @@ namespace kestrine {
 struct WatchReport {
   std::int64_t number = 0;
   std::string folder;
-  /// "starting", "standing" or "failed".
+  /// As the service tells it, which may be newer than this and know more states.
   std::string state;
   /// Why it failed.
   std::string reason;
+
+  [[nodiscard]] bool is(WatchState wanted) const { return state == watchStateName(wanted); }
 };
 
 /// What the service says of itself.

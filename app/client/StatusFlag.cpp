@@ -1,6 +1,7 @@
 #include "app/client/StatusFlag.h"
 
-#include "app/client/Names.h"
+#include "contract/ServiceName.h"
+#include "contract/SharedPreferences.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 
 namespace kestrine {
@@ -9,7 +10,7 @@ namespace {
 
 using platform::Object;
 
-bool isRaised(const Object& value) { return value.isString() && value.stringValue() == "1"; }
+bool isRaised(const Object& value) { return value.isString() && value.stringValue() == kFlagRaised; }
 
 }  // namespace
 
@@ -23,7 +24,7 @@ FlagReading readFlag() {
 FlagReading takeFlag() {
   FlagReading reading;
   platform::UserDefaults defaults(kServiceName);
-  const auto reset = [](const Object& value) { return isRaised(value) ? Object("0") : Object(); };
+  const auto reset = [](const Object& value) { return isRaised(value) ? Object(kFlagReset) : Object(); };
   reading.value = defaults.exchange(kFlagKey, reset, &reading.resetFailed);
   reading.raised = isRaised(reading.value);
   return reading;
@@ -31,7 +32,7 @@ FlagReading takeFlag() {
 
 bool putFlagBack() {
   platform::UserDefaults defaults(kServiceName);
-  defaults.setObject_forKey("1", kFlagKey);
+  defaults.setObject_forKey(kFlagRaised, kFlagKey);
   return defaults.synchronize();
 }
 

@@ -3,17 +3,16 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 #include <utility>
+#include <variant>
 
-#include "app/client/Names.h"
 #include "app/client/ServiceReport.h"
+#include "app/client/WatchCall.h"
 #include "app/client/WatchedFolder.h"
-#include "platform/xpc/connection/XPCConnection.h"
+#include "contract/ServiceName.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
 namespace kestrine {
@@ -27,56 +26,13 @@ using std::chrono::milliseconds;
 // The call has no reply, so its effect is looked for in the status: often enough not to be felt, for the short time that starting takes.
 constexpr milliseconds kLookAgain{20};
 
-/// The service's one operation, as the channel names it.
-struct WatcherProtocol {
-  virtual ~WatcherProtocol() = default;
-  virtual void callToFileWatcher() = 0;
-};
-
-/// A connection over which the service is asked once, and what became of it.
-class Asking {
- public:
-  Asking() : connection_(platform::XPCConnection::connectionWithServiceName(kServiceName)) {
-    connection_->setRemoteObjectInterface(platform::XPCInterface::interfaceWithProtocol<WatcherProtocol>(
-        "FileWatcherXpcServiceProtocol", {{"callToFileWatcher", &WatcherProtocol::callToFileWatcher}}));
-    connection_->setInterruptionHandler([end = end_] { end->tell(Outcome::NoService, "the service ended while it was asked to watch"); });
-    connection_->setInvalidationHandler([end = end_, connection = std::weak_ptr(connection_)] {
-      const auto alive = connection.lock();
-      end->tell(Outcome::NoService, alive ? alive->lastErrorDescription() : std::string());
-    });
-    connection_->resume();
-    connection_->callRemote("callToFileWatcher");
-  }
-  ~Asking() { connection_->invalidate(); }
-  Asking(const Asking&) = delete;
-  Asking& operator=(const Asking&) = delete;
-
-  /// Sleeps for `duration` or until the connection has ended; then its end.
-  std::optional<WatchStart> waitForEnd(milliseconds duration) {
-    std::unique_lock lock(end_->mutex);
-    end_->told.wait_for(lock, duration, [this] { return end_->result.has_value(); });
-    return end_->result;
-  }
-
- private:
-  struct End {
-    std::mutex mutex;
-    std::condition_variable told;
-    std::optional<WatchStart> result;
-
-    void tell(Outcome outcome, std::string text) {
-      const std::lock_guard lock(mutex);
-      if (!result) result = WatchStart{.outcome = outcome, .folder = {}, .text = std::move(text), .process = 0, .warnings = {}};
-      told.notify_all();
-    }
-  };
-
-  std::shared_ptr<End> end_ = std::make_shared<End>();
-  std::shared_ptr<platform::XPCConnection> connection_;
-};
-
 /// One request, from the preferences to the answer.
 class Request {
+  // See the table of the header.
+  struct Joined {};
+  using Asked = WatchCall;
+  using State = std::variant<Joined, Asked>;
+
  public:
   explicit Request(milliseconds limit) : deadline_(Clock::now() + limit), limit_(limit) {}
 
@@ -106,26 +62,24 @@ class Request {
     if (!report) return Clock::now() < deadline_ ? askAndWait() : timedOut();
     result_.process = report->process;
     noteOtherFolders(*report);
-    const WatchReport* standing = find(*report, [this](const WatchReport& watch) { return isOurs(watch) && watch.state == "standing"; });
-    if (standing != nullptr) {
+    if (ours(*report, WatchState::Standing) != nullptr) {
       return finish(Outcome::AlreadyWatching, fmt::format("'{}' is watched already, by process {}", result_.folder, report->process));
     }
-    const WatchReport* starting = find(*report, [this](const WatchReport& watch) { return isOurs(watch) && watch.state == "starting"; });
-    if (starting != nullptr) {
+    if (const WatchReport* starting = ours(*report, WatchState::Starting)) {
       // Somebody else has just asked for the same: their answer is ours.
       highestNumber_ = starting->number - 1;
-      return wait(nullptr);
+      return wait();
     }
     for (const WatchReport& watch : report->watches) highestNumber_ = std::max(highestNumber_, watch.number);
     return askAndWait();
   }
 
   WatchStart askAndWait() {
-    Asking asking;
-    return wait(&asking);
+    state_.emplace<Asked>();
+    return wait();
   }
 
-  WatchStart wait(Asking* asking) {
+  WatchStart wait() {
     for (;;) {
       if (const auto report = askService(remaining())) {
         // Another process counts its watches anew.
@@ -133,29 +87,38 @@ class Request {
         if (const auto answer = answerIn(*report)) return *answer;
         // A watch that failed for somebody else goes with their connection, before we may have seen why.
         const bool isGone = find(*report, [this](const WatchReport& watch) { return isNew(watch); }) == nullptr;
-        if (asking == nullptr && isGone) return askAndWait();
+        if (isGone && std::holds_alternative<Joined>(state_)) {
+          state_.emplace<Asked>();
+          continue;
+        }
       }
-      if (asking != nullptr) {
-        if (const auto end = asking->waitForEnd(kLookAgain)) return ended(*end);
-      } else if (!platform::xpc::runningService(kServiceName).isAlive) {
-        return finish(Outcome::NoService, "the service ended while the watch was being started");
-      } else {
-        std::this_thread::sleep_for(kLookAgain);
-      }
+      if (const auto end = std::visit([this](const auto& state) { return pause(state); }, state_)) return *end;
       if (Clock::now() >= deadline_) return timedOut();
     }
   }
 
+  /// Lets a moment pass before the next look, or says that there is nothing to wait for any more.
+  std::optional<WatchStart> pause(const Joined& /*state*/) {
+    if (!platform::xpc::runningService(kServiceName).isAlive) {
+      return finish(Outcome::NoService, "the service ended while the watch was being started");
+    }
+    std::this_thread::sleep_for(kLookAgain);
+    return std::nullopt;
+  }
+  std::optional<WatchStart> pause(const Asked& call) {
+    const std::optional<std::string> reason = call.waitForEnd(kLookAgain);
+    if (!reason) return std::nullopt;
+    return finish(Outcome::NoService, reason->empty() ? "the service cannot be reached" : *reason);
+  }
+
   std::optional<WatchStart> answerIn(const ServiceReport& report) {
-    if (find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.state == "standing"; }) != nullptr) {
+    if (ourNew(report, WatchState::Standing) != nullptr) {
       return finish(Outcome::Watching, fmt::format("watching '{}', by process {}", result_.folder, report.process));
     }
-    const WatchReport* failed = find(report, [this](const WatchReport& watch) { return isNew(watch) && watch.state == "failed"; });
+    const WatchReport* failed = ourNew(report, WatchState::Failed);
     if (failed == nullptr) return std::nullopt;
     return finish(Outcome::NotWatching, fmt::format("the watch of '{}' could not start: {}", result_.folder, failed->reason));
   }
-
-  WatchStart ended(const WatchStart& end) { return finish(end.outcome, end.text.empty() ? "the service cannot be reached" : end.text); }
 
   WatchStart timedOut() {
     const auto service = platform::xpc::runningService(kServiceName);
@@ -167,13 +130,20 @@ class Request {
 
   void noteOtherFolders(const ServiceReport& report) {
     for (const WatchReport& watch : report.watches) {
-      if (watch.state != "standing" || isOurs(watch)) continue;
+      if (!watch.is(WatchState::Standing) || isOurs(watch)) continue;
       result_.warnings.push_back(fmt::format("the service goes on watching '{}' too; 'kestrine stop' ends all watches", watch.folder));
     }
   }
 
   [[nodiscard]] bool isNew(const WatchReport& watch) const { return watch.number > highestNumber_ && isOurs(watch); }
   [[nodiscard]] bool isOurs(const WatchReport& watch) const { return watch.folder == result_.folder; }
+
+  [[nodiscard]] const WatchReport* ours(const ServiceReport& report, WatchState state) const {
+    return find(report, [&](const WatchReport& watch) { return isOurs(watch) && watch.is(state); });
+  }
+  [[nodiscard]] const WatchReport* ourNew(const ServiceReport& report, WatchState state) const {
+    return find(report, [&](const WatchReport& watch) { return isNew(watch) && watch.is(state); });
+  }
 
   template <class Predicate>
   static const WatchReport* find(const ServiceReport& report, Predicate predicate) {
@@ -183,6 +153,8 @@ class Request {
 
   Clock::time_point deadline_;
   milliseconds limit_;
+  State state_;
+  /// Of the watches that were there before; a later one of our folder is the one that is waited for.
   std::int64_t highestNumber_ = 0;
   WatchStart result_;
 };

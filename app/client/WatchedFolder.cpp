@@ -3,20 +3,21 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <string_view>
 
-#include "app/client/Names.h"
+#include "contract/SharedPreferences.h"
+#include "contract/SyncFolder.h"
 #include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/url/URL.h"
 
 namespace kestrine {
 
 namespace {
 
-bool isHexadecimal(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
-
-bool startsEscape(std::string_view text) { return text.size() >= 3 && text[0] == '%' && isHexadecimal(text[1]) && isHexadecimal(text[2]); }
+bool startsEscape(std::string_view text) {
+  return text.size() >= 3 && text[0] == '%' && platform::hexDigitValue(text[1]) >= 0 && platform::hexDigitValue(text[2]) >= 0;
+}
 
 /// The first thing in `text` that no URL may hold, for people.
 std::string describeForbidden(std::string_view text) {
@@ -56,7 +57,7 @@ std::string withSingleSeparators(std::string path) {
 
 WatchedFolder watchedFolder(const std::string& base) {
   WatchedFolder folder;
-  const std::string text = base + "/Kestrine";
+  const std::string text = syncFolderText(base);
   folder.typed = withSingleSeparators(text);
   const auto url = platform::URL::URLWithString(text);
   if (!url) {

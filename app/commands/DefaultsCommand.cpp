@@ -1,14 +1,12 @@
-#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include <utility>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
 #include "app/commands/Commands.h"
-#include "platform/foundation/base/FileHandle.h"
-#include "platform/foundation/preferences/PreferencesFolder.h"
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 
 namespace kestrine {
@@ -18,41 +16,38 @@ namespace {
 using platform::Object;
 using platform::UserDefaults;
 
-constexpr Option kOptions[] = {
+constexpr Option kDefaultsOptions[] = {
     {"--type", "TYPE", "what 'write' stores: string (if not given), int, float or bool"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kDefaultsExits[] = {
     {ExitCode::Ok, "done"},
     {ExitCode::Failed, "the preferences could not be read or written"},
     {ExitCode::NotFound, "no such domain or key"},
 };
 
-std::string fileOf(const std::string& domain) { return fmt::format("{}/{}.plist", platform::preferencesFolder(), domain); }
-
 void checkName(const std::string& domain) {
-  const bool isLegal = !domain.empty() && domain != "." && domain != ".." && domain.find('/') == std::string::npos;
-  if (!isLegal)
-    throw CommandError(ExitCode::Usage, fmt::format("defaults: '{}' is no name of a domain; it may not be empty or hold '/'", domain));
+  if (platform::isPreferencesDomainName(domain)) return;
+  throw CommandError(ExitCode::Usage, fmt::format("defaults: '{}' is no name of a domain; it may not be empty or hold '/'", domain));
 }
 
 /// The domain as it is on disk. "It does not exist" and "it may not be read" are different things to the user.
 Object read(const std::string& domain) {
   checkName(domain);
-  const platform::FileHandle file(open(fileOf(domain).c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.isOpen()) {
-    const int error = errno;
-    if (error == ENOENT || error == ENOTDIR) {
+  auto values = platform::readPreferencesDomain(domain);
+  if (values) return *std::move(values);
+  const platform::PreferencesError& error = values.error();
+  switch (error.kind) {
+    case platform::PreferencesError::Kind::NoSuchDomain:
       throw CommandError(ExitCode::NotFound,
                          fmt::format("no preferences domain '{}'; 'kestrine defaults list' names those that exist", domain));
-    }
-    throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", fileOf(domain), std::strerror(error)));
+    case platform::PreferencesError::Kind::Refused:
+      throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", platform::preferencesFilePath(domain), error.reason));
+    case platform::PreferencesError::Kind::Damaged:
+      break;
   }
-  Object values = UserDefaults::standardUserDefaults().persistentDomainForName(domain);
-  if (!values.isDictionary()) {
-    throw CommandError(ExitCode::Failed, fmt::format("'{}' holds no preferences; the log above says why", fileOf(domain)));
-  }
-  return values;
+  throw CommandError(ExitCode::Failed,
+                     fmt::format("'{}' holds no preferences; the log above says why", platform::preferencesFilePath(domain)));
 }
 
 Object readKey(const std::string& domain, const std::string& key) {
@@ -101,7 +96,8 @@ void store(const std::string& domain, const std::string& key, const Object& valu
   UserDefaults defaults(domain);
   defaults.setObject_forKey(value, key);
   if (defaults.synchronize()) return;
-  throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be written; the log above says why", fileOf(domain)));
+  throw CommandError(ExitCode::Failed,
+                     fmt::format("'{}' cannot be written; the log above says why", platform::preferencesFilePath(domain)));
 }
 
 void printRead(const Arguments& arguments) {
@@ -124,7 +120,8 @@ void remove(const Arguments& arguments) {
   }
   read(operands[1]);
   if (!UserDefaults::standardUserDefaults().removePersistentDomainForName(operands[1])) {
-    throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be removed; the log above says why", fileOf(operands[1])));
+    throw CommandError(ExitCode::Failed,
+                       fmt::format("'{}' cannot be removed; the log above says why", platform::preferencesFilePath(operands[1])));
   }
 }
 
@@ -153,7 +150,7 @@ constexpr Action kActions[] = {
     {"list", "[DOMAIN]", 1, 2, list},
 };
 
-ExitCode run(const Arguments& arguments) {
+ExitCode runDefaults(const Arguments& arguments) {
   const std::string& name = arguments.operands().front();
   const auto action = std::ranges::find(kActions, name, &Action::name);
   if (action == std::end(kActions)) {
@@ -178,11 +175,11 @@ constinit const Command kDefaultsCommand{
         "  write DOMAIN KEY VALUE    stores a value; the other keys stay\n"
         "  delete DOMAIN [KEY]       removes the domain, or one key\n"
         "  list [DOMAIN]             names the domains, or the keys of one",
-    .options = kOptions,
+    .options = kDefaultsOptions,
     .fewestOperands = 1,
     .mostOperands = 4,
-    .exits = kExits,
-    .run = run,
+    .exits = kDefaultsExits,
+    .run = runDefaults,
 };
 
 }  // namespace kestrine

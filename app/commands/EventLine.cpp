@@ -5,13 +5,12 @@
 #include <cstdint>
 #include <iterator>
 
+#include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/text/UTF8.h"
 
 namespace kestrine {
 
 namespace {
-
-constexpr char kHexadecimal[] = "0123456789abcdef";
 
 /// The length of the character at the beginning of `text`; 0 when that is not UTF-8.
 std::size_t characterLength(std::string_view text) {
@@ -29,8 +28,8 @@ std::size_t plainPrefix(std::string_view text) {
 }
 
 void appendHexadecimal(std::string& out, unsigned char byte) {
-  out += kHexadecimal[byte >> 4U];
-  out += kHexadecimal[byte & 0xfU];
+  out += platform::kLowerHexDigits[byte >> 4U];
+  out += platform::kLowerHexDigits[byte & 0xfU];
 }
 
 void appendJsonEscape(std::string& out, char c) {

@@ -7,6 +7,7 @@
 #include <limits>
 #include <span>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
 #include "app/cli/Output.h"
 #include "app/cli/StopSignals.h"
@@ -21,7 +22,7 @@ namespace {
 
 using platform::FSEventStream;
 
-constexpr Option kOptions[] = {
+constexpr Option kEventsOptions[] = {
     {"--latency", "S", "seconds to collect changes for, from the first one on; 0.1 if not given"},
     {"--since", "ID", "tell first what changed since this event identifier; 'now' if not given"},
     {"--no-file-events", "", "one event per folder in which something changed, not one per item"},
@@ -33,7 +34,7 @@ constexpr Option kOptions[] = {
     {"--json", "", "one JSON object per line instead of text for people"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kEventsExits[] = {
     {ExitCode::Ok, "ended by SIGINT or SIGTERM, or its reader has gone"},
     {ExitCode::Failed, "standard output could not be written"},
     {ExitCode::NotWatching, "the watch could not start; the message says why"},
@@ -68,8 +69,8 @@ constexpr FlagSwitch kFlagSwitches[] = {
 double latencyIn(const Arguments& arguments) {
   const auto text = arguments.value("--latency");
   if (!text) return 0.1;
-  const auto seconds = parseFraction(*text);
-  if (!seconds || *seconds < 0 || *seconds > 86400) refuse("--latency", *text, "a number of seconds from 0 to 86400");
+  const auto seconds = parseSeconds(*text);
+  if (!seconds) refuse("--latency", *text, "a number of seconds from 0 to 86400");
   return *seconds;
 }
 
@@ -165,7 +166,7 @@ class EventPrinter {
   FSEventStream stream_;
 };
 
-ExitCode run(const Arguments& arguments) { return EventPrinter(arguments).run(); }
+ExitCode runEvents(const Arguments& arguments) { return EventPrinter(arguments).run(); }
 
 }  // namespace
 
@@ -182,11 +183,11 @@ constinit const Command kEventsCommand{
         "\"path\"}, with \"path_hex\" instead of \"path\" where its bytes are not UTF-8. An event with MustScanSubDirs says that "
         "something\n"
         "below its path may have changed untold. On SIGINT and SIGTERM what is pending is printed first.",
-    .options = kOptions,
+    .options = kEventsOptions,
     .fewestOperands = 1,
     .mostOperands = std::numeric_limits<std::size_t>::max(),
-    .exits = kExits,
-    .run = run,
+    .exits = kEventsExits,
+    .run = runEvents,
 };
 
 }  // namespace kestrine

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Output.h"
 #include "app/cli/StopSignals.h"
 #include "app/cli/TimeText.h"
@@ -16,11 +17,11 @@ namespace kestrine {
 
 namespace {
 
-constexpr Option kOptions[] = {
+constexpr Option kFollowOptions[] = {
     {"--json", "", "one JSON object per line instead of text for people"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kFollowExits[] = {
     {ExitCode::Ok, "ended by SIGINT or SIGTERM, or its reader has gone"},
     {ExitCode::Failed, "the flag could not be watched or reset, or standard output not written"},
 };
@@ -90,7 +91,7 @@ class Follower {
   ExitCode result_ = ExitCode::Ok;
 };
 
-ExitCode run(const Arguments& arguments) { return Follower(arguments.has("--json")).run(); }
+ExitCode runFollow(const Arguments& arguments) { return Follower(arguments.has("--json")).run(); }
 
 }  // namespace
 
@@ -102,11 +103,11 @@ constinit const Command kFollowCommand{
         "Waits without asking again and again. Says on standard error (with --json: in a line of its own) when the service has died, and\n"
         "goes on. Ends on SIGINT or SIGTERM with the flag left as it is.\n"
         "Lines: \"2026-11-21 08:38:00.123 changed\" in local time, or {\"time\": \"2026-11-21T08:38:00.123Z\", \"flag\": \"1\"}.",
-    .options = kOptions,
+    .options = kFollowOptions,
     .fewestOperands = 0,
     .mostOperands = 0,
-    .exits = kExits,
-    .run = run,
+    .exits = kFollowExits,
+    .run = runFollow,
 };
 
 }  // namespace kestrine

@@ -3,26 +3,26 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
-#include "app/client/FileWatcherClient.h"
 #include "app/client/WatchRequest.h"
 #include "app/client/WatchedFolder.h"
 #include "app/commands/Commands.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace kestrine {
 
 namespace {
 
-constexpr Option kOptions[] = {
+constexpr Option kStartOptions[] = {
     {"--base", "DIR", "the base folder, stored in the preferences; DIR/Kestrine is made if it is missing, and watched"},
     {"--timeout", "S", "seconds to wait until the watch stands; 60 if not given"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kStartExits[] = {
     {ExitCode::Ok, "the watch stands, whether it is new or stood already"},
     {ExitCode::Failed, "the preferences or the folder could not be written"},
     {ExitCode::NotWatching, "the watch could not start; the message says why"},
@@ -52,11 +52,11 @@ ExitCode codeOf(WatchStart::Outcome outcome) {
   return ExitCode::Failed;
 }
 
-std::chrono::milliseconds timeLimit(const Arguments& arguments) {
+std::chrono::milliseconds startLimit(const Arguments& arguments) {
   const auto text = arguments.value("--timeout");
   if (!text) return std::chrono::seconds(60);
-  const auto seconds = parseFraction(*text);
-  if (!seconds || *seconds <= 0 || *seconds > 86400) {
+  const auto seconds = parseSeconds(*text);
+  if (!seconds || *seconds == 0) {
     throw CommandError(ExitCode::Usage, fmt::format("start: '--timeout {}' is no number of seconds from 0 to 86400", *text));
   }
   return std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
@@ -86,12 +86,12 @@ void makeFolder(const std::string& base) {
   if (!isFolder(base)) {
     fmt::print(stderr, "kestrine: note: '{}' does not exist now; watching begins when it appears\n", base);
   } else if (mkdir(folder.typed.c_str(), 0777) < 0 && errno != EEXIST) {
-    throw CommandError(ExitCode::Failed, fmt::format("the folder '{}' cannot be made: {}", folder.typed, std::strerror(errno)));
+    throw CommandError(ExitCode::Failed, fmt::format("the folder '{}' cannot be made: {}", folder.typed, platform::errnoText(errno)));
   }
 }
 
-ExitCode run(const Arguments& arguments) {
-  const auto limit = timeLimit(arguments);
+ExitCode runStart(const Arguments& arguments) {
+  const auto limit = startLimit(arguments);
   if (const auto base = arguments.value("--base")) storeBase(*base);
   if (const auto base = basePath()) makeFolder(*base);
   const WatchStart start = requestWatch(limit);
@@ -111,11 +111,11 @@ constinit const Command kStartCommand{
         "Returns when the watch stands or has failed. Where a watch of the same folder stands, it says so and asks for no second. The "
         "watch\n"
         "goes on after the command has ended; 'kestrine stop' ends it.",
-    .options = kOptions,
+    .options = kStartOptions,
     .fewestOperands = 0,
     .mostOperands = 0,
-    .exits = kExits,
-    .run = run,
+    .exits = kStartExits,
+    .run = runStart,
 };
 
 }  // namespace kestrine

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "app/client/Names.h"
 #include "app/client/ServiceReport.h"
 #include "app/client/StatusFlag.h"
 #include "app/client/WatchedFolder.h"
 #include "app/commands/Commands.h"
 #include "app/commands/StatusText.h"
+#include "contract/ServiceName.h"
 #include "platform/foundation/formats/JSON.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
@@ -15,11 +15,11 @@ namespace kestrine {
 
 namespace {
 
-constexpr Option kOptions[] = {
+constexpr Option kStatusOptions[] = {
     {"--json", "", "one JSON object instead of text for people"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kStatusExits[] = {
     {ExitCode::Ok, "the service runs and at least one watch stands"},
     {ExitCode::NotRunning, "the service is not running"},
     {ExitCode::NotWatching, "the service runs and no watch stands"},
@@ -31,7 +31,7 @@ constexpr auto kAnswerLimit = std::chrono::seconds(5);
 ExitCode codeOf(const ServiceStatus& status) {
   if (status.process == 0) return ExitCode::NotRunning;
   if (!status.report) return ExitCode::TimedOut;
-  const bool stands = std::ranges::any_of(status.report->watches, [](const WatchReport& watch) { return watch.state == "standing"; });
+  const bool stands = std::ranges::any_of(status.report->watches, [](const WatchReport& watch) { return watch.is(WatchState::Standing); });
   return stands ? ExitCode::Ok : ExitCode::NotWatching;
 }
 
@@ -49,7 +49,7 @@ ServiceStatus collect() {
   return status;
 }
 
-ExitCode run(const Arguments& arguments) {
+ExitCode runStatus(const Arguments& arguments) {
   const ServiceStatus status = collect();
   fmt::print("{}", arguments.has("--json") ? platform::jsonText(statusObject(status)) + "\n" : statusText(status));
   return codeOf(status);
@@ -62,11 +62,11 @@ constinit const Command kStatusCommand{
     .operands = "",
     .summary = "Tells whether the service runs, what it watches and whether the flag is raised.",
     .details = "Never starts the service and changes nothing.",
-    .options = kOptions,
+    .options = kStatusOptions,
     .fewestOperands = 0,
     .mostOperands = 0,
-    .exits = kExits,
-    .run = run,
+    .exits = kStatusExits,
+    .run = runStatus,
 };
 
 }  // namespace kestrine

@@ -69,7 +69,7 @@ void addWatches(Lines& lines, const ServiceReport& report) {
     lines.add(fmt::format("watch {}", watch.number), fmt::format("{}, '{}'{}", watch.state, watch.folder, reason));
     // Two watches of one folder have a stream each.
     const auto stream = std::ranges::find_if(streams, [&](const Object& candidate) { return watches(candidate, watch.folder); });
-    if (watch.state == "failed" || stream == streams.end()) continue;
+    if (watch.is(WatchState::Failed) || stream == streams.end()) continue;
     addStream(lines, *stream);
     streams.erase(stream);
   }

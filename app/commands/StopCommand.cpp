@@ -7,13 +7,14 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <thread>
 
+#include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
-#include "app/client/Names.h"
 #include "app/client/ServiceLifetime.h"
 #include "app/commands/Commands.h"
+#include "contract/ServiceName.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
 namespace kestrine {
@@ -22,11 +23,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr Option kOptions[] = {
+constexpr Option kStopOptions[] = {
     {"--timeout", "S", "seconds to wait for its end; 20 if not given"},
 };
 
-constexpr ExitNote kExits[] = {
+constexpr ExitNote kStopExits[] = {
     {ExitCode::Ok, "the service has ended, or was not running"},
     {ExitCode::Failed, "the process may not be signalled"},
     {ExitCode::TimedOut, "the service was told to end and has not, in the time allowed"},
@@ -49,7 +50,7 @@ void terminate(const ServiceProcessHandle& service) {
   const auto result = service.descriptor.isOpen() ? syscall(SYS_pidfd_send_signal, descriptor, SIGTERM, nullptr, 0)
                                                   : static_cast<long>(kill(service.process, SIGTERM));
   if (result == 0 || errno == ESRCH) return;
-  throw CommandError(ExitCode::Failed, fmt::format("process {} cannot be ended: {}", service.process, std::strerror(errno)));
+  throw CommandError(ExitCode::Failed, fmt::format("process {} cannot be ended: {}", service.process, platform::errnoText(errno)));
 }
 
 bool waitUntilGone(const ServiceProcessHandle& service, Clock::time_point deadline) {
@@ -64,16 +65,15 @@ bool waitUntilGone(const ServiceProcessHandle& service, Clock::time_point deadli
   return true;
 }
 
-double timeLimit(const Arguments& arguments) {
+double stopLimit(const Arguments& arguments) {
   const auto text = arguments.value("--timeout");
   if (!text) return 20;
-  const auto seconds = parseFraction(*text);
-  if (seconds && *seconds >= 0 && *seconds <= 86400) return *seconds;
+  if (const auto seconds = parseSeconds(*text)) return *seconds;
   throw CommandError(ExitCode::Usage, fmt::format("stop: '--timeout {}' is no number of seconds from 0 to 86400", *text));
 }
 
-ExitCode run(const Arguments& arguments) {
-  const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeLimit(arguments)));
+ExitCode runStop(const Arguments& arguments) {
+  const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(stopLimit(arguments)));
   const auto deadline = Clock::now() + limit;
   ServiceProcessHandle service = openServiceProcess();
   // A service that has just begun holds its lock a moment before its number stands in it.
@@ -105,11 +105,11 @@ constinit const Command kStopCommand{
     .operands = "",
     .summary = "Ends the service and all its watches, and waits until it has ended.",
     .details = "The flag stays as it is. An application that still wants its watch may start the service again.",
-    .options = kOptions,
+    .options = kStopOptions,
     .fewestOperands = 0,
     .mostOperands = 0,
-    .exits = kExits,
-    .run = run,
+    .exits = kStopExits,
+    .run = runStop,
 };
 
 }  // namespace kestrine

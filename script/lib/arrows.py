@@ -1,4 +1,4 @@
-"""Holds every include of the sources against the build's lists of who may use whom: arrows.py
+"""Holds every include of the sources against the build's lists of who may use whom, and a few rules on the system's headers: arrows.py
 
 A room or a shelf is a folder whose CMakeLists.txt says kestrine_room(TARGET USES target...). A file may include what its own folder holds and
 what the list names, nothing by way of others; a room with shelves stands for all of them. The linker finds most wrong arrows, but not one
@@ -12,6 +12,12 @@ import sys
 COMMENT = re.compile(r"#.*")
 CALL = re.compile(r"(kestrine_room|kestrine_shelves|target_link_libraries|add_executable)\(([^)]*)\)")
 INCLUDE = re.compile(r'^\s*#\s*include "([^"]+)"')
+SYSTEM_INCLUDE = re.compile(r"^\s*#\s*include <([^>]+)>")
+# Which files may not include which headers of the system, and why.
+RULES = (
+    (re.compile(r"src/(?!platform/network/wire/)|app/"), re.compile(r"curl/"), "only src/platform/network/wire knows libcurl"),
+    (re.compile(r"src/(?!platform/)"), re.compile(r"sys/(epoll|inotify|fanotify|socket|un)\b"), "the product knows nothing of the kernel's own interfaces"),
+)
 KEYWORDS = {"USES", "ALONE", "FOLDERS", "PRIVATE", "PUBLIC", "INTERFACE"}
 ROOTS = ("src", "app")
 
@@ -55,6 +61,13 @@ def included(root, text, target_of):
     return None
 
 
+def system_faults(file, number, line):
+    match = SYSTEM_INCLUDE.match(line)
+    for who, what, why in RULES:
+        if match and who.match(str(file)) and what.match(match.group(1)):
+            yield f"{file}:{number}: may not include <{match.group(1)}>; {why}"
+
+
 def faults(root, files):
     target_of, uses, shelves, programs = read_lists(root)
     for file in files:
@@ -68,6 +81,7 @@ def faults(root, files):
             continue
         allowed = set().union(allowed, *(shelves.get(name, set()) for name in allowed))
         for number, line in enumerate((root / file).read_text(errors="replace").splitlines(), 1):
+            yield from system_faults(file, number, line)
             match = INCLUDE.match(line)
             other = match and included(root, match.group(1), target_of)
             if not other or target_of[other] == own or target_of[other] in allowed:

@@ -3,39 +3,21 @@
 #include <netinet/in.h>
 
 #include <memory>
-#include <mutex>
-#include <utility>
-#include <vector>
 
+#include "platform/foundation/process/NeverReleased.h"
 #include "platform/reachability/ReachabilityTarget.h"
 
 namespace kestrine {
 
-namespace {
-
-/// The targets that are never released. They hang on a name, so that a leak checker can tell them from what somebody forgot.
-struct UnreleasedTargets {
-  std::mutex mutex;
-  std::vector<std::shared_ptr<platform::ReachabilityTarget>> targets;
-};
-
-UnreleasedTargets& unreleasedTargets() {
-  static UnreleasedTargets& targets = *new UnreleasedTargets();
-  return targets;
-}
-
-}  // namespace
+using platform::NeverReleased;
+using platform::ReachabilityTarget;
 
 bool NetWorkConnectionStatus::ConectionStatus() {
   sockaddr_in wildcard{};
   wildcard.sin_family = AF_INET;
-  const auto target = platform::ReachabilityTarget::createWithAddress(reinterpret_cast<const sockaddr*>(&wildcard));
+  const auto target = ReachabilityTarget::createWithAddress(reinterpret_cast<const sockaddr*>(&wildcard));
   if (!target) return false;
-  {
-    UnreleasedTargets& unreleased = unreleasedTargets();
-    const std::lock_guard lock(unreleased.mutex);
-    unreleased.targets.push_back(target);
-  }
+  NeverReleased::registry().keep(target);
   const auto flags = target->flags();
   return flags && connectionStatusForFlags(*flags);
 }
@@ -51,9 +33,7 @@ bool NetWorkConnectionStatus::connectionStatusForFlags(platform::NetworkReachabi
 }
 
 std::size_t NetWorkConnectionStatus::unreleasedTargetCount() {
-  UnreleasedTargets& unreleased = unreleasedTargets();
-  const std::lock_guard lock(unreleased.mutex);
-  return unreleased.targets.size();
+  return NeverReleased::registry().countOf<std::shared_ptr<ReachabilityTarget>>();
 }
 
 }  // namespace kestrine

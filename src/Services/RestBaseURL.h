@@ -16,4 +16,7 @@ const std::string& restBaseURL();
 /// Nothing when that text is no URL.
 std::optional<platform::URL> restAbsoluteURL(std::string_view path);
 
+/// After how many seconds without a byte a request to the server is given up, an upload too.
+inline constexpr double kRestRequestSeconds = 60;
+
 }  // namespace kestrine

@@ -69,10 +69,10 @@ void RestConnector::startAsyncTask_params_progress_finished(const std::string& p
   setProgressHandler(std::move(progress));
   configSessionForDownload();
   const RestBody body = restBody(params);
-  NSLog(fmt::format("Json String {}", body.text));
-  if (body.error) return finished(*body.error, RestStatusBodyEncodingError);
+  NSLog(fmt::format("Json String {}", restBodyLogged(body)));
+  if (!body) return finished(body.error(), RestStatusBodyEncodingError);
   setSessionTask(session()->dataTaskWithRequest(
-      restJSONRequest(path, body.text),
+      restJSONRequest(path, *body),
       [finished = std::move(finished)](const std::optional<Bytes>& data, const std::shared_ptr<const URLResponse>&,
                                        const std::optional<Error>& error) { restTaskCompleted(data, error, finished); }));
   resume();
@@ -85,10 +85,10 @@ void RestConnector::startAsyncDownloadWithStreamRequest_params_progress_finished
   setProgressHandler(std::move(progress));
   configSessionForData();
   const RestBody body = restBody(params);
-  NSLog(body.text);
-  if (body.error) return finished(nullptr, *body.error, RestStatusBodyEncodingError);
+  NSLog(restBodyLogged(body));
+  if (!body) return finished(nullptr, body.error(), RestStatusBodyEncodingError);
   setSessionTask(session()->dataTaskWithRequest(
-      restJSONRequest(path, body.text),
+      restJSONRequest(path, *body),
       [finished = std::move(finished)](const std::optional<Bytes>& data, const std::shared_ptr<const URLResponse>& response,
                                        const std::optional<Error>& error) {
         if (error) return finished(nullptr, *error, RestStatusNetworkError);
@@ -112,7 +112,8 @@ void RestConnector::startAsyncDownload_progress_finished(const std::string& url,
           return;
         }
         // The open file outlives its name, which the session takes away when this returns.
-        const auto data = location ? Bytes::dataWithContentsOfFile(location->path()) : std::nullopt;
+        if (!location) return finished({}, RestStatusSuccess);
+        const auto data = Bytes::dataWithContentsOfFile(location->path());
         finished(data ? RestDataResult(*data) : RestDataResult(), RestStatusSuccess);
       }));
   resume();
@@ -124,8 +125,8 @@ void RestConnector::startAsyncUpload_params_progress_finished(const std::string&
   setProgressHandler(std::move(progress));
   configSessionForDownload();
   const RestBody body = restBody(params);
-  if (body.error) return finished(*body.error, RestStatusBodyEncodingError);
-  const platform::URLRequest request = restRequest(path, body.text);
+  if (!body) return finished(body.error(), RestStatusBodyEncodingError);
+  const platform::URLRequest request = restRequest(path, *body);
   NSLog(fmt::format("url is........{}", descriptionOf(request.URL())));
   // No task is made of the request: this is as far as the entry goes.
 }

@@ -8,6 +8,7 @@
 #include "platform/foundation/url/URL.h"
 #include "platform/foundation/value/Object.h"
 #include "platform/network/session/URLSession.h"
+#include "platform/network/session/URLSessionDelegate.h"
 
 namespace kestrine {
 

@@ -24,8 +24,6 @@ using platform::Error;
 using platform::Object;
 using platform::URL;
 
-constexpr double kRequestSeconds = 60;
-
 /// The parameter, and the place in the local file system that it means. One that is missing prints as such, as in every text made of it.
 std::string localPathOf(const Object& filePath) {
   return ServicesUtilities::convertPathToMac(filePath.isNil() ? filePath.description() : filePath.stringValue());
@@ -47,7 +45,7 @@ void stage(const std::string& localPath, const std::string& stagingPath) {
 }
 
 platform::URLRequest uploadRequest(const std::optional<URL>& url, const Object& params) {
-  platform::URLRequest request(url, platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRequestSeconds);
+  platform::URLRequest request(url, platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRestRequestSeconds);
   request.setHTTPMethod("POST");
   request.setValue_forHTTPHeaderField("application/octet-stream", "Content-Type");
   for (const std::string_view name : {"FilePath", "TransitDownloadPath", "FileRequestID"}) {
@@ -60,10 +58,10 @@ platform::URLRequest uploadRequest(const std::optional<URL>& url, const Object& 
 void uploadCompleted(const std::string& fileName, const std::optional<Bytes>& data, const std::optional<Error>& error,
                      const RestFinishedHandler& finished) {
   if (error) return finished(*error, RestStatusNetworkError);
-  const RestResult parsed = restParse(data.value_or(Bytes()));
+  const auto parsed = restParse(data.value_or(Bytes()));
   // A file and nothing else: a task that sent a folder would have failed.
   unlink(stagingPathOf(fileName).c_str());
-  finished(std::holds_alternative<Object>(parsed) ? parsed : RestResult(), RestStatusSuccess);
+  finished(parsed ? *parsed : Object(), RestStatusSuccess);
 }
 
 }  // namespace

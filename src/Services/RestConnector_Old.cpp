@@ -30,11 +30,11 @@ void RestConnector_Old::startAsyncTask_params_progress_finished(const std::strin
   if (!Reachability::isReachable()) return finished(platform::Object(), RestStatusNotReachable);
   setProgressHandler(std::move(progress));
   const RestBody body = restBody(params);
-  platform::NSLog(fmt::format("Json String {}", body.text));
-  if (body.error) return finished(*body.error, RestStatusBodyEncodingError);
+  platform::NSLog(fmt::format("Json String {}", restBodyLogged(body)));
+  if (!body) return finished(body.error(), RestStatusBodyEncodingError);
   setOperationQueue(platform::OperationQueue::create());
   platform::URLConnection::sendAsynchronousRequest(
-      restJSONRequest(path, body.text), operationQueue(),
+      restJSONRequest(path, *body), operationQueue(),
       // This request's own queue: a second start puts another one into its place, whose operations are not ours to cancel.
       [self = shared_from_this(), queue = operationQueue(), finished = std::move(finished)](
           const std::shared_ptr<const platform::URLResponse>&, const std::optional<platform::Bytes>& data,

@@ -13,26 +13,21 @@ namespace kestrine {
 
 namespace {
 
-constexpr double kRequestSeconds = 60;
-
 platform::Error jsonError(std::int64_t code, const std::exception& reason) { return {NSCocoaErrorDomain, code, reason.what()}; }
-
-std::string descriptionOf(const RestResult& result) {
-  const auto* object = std::get_if<platform::Object>(&result);
-  return object != nullptr ? object->description() : platform::Object().description();
-}
 
 }  // namespace
 
 RestBody restBody(const platform::Object& params) {
   try {
-    return {.text = platform::prettyJSONText(params)};
+    return platform::prettyJSONText(params);
   } catch (const std::exception& reason) {
-    return {.error = jsonError(NSPropertyListWriteInvalidError, reason)};
+    return jsonError(NSPropertyListWriteInvalidError, reason);
   }
 }
 
-RestResult restParse(const platform::Bytes& data) {
+std::string restBodyLogged(const RestBody& body) { return body ? *body : std::string(); }
+
+platform::Result<platform::Object, platform::Error> restParse(const platform::Bytes& data) {
   try {
     return platform::readJSON(data.text());
   } catch (const std::exception& reason) {
@@ -41,7 +36,7 @@ RestResult restParse(const platform::Bytes& data) {
 }
 
 platform::URLRequest restRequest(const std::string& path, const std::string& body) {
-  platform::URLRequest request(restAbsoluteURL(path), platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRequestSeconds);
+  platform::URLRequest request(restAbsoluteURL(path), platform::URLRequestCachePolicy::UseProtocolCachePolicy, kRestRequestSeconds);
   request.setValue_forHTTPHeaderField(fmt::format("{}", body.size()), "Content-Length");
   request.setHTTPMethod("POST");
   request.setHTTPBody(platform::Bytes(body));
@@ -67,9 +62,10 @@ void restTaskCompleted(const std::optional<platform::Bytes>& data, const std::op
     platform::NSLog("network error");
     return;
   }
-  const RestResult parsed = restParse(data.value_or(platform::Bytes()));
-  platform::NSLog(fmt::format("response {}", descriptionOf(parsed)));
-  finished(parsed, std::holds_alternative<platform::Error>(parsed) ? RestStatusResponseParseError : RestStatusSuccess);
+  const auto parsed = restParse(data.value_or(platform::Bytes()));
+  platform::NSLog(fmt::format("response {}", (parsed ? *parsed : platform::Object()).description()));
+  if (!parsed) return finished(parsed.error(), RestStatusResponseParseError);
+  finished(*parsed, RestStatusSuccess);
 }
 
 }  // namespace kestrine

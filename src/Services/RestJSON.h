@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Services/RestResult.h"
+#include "platform/foundation/base/Result.h"
 #include "platform/foundation/value/Object.h"
 #include "platform/network/message/URLRequest.h"
 
@@ -17,15 +18,14 @@ inline constexpr const char* NSCocoaErrorDomain = "NSCocoaErrorDomain";
 inline constexpr std::int64_t NSPropertyListReadCorruptError = 3840;
 inline constexpr std::int64_t NSPropertyListWriteInvalidError = 3851;
 
-/// Parameters as JSON text for people, or why they have none; the text is then empty.
-struct RestBody {
-  std::string text = {};
-  std::optional<platform::Error> error = {};
-};
+/// Parameters as JSON text for people, or why they have none.
+using RestBody = platform::Result<std::string, platform::Error>;
 RestBody restBody(const platform::Object& params);
+/// What the log says of a body: its text, or nothing.
+std::string restBodyLogged(const RestBody& body);
 
 /// The answer as a value, or why it is none.
-RestResult restParse(const platform::Bytes& data);
+platform::Result<platform::Object, platform::Error> restParse(const platform::Bytes& data);
 
 /// The POST of `body` to `path` below the base URL, without a content type.
 platform::URLRequest restRequest(const std::string& path, const std::string& body);

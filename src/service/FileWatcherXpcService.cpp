@@ -18,13 +18,13 @@ void FileWatcherXpcService::callToFileWatcher() {
 }
 
 std::shared_ptr<FileWatcherServiceXPC> FileWatcherXpcService::fileWatcherController() const {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return fileWatcherController_;
 }
 
 void FileWatcherXpcService::setFileWatcherController(std::shared_ptr<FileWatcherServiceXPC> controller) {
   {
-    const std::lock_guard lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     std::swap(fileWatcherController_, controller);
   }
   // Outside the lock, since ending a watch waits for its running handler.

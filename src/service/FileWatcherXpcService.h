@@ -1,9 +1,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
-#include "service/FileWatcherXpcServiceProtocol.h"
+#include "contract/FileWatcherXpcServiceProtocol.h"
+#include "platform/foundation/base/Mutex.h"
 
 namespace kestrine {
 
@@ -22,8 +22,8 @@ class FileWatcherXpcService : public FileWatcherXpcServiceProtocol {
   void setFileWatcherController(std::shared_ptr<FileWatcherServiceXPC> controller);
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<FileWatcherServiceXPC> fileWatcherController_;
+  mutable platform::Mutex mutex_;
+  std::shared_ptr<FileWatcherServiceXPC> fileWatcherController_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kestrine

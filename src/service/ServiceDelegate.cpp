@@ -1,5 +1,6 @@
 #include "service/ServiceDelegate.h"
 
+#include "contract/FileWatcherXpcServiceProtocol.h"
 #include "platform/xpc/connection/XPCConnection.h"
 #include "service/FileWatcherXpcService.h"
 

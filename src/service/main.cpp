@@ -1,5 +1,6 @@
 #include <memory>
 
+#include "contract/ServiceName.h"
 #include "platform/xpc/service/ServiceProcess.h"
 #include "platform/xpc/service/XPCListener.h"
 #include "service/ServiceDelegate.h"
@@ -8,7 +9,7 @@
 #include "util/ServicesUtilities.h"
 
 int main() {
-  platform::xpc::ServiceProcess::begin("Ostrabyte.FileWatcherXpcService");
+  platform::xpc::ServiceProcess::begin(kestrine::kServiceName);
   if (kestrine::ServicesUtilities::is10_7()) kestrine::XPCService::runServiceWithConnectionHandler(kestrine::startWatchOnEveryMessage);
 
   // The listener does not keep its delegate; this variable does, for the life of the process.

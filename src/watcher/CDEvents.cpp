@@ -55,14 +55,16 @@ CDEvents::CDEvents(std::vector<platform::URL> URLs, std::weak_ptr<CDEventsDelega
                    const std::shared_ptr<platform::RunLoop>& onRunLoop, platform::FSEventStreamEventId sinceEventIdentifier,
                    double notificationLantency, bool ignoreEventsFromSubDirs, std::optional<std::vector<platform::URL>> excludeURLs,
                    platform::FSEventStreamCreateFlags streamCreationFlags)
-    : impl_(std::make_shared<Impl>(*this, Impl::Configuration{.delegate = present(std::move(delegate)),
-                                                              .watchedURLs = present(std::move(URLs)),
-                                                              .excludedURLs = std::move(excludeURLs),
-                                                              .eventBlock = forwardToDelegate,
-                                                              .sinceEventIdentifier = sinceEventIdentifier,
-                                                              .eventStreamCreationFlags = streamCreationFlags,
-                                                              .notificationLatency = notificationLantency,
-                                                              .ignoreEventsFromSubDirectories = ignoreEventsFromSubDirs})) {
+    : impl_(std::make_shared<Impl>(*this,
+                                   Impl::Configuration{.eventBlock = forwardToDelegate,
+                                                       .sinceEventIdentifier = sinceEventIdentifier,
+                                                       .eventStreamCreationFlags = streamCreationFlags,
+                                                       .notificationLatency = notificationLantency},
+                                   Impl::Settings{.watchedURLs = present(std::move(URLs)),
+                                                  .excludedURLs = std::move(excludeURLs),
+                                                  .delegate = present(std::move(delegate)),
+                                                  .lastEvent = {}},
+                                   ignoreEventsFromSubDirs)) {
   createEventStream();
   startOnRunLoop(onRunLoop);
 }
@@ -77,14 +79,14 @@ CDEvents::CDEvents(std::vector<platform::URL> URLs, CDEventsEventBlock block, co
 CDEvents::CDEvents(std::vector<platform::URL> URLs, CDEventsEventBlock block, const std::shared_ptr<platform::RunLoop>& onRunLoop,
                    platform::FSEventStreamEventId sinceEventIdentifier, double notificationLantency, bool ignoreEventsFromSubDirs,
                    std::optional<std::vector<platform::URL>> excludeURLs, platform::FSEventStreamCreateFlags streamCreationFlags)
-    : impl_(std::make_shared<Impl>(*this, Impl::Configuration{.delegate = {},
-                                                              .watchedURLs = present(std::move(URLs)),
-                                                              .excludedURLs = std::move(excludeURLs),
-                                                              .eventBlock = present(std::move(block)),
-                                                              .sinceEventIdentifier = sinceEventIdentifier,
-                                                              .eventStreamCreationFlags = streamCreationFlags,
-                                                              .notificationLatency = notificationLantency,
-                                                              .ignoreEventsFromSubDirectories = ignoreEventsFromSubDirs})) {
+    : impl_(std::make_shared<Impl>(
+          *this,
+          Impl::Configuration{.eventBlock = present(std::move(block)),
+                              .sinceEventIdentifier = sinceEventIdentifier,
+                              .eventStreamCreationFlags = streamCreationFlags,
+                              .notificationLatency = notificationLantency},
+          Impl::Settings{.watchedURLs = present(std::move(URLs)), .excludedURLs = std::move(excludeURLs), .delegate = {}, .lastEvent = {}},
+          ignoreEventsFromSubDirs)) {
   createEventStream();
   startOnRunLoop(onRunLoop);
 }
@@ -101,12 +103,11 @@ void CDEvents::createEventStream() {
   paths.reserve(URLs.size());
   for (const platform::URL& url : URLs) paths.push_back(url.path());
 
-  // The stream does not keep its CDEvents alive; only a delivery under way does that for the part of it that it needs.
-  auto callback = [weak = std::weak_ptr(impl_)](platform::FSEventStream&, std::span<const platform::FSEvent> events) {
-    if (const std::shared_ptr<Impl> impl = weak.lock()) impl->deliver(events);
-  };
-  impl_->eventStream = std::make_unique<platform::FSEventStream>(std::move(callback), std::move(paths), impl_->sinceEventIdentifier,
-                                                                 impl_->notificationLatency, impl_->eventStreamCreationFlags);
+  // The stream does not keep its CDEvents alive. It need not: its end, which the destructor begins with, waits for a call of this.
+  auto callback = [this](platform::FSEventStream&, std::span<const platform::FSEvent> events) { CDEventsCallback(*this, events); };
+  impl_->eventStream =
+      std::make_unique<platform::FSEventStream>(std::move(callback), std::move(paths), impl_->configuration.sinceEventIdentifier,
+                                                impl_->configuration.notificationLatency, impl_->configuration.eventStreamCreationFlags);
 }
 
 void CDEvents::startOnRunLoop(const std::shared_ptr<platform::RunLoop>& runLoop) {
@@ -126,23 +127,25 @@ void CDEvents::disposeEventStream() {
 std::unique_ptr<CDEvents> CDEvents::copyWithZone() const {
   return std::make_unique<CDEvents>(watchedURLs(), eventBlock(), platform::RunLoop::current(), sinceEventIdentifier(),
                                     notificationLatency(), ignoreEventsFromSubDirectories(), excludedURLs(),
-                                    impl_->eventStreamCreationFlags);
+                                    impl_->configuration.eventStreamCreationFlags);
 }
 
-std::shared_ptr<CDEventsDelegate> CDEvents::delegate() const { return impl_->read(impl_->delegate).lock(); }
-void CDEvents::setDelegate(const std::weak_ptr<CDEventsDelegate>& delegate) { impl_->exchange(impl_->delegate, delegate); }
+std::shared_ptr<CDEventsDelegate> CDEvents::delegate() const { return impl_->get(&Impl::Settings::delegate).lock(); }
+void CDEvents::setDelegate(const std::weak_ptr<CDEventsDelegate>& delegate) { impl_->set(&Impl::Settings::delegate, delegate); }
 
-CDEventsEventBlock CDEvents::eventBlock() const { return impl_->eventBlock; }
-double CDEvents::notificationLatency() const { return impl_->notificationLatency; }
-platform::FSEventStreamEventId CDEvents::sinceEventIdentifier() const { return impl_->sinceEventIdentifier; }
+CDEventsEventBlock CDEvents::eventBlock() const { return impl_->configuration.eventBlock; }
+double CDEvents::notificationLatency() const { return impl_->configuration.notificationLatency; }
+platform::FSEventStreamEventId CDEvents::sinceEventIdentifier() const { return impl_->configuration.sinceEventIdentifier; }
 
-std::shared_ptr<const CDEvent> CDEvents::lastEvent() const { return impl_->read(impl_->lastEvent); }
-void CDEvents::setLastEvent(std::shared_ptr<const CDEvent> event) { impl_->exchange(impl_->lastEvent, std::move(event)); }
+std::shared_ptr<const CDEvent> CDEvents::lastEvent() const { return impl_->get(&Impl::Settings::lastEvent); }
+void CDEvents::setLastEvent(std::shared_ptr<const CDEvent> event) { impl_->set(&Impl::Settings::lastEvent, std::move(event)); }
 
-std::vector<platform::URL> CDEvents::watchedURLs() const { return impl_->read(impl_->watchedURLs); }
-void CDEvents::setWatchedURLs(std::vector<platform::URL> URLs) { impl_->exchange(impl_->watchedURLs, std::move(URLs)); }
-std::optional<std::vector<platform::URL>> CDEvents::excludedURLs() const { return impl_->read(impl_->excludedURLs); }
-void CDEvents::setExcludedURLs(std::optional<std::vector<platform::URL>> URLs) { impl_->exchange(impl_->excludedURLs, std::move(URLs)); }
+std::vector<platform::URL> CDEvents::watchedURLs() const { return impl_->get(&Impl::Settings::watchedURLs); }
+void CDEvents::setWatchedURLs(std::vector<platform::URL> URLs) { impl_->set(&Impl::Settings::watchedURLs, std::move(URLs)); }
+std::optional<std::vector<platform::URL>> CDEvents::excludedURLs() const { return impl_->get(&Impl::Settings::excludedURLs); }
+void CDEvents::setExcludedURLs(std::optional<std::vector<platform::URL>> URLs) {
+  impl_->set(&Impl::Settings::excludedURLs, std::move(URLs));
+}
 
 bool CDEvents::ignoreEventsFromSubDirectories() const { return impl_->ignoreEventsFromSubDirectories; }
 void CDEvents::setIgnoreEventsFromSubDirectories(bool ignore) { impl_->ignoreEventsFromSubDirectories = ignore; }

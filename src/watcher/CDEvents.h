@@ -107,4 +107,7 @@ class CDEvents {
   std::shared_ptr<Impl> impl_;
 };
 
+/// What the platform's stream calls with each batch; `info` is the CDEvents that made the stream. On the run loop's thread.
+void CDEventsCallback(CDEvents& info, std::span<const platform::FSEvent> events);
+
 }  // namespace kestrine

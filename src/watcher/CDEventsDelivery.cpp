@@ -8,28 +8,23 @@
 
 namespace kestrine {
 
-CDEvents::Impl::Impl(CDEvents& owner, Configuration configuration)
-    : eventBlock(std::move(configuration.eventBlock)),
-      sinceEventIdentifier(configuration.sinceEventIdentifier),
-      eventStreamCreationFlags(configuration.eventStreamCreationFlags),
-      notificationLatency(configuration.notificationLatency),
-      watchedURLs(std::move(configuration.watchedURLs)),
-      excludedURLs(std::move(configuration.excludedURLs)),
-      delegate(std::move(configuration.delegate)),
-      ignoreEventsFromSubDirectories(configuration.ignoreEventsFromSubDirectories),
-      owner_(owner) {}
+CDEvents::Impl::Impl(CDEvents& owner, Configuration configuration, Settings settings, bool ignoreEventsFromSubDirectories)
+    : configuration(std::move(configuration)),
+      ignoreEventsFromSubDirectories(ignoreEventsFromSubDirectories),
+      owner_(owner),
+      settings_(std::move(settings)) {}
 
 void CDEvents::Impl::deliver(std::span<const platform::FSEvent> events) {
-  const CDEventsFilter filter(read(watchedURLs), read(excludedURLs));
+  const CDEventsFilter filter(get(&Settings::watchedURLs), get(&Settings::excludedURLs));
   std::shared_ptr<const CDEvent> last;
   for (const platform::FSEvent& event : events) {
     if (abandoned_) return;
     platform::URL url = platform::URL::fileURLWithPath(platform::stringByStandardizingPath(event.path));
     if (filter.ignores(url.path(), ignoreEventsFromSubDirectories)) continue;
     last = CDEvent::eventWithIdentifier_date_URL_flags(event.id, platform::Date::now(), std::move(url), event.flags);
-    eventBlock(owner_, last);
+    configuration.eventBlock(owner_, last);
   }
-  if (last && !abandoned_) exchange(lastEvent, std::move(last));
+  if (last && !abandoned_) set(&Settings::lastEvent, std::move(last));
 }
 
 void CDEventsCallback(CDEvents& info, std::span<const platform::FSEvent> events) {

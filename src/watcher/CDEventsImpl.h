@@ -2,31 +2,37 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/fsevents/FSEventStream.h"
 #include "watcher/CDEvents.h"
 
 namespace kestrine {
 
 /// What a CDEvents shares with a delivery that is under way, and which therefore outlives an owner that its own handler destroys.
+/// Threads: `deliver` on the run loop's; any thread may use the rest while the owner lives.
 class CDEvents::Impl {
  public:
-  struct Configuration {
-    std::weak_ptr<CDEventsDelegate> delegate;
+  /// What may be set while the stream runs.
+  struct Settings {
     std::vector<platform::URL> watchedURLs;
     std::optional<std::vector<platform::URL>> excludedURLs;
+    std::weak_ptr<CDEventsDelegate> delegate;
+    std::shared_ptr<const CDEvent> lastEvent;
+  };
+  /// What is set at construction and constant since.
+  struct Configuration {
     CDEventsEventBlock eventBlock;
     platform::FSEventStreamEventId sinceEventIdentifier = kCDEventsSinceEventNow;
     platform::FSEventStreamCreateFlags eventStreamCreationFlags = kCDEventsDefaultEventStreamFlags;
     double notificationLatency = 0;
-    bool ignoreEventsFromSubDirectories = false;
   };
 
-  Impl(CDEvents& owner, Configuration configuration);
+  Impl(CDEvents& owner, Configuration configuration, Settings settings, bool ignoreEventsFromSubDirectories);
 
   /// Filters a batch of the platform's events and hands what is left to the block. Stops when the owner is being destroyed.
   void deliver(std::span<const platform::FSEvent> events);
@@ -34,40 +40,25 @@ class CDEvents::Impl {
   void abandon() { abandoned_ = true; }
 
   template <class T>
-  [[nodiscard]] T read(const T& property) const {
-    const std::lock_guard lock(mutex_);
-    return property;
+  [[nodiscard]] T get(T Settings::*setting) const {
+    return settings_.with([setting](const Settings& settings) { return settings.*setting; });
   }
-  /// Returns the former value, so that it is destroyed outside the lock.
+  /// The former value is destroyed outside the lock.
   template <class T>
-  T exchange(T& property, T value) {
-    const std::lock_guard lock(mutex_);
-    std::swap(property, value);
-    return value;
+  void set(T Settings::*setting, T value) {
+    settings_.with([&](Settings& settings) { std::swap(settings.*setting, value); });
   }
 
-  // Set at construction and constant since.
-  const CDEventsEventBlock eventBlock;
-  const platform::FSEventStreamEventId sinceEventIdentifier;
-  const platform::FSEventStreamCreateFlags eventStreamCreationFlags;
-  const double notificationLatency;
-
-  // Go through `read` and `exchange`.
-  std::vector<platform::URL> watchedURLs;
-  std::optional<std::vector<platform::URL>> excludedURLs;
-  std::weak_ptr<CDEventsDelegate> delegate;
-  std::shared_ptr<const CDEvent> lastEvent;
-
+  const Configuration configuration;
+  /// Read anew for each event, unlike the lists.
   std::atomic<bool> ignoreEventsFromSubDirectories;
+  /// Made and ended by the owner.
   std::unique_ptr<platform::FSEventStream> eventStream;
 
  private:
   CDEvents& owner_;
-  mutable std::mutex mutex_;
+  platform::Guarded<Settings> settings_;
   std::atomic<bool> abandoned_ = false;
 };
-
-/// What the platform's stream calls with each batch, here for a test to call with a batch of its own.
-void CDEventsCallback(CDEvents& info, std::span<const platform::FSEvent> events);
 
 }  // namespace kestrine

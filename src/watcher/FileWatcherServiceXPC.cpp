@@ -2,26 +2,24 @@
 
 #include <fmt/format.h>
 
-#include <string_view>
 #include <utility>
 
+#include "contract/SharedPreferences.h"
+#include "contract/SyncFolder.h"
 #include "platform/concurrency/RunLoop.h"
 #include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/url/PercentEscapes.h"
 #include "watcher/CDEvent.h"
 #include "watcher/WatchStatus.h"
-#include "watcher/systemVersionIsAtLeast.h"
 
 namespace kestrine {
 
 namespace {
 
-constexpr std::string_view kSharedPreferencesDomain = "Ostrabyte.Kestrine";
-constexpr std::string_view kBasePathKey = "kestrinePathKey";
-constexpr std::string_view kFileWatcherStatusKey = "FileWatcherStatusKey";
 constexpr double kNotificationLatency = 3.0;
 
 // A list of the one URL that `text` makes, as it stands.
@@ -33,16 +31,16 @@ std::vector<platform::URL> listOfURL(const std::string& text) {
 
 }  // namespace
 
-platform::FSEventStreamCreateFlags watchCreationFlags() {
+platform::FSEventStreamCreateFlags watchCreationFlags(const std::function<bool(std::int32_t major, std::int32_t minor)>& isAtLeast) {
   platform::FSEventStreamCreateFlags flags = kCDEventsDefaultEventStreamFlags;
-  if (systemVersionIsAtLeast(10, 6)) flags |= platform::kFSEventStreamCreateFlagIgnoreSelf;
-  if (systemVersionIsAtLeast(10, 7)) flags |= platform::kFSEventStreamCreateFlagFileEvents;
+  if (isAtLeast(10, 6)) flags |= platform::kFSEventStreamCreateFlagIgnoreSelf;
+  if (isAtLeast(10, 7)) flags |= platform::kFSEventStreamCreateFlagFileEvents;
   return flags;
 }
 
 void raiseFileWatcherStatus(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event) {
   platform::UserDefaults& defaults = platform::UserDefaults::standardUserDefaults();
-  defaults.setObject_forKey("1", kFileWatcherStatusKey);
+  defaults.setObject_forKey(kFlagRaised, kFlagKey);
   platform::NSLog("FileWatcher 1 in filewatcher service");
   defaults.synchronize();
   platform::NSLog(fmt::format("[Block] URLWatcher: {}\nEvent: {}", URLWatcher.description(), event->description()));
@@ -57,7 +55,7 @@ FileWatcherServiceXPC::~FileWatcherServiceXPC() {
 void FileWatcherServiceXPC::initFileWatcher() {
   platform::NSLog("inside initFilewatcher");
   setIAppsPrefs(platform::Dictionary());
-  setIAppsPrefs(platform::UserDefaults::standardUserDefaults().persistentDomainForName(kSharedPreferencesDomain));
+  setIAppsPrefs(platform::UserDefaults::standardUserDefaults().persistentDomainForName(kApplicationDomain));
   try {
     run();
     status_->stands();
@@ -72,17 +70,13 @@ void FileWatcherServiceXPC::initFileWatcher() {
 }
 
 void FileWatcherServiceXPC::report(const platform::Exception& failure) {
-  try {
-    logErrorMethod(failure);
-  } catch (const platform::Exception& exception) {
-    // A report that cannot be made is no reason for the service to end.
-    platform::NSLog(fmt::format("the failure could not be reported: {}: {}", exception.name(), exception.reason()));
-  }
+  // A report that cannot be made is no reason for the service to end.
+  platform::runContained("the failure could not be reported", [&] { logErrorMethod(failure); });
 }
 
 void FileWatcherServiceXPC::run() {
   platform::NSLog(fmt::format("watcher url  {}", iAppsPrefs_.objectForKey(kBasePathKey).description()));
-  const std::string folder = fmt::format("{}/Kestrine", iAppsPrefs_.objectForKey(kBasePathKey).description());
+  const std::string folder = syncFolderText(iAppsPrefs_.objectForKey(kBasePathKey).description());
   status_->watches(folder);
   std::vector<platform::URL> watched = listOfURL(folder);
   status_->watches(watched.front().path());

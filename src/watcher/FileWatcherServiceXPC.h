@@ -1,11 +1,14 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/value/Object.h"
 #include "watcher/CDEvents.h"
 #include "watcher/CDEventsDelegate.h"
+#include "watcher/systemVersionIsAtLeast.h"
 
 namespace kestrine {
 
@@ -58,8 +61,9 @@ class FileWatcherServiceXPC : public CDEventsDelegate {
   std::unique_ptr<Status> status_;
 };
 
-/// The flags with which a watch is created on this version of the operating system.
-platform::FSEventStreamCreateFlags watchCreationFlags();
+/// The flags with which a watch is created on the version of the operating system that `isAtLeast` answers for.
+platform::FSEventStreamCreateFlags watchCreationFlags(
+    const std::function<bool(std::int32_t major, std::int32_t minor)>& isAtLeast = systemVersionIsAtLeast);
 
 /// Raises the flag for one change. The handler of every watch.
 void raiseFileWatcherStatus(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event);

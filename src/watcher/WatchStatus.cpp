@@ -3,6 +3,8 @@
 #include <atomic>
 #include <utility>
 
+#include "contract/WatchEntry.h"
+
 namespace kestrine {
 
 namespace {
@@ -15,31 +17,31 @@ std::uint64_t nextNumber() {
 }  // namespace
 
 FileWatcherServiceXPC::Status::Status()
-    : number_(nextNumber()), registration_(platform::StatusRegistry::shared().add("watches", [this] { return describe(); })) {}
+    : number_(nextNumber()), registration_(platform::StatusRegistry::shared().add(kWatchesSection, [this] { return describe(); })) {}
 
 void FileWatcherServiceXPC::Status::watches(std::string folder) {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   folder_ = std::move(folder);
 }
 
 void FileWatcherServiceXPC::Status::stands() {
-  const std::lock_guard lock(mutex_);
-  state_ = "standing";
+  const platform::MutexLock lock(mutex_);
+  state_ = WatchState::Standing;
 }
 
 void FileWatcherServiceXPC::Status::failed(std::string reason) {
-  const std::lock_guard lock(mutex_);
-  state_ = "failed";
+  const platform::MutexLock lock(mutex_);
+  state_ = WatchState::Failed;
   reason_ = std::move(reason);
 }
 
 platform::Object FileWatcherServiceXPC::Status::describe() const {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   platform::Dictionary entry;
-  entry["number"] = platform::Object::numberWithUnsignedLongLong(number_);
-  entry["folder"] = folder_;
-  entry["state"] = state_;
-  if (!reason_.empty()) entry["reason"] = reason_;
+  entry[kWatchNumberKey] = platform::Object::numberWithUnsignedLongLong(number_);
+  entry[kWatchFolderKey] = folder_;
+  entry[kWatchStateKey] = watchStateName(state_);
+  if (!reason_.empty()) entry[kWatchReasonKey] = reason_;
   return entry;
 }
 

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
+#include "contract/WatchState.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/process/StatusRegistry.h"
 #include "watcher/FileWatcherServiceXPC.h"
 
@@ -23,10 +24,10 @@ class FileWatcherServiceXPC::Status {
   [[nodiscard]] platform::Object describe() const;
 
   const std::uint64_t number_;
-  mutable std::mutex mutex_;
-  std::string folder_;
-  std::string state_ = "starting";
-  std::string reason_;
+  mutable platform::Mutex mutex_;
+  std::string folder_ GUARDED_BY(mutex_);
+  WatchState state_ GUARDED_BY(mutex_) = WatchState::Starting;
+  std::string reason_ GUARDED_BY(mutex_);
   // Last, so that the registry has forgotten the entry before its parts go.
   platform::StatusRegistry::Registration registration_;
 };

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include "Services/RestInterface.h"
+#include "contract/SharedPreferences.h"
 #include "platform/foundation/log/Log.h"
 #include "watcher/FileWatcherServiceXPC.h"
 
@@ -27,8 +28,8 @@ void FileWatcherServiceXPC::logErrorMethod(const platform::Exception& /*exceptio
   query.errorClass = "FileWatcher";
   query.errorMethod = "Run Method";
   query.errorMessage = "Exception has occured";
-  query.computerId = preference(iAppsPrefs_, "computerIdKey");
-  query.userId = preference(iAppsPrefs_, "userIdKey");
+  query.computerId = preference(iAppsPrefs_, kComputerIdKey);
+  query.userId = preference(iAppsPrefs_, kUserIdKey);
   RestInterface::asyncLogError_withCompiletionHandler(query, [](const RestAnswer<LogErrorResponseData>& answer, RestTaskStatus /*status*/) {
     platform::NSLog(fmt::format("Error occured....{}", description(answer)));
   });

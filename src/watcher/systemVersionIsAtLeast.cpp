@@ -11,8 +11,8 @@ bool KnownSystemVersion::isAtLeast(std::int32_t major, std::int32_t minor) {
 }
 
 bool systemVersionIsAtLeast(std::int32_t major, std::int32_t minor) {
-  static KnownSystemVersion version;
-  return version.isAtLeast(major, minor);
+  static KnownSystemVersion known;
+  return known.isAtLeast(major, minor);
 }
 
 }  // namespace kestrine

@@ -7,13 +7,14 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
-#include "xpc/NeverReleased.h"
+#include "platform/foundation/process/NeverReleased.h"
 #include "xpc/XPCParse.h"
 
 namespace kestrine {
 
 namespace {
 
+using platform::NeverReleased;
 using platform::Object;
 using platform::xpc::Connection;
 using platform::xpc::ConnectionError;
@@ -57,7 +58,7 @@ XPCConnection::~XPCConnection() {
 
 void XPCConnection::setDispatchQueue(std::shared_ptr<platform::SerialQueue> dispatchQueue) {
   {
-    const std::lock_guard lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     dispatchQueue_ = dispatchQueue;
   }
   connection_->setTargetQueue(std::move(dispatchQueue));
@@ -141,28 +142,28 @@ void XPCConnection::resume() {
 }
 
 XPCConnection::EventHandler XPCConnection::eventHandler() const {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return eventHandler_;
 }
 
 void XPCConnection::setEventHandler(EventHandler eventHandler) {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   // Swapped, so that what the former one holds is released without the lock.
   eventHandler_.swap(eventHandler);
 }
 
 XPCConnection::ErrorHandler XPCConnection::errorHandler() const {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return errorHandler_;
 }
 
 void XPCConnection::setErrorHandler(ErrorHandler errorHandler) {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   errorHandler_.swap(errorHandler);
 }
 
 std::shared_ptr<platform::SerialQueue> XPCConnection::dispatchQueue() const {
-  const std::lock_guard lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return dispatchQueue_;
 }
 

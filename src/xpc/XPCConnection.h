@@ -3,11 +3,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "platform/concurrency/SerialQueue.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/value/Object.h"
 #include "platform/xpc/connection/Connection.h"
 
@@ -28,7 +28,7 @@ namespace kestrine {
 ///
 /// Ownership: shared. Nothing here keeps a connection: the handlers are handed it, the channel refers to it weakly. Pending work of the
 /// queue does, until it is done. Destroying it cancels the channel's connection, without a further event; the queue and the two handlers
-/// that it has then are never released (see NeverReleased), so a handler must not own the connection.
+/// that it has then are never released (see platform::NeverReleased), so a handler must not own the connection.
 ///
 /// Threads: any thread may call anything.
 class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
@@ -103,10 +103,10 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   [[nodiscard]] platform::Object readNumber(const std::function<std::uint32_t(const platform::xpc::Connection&)>& read);
 
   const std::shared_ptr<platform::xpc::Connection> connection_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<platform::SerialQueue> dispatchQueue_;
-  EventHandler eventHandler_;
-  ErrorHandler errorHandler_;
+  mutable platform::Mutex mutex_;
+  std::shared_ptr<platform::SerialQueue> dispatchQueue_ GUARDED_BY(mutex_);
+  EventHandler eventHandler_ GUARDED_BY(mutex_);
+  ErrorHandler errorHandler_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kestrine

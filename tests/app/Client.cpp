@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <mutex>
+#include <stdexcept>
+#include <thread>
 
 #include "app/client/FileWatcherClient.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
@@ -34,6 +36,12 @@ class Client : public testing::Test {
     return eventually([&] { return told().size() >= count; }, kLongEnough);
   }
 
+  WatchStart startWatching() {
+    makeFolder(sandbox.watched());
+    EXPECT_TRUE(client.setBasePath(sandbox.base()));
+    return client.startWatching();
+  }
+
   Sandbox sandbox;
   std::mutex mutex;
   std::vector<FileWatcherClient::ServiceEvent> events;
@@ -41,9 +49,7 @@ class Client : public testing::Test {
 };
 
 TEST_F(Client, StartsWatchingAndWaitsForTheFlag) {
-  makeFolder(sandbox.watched());
-  ASSERT_TRUE(client.setBasePath(sandbox.base()));
-  const WatchStart start = client.startWatching();
+  const WatchStart start = startWatching();
   ASSERT_TRUE(start.stands()) << start.text;
   EXPECT_EQ(start.outcome, WatchStart::Outcome::Watching);
   EXPECT_EQ(start.folder, sandbox.watched());
@@ -73,9 +79,7 @@ TEST_F(Client, FindsAFlagThatWasRaisedBeforeItWaited) {
 }
 
 TEST_F(Client, SaysThatTheServiceDiedAndAsksAgain) {
-  makeFolder(sandbox.watched());
-  ASSERT_TRUE(client.setBasePath(sandbox.base()));
-  pid_t process = client.startWatching().process;
+  pid_t process = startWatching().process;
   for (std::size_t i = 0; i < 3; ++i) {
     signalProcess(process, SIGKILL);
     ASSERT_TRUE(eventuallyTold(2 * i + 2));
@@ -99,9 +103,7 @@ TEST_F(Client, AsksAgainAlsoWhereAnotherProcessHadAsked) {
 }
 
 TEST_F(Client, KeepsAskingWhenTheServiceDoesNotComeBack) {
-  makeFolder(sandbox.watched());
-  ASSERT_TRUE(client.setBasePath(sandbox.base()));
-  const WatchStart start = client.startWatching();
+  const WatchStart start = startWatching();
   ASSERT_TRUE(start.stands()) << start.text;
   sandbox.installService("/bin/false");
   signalProcess(start.process, SIGKILL);
@@ -110,6 +112,57 @@ TEST_F(Client, KeepsAskingWhenTheServiceDoesNotComeBack) {
   EXPECT_EQ(told()[2].kind, FileWatcherClient::ServiceEvent::Kind::StillNotWatching);
   sandbox.installService(KESTRINE_SERVICE);
   EXPECT_TRUE(eventually([&] { return told().back().kind == FileWatcherClient::ServiceEvent::Kind::WatchingAgain; }, kLongEnough));
+}
+
+TEST_F(Client, CallsTheHandlerOnAThreadThatTakesNoSignals) {
+  std::atomic<int> open = -1;
+  client.setEventHandler([&](const FileWatcherClient::ServiceEvent&) {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    int count = 0;
+    for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGUSR1, SIGALRM, SIGRTMIN}) count += sigismember(&blocked, number) == 1 ? 0 : 1;
+    open = count;
+  });
+  const WatchStart start = startWatching();
+  ASSERT_TRUE(start.stands()) << start.text;
+  signalProcess(start.process, SIGKILL);
+  ASSERT_TRUE(eventually([&] { return open >= 0; }, kLongEnough));
+  EXPECT_EQ(open, 0);
+}
+
+TEST_F(Client, GoesOnWhenItsHandlerThrows) {
+  client.setEventHandler([this](const FileWatcherClient::ServiceEvent& event) {
+    {
+      const std::lock_guard lock(mutex);
+      events.push_back(event);
+    }
+    if (event.kind == FileWatcherClient::ServiceEvent::Kind::Died) throw 7;
+    throw std::runtime_error("thrown by the test");
+  });
+  pid_t process = startWatching().process;
+  for (std::size_t i = 0; i < 2; ++i) {
+    signalProcess(process, SIGKILL);
+    ASSERT_TRUE(eventuallyTold(2 * i + 2));
+    EXPECT_EQ(told()[2 * i].kind, FileWatcherClient::ServiceEvent::Kind::Died);
+    EXPECT_EQ(told()[2 * i + 1].kind, FileWatcherClient::ServiceEvent::Kind::WatchingAgain) << told()[2 * i + 1].text;
+    process = platform::xpc::runningService("Ostrabyte.FileWatcherXpcService").processIdentifier;
+  }
+}
+
+TEST_F(Client, TakesANewHandlerWhileEventsArrive) {
+  pid_t process = startWatching().process;
+  std::atomic<bool> done = false;
+  std::atomic<int> calls = 0;
+  std::thread setter([&] {
+    while (!done) client.setEventHandler([&calls](const FileWatcherClient::ServiceEvent&) { ++calls; });
+  });
+  for (int i = 0; i < 3; ++i) {
+    signalProcess(process, SIGKILL);
+    EXPECT_TRUE(eventually([&] { return calls >= 2 * i + 2; }, kLongEnough));
+    process = platform::xpc::runningService("Ostrabyte.FileWatcherXpcService").processIdentifier;
+  }
+  done = true;
+  setter.join();
 }
 
 TEST_F(Client, LetsTheWatchGoOnWhenItIsDestroyed) {

@@ -31,6 +31,7 @@ const Refused kRefused[] = {
     {{"start", "--timeout", "soon"}, "'--timeout soon' is no number of seconds"},
     {{"start", "--timeout", "0"}, "'--timeout 0' is no number of seconds"},
     {{"stop", "--timeout", "-1"}, "'--timeout -1' is no number of seconds"},
+    {{"stop", "--timeout", "86401"}, "'--timeout 86401' is no number of seconds"},
     {{"follow", "me"}, "follow: unexpected argument 'me'"},
     {{"defaults"}, "defaults: too few arguments, expected read|write|delete|list"},
     {{"defaults", "show"}, "unknown action 'show', expected read, write, delete or list"},

@@ -64,7 +64,7 @@ TEST(Output, GivesUpOnAReaderThatDoesNotReadWhenInterrupted) {
   interrupter.join();
   EXPECT_TRUE(output.isClosed());
   EXPECT_FALSE(output.readerHasGone());
-  EXPECT_STREQ(output.reason(), "its reader does not read");
+  EXPECT_EQ(output.reason(), "its reader does not read");
 }
 
 TEST(Output, StillWritesToAReaderThatReadsWhenInterrupted) {
@@ -79,7 +79,7 @@ TEST(Output, NamesTheErrorOfAFullDevice) {
   Output output(full.fileDescriptor());
   EXPECT_FALSE(output.write("text"));
   EXPECT_FALSE(output.readerHasGone());
-  EXPECT_STREQ(output.reason(), "No space left on device");
+  EXPECT_EQ(output.reason(), "No space left on device");
 }
 
 }  // namespace

@@ -121,6 +121,6 @@ inline void stopProcess(pid_t process) {
 }
 
 /// What the watch takes to tell, and something for the machine.
-inline constexpr std::chrono::milliseconds kLongEnough = std::chrono::seconds(60);
+inline constexpr std::chrono::milliseconds kLongEnough = kPatience;
 
 }  // namespace kestrine::test

@@ -157,7 +157,7 @@ TEST(RunLoopItem, InvalidateEndsARunThatIsAboutToSleep) {
     while (!added) std::this_thread::yield();
     for (int spins = round * 7 % 200; spins > 0 && added; --spins) continue;
     source->invalidate();
-    const auto status = ended.wait_for(std::chrono::seconds(30));
+    const auto status = ended.wait_for(kPatience);
     loop->perform([] {});
     ASSERT_EQ(status, std::future_status::ready) << "sleeps with nothing left, round " << round;
   }

@@ -57,10 +57,11 @@ TEST(RunLoopTimer, SkipsPeriodsThatPassedUnserved) {
   });
   const auto begun = Clock::now();
   RunLoop::current()->add(timer);
-  RunLoop::current()->runFor(0.2);
+  // A busy machine may let even the second call wait.
+  do RunLoop::current()->runFor(0.2);
+  while (calls < 2);
   timer->invalidate();
   const auto periods = (Clock::now() - begun) / std::chrono::milliseconds(20);
-  EXPECT_GE(calls, 2);
   EXPECT_LE(calls, periods - 5 + 2);
 }
 

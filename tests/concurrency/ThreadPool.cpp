@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <stdexcept>
 #include <vector>
 
 #include "platform/concurrency/SerialQueue.h"
+#include "tests/concurrency/ScarceThreads.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {
@@ -53,6 +55,24 @@ TEST(ThreadPool, SurvivesABlockThatThrows) {
   std::promise<void> ran;
   runOnPoolThread([&] { ran.set_value(); });
   ran.get_future().wait();
+}
+
+TEST(ThreadPool, KeepsABlockForTheNextThreadWhenTheSystemGivesNone) {
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  std::atomic<std::size_t> begun = 0;
+  ThreadPool& pool = ThreadPool::shared();
+  ASSERT_TRUE(eventually([&] { return pool.threads() == pool.parked(); }));
+  const auto busy = std::max<std::size_t>(pool.threads(), 1);
+  for (std::size_t i = 0; i < busy; ++i) runOnPoolThread([&begun, released] { ++begun, released.wait(); });
+  ASSERT_TRUE(eventually([&] { return begun == busy; }));
+  std::atomic<bool> ran = false;
+  const bool tried = withoutThreads([&] { runOnPoolThread([&ran] { ran = true; }); });
+  EXPECT_EQ(pool.threads(), busy);
+  EXPECT_FALSE(ran && tried);
+  release.set_value();
+  EXPECT_TRUE(eventually([&] { return ran || !tried; }));
+  if (!tried) GTEST_SKIP() << "left out: a thread that cannot be made, because system calls cannot be filtered here";
 }
 
 TEST(ThreadPool, LeavesSignalsToTheMainThread) {

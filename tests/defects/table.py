@@ -19,7 +19,7 @@ DEFECTS = [
     # The product.
     Defect(
         "wrong-preference-key",
-        "src/watcher/FileWatcherServiceXPC.cpp",
+        "src/contract/SharedPreferences.h",
         'kBasePathKey = "kestrinePathKey"',
         'kBasePathKey = "KestrinePathKey"',
         "watcher_tests",
@@ -36,8 +36,8 @@ DEFECTS = [
     Defect(
         "flag-raised-once-only",
         "src/watcher/FileWatcherServiceXPC.cpp",
-        '  defaults.setObject_forKey("1", kFileWatcherStatusKey);\n',
-        '  static const bool once = (defaults.setObject_forKey("1", kFileWatcherStatusKey), true);\n  static_cast<void>(once);\n',
+        '  defaults.setObject_forKey(kFlagRaised, kFlagKey);\n',
+        '  static const bool once = (defaults.setObject_forKey(kFlagRaised, kFlagKey), true);\n  static_cast<void>(once);\n',
         "watcher_tests",
         "RaiseFileWatcherStatus.*",
     ),
@@ -140,6 +140,16 @@ DEFECTS = [
         "UserDefaultsFailures.*",
     ),
     Defect(
+        "file-named-before-its-bytes",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
+        "  FileHandle file = folder.write(temporary, bytes);\n  try {\n    folder.rename(temporary, name_);\n",
+        "  FileHandle file = folder.write(temporary, {});\n  try {\n    folder.rename(temporary, name_);\n"
+        "    const FileHandle late(::open(path_.c_str(), O_WRONLY | O_CLOEXEC));\n"
+        "    static_cast<void>(!::write(late.fileDescriptor(), bytes.data(), bytes.size()));\n",
+        "foundation_tests",
+        "UserDefaultsProcesses.ReadOnlyWholeFilesWhileAnotherWrites",
+    ),
+    Defect(
         "property-list-nested-without-bound",
         "src/platform/foundation/formats/PropertyListXMLReader.cpp",
         '      if (open_.size() == kPropertyListMaximumDepth) fail("nested too deeply");\n',
@@ -175,8 +185,8 @@ DEFECTS = [
     Defect(
         "queues-share-eight-threads",
         "src/platform/concurrency/ThreadPool.cpp",
-        "    parked = waiting_.size() < parked_;\n",
-        "    parked = waiting_.size() < parked_ || threads_ >= 8;\n",
+        "    isPromised = waiting_.size() < parked_ + beginning_;\n",
+        "    isPromised = waiting_.size() < parked_ + beginning_ || threads_ >= 8;\n",
         "concurrency_tests",
         "ThreadPool.RunsAsManyBlocksAtOnceAsThereAreAndParksFourThreads:SerialQueue.HoldsUpNoOtherQueueWithABlockThatDoesNotReturn",
     ),
@@ -190,11 +200,27 @@ DEFECTS = [
     ),
     Defect(
         "invalidate-does-not-wait",
-        "src/platform/concurrency/LoopItem.cpp",
-        "    finished_.wait(lock, [this] { return running_ == 0; });\n",
-        "    static_cast<void>(0);\n",
+        "src/platform/concurrency/RunLoopItemCore.cpp",
+        "  while (running_ != 0) finished_.wait(lock);\n",
+        "",
         "concurrency_tests",
         "RunLoopItem.InvalidateWaitsForARunningCallbackAndItsCaptures",
+    ),
+    Defect(
+        "failure-on-a-serving-thread-not-contained",
+        "src/platform/concurrency/LoopThread.cpp",
+        "    while (!ended_) runContained(failure_, [this] { loop_->run(); });\n",
+        "    while (!ended_) loop_->run();\n",
+        "concurrency_tests",
+        "LoopThread.SaysWhatLeavesABlockOrACallbackAndGoesOn",
+    ),
+    Defect(
+        "run-loop-woken-once-for-ever",
+        "src/platform/concurrency/WakeUp.cpp",
+        "  if (state_.exchange(State::Awake) != State::Woken && !wasReadable) return;\n",
+        "  if (state_.exchange(State::Awake) != State::Woken && !(wasReadable && false)) return;\n",
+        "concurrency_tests",
+        "WakeUp.*",
     ),
     # The local channel.
     Defect(
@@ -303,6 +329,14 @@ DEFECTS = [
         "*Latency*:*Coalescer*",
     ),
     Defect(
+        "erasing-cuts-a-run",
+        "src/platform/fsevents/HashIndex.h",
+        "      if (distance(home(slots_[at].hash), at) >= distance(hole, at)) {\n",
+        "      if (false) {\n",
+        "fsevents_tests",
+        "HashIndex.*",
+    ),
+    Defect(
         "removal-cancels-creation",
         "src/platform/fsevents/Coalescer.cpp",
         "  event.flags |= flags;\n",
@@ -365,8 +399,8 @@ DEFECTS = [
     Defect(
         "swapped-status",
         "src/Services/RestJSON.cpp",
-        "RestStatusResponseParseError : RestStatusSuccess",
-        "RestStatusSuccess : RestStatusResponseParseError",
+        "finished(parsed.error(), RestStatusResponseParseError)",
+        "finished(parsed.error(), RestStatusSuccess)",
         "services_tests",
         "RestConnector*",
     ),
@@ -385,6 +419,14 @@ DEFECTS = [
         ".second = value;",
         "network_tests",
         "*",
+    ),
+    Defect(
+        "exception-through-libcurl",
+        "src/platform/network/wire/Exchange.cpp",
+        "  return runContained(kNetworkFailure, std::cref(block));\n",
+        "  block();\n  return true;\n",
+        "network_tests",
+        "Exchange*",
     ),
     Defect(
         "upload-without-a-snapshot",
@@ -540,13 +582,62 @@ DEFECTS = [
         "xpc_tests",
         "Sending.*",
     ),
+    # Starting a service, and its end.
+    Defect(
+        "loop-waits-for-a-lock",
+        "src/platform/xpc/service/LockWait.cpp",
+        "  const auto result = lock_.tryLock();\n",
+        "  static_cast<void>(lock_.lock(std::chrono::seconds(20)));\n  const auto result = lock_.tryLock();\n",
+        "xpc_tests",
+        "LockWaiting.LetsTheLoopServeOthersUntilTheLockIsFree",
+    ),
+    Defect(
+        "number-of-a-dead-service-believed",
+        "src/platform/xpc/launch/ServiceLocks.cpp",
+        "pid <= 0 || startTime(pid) != started",
+        "pid <= 0",
+        "xpc_tests",
+        "ServiceLocks.BelieveNoMarkOfAProcessThatIsGone",
+    ),
+    Defect(
+        "socket-meant-for-another-process-taken",
+        "src/platform/xpc/launch/SocketActivation.cpp",
+        "process != nullptr && std::to_string(getpid()) == process && ",
+        "process != nullptr && ",
+        "xpc_tests",
+        "SocketActivation.TakesNothingThatIsNotForThisProcess",
+    ),
     Defect(
         "hang-up-unseen-while-not-reading",
         "src/platform/xpc/channel/Channel.cpp",
-        "(events & kTrouble) != 0 && isOpen()",
+        "(events & kTrouble) != 0 && state_ == State::Open",
         "(events & kTrouble) != 0 && false",
         "xpc_tests",
         "Listener.KeepsWhatAClientLeft*",
+    ),
+    Defect(
+        "status-failure-of-no-exception",
+        "src/platform/xpc/channel/Channel.cpp",
+        '  } catch (...) {\n    return WireError{"an exception of an unknown type"};\n',
+        "",
+        "xpc_tests",
+        "Channel.EndsWhenItsSource*",
+    ),
+    Defect(
+        "peer-of-a-failed-function-kept",
+        "src/platform/xpc/connection/ListenerCore.cpp",
+        "    if (!accepted) connection_->cancel();\n",
+        "    static_cast<void>(accepted);\n",
+        "xpc_tests",
+        "Listener.ClosesAConnectionWhoseFunctionThrew*",
+    ),
+    Defect(
+        "resumed-peer-owned-by-nobody",
+        "src/platform/xpc/connection/ConnectionCore.cpp",
+        "peers.try_emplace(this, peer);",
+        "if (peers.size() > 1U << 30U) peers.try_emplace(this, peer);",
+        "xpc_tests",
+        "Listener.KeepsAResumedConnection*",
     ),
     Defect(
         "run-loop-sleeps-with-nothing-left",

@@ -70,12 +70,11 @@ TEST_P(StreamDelivery, WaitsForTheLatencyFromTheFirstChange) {
 }
 
 TEST_P(StreamDelivery, WithNoDeferTellsTheFirstChangeAtOnce) {
-  constexpr double kLatency = 15;
+  // Longer than the test waits for anything.
+  constexpr double kLatency = 600;
   const auto stream = watch({.paths = {root_}, .flags = kFileEvents | kNoDefer, .latency = kLatency});
-  const auto began = Clock::now();
   touchFile(in("file"));
   ASSERT_TRUE(stream->waitFor(in("file"), 0));
-  EXPECT_LT(Clock::now() - began, std::chrono::seconds(10));
 }
 
 TEST_P(StreamDelivery, WithNoDeferTellsWhatFollowsTogether) {

@@ -57,8 +57,9 @@ TEST_P(StreamNewFolders, MadeOneByOneAreEachReady) {
 // Files keep coming while the stream looks at a folder that takes long to list: whatever the listing passed by must be told by the mark.
 TEST_P(StreamNewFolders, ThatAreFilledWhileTheyAreListedMissNothing) {
   const int rounds = longOrShort(10, 2);
-  constexpr int kBefore = 3000;
-  constexpr int kMost = 4000;
+  // In memory fewer are listed before the writer has had a turn.
+  constexpr int kBefore = 12000;
+  constexpr int kMost = 8000;
   const auto stream = watchRoot();
   for (int round = 0; round < rounds; ++round) {
     const auto name = "new" + std::to_string(round);
@@ -72,6 +73,8 @@ TEST_P(StreamNewFolders, ThatAreFilledWhileTheyAreListedMissNothing) {
         const auto late = "late" + std::to_string(made);
         const platform::FileHandle file(::openat(folder.fileDescriptor(), late.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         ASSERT_TRUE(file.isOpen()) << late;
+        // In memory it would be through before the listing begins.
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
       }
     });
     moveItem(outside(name), in(name));

@@ -69,7 +69,7 @@ TEST_P(WatchedTreeTest, KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves
     moveItem(top + "/once", top + "/place/within/twice");
     const auto inode = inodeNumberOf(top + "/place/within/twice");
     std::thread mover([&] {
-      const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+      const auto end = std::chrono::steady_clock::now() + kPatience;
       for (bool marked = false; !marked && std::chrono::steady_clock::now() < end;) {
         const auto marks = kernelMarks();
         marked = std::find(marks.begin(), marks.end(), inode) != marks.end();

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <map>
 
 #include "platform/foundation/base/Exception.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -89,15 +90,16 @@ TEST(Bytes, AreWrittenOverWhatWasThere) {
 
 TEST(Bytes, WhatCannotBeReadOrWrittenIsAnErrorWithItsReason) {
   const TemporaryDirectory folder;
-  platform::Error error;
-  EXPECT_FALSE(Bytes::dataWithContentsOfFile(folder / "missing", &error));
-  EXPECT_EQ(error.code, ENOENT);
-  EXPECT_NE(error.localizedDescription.find("missing"), std::string::npos);
-  EXPECT_FALSE(Bytes::snapshotOfFile(folder.path(), &error));
-  EXPECT_EQ(error.code, EISDIR);
-  EXPECT_FALSE(Bytes::snapshotOfFile("/dev/zero", &error));
-  EXPECT_EQ(error.code, EINVAL);
-  EXPECT_FALSE(Bytes::snapshotOfFile(folder / "missing"));
+  const auto missing = Bytes::dataWithContentsOfFile(folder / "missing");
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.error().code, ENOENT);
+  EXPECT_NE(missing.error().localizedDescription.find("missing"), std::string::npos);
+  for (const auto& [path, code] :
+       std::map<std::string, int>{{folder.path(), EISDIR}, {"/dev/zero", EINVAL}, {folder / "missing", ENOENT}}) {
+    const auto snapshot = Bytes::snapshotOfFile(path);
+    ASSERT_FALSE(snapshot) << path;
+    EXPECT_EQ(snapshot.error().code, code) << path;
+  }
   EXPECT_EQ(Bytes(std::string_view("x")).writeToFile(folder / "none/file")->code, ENOENT);
 }
 

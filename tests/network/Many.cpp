@@ -63,7 +63,7 @@ TEST_F(Many, TasksAtOnceKeepToTheConnectionsAllowed) {
                           [&](const auto& data, const auto&, const auto&) { good += data && data->text() == "ok" ? 1 : 0; })
         ->resume();
   }
-  EXPECT_TRUE(eventually([&] { return good == count; }, std::chrono::seconds(60)));
+  EXPECT_TRUE(eventually([&] { return good == count; }));
   EXPECT_LE(server.accepted(), 2);
   session->delegateQueue()->waitUntilAllOperationsAreFinished();
 }

@@ -54,7 +54,7 @@ inline void connectAndWait() {
 }
 
 /// Serves the calling thread's run loop until `condition` is true, for at most `limit`.
-inline bool servedUntil(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(30)) {
+inline bool servedUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = kestrine::test::kPatience) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/network/session/URLSession.h"
+#include "platform/network/session/URLSessionDelegate.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 
 #include "platform/network/load/AuthenticateHeader.h"
+#include "platform/network/message/HTTPText.h"
 #include "platform/network/message/URLError.h"
 #include "platform/network/message/URLRequest.h"
 #include "platform/network/message/URLResponse.h"
-#include "platform/network/wire/WireAddress.h"
+#include "platform/network/wire/Origin.h"
 #include "tests/network/Fetch.h"
 
 namespace kestrine::test {
@@ -90,7 +91,25 @@ TEST(AuthenticateHeader, ReadsOffersWithTheirRealms) {
   EXPECT_EQ(offers("= Basic"), "");
 }
 
-TEST(WireAddress, KnowsTheOrigin) {
+TEST(HTTPText, KnowsWordsAndLines) {
+  EXPECT_TRUE(platform::network::isHTTPToken("Content-Type!1"));
+  for (const char* none : {"", "a b", "a:", "a\r", "\xc3\xa4"}) EXPECT_FALSE(platform::network::isHTTPToken(none)) << none;
+  EXPECT_FALSE(platform::network::breaksHeaderLine("a value\t"));
+  for (const std::string& breaking : {std::string("a\rb"), std::string("a\nb"), std::string("a\0b", 3)}) {
+    EXPECT_TRUE(platform::network::breaksHeaderLine(breaking)) << breaking;
+  }
+  EXPECT_EQ(platform::network::statusInLine("HTTP/1.1 204 No Content\r\n"), 204);
+  EXPECT_EQ(platform::network::statusInLine("HTTP/1.1 200\r\n"), 200);
+  EXPECT_EQ(platform::network::statusInLine("HTTP/1.1"), 0);
+}
+
+TEST(HTTPText, TakesListsApart) {
+  std::string_view list = " a ,\"b, c\",, d\t";
+  for (const char* element : {"a", "\"b, c\"", "", "d"}) EXPECT_EQ(platform::network::takeListElement(list), element);
+  EXPECT_EQ(list, "");
+}
+
+TEST(Origin, IsReadFromAnAddress) {
   const auto origin = originOf("HTTP://Host.Example/path");
   ASSERT_TRUE(origin);
   EXPECT_EQ(origin->scheme, "http");
@@ -102,7 +121,7 @@ TEST(WireAddress, KnowsTheOrigin) {
     EXPECT_FALSE(originOf(none)) << none;
 }
 
-TEST(WireAddress, ResolvesLocations) {
+TEST(Origin, ResolvesLocations) {
   EXPECT_EQ(resolvedLocation("http://h/a/b?q", "c"), "http://h/a/c");
   EXPECT_EQ(resolvedLocation("http://h/a/b", "/c?x=y"), "http://h/c?x=y");
   EXPECT_EQ(resolvedLocation("http://h/a", "//other:81/c"), "http://other:81/c");

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include "contract/FileWatcherXpcServiceProtocol.h"
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/xpc/connection/Connection.h"
 #include "platform/xpc/connection/XPCConnection.h"
-#include "service/FileWatcherXpcServiceProtocol.h"
 
 namespace kestrine::test {
 namespace {

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/JSON.h"
+#include "tests/services/Expectations.h"
 #include "tests/services/ExpectedKeys.h"
 
 namespace kestrine::test {
@@ -50,21 +50,6 @@ void forEachParser(const Visit& visit) {
   visit(DataParser::parseUpdateBSReceiveStreamFailedResponseData);
   visit(DataParser::parseGetTopFileResponseData);
   visit(DataParser::parseUpdateBSFileDeleteResponseData);
-}
-
-template <class Action>
-void expectInvalidArgument(const Action& action) {
-  try {
-    action();
-    ADD_FAILURE() << "nothing was thrown";
-  } catch (const platform::Exception& exception) {
-    EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
-  }
-}
-
-template <class Record>
-void expectUnset(const Record& record) {
-  for (const auto& [property, member, key] : readKeys<Record>()) EXPECT_TRUE((record.*member).isNil()) << property;
 }
 
 TEST(DataParser, ReadsEachPropertyFromItsKeyAndNoOther) {

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/JSON.h"
+#include "tests/services/Expectations.h"
 #include "tests/services/ExpectedKeys.h"
 #include "tests/services/SystemVersionForTest.h"
 
@@ -74,16 +74,6 @@ Dictionary fullBody() {
   const auto keys = sentKeys<Query>();
   for (std::size_t i = 0; i < keys.size(); ++i) body.emplace(*keys[i].key, valueOf(keys[i].property, i));
   return body;
-}
-
-template <class Action>
-void expectInvalidArgument(const Action& action) {
-  try {
-    action();
-    ADD_FAILURE() << "nothing was thrown";
-  } catch (const platform::Exception& exception) {
-    EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
-  }
 }
 
 TEST(QueryParser, PutsEveryPropertyUnderItsKeyUnchanged) {

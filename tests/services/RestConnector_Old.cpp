@@ -29,7 +29,7 @@ class OldCall {
     });
   }
   bool finishes() {
-    return eventually([this] { return finished.load(); }, std::chrono::seconds(40));
+    return eventually([this] { return finished.load(); });
   }
 
   const std::shared_ptr<RestConnector_Old> connector = std::make_shared<RestConnector_Old>();

@@ -105,7 +105,7 @@ inline RestFinishedHandler into(std::vector<Ending>& endings) {
 }
 
 /// Serves the main queue until `condition` is true.
-inline bool served(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(40)) {
+inline bool served(const std::function<bool()>& condition, std::chrono::milliseconds limit = kPatience) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "Services/DataParser.h"
-#include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/JSON.h"
+#include "tests/services/Expectations.h"
 #include "tests/services/ExpectedKeys.h"
 
 namespace kestrine::test {
@@ -18,15 +18,6 @@ GetSharedFilesTransferDataResponseData parse(const Object& answer) {
   return DataParser::parseGetSharedFilesTransferDataResponseData(answer);
 }
 GetSharedFilesTransferDataResponseData parseText(const std::string& text) { return parse(readJSON(text)); }
-
-void expectInvalidArgument(const Object& answer) {
-  try {
-    parse(answer);
-    ADD_FAILURE() << "nothing was thrown";
-  } catch (const platform::Exception& exception) {
-    EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
-  }
-}
 
 /// Each key of the section of `Record` set, and "error" besides.
 template <class Record>
@@ -44,11 +35,6 @@ void expectFull(const Record& record) {
     EXPECT_EQ(record.*member, key ? Object("value of " + property) : Object()) << property;
   }
   EXPECT_EQ(sizeof(Record), readKeys<Record>().size() * sizeof(Object));
-}
-
-template <class Record>
-void expectUnset(const Record& record) {
-  for (const auto& [property, member, key] : readKeys<Record>()) EXPECT_TRUE((record.*member).isNil()) << property;
 }
 
 TEST(SharedFilesTransferData, HasFourEmptyArraysWithoutSections) {
@@ -121,15 +107,15 @@ TEST(SharedFilesTransferData, StoresValuesAsTheyWereSent) {
 TEST(SharedFilesTransferData, ThrowsForASectionThatIsNoCollection) {
   for (const char* section : {"FileToTransfer", "OwnerComputers", "RecFileFromTransfer", "SharedfoldersWithStatus"}) {
     for (const char* value : {"null", "\"text\"", "1", "true", "{\"a\":{}}", "[null]", "[\"text\"]", "[[]]", "[{}, 1]"}) {
-      expectInvalidArgument(readJSON("{\"" + std::string(section) + "\":" + value + "}"));
+      expectInvalidArgument([&] { parse(readJSON("{\"" + std::string(section) + "\":" + value + "}")); });
     }
     EXPECT_NO_THROW(parseText("{\"" + std::string(section) + "\":{}}")) << "an object without keys has nothing to go through";
   }
-  expectInvalidArgument(readJSON(R"({"FileToTransfer":null,"OwnerComputers":[{}]})"));
+  expectInvalidArgument([&] { parse(readJSON(R"({"FileToTransfer":null,"OwnerComputers":[{}]})")); });
 }
 
 TEST(SharedFilesTransferData, ThrowsForAnAnswerThatIsNoObject) {
-  for (const Object& answer : {readJSON("[]"), Object("text"), Object::null()}) expectInvalidArgument(answer);
+  for (const Object& answer : {readJSON("[]"), Object("text"), Object::null()}) expectInvalidArgument([&] { parse(answer); });
 }
 
 }  // namespace

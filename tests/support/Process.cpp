@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,6 +72,8 @@ struct Launch {
   std::vector<char*> arguments;
   std::vector<char*> environment;
   const char* directory;
+  /// The process that it must not outlive; 0 for one that is found when it does, by its environment.
+  pid_t endsWith;
   int input;
   int output;
   int errors;
@@ -82,6 +85,7 @@ struct Launch {
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   signal(SIGPIPE, SIG_DFL);
+  if (launch.endsWith != 0 && (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != launch.endsWith)) _exit(127);
   const bool ready = dup2(launch.input, 0) == 0 && dup2(launch.output, 1) == 1 && dup2(launch.errors, 2) == 2 &&
                      (launch.directory[0] == '\0' || chdir(launch.directory) == 0);
   if (ready) execvpe(launch.arguments[0], launch.arguments.data(), launch.environment.data());
@@ -124,9 +128,14 @@ Process::Process(const std::vector<std::string>& arguments, const Options& optio
   const FileHandle input = standardInputOf(options.standardInput);
   std::vector<std::string> argumentTexts = arguments;
   std::vector<std::string> environmentTexts = environmentOf(options);
-  const Launch launch = {pointersTo(argumentTexts),        pointersTo(environmentTexts),  options.directory.c_str(),
-                         input.fileDescriptor(),           out.writeEnd.fileDescriptor(), err.writeEnd.fileDescriptor(),
-                         failure.writeEnd.fileDescriptor()};
+  const Launch launch = {.arguments = pointersTo(argumentTexts),
+                         .environment = pointersTo(environmentTexts),
+                         .directory = options.directory.c_str(),
+                         .endsWith = options.clearEnvironment ? getpid() : 0,
+                         .input = input.fileDescriptor(),
+                         .output = out.writeEnd.fileDescriptor(),
+                         .errors = err.writeEnd.fileDescriptor(),
+                         .failure = failure.writeEnd.fileDescriptor()};
   pid_ = fork();
   if (pid_ < 0) fail("fork");
   if (pid_ == 0) runChild(launch);

@@ -8,9 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Eventually.h"
+
 namespace kestrine::test {
 
-/// A second process with its output captured. Killed and reaped when destroyed.
+/// A second process with its output captured. Killed and reaped when destroyed, and killed when the test process dies before: by the
+/// keeper, or by the kernel when it has an environment of its own, and then also when the thread that made it ends.
 class Process {
  public:
   struct Options {
@@ -31,15 +34,15 @@ class Process {
   [[nodiscard]] pid_t pid() const { return pid_; }
   void signal(int number) const;
   /// The exit status as a shell tells it (128 + signal when killed); nullopt when it still runs after `limit`.
-  std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
+  std::optional<int> wait(std::chrono::milliseconds limit = kPatience);
   [[nodiscard]] bool isRunning();
 
   /// What it wrote so far.
   [[nodiscard]] std::string output();
   [[nodiscard]] std::string errorOutput();
   /// Waits until the output (or the error output) holds `text`.
-  bool waitForOutput(const std::string& text, std::chrono::milliseconds limit = std::chrono::seconds(30));
-  bool waitForErrorOutput(const std::string& text, std::chrono::milliseconds limit = std::chrono::seconds(30));
+  bool waitForOutput(const std::string& text, std::chrono::milliseconds limit = kPatience);
+  bool waitForErrorOutput(const std::string& text, std::chrono::milliseconds limit = kPatience);
 
  private:
   void drain();
@@ -60,6 +63,6 @@ struct Outcome {
 };
 /// A status of -1 says that it was still running after `limit`; it is then killed.
 Outcome runToEnd(const std::vector<std::string>& arguments, const Process::Options& options = {},
-                 std::chrono::milliseconds limit = std::chrono::seconds(60));
+                 std::chrono::milliseconds limit = kPatience);
 
 }  // namespace kestrine::test

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "tests/support/TestFolder.h"
 
 namespace kestrine::test {
 
@@ -102,8 +103,7 @@ void emptyFolder(platform::FileHandle top) {
 }  // namespace
 
 TemporaryDirectory::TemporaryDirectory() {
-  const char* base = std::getenv("TMPDIR");
-  std::string name = std::string(base != nullptr && base[0] == '/' ? base : "/tmp") + "/kestrine-XXXXXX";
+  std::string name = testFolder() + "/" + testFolderPrefix() + "XXXXXX";
   if (mkdtemp(name.data()) == nullptr) fail("mkdtemp " + name);
   char* const canonical = realpath(name.c_str(), nullptr);
   if (canonical == nullptr) fail("realpath " + name);
@@ -111,9 +111,12 @@ TemporaryDirectory::TemporaryDirectory() {
   std::free(canonical);
 }
 
-TemporaryDirectory::~TemporaryDirectory() {
-  emptyFolder(openFolder(AT_FDCWD, path_.c_str()));
-  rmdir(path_.c_str());
+TemporaryDirectory::~TemporaryDirectory() { removeFolder(path_); }
+
+void removeFolder(const std::string& path) {
+  platform::FileHandle folder = openFolder(AT_FDCWD, path.c_str());
+  if (folder.isOpen()) emptyFolder(std::move(folder));
+  rmdir(path.c_str());
 }
 
 void writeFile(const std::string& path, const std::string& text) {

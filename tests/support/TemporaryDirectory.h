@@ -4,7 +4,8 @@
 
 namespace kestrine::test {
 
-/// A new empty folder, removed with everything in it (unreadable folders and paths beyond PATH_MAX included) when destroyed.
+/// A new empty folder in `testFolder()`, removed with everything in it (unreadable folders and paths beyond PATH_MAX included) when
+/// destroyed.
 class TemporaryDirectory {
  public:
   TemporaryDirectory();
@@ -19,6 +20,9 @@ class TemporaryDirectory {
  private:
   std::string path_;
 };
+
+/// Removes the folder and what is in it as far as the system allows; what is not a folder stays.
+void removeFolder(const std::string& path);
 
 /// These throw std::runtime_error when the system refuses; reading a file that does not exist is such a refusal.
 void writeFile(const std::string& path, const std::string& text);

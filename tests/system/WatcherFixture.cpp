@@ -16,7 +16,7 @@
 #include "platform/foundation/url/URL.h"
 #include "platform/fsevents/FSEventStream.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
-#include "platform/xpc/service/ServiceStatus.h"
+#include "platform/xpc/service/ServiceStatusQuery.h"
 
 namespace kestrine::test {
 
@@ -132,7 +132,7 @@ void WatcherService::startCommand(const std::vector<std::string>& command, const
   options.environment = environment;
   options.directory = folder_.path();
   service_ = std::make_unique<Process>(command, options);
-  ASSERT_TRUE(eventually([&] { return platform::xpc::serviceStatus(kServiceName, std::chrono::seconds(5)).has_value(); })) << log();
+  ASSERT_TRUE(eventually([&] { return platform::xpc::queryServiceStatus(kServiceName, std::chrono::seconds(5)).has_value(); })) << log();
 }
 
 pid_t WatcherService::servicePid() {
@@ -150,7 +150,7 @@ std::string WatcherService::log() {
 }
 
 platform::Array WatcherService::watches() {
-  const auto status = platform::xpc::serviceStatus(kServiceName, std::chrono::seconds(5));
+  const auto status = platform::xpc::queryServiceStatus(kServiceName, std::chrono::seconds(5));
   return status ? status->objectForKey("watches").arrayValue() : platform::Array();
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "platform/foundation/formats/JSON.h"
+#include "tests/concurrency/ScarceThreads.h"
 #include "tests/services/ProductServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/watcher/WatcherFixture.h"
@@ -102,6 +103,21 @@ TEST_F(FailureReport, ThatCannotBeMadeOn10_7IsLogged) {
     ProductServer server;
     EXPECT_THAT(report({{"userIdKey", "u-1"}}), ElementsAre(StartsWith("the failure could not be reported: NSInvalidArgumentException: ")));
     EXPECT_TRUE(server.requests().empty());
+  });
+}
+
+TEST_F(FailureReport, ThatFindsNoThreadIsLogged) {
+  if (!withoutThreads([] {})) GTEST_SKIP() << "left out: a system without threads left, because this kernel takes no filter";
+  inRestNetwork([] {
+    setBasePath("/Users/a b");
+    const ProductServer server;
+    CapturedLog log;
+    platform::NSLog("the log has its thread");
+    withoutThreads([] {
+      FileWatcherServiceXPC controller;
+      controller.initFileWatcher();
+    });
+    EXPECT_THAT(beginningWith(kOutcomes, log.end()), ElementsAre(StartsWith("the failure could not be reported: ")));
   });
 }
 

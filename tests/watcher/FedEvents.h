@@ -11,7 +11,6 @@
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"
 #include "watcher/CDEvents.h"
-#include "watcher/CDEventsImpl.h"
 
 namespace kestrine::test {
 

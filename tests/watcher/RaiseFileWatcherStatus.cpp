@@ -4,7 +4,6 @@
 
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"
-#include "watcher/CDEventsImpl.h"
 #include "watcher/FileWatcherServiceXPC.h"
 
 namespace kestrine::test {

@@ -1,10 +1,7 @@
 #include "watcher/systemVersionIsAtLeast.h"
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <string>
@@ -16,16 +13,17 @@ namespace {
 
 void useSystemVersion(const std::string& version) { setenv("KESTRINE_SYSTEM_VERSION", version.c_str(), 1); }
 
-class SystemVersionIsAtLeast : public testing::Test {
+/// Each case has a version of its own to know, since the process's may have been asked for by an earlier case.
+class SystemVersion : public testing::Test {
  protected:
   void TearDown() override { unsetenv("KESTRINE_SYSTEM_VERSION"); }
-  bool isAtLeast(std::int32_t major, std::int32_t minor) { return version_.isAtLeast(major, minor); }
 
- private:
-  KnownSystemVersion version_;
+  bool isAtLeast(std::int32_t major, std::int32_t minor) { return known_.isAtLeast(major, minor); }
+
+  KnownSystemVersion known_;
 };
 
-TEST_F(SystemVersionIsAtLeast, ComparesTheMajorVersionFirst) {
+TEST_F(SystemVersion, ComparesTheMajorVersionFirst) {
   useSystemVersion("11.0");
   EXPECT_TRUE(isAtLeast(10, 7));
   EXPECT_TRUE(isAtLeast(11, 0));
@@ -33,7 +31,7 @@ TEST_F(SystemVersionIsAtLeast, ComparesTheMajorVersionFirst) {
   EXPECT_FALSE(isAtLeast(12, 0));
 }
 
-TEST_F(SystemVersionIsAtLeast, ComparesTheMinorVersionOfTheSameMajorVersion) {
+TEST_F(SystemVersion, ComparesTheMinorVersionOfTheSameMajorVersion) {
   useSystemVersion("10.6.8");
   EXPECT_FALSE(isAtLeast(10, 7));
   EXPECT_TRUE(isAtLeast(10, 6));
@@ -41,19 +39,19 @@ TEST_F(SystemVersionIsAtLeast, ComparesTheMinorVersionOfTheSameMajorVersion) {
   EXPECT_TRUE(isAtLeast(9, 99));
 }
 
-TEST_F(SystemVersionIsAtLeast, IncludesTheVersionItself) {
+TEST_F(SystemVersion, IncludesTheVersionItself) {
   useSystemVersion("10.7.0");
   EXPECT_TRUE(isAtLeast(10, 7));
 }
 
-TEST_F(SystemVersionIsAtLeast, ComparesSignedNumbers) {
+TEST_F(SystemVersion, ComparesSignedNumbers) {
   useSystemVersion("10.7.0");
   EXPECT_TRUE(isAtLeast(-1, 7));
   EXPECT_TRUE(isAtLeast(10, std::numeric_limits<std::int32_t>::min()));
   EXPECT_FALSE(isAtLeast(10, std::numeric_limits<std::int32_t>::max()));
 }
 
-TEST_F(SystemVersionIsAtLeast, AsksOnceForAPartThatIsNotZero) {
+TEST_F(SystemVersion, AsksOnceForAPartThatIsNotZero) {
   useSystemVersion("10.6.8");
   ASSERT_FALSE(isAtLeast(10, 7));
   useSystemVersion("10.9");
@@ -61,7 +59,7 @@ TEST_F(SystemVersionIsAtLeast, AsksOnceForAPartThatIsNotZero) {
   EXPECT_TRUE(KnownSystemVersion().isAtLeast(10, 7));
 }
 
-TEST_F(SystemVersionIsAtLeast, AsksAgainForAPartThatIsZero) {
+TEST_F(SystemVersion, AsksAgainForAPartThatIsZero) {
   useSystemVersion("11.0");
   ASSERT_FALSE(isAtLeast(11, 3));
   useSystemVersion("12.4");
@@ -69,38 +67,28 @@ TEST_F(SystemVersionIsAtLeast, AsksAgainForAPartThatIsZero) {
   EXPECT_FALSE(isAtLeast(12, 0)) << "the major version was kept";
 }
 
+TEST(SystemVersionIsAtLeast, IsAskedForOnceInTheProcess) {
+  const bool first = systemVersionIsAtLeast(10, 7);
+  setenv("KESTRINE_SYSTEM_VERSION", first ? "9.1" : "11.1", 1);
+  EXPECT_EQ(systemVersionIsAtLeast(10, 7), first);
+  EXPECT_TRUE(systemVersionIsAtLeast(0, 1));
+  EXPECT_FALSE(systemVersionIsAtLeast(std::numeric_limits<std::int32_t>::max(), 0));
+  unsetenv("KESTRINE_SYSTEM_VERSION");
+}
+
 struct FlagsRow {
   const char* version;
   platform::FSEventStreamCreateFlags flags;
 };
 
-class WatchCreationFlagsDeathTest : public testing::TestWithParam<FlagsRow> {};
+class WatchCreationFlags : public SystemVersion, public testing::WithParamInterface<FlagsRow> {};
 
-/// In a process of its own, since a process asks for its version once.
-TEST_P(WatchCreationFlagsDeathTest, DependOnTheSystemsVersion) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        useSystemVersion(GetParam().version);
-        fmt::print(stderr, "flags {}\n", watchCreationFlags());
-        std::exit(0);
-      },
-      testing::ExitedWithCode(0), "^flags " + std::to_string(GetParam().flags) + "\n$");
+TEST_P(WatchCreationFlags, DependOnTheSystemsVersion) {
+  useSystemVersion(GetParam().version);
+  EXPECT_EQ(watchCreationFlags([this](std::int32_t major, std::int32_t minor) { return isAtLeast(major, minor); }), GetParam().flags);
 }
 
-TEST(SystemVersionOfTheProcessDeathTest, IsAskedForOnce) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        useSystemVersion("10.6.8");
-        const bool first = systemVersionIsAtLeast(10, 7);
-        useSystemVersion("10.9");
-        std::exit(!first && !systemVersionIsAtLeast(10, 7) ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "");
-}
-
-INSTANTIATE_TEST_SUITE_P(FileWatcherServiceXPC, WatchCreationFlagsDeathTest,
+INSTANTIATE_TEST_SUITE_P(FileWatcherServiceXPC, WatchCreationFlags,
                          testing::Values(FlagsRow{"10.5", 5}, FlagsRow{"10.5.8", 5}, FlagsRow{"10.6", 13}, FlagsRow{"10.6.8", 13},
                                          FlagsRow{"10.7", 29}, FlagsRow{"10.10.2", 29}, FlagsRow{"11.0", 29}, FlagsRow{"14.0", 29}));
 

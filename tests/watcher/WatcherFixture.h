@@ -92,7 +92,7 @@ inline std::vector<std::string> beginningWith(const std::vector<std::string>& be
 }
 
 /// Runs the calling thread's run loop until `condition` is true, for at most `limit`.
-inline bool runLoopUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
+inline bool runLoopUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = kPatience) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;

@@ -6,9 +6,9 @@
 
 #include <array>
 #include <cstring>
-#include <fstream>
 #include <future>
 #include <stdexcept>
+#include <tuple>
 
 #include "platform/concurrency/SerialQueue.h"
 #include "platform/foundation/base/Exception.h"
@@ -27,16 +27,9 @@ using platform::xpc::Connection;
 using platform::xpc::ConnectionError;
 using platform::xpc::Value;
 
-std::string commandOf(const std::optional<platform::xpc::Event>& event) { return messageOf(event).find("command")->stringValue(); }
-
 /// A peer's connection over one half of a socket pair; the other half is the raw client.
 struct Pair {
-  Pair() {
-    std::array<int, 2> ends{};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw std::runtime_error("no socket pair");
-    client = FileHandle(ends[0]);
-    service = FileHandle(ends[1]);
-  }
+  Pair() { std::tie(client, service) = socketPair(); }
   void open() {
     connection = Connection::createWithSocket(std::move(service));
     connection->setEventHandler(events.handler());
@@ -79,9 +72,7 @@ TEST(Connection, KnowsThePeerByTheCredentialsOfItsFirstFrame) {
   EXPECT_EQ(pair.connection->pid(), getpid());
   EXPECT_EQ(pair.connection->euid(), geteuid());
   EXPECT_EQ(pair.connection->egid(), getegid());
-  std::uint32_t session = 0;
-  std::ifstream("/proc/self/sessionid") >> session;
-  EXPECT_EQ(pair.connection->asid(), session);
+  EXPECT_EQ(pair.connection->asid(), ownAuditSession());
   EXPECT_EQ(pair.connection->name(), std::nullopt);
 }
 

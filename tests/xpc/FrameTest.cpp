@@ -10,6 +10,7 @@ namespace {
 using namespace platform::xpc;
 using kestrine::test::frame;
 using kestrine::test::little32;
+using kestrine::test::nullDescriptors;
 using platform::FileHandle;
 
 /// What a reader makes of a stream: "kind:payload size:descriptors" for each frame, and the error.
@@ -18,13 +19,10 @@ class Reading {
   void feed(const std::string& bytes, std::vector<FileHandle> descriptors = {}) {
     reader_.feed(std::as_bytes(std::span(bytes)), std::move(descriptors));
     for (;;) {
-      auto next = reader_.next();
-      if (std::holds_alternative<std::monostate>(next)) return;
-      if (const auto* error = std::get_if<WireError>(&next)) {
-        error_ = error->reason;
-        return;
-      }
-      const auto& read = std::get<platform::xpc::Frame>(next);
+      const auto next = reader_.next();
+      if (!next) error_ = next.error().reason;
+      if (!next || !*next) return;
+      const platform::xpc::Frame& read = **next;
       frames_.push_back(std::to_string(static_cast<int>(read.kind)) + ":" + std::to_string(read.payload.size()) + ":" +
                         std::to_string(read.descriptors.size()));
     }
@@ -38,14 +36,6 @@ class Reading {
   std::vector<std::string> frames_;
   std::string error_;
 };
-
-FileHandle nullFile() { return FileHandle(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
-
-std::vector<FileHandle> nullFiles(std::size_t count) {
-  std::vector<FileHandle> files;
-  for (std::size_t i = 0; i < count; ++i) files.push_back(nullFile());
-  return files;
-}
 
 TEST(FrameReader, ReadsTheSameFramesHoweverTheBytesAreCut) {
   const std::string stream = frame(1) + frame(4, "payload") + frame(2) + frame(3, std::string(300, 'x')) + frame(4, "");
@@ -107,10 +97,10 @@ TEST(FrameReader, AcceptsThePayloadAtTheBound) {
 
 TEST(FrameReader, GivesEachFrameItsDescriptors) {
   Reading reading;
-  reading.feed(frame(4, "a") + frame(4, "b", 2).substr(0, 1), nullFiles(2));
+  reading.feed(frame(4, "a") + frame(4, "b", 2).substr(0, 1), nullDescriptors(2));
   EXPECT_EQ(reading.frames(), std::vector<std::string>{"4:1:0"});
   reading.feed(frame(4, "b", 2).substr(1));
-  reading.feed(frame(4, "c", 1), nullFiles(1));
+  reading.feed(frame(4, "c", 1), nullDescriptors(1));
   EXPECT_EQ(reading.frames(), (std::vector<std::string>{"4:1:0", "4:1:2", "4:1:1"}));
 }
 
@@ -118,14 +108,14 @@ TEST(FrameReader, RefusesDescriptorsThatBelongToNoFrameAndClosesThem) {
   const int before = kestrine::test::countOwnDescriptors();
   {
     Reading between;
-    between.feed(frame(4, "a"), nullFiles(1));
+    between.feed(frame(4, "a"), nullDescriptors(1));
     EXPECT_EQ(between.error(), "a descriptor belongs to no frame");
     EXPECT_EQ(kestrine::test::countOwnDescriptors(), before);
     Reading tooMany;
-    tooMany.feed(frame(4, "abc", 1).substr(0, 9), nullFiles(2));
+    tooMany.feed(frame(4, "abc", 1).substr(0, 9), nullDescriptors(2));
     EXPECT_EQ(tooMany.error(), "a descriptor belongs to no frame");
     Reading beforeTheHeader;
-    beforeTheHeader.feed("\1", nullFiles(65));
+    beforeTheHeader.feed("\1", nullDescriptors(65));
     EXPECT_EQ(beforeTheHeader.error(), "a descriptor belongs to no frame");
     EXPECT_EQ(kestrine::test::countOwnDescriptors(), before);
   }
@@ -133,22 +123,22 @@ TEST(FrameReader, RefusesDescriptorsThatBelongToNoFrameAndClosesThem) {
 }
 
 TEST(FrameReader, CountsWhatTheProcessHolds) {
-  const auto descriptors = Hold::totalDescriptors();
-  const auto bytes = Hold::totalBytes();
+  const auto descriptors = ReceiveBudget::totalDescriptors();
+  const auto bytes = ReceiveBudget::totalBytes();
   {
     FrameReader reader;
     const std::string whole = frame(4, std::string(100'000, 'x'), 3);
-    reader.feed(std::as_bytes(std::span(whole)).first(50'000), nullFiles(3));
-    EXPECT_EQ(Hold::totalDescriptors(), descriptors + 3);
-    EXPECT_EQ(Hold::totalBytes(), bytes + 50'000);
+    reader.feed(std::as_bytes(std::span(whole)).first(50'000), nullDescriptors(3));
+    EXPECT_EQ(ReceiveBudget::totalDescriptors(), descriptors + 3);
+    EXPECT_EQ(ReceiveBudget::totalBytes(), bytes + 50'000);
     reader.feed(std::as_bytes(std::span(whole)).subspan(50'000), {});
     const auto next = reader.next();
-    ASSERT_TRUE(std::holds_alternative<platform::xpc::Frame>(next));
-    EXPECT_EQ(Hold::totalDescriptors(), descriptors + 3);
-    EXPECT_EQ(Hold::totalBytes(), bytes + 100'000);
+    ASSERT_TRUE(next && *next);
+    EXPECT_EQ(ReceiveBudget::totalDescriptors(), descriptors + 3);
+    EXPECT_EQ(ReceiveBudget::totalBytes(), bytes + 100'000);
   }
-  EXPECT_EQ(Hold::totalDescriptors(), descriptors);
-  EXPECT_EQ(Hold::totalBytes(), bytes);
+  EXPECT_EQ(ReceiveBudget::totalDescriptors(), descriptors);
+  EXPECT_EQ(ReceiveBudget::totalBytes(), bytes);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 #include <fstream>
 
-#include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/ReceiveBudget.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/Bystander.h"
 
@@ -17,7 +17,7 @@ using namespace kestrine::test;
 using namespace std::chrono_literals;
 using platform::FileHandle;
 using platform::xpc::ConnectionError;
-using platform::xpc::Hold;
+using platform::xpc::ReceiveBudget;
 using platform::xpc::Value;
 
 /// Resident memory that is no file's (proc(5), RssAnon), in bytes.
@@ -68,7 +68,7 @@ TEST(HostileCrowd, OfAThousandConnectionsAtOnceDoesNotDisturbAnHonestClient) {
   EXPECT_TRUE(bystander.isServed());
   service.forgetPeers();
   EXPECT_TRUE(before.isBack()) << before.description();
-  EXPECT_TRUE(eventually([] { return Hold::totalBytes() == 0; }));
+  EXPECT_TRUE(eventually([] { return ReceiveBudget::totalBytes() == 0; }));
 }
 
 TEST(HostileCrowd, BeyondTheLimitWaitsAndIsServedWhenOthersGo) {

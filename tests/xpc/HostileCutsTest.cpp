@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/ReceiveBudget.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/Bystander.h"
 
@@ -16,7 +16,7 @@ using namespace kestrine::test;
 using namespace std::chrono_literals;
 using platform::FileHandle;
 using platform::xpc::ConnectionError;
-using platform::xpc::Hold;
+using platform::xpc::ReceiveBudget;
 
 /// {"number": int64, "files": [descriptor, shared memory], "text": string}, two descriptors.
 std::string richFrame() {
@@ -55,7 +55,7 @@ TEST(HostilePeer, ThatClosesAtEveryByteOfAHandshakeLeavesNothingBehind) {
   EXPECT_TRUE(bystander.isServed());
   service.forgetPeers();
   EXPECT_TRUE(footprint.isBack()) << footprint.description();
-  EXPECT_EQ(Hold::totalDescriptors(), 0U);
+  EXPECT_EQ(ReceiveBudget::totalDescriptors(), 0U);
 }
 
 TEST(HostilePeer, ThatClosesAtEveryByteOfAMessageHasTheMessageDroppedAndItsDescriptorsClosed) {
@@ -84,7 +84,7 @@ TEST(HostilePeer, ThatClosesAtEveryByteOfAMessageHasTheMessageDroppedAndItsDescr
   EXPECT_TRUE(bystander.isServed());
   service.forgetPeers();
   EXPECT_TRUE(before.isBack()) << before.description();
-  EXPECT_TRUE(eventually([] { return Hold::totalDescriptors() == 0 && Hold::totalBytes() == 0; }));
+  EXPECT_TRUE(eventually([] { return ReceiveBudget::totalDescriptors() == 0 && ReceiveBudget::totalBytes() == 0; }));
 }
 
 TEST(HostilePeer, ThatSendsEveryByteAloneIsUnderstood) {

@@ -8,7 +8,7 @@
 #include <array>
 #include <cerrno>
 
-#include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/ReceiveBudget.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/Bystander.h"
 
@@ -18,7 +18,7 @@ using namespace kestrine::test;
 using namespace std::chrono_literals;
 using platform::FileHandle;
 using platform::xpc::ConnectionError;
-using platform::xpc::Hold;
+using platform::xpc::ReceiveBudget;
 
 /// A pipe whose writing end is given away: when nobody has it any more, the reading end is at its end.
 class Tracer {
@@ -77,7 +77,7 @@ TEST(HostileDescriptors, OfFramesOfAKindWithoutThemAreClosedWithTheConnection) {
     }
   }
   EXPECT_TRUE(bystander.isServed());
-  EXPECT_EQ(Hold::totalDescriptors(), 0U);
+  EXPECT_EQ(ReceiveBudget::totalDescriptors(), 0U);
 }
 
 TEST(HostileDescriptors, OfMessagesThatAreWrongAreClosed) {
@@ -152,7 +152,7 @@ TEST(HostileDescriptors, OfManyFramesThatAreNeverFinishedAreBounded) {
       } else {
         ASSERT_TRUE(isClosed(sockets.back())) << i;
       }
-      ASSERT_LE(Hold::totalDescriptors(), 256U + 64U);
+      ASSERT_LE(ReceiveBudget::totalDescriptors(), 256U + 64U);
     }
     EXPECT_TRUE(bystander.isServed());
     const auto closed = std::ranges::count_if(sockets, [](const FileHandle& socket) {
@@ -160,12 +160,12 @@ TEST(HostileDescriptors, OfManyFramesThatAreNeverFinishedAreBounded) {
       return recv(socket.fileDescriptor(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
     });
     EXPECT_EQ(closed, kPeers - 4);
-    EXPECT_TRUE(eventually([] { return Hold::totalDescriptors() == 256; })) << Hold::totalDescriptors();
+    EXPECT_TRUE(eventually([] { return ReceiveBudget::totalDescriptors() == 256; })) << ReceiveBudget::totalDescriptors();
   }
   EXPECT_TRUE(tracer.isClosedByAll());
   service.forgetPeers();
   EXPECT_TRUE(before.isBack()) << before.description();
-  EXPECT_EQ(Hold::totalDescriptors(), 0U);
+  EXPECT_EQ(ReceiveBudget::totalDescriptors(), 0U);
 }
 
 TEST(HostileDescriptors, ThatKeepComingLeaveNothingBehind) {

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/ReceiveBudget.h"
 #include "tests/support/Eventually.h"
 #include "tests/xpc/InProcessService.h"
 
@@ -22,10 +22,8 @@ using namespace kestrine::test;
 using namespace std::chrono_literals;
 using platform::FileHandle;
 using platform::xpc::ConnectionError;
-using platform::xpc::Hold;
+using platform::xpc::ReceiveBudget;
 using platform::xpc::Value;
-
-std::string commandOf(const std::optional<platform::xpc::Event>& event) { return messageOf(event).find("command")->stringValue(); }
 
 /// Whether a good peer is still served.
 void expectService(InProcessService& service) {
@@ -199,7 +197,7 @@ TEST(HostilePeer, ThatFloodsWithDescriptorsLeavesTheProcessEnough) {
     expectService(service);
   }
   mayGoOn.set_value();
-  EXPECT_TRUE(eventually([&] { return Hold::totalDescriptors() == 0; }, 60s)) << Hold::totalDescriptors();
+  EXPECT_TRUE(eventually([&] { return ReceiveBudget::totalDescriptors() == 0; }, 60s)) << ReceiveBudget::totalDescriptors();
   EXPECT_TRUE(eventually([&] { return countOwnDescriptors() <= before; }, 60s)) << countOwnDescriptors() << " and before " << before;
 }
 

@@ -44,7 +44,7 @@ std::size_t InProcessService::peerCount() const {
 }
 
 InProcessService::Peer InProcessService::peer(std::size_t index) const {
-  if (!eventually([&] { return peerCount() > index; }, std::chrono::seconds(60))) throw std::runtime_error("no such peer came");
+  if (!eventually([&] { return peerCount() > index; })) throw std::runtime_error("no such peer came");
   const std::lock_guard lock(state_->mutex);
   return state_->peers[index];
 }

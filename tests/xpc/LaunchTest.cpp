@@ -8,6 +8,7 @@
 #include <array>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <set>
 
 #include "platform/xpc/launch/ServiceLauncher.h"
@@ -22,36 +23,25 @@ using namespace kestrine::test;
 using platform::xpc::ConnectionError;
 using platform::xpc::Value;
 
-constexpr const char* kName = "Test.Service";
-
-std::string textUnder(const std::optional<platform::xpc::Event>& event, const std::string& key) {
-  return messageOf(event).find(key)->stringValue();
-}
-std::int64_t numberUnder(const std::optional<platform::xpc::Event>& event, const std::string& key) {
-  return messageOf(event).find(key)->int64Value();
-}
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 TEST(Launch, StartsTheServiceWithTheFirstMessageAndOnlyOnce) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client first(kName);
+  environment.install(kTestService);
+  Client first(kTestService);
   const auto pid = numberUnder(first.ask("pid"), "pid");
   EXPECT_EQ(numberUnder(first.ask("pid"), "pid"), pid);
-  Client second(kName);
+  Client second(kTestService);
   EXPECT_EQ(numberUnder(second.ask("pid"), "pid"), pid);
   EXPECT_EQ(environment.startedServices(), std::vector<int>{static_cast<int>(pid)});
-  const auto running = platform::xpc::runningService(kName);
+  const auto running = platform::xpc::runningService(kTestService);
   EXPECT_TRUE(running.isAlive);
   EXPECT_EQ(running.processIdentifier, pid);
 }
 
 TEST(Launch, StartsNothingForAConnectionThatSendsNothing) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  const Client client(kName);
-  Client later(kName);
+  environment.install(kTestService);
+  const Client client(kTestService);
+  Client later(kTestService);
   EXPECT_NO_THROW(messageOf(later.ask("pid")));
   EXPECT_EQ(environment.countInRecord("peer"), 1);
   EXPECT_EQ(client.events.count(), 0U);
@@ -59,10 +49,10 @@ TEST(Launch, StartsNothingForAConnectionThatSendsNothing) {
 
 TEST(Launch, TellsEachEndWhoTheOtherIs) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   EXPECT_EQ(client.connection->pid(), 0);
-  EXPECT_EQ(client.connection->name(), kName);
+  EXPECT_EQ(client.connection->name(), kTestService);
   const Value peer = messageOf(client.ask("peer"));
   EXPECT_EQ(peer.find("pid")->int64Value(), getpid());
   EXPECT_EQ(peer.find("euid")->int64Value(), geteuid());
@@ -75,7 +65,7 @@ TEST(Launch, TellsEachEndWhoTheOtherIs) {
 
 TEST(Launch, GivesTheServiceACleanProcess) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   // What an application may have lying around: open files, ignored and blocked signals.
   const platform::FileHandle stray(open("/dev/zero", O_RDONLY));
   std::signal(SIGUSR1, SIG_IGN);
@@ -84,7 +74,7 @@ TEST(Launch, GivesTheServiceACleanProcess) {
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGUSR2);
   pthread_sigmask(SIG_BLOCK, &blocked, &former);
-  Client client(kName);
+  Client client(kTestService);
   const auto answer = client.ask("describe");
   pthread_sigmask(SIG_SETMASK, &former, nullptr);
   std::signal(SIGUSR1, SIG_DFL);
@@ -106,13 +96,13 @@ TEST(Launch, GivesTheServiceACleanProcess) {
 
 TEST(Launch, KeepsItsFilesFromOthers) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   ASSERT_NO_THROW(messageOf(client.ask("pid")));
   struct stat folder {};
   struct stat socket {};
   ASSERT_EQ(stat(environment.socketFolder().c_str(), &folder), 0);
-  ASSERT_EQ(stat(environment.socketPath(kName).c_str(), &socket), 0);
+  ASSERT_EQ(stat(environment.socketPath(kTestService).c_str(), &socket), 0);
   EXPECT_EQ(folder.st_mode & 07777U, 0700U);
   EXPECT_TRUE(S_ISSOCK(socket.st_mode));
   EXPECT_EQ(socket.st_mode & 07777U, 0600U);
@@ -120,10 +110,10 @@ TEST(Launch, KeepsItsFilesFromOthers) {
 
 TEST(Launch, ClosesTheFolderToOthersWhenItWasOpen) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   makeFolder(environment.socketFolder());
   ASSERT_EQ(chmod(environment.socketFolder().c_str(), 0755), 0);
-  Client client(kName);
+  Client client(kTestService);
   ASSERT_NO_THROW(messageOf(client.ask("pid")));
   struct stat folder {};
   ASSERT_EQ(stat(environment.socketFolder().c_str(), &folder), 0);
@@ -132,20 +122,21 @@ TEST(Launch, ClosesTheFolderToOthersWhenItWasOpen) {
 
 TEST(Launch, LogsToAFileInTheStateFolder) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   ASSERT_NO_THROW(messageOf(client.ask("log")));
   EXPECT_TRUE(eventually([&] {
-    return access(environment.logPath(kName).c_str(), R_OK) == 0 && contains(readFile(environment.logPath(kName)), "a line for the log");
+    return access(environment.logPath(kTestService).c_str(), R_OK) == 0 &&
+           contains(readFile(environment.logPath(kTestService)), "a line for the log");
   }));
-  EXPECT_TRUE(contains(readFile(environment.logPath(kName)), "Test.Service["));
+  EXPECT_TRUE(contains(readFile(environment.logPath(kTestService)), "Test.Service["));
 }
 
 TEST(Launch, OfTwentyClientsAtOnceStartsOneProcess) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   std::vector<std::unique_ptr<Process>> clients;
-  for (int i = 0; i < 20; ++i) clients.push_back(std::make_unique<Process>(std::vector<std::string>{XPC_TEST_CLIENT, kName}));
+  for (int i = 0; i < 20; ++i) clients.push_back(std::make_unique<Process>(std::vector<std::string>{XPC_TEST_CLIENT, kTestService}));
   std::set<std::string> answers;
   for (const auto& client : clients) {
     EXPECT_EQ(client->wait(std::chrono::seconds(60)), 0) << client->errorOutput();
@@ -179,25 +170,25 @@ TEST(Launch, TellsWhyAServiceCannotBeStarted) {
   };
   for (const auto& [name, program, reason] : table) {
     ServiceEnvironment environment;
-    environment.install(kName, program);
-    Client client(kName);
+    environment.install(kTestService, program);
+    Client client(kTestService);
     const auto event = client.ask("pid");
     EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid) << name;
     EXPECT_TRUE(contains(errorText(event), reason)) << name << ": " << errorText(event);
     EXPECT_TRUE(contains(errorText(event), "install the service again")) << name << ": " << errorText(event);
-    EXPECT_NE(access(environment.socketPath(kName).c_str(), F_OK), 0) << name << ": a socket was left";
+    EXPECT_NE(access(environment.socketPath(kTestService).c_str(), F_OK), 0) << name << ": a socket was left";
   }
 }
 
 TEST(Launch, TellsAboutADescriptionThatIsNone) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   const std::string file = environment / "data/xpc-services/Test.Service.plist";
   std::string nested = "<plist><array>";
   for (int i = 0; i < 1000; ++i) nested += "<array>";
   for (const std::string& content : {std::string(), std::string("no property list"), nested, std::string(100'000, 'x')}) {
     writeFile(file, content);
-    Client client(kName);
+    Client client(kTestService);
     const auto event = client.ask("pid");
     EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid);
     EXPECT_TRUE(contains(errorText(event), "the service description " + file)) << errorText(event);
@@ -230,8 +221,8 @@ TEST(Launch, ServesFoldersBeyondTheLimitOfSocketAddresses) {
   const std::string folder = environment / ("run/" + std::string(150, 'd'));
   makeFolder(folder);
   environment.set("XDG_RUNTIME_DIR", folder);
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto pid = numberUnder(client.ask("pid"), "pid");
   EXPECT_EQ(pid, environment.startedServices().at(0));
   EXPECT_EQ(access((folder + "/xpc/Test.Service").c_str(), F_OK), 0);
@@ -243,35 +234,83 @@ TEST(Launch, UsesTheStateFolderWithoutARuntimeFolder) {
   }
   ServiceEnvironment environment;
   environment.set("XDG_RUNTIME_DIR", "relative/is/ignored");
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   ASSERT_NO_THROW(messageOf(client.ask("pid")));
   std::array<char, 256> host{};
   ASSERT_EQ(gethostname(host.data(), host.size() - 1), 0);
-  EXPECT_EQ(access((environment / ("state/xpc-" + std::string(host.data()) + "/" + kName)).c_str(), F_OK), 0);
+  EXPECT_EQ(access((environment / ("state/xpc-" + std::string(host.data()) + "/" + kTestService)).c_str(), F_OK), 0);
 }
 
 TEST(Launch, TellsThatTheFolderOfSocketsCannotBeUsed) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   writeFile(environment / "run/xpc", "a file in its place");
-  Client client(kName);
+  Client client(kTestService);
   const auto event = client.ask("pid");
   EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid);
   EXPECT_TRUE(contains(errorText(event), "the folder of service sockets, " + (environment / "run/xpc") + ", cannot be used"))
       << errorText(event);
 }
 
+TEST(Launch, TellsEveryErrorsKind) {
+  using Kind = platform::xpc::LaunchError::Kind;
+  struct Case {
+    Kind kind;
+    std::function<void(ServiceEnvironment&)> prepare;
+    std::string name = kTestService;
+  };
+  const auto install = [](const std::string& program) {
+    return [program](ServiceEnvironment& environment) { environment.install(kTestService, program); };
+  };
+  const auto leaveSocket = [](ServiceEnvironment& environment) {
+    environment.install(kTestService);
+    makeFolder(environment.socketFolder());
+    listenAt(environment.socketPath(kTestService));  // and closed again: nobody listens
+  };
+  const auto spoilFolder = [](ServiceEnvironment& environment) { writeFile(environment.socketFolder(), "a file in its place"); };
+  const std::vector<Case> table{{Kind::IllegalName, install(XPC_TEST_SERVICE), "a/b"},
+                                {Kind::NotInstalled, install(XPC_TEST_SERVICE), "No.Such.Service"},
+                                {Kind::BadInstallation, install("/nowhere/service")},
+                                {Kind::BadInstallation, install("service")},
+                                {Kind::BadInstallation, install("")},
+                                {Kind::ForeignSocket, leaveSocket},
+                                {Kind::NoFolder, spoilFolder}};
+  for (const Case& entry : table) {
+    ServiceEnvironment environment;
+    entry.prepare(environment);
+    const auto connected = platform::xpc::connectToService(entry.name);
+    ASSERT_FALSE(connected);
+    EXPECT_EQ(connected.error().kind, entry.kind) << connected.error().reason;
+  }
+}
+
+TEST(Launch, TellsThatNobodyIsTheServiceWithoutStartingIt) {
+  using Kind = platform::xpc::LaunchError::Kind;
+  ServiceEnvironment environment;
+  environment.install(kTestService);
+  EXPECT_EQ(platform::xpc::connectToRunningService(kTestService).error().kind, Kind::NoFolder) << "nobody has made it";
+  makeFolder(environment.socketFolder());
+  EXPECT_EQ(platform::xpc::connectToRunningService(kTestService).error(),
+            (platform::xpc::LaunchError{"the service Test.Service does not run", Kind::NotRunning}));
+  Client client(kTestService);
+  ASSERT_NO_THROW(messageOf(client.ask("pid")));
+  EXPECT_TRUE(platform::xpc::connectToRunningService(kTestService));
+  ASSERT_EQ(unlink(environment.socketPath(kTestService).c_str()), 0);
+  EXPECT_EQ(platform::xpc::connectToRunningService(kTestService).error().kind, Kind::NobodyListens);
+  EXPECT_EQ(environment.startedServices().size(), 1U);
+}
+
 TEST(Launch, LooksForDescriptionsInTheSharedFoldersToo) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   const std::string other = environment / "other";
   makeFolder(other);
   makeFolder(other + "/xpc-services");
   ASSERT_EQ(rename((environment / "data/xpc-services/Test.Service.plist").c_str(), (other + "/xpc-services/Test.Service.plist").c_str()),
             0);
   environment.set("XDG_DATA_DIRS", "relative:/nowhere::" + other);
-  Client client(kName);
+  Client client(kTestService);
   const auto pid = numberUnder(client.ask("pid"), "pid");
   EXPECT_EQ(pid, environment.startedServices().at(0));
 }

@@ -6,9 +6,14 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <sstream>
 #include <thread>
 
+#include "platform/foundation/base/Exception.h"
+#include "platform/xpc/launch/ServiceFolder.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
+#include "platform/xpc/launch/ServiceLocks.h"
+#include "platform/xpc/service/ServiceProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Process.h"
 #include "tests/xpc/RawSocket.h"
@@ -23,13 +28,19 @@ using platform::xpc::ConnectionError;
 using platform::xpc::runningService;
 using platform::xpc::Value;
 
-constexpr const char* kName = "Test.Service";
-
-std::int64_t pidFrom(const std::optional<platform::xpc::Event>& event) { return messageOf(event).find("pid")->int64Value(); }
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+std::int64_t pidFrom(const std::optional<platform::xpc::Event>& event) { return numberUnder(event, "pid"); }
 bool exists(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0;
+}
+
+/// Whether somebody listens on the socket at `path`, by the flags that /proc/net/unix shows (__SO_ACCEPTCON).
+bool isListening(const std::string& path) {
+  std::istringstream sockets(readFile("/proc/net/unix"));
+  for (std::string line; std::getline(sockets, line);) {
+    if (line.ends_with(" " + path)) return contains(line, " 00010000 ");
+  }
+  return false;
 }
 
 /// Waits for a child's end and returns its status as a shell tells it.
@@ -42,16 +53,16 @@ int reap(int pid) {
 
 TEST(Lifetime, InterruptsTheClientWhenTheServiceDiesAndStartsItAgainWithTheNextMessage) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto first = pidFrom(client.ask("pid"));
   const auto event = client.ask("die");
   EXPECT_EQ(errorKind(event), ConnectionError::Kind::Interrupted);
   EXPECT_TRUE(contains(errorText(event), "the next message starts it again")) << errorText(event);
   EXPECT_EQ(client.connection->pid(), 0);
   EXPECT_EQ(reap(static_cast<int>(first)), 128 + SIGKILL);
-  EXPECT_TRUE(exists(environment.socketPath(kName))) << "a killed service leaves its socket";
-  EXPECT_FALSE(runningService(kName).isAlive);
+  EXPECT_TRUE(exists(environment.socketPath(kTestService))) << "a killed service leaves its socket";
+  EXPECT_FALSE(runningService(kTestService).isAlive);
   const auto second = pidFrom(client.ask("pid"));
   EXPECT_NE(second, first);
   EXPECT_EQ(environment.startedServices(), (std::vector{static_cast<int>(first), static_cast<int>(second)}));
@@ -60,8 +71,8 @@ TEST(Lifetime, InterruptsTheClientWhenTheServiceDiesAndStartsItAgainWithTheNextM
 
 TEST(Lifetime, InterruptsEveryTimeTheServiceDies) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   for (int i = 0; i < 5; ++i) {
     const auto pid = static_cast<int>(pidFrom(client.ask("pid")));
     kill(pid, SIGKILL);
@@ -73,22 +84,42 @@ TEST(Lifetime, InterruptsEveryTimeTheServiceDies) {
 
 TEST(Lifetime, TellsPeersOfTheTerminationRemovesTheSocketAndEndsWithStatusZero) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto pid = static_cast<int>(pidFrom(client.ask("pid")));
   ASSERT_EQ(kill(pid, SIGTERM), 0);
   EXPECT_EQ(reap(pid), 0);
   EXPECT_EQ(errorKind(client.events.at(client.seen++)), ConnectionError::Kind::Interrupted);
   EXPECT_EQ(environment.countInRecord("termination imminent"), 1);
-  EXPECT_FALSE(exists(environment.socketPath(kName)));
-  EXPECT_FALSE(runningService(kName).isAlive);
+  EXPECT_FALSE(exists(environment.socketPath(kTestService)));
+  EXPECT_FALSE(runningService(kTestService).isAlive);
   EXPECT_NE(pidFrom(client.ask("pid")), pid);
+}
+
+TEST(Lifetime, EndsAlsoWhenSomebodyKeepsTheLaunchLock) {
+  ServiceEnvironment environment;
+  environment.install(kTestService);
+  Client client(kTestService);
+  const auto pid = static_cast<int>(pidFrom(client.ask("pid")));
+  const auto folder = platform::xpc::ServiceFolder::open(false);
+  ASSERT_TRUE(folder);
+  const auto lock = platform::xpc::takeLaunchLock(*folder, kTestService, 60s);
+  ASSERT_TRUE(lock);
+  ASSERT_EQ(kill(pid, SIGTERM), 0);
+  ASSERT_EQ(kill(pid, SIGINT), 0) << "told twice";
+  EXPECT_EQ(reap(pid), 0);
+  EXPECT_EQ(environment.countInRecord("termination imminent"), 1);
+  EXPECT_TRUE(exists(environment.socketPath(kTestService))) << "nobody may remove it without the lock";
+}
+
+TEST(Lifetime, BeginsBeforeItServes) {
+  EXPECT_THROW(platform::xpc::ServiceProcess::serve([](const auto&) {}), platform::Exception);
 }
 
 TEST(Lifetime, TellsTheServiceWhenAClientIsGone) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  auto client = std::make_unique<Client>(kName);
+  environment.install(kTestService);
+  auto client = std::make_unique<Client>(kTestService);
   ASSERT_NO_THROW(messageOf(client->ask("pid")));
   EXPECT_EQ(environment.countInRecord("invalid"), 0);
   client = nullptr;
@@ -97,42 +128,42 @@ TEST(Lifetime, TellsTheServiceWhenAClientIsGone) {
 
 TEST(Lifetime, InterruptsAClientThatTheServiceRefuses) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   environment.set("XPC_TEST_REFUSE", "1");
-  Client client(kName);
+  Client client(kTestService);
   EXPECT_EQ(errorKind(client.ask("pid")), ConnectionError::Kind::Interrupted);
   EXPECT_EQ(environment.countInRecord("peer"), 1);
 }
 
 TEST(Lifetime, RemovesASocketThatAKilledServiceLeft) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   struct stat before {};
   {
-    Client client(kName);
+    Client client(kTestService);
     ASSERT_EQ(errorKind(client.ask("die")), ConnectionError::Kind::Interrupted);
-    ASSERT_EQ(stat(environment.socketPath(kName).c_str(), &before), 0);
+    ASSERT_EQ(stat(environment.socketPath(kTestService).c_str(), &before), 0);
   }
-  Client client(kName);
+  Client client(kTestService);
   ASSERT_GT(pidFrom(client.ask("pid")), 0);
   struct stat after {};
-  ASSERT_EQ(stat(environment.socketPath(kName).c_str(), &after), 0);
+  ASSERT_EQ(stat(environment.socketPath(kTestService).c_str(), &after), 0);
   EXPECT_FALSE(before.st_ino == after.st_ino && before.st_mtim.tv_nsec == after.st_mtim.tv_nsec);
 }
 
 TEST(Lifetime, NeverRemovesASocketThatItDidNotMake) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   makeFolder(environment.socketFolder());
-  listenAt(environment.socketPath(kName));  // and closed again: nobody listens
+  listenAt(environment.socketPath(kTestService));  // and closed again: nobody listens
   struct stat before {};
-  ASSERT_EQ(stat(environment.socketPath(kName).c_str(), &before), 0);
-  Client client(kName);
+  ASSERT_EQ(stat(environment.socketPath(kTestService).c_str(), &before), 0);
+  Client client(kTestService);
   const auto event = client.ask("pid");
   EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid);
   EXPECT_TRUE(contains(errorText(event), "systemctl --user start Test.Service.socket")) << errorText(event);
   struct stat after {};
-  ASSERT_EQ(stat(environment.socketPath(kName).c_str(), &after), 0);
+  ASSERT_EQ(stat(environment.socketPath(kTestService).c_str(), &after), 0);
   EXPECT_EQ(before.st_ino, after.st_ino);
   EXPECT_TRUE(environment.startedServices().empty());
 }
@@ -154,17 +185,17 @@ int startWithSocket(const FileHandle& listener, const char* variables = "LISTEN_
 
 TEST(Lifetime, ServesASocketThatSystemdMadeAndLeavesItInPlace) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   makeFolder(environment.socketFolder());
-  FileHandle listener = listenAt(environment.socketPath(kName));
-  Client client(kName);
+  FileHandle listener = listenAt(environment.socketPath(kTestService));
+  Client client(kTestService);
   client.connection->send(command("pid"));  // waits in the backlog, as it does while systemd starts the service
   const int pid = startWithSocket(listener);
   EXPECT_EQ(pidFrom(client.events.at(client.seen++)), pid);
   EXPECT_EQ(environment.startedServices(), std::vector{pid}) << "the client started none of its own";
   ASSERT_EQ(kill(pid, SIGTERM), 0);
   EXPECT_EQ(reap(pid), 0);
-  EXPECT_TRUE(exists(environment.socketPath(kName)));
+  EXPECT_TRUE(exists(environment.socketPath(kTestService)));
   EXPECT_EQ(errorKind(client.events.at(client.seen++)), ConnectionError::Kind::Interrupted);
   // The socket still listens, and the next message reaches the next process on it.
   client.connection->send(command("pid"));
@@ -177,53 +208,54 @@ TEST(Lifetime, IsStartedBySystemdsOwnSocketActivation) {
     GTEST_SKIP() << "left out: activation by systemd's own program, because systemd-socket-activate is not installed";
   }
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   makeFolder(environment.socketFolder());
-  std::vector<std::string> arguments{"/usr/bin/systemd-socket-activate", "--listen=" + environment.socketPath(kName)};
+  std::vector<std::string> arguments{"/usr/bin/systemd-socket-activate", "--listen=" + environment.socketPath(kTestService)};
   for (const char* variable : {"XDG_RUNTIME_DIR", "XDG_STATE_HOME", "XDG_CONFIG_HOME", "HOME", "XPC_TEST_NAME", "XPC_TEST_RECORD"}) {
     arguments.push_back(std::string("--setenv=") + variable);
   }
   arguments.emplace_back(XPC_TEST_SERVICE);
   Process activator(arguments);
-  ASSERT_TRUE(eventually([&] { return exists(environment.socketPath(kName)); }, 60s));
+  // Not only bound: whoever calls before it listens finds a socket that nobody is behind.
+  ASSERT_TRUE(eventually([&] { return isListening(environment.socketPath(kTestService)); }, 60s));
   EXPECT_TRUE(environment.startedServices().empty());
-  Client client(kName);
+  Client client(kTestService);
   // It becomes the service when somebody connects.
   EXPECT_EQ(pidFrom(client.ask("pid")), activator.pid());
   activator.signal(SIGTERM);
   EXPECT_EQ(activator.wait(60s), 0);
-  EXPECT_TRUE(exists(environment.socketPath(kName)));
+  EXPECT_TRUE(exists(environment.socketPath(kTestService)));
 }
 
 TEST(Lifetime, IgnoresASocketThatWasMeantForAnotherProcess) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   makeFolder(environment.socketFolder());
   const FileHandle other = listenAt(environment / "other");
   const int pid = startWithSocket(other, "LISTEN_FDS=1 LISTEN_PID=1");
   EXPECT_TRUE(environment.waitForRecord("started " + std::to_string(pid)));
-  EXPECT_TRUE(eventually([&] { return exists(environment.socketPath(kName)); }, 60s)) << "it makes a socket of its own";
-  Client client(kName);
+  EXPECT_TRUE(eventually([&] { return exists(environment.socketPath(kTestService)); }, 60s)) << "it makes a socket of its own";
+  Client client(kTestService);
   EXPECT_EQ(pidFrom(client.ask("pid")), pid);
 }
 
 TEST(Lifetime, ServesWhenItIsStartedByHand) {
   ServiceEnvironment environment;
-  environment.install(kName);
+  environment.install(kTestService);
   Process byHand({XPC_TEST_SERVICE});
   ASSERT_TRUE(environment.waitForRecord("started " + std::to_string(byHand.pid())));
-  ASSERT_TRUE(eventually([&] { return exists(environment.socketPath(kName)); }, 60s));
-  Client client(kName);
+  ASSERT_TRUE(eventually([&] { return exists(environment.socketPath(kTestService)); }, 60s));
+  Client client(kTestService);
   EXPECT_EQ(pidFrom(client.ask("pid")), byHand.pid());
   byHand.signal(SIGINT);
   EXPECT_EQ(byHand.wait(60s), 0);
-  EXPECT_FALSE(exists(environment.socketPath(kName)));
+  EXPECT_FALSE(exists(environment.socketPath(kTestService)));
 }
 
 TEST(Lifetime, EndsASecondProcessOfTheSameService) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto pid = pidFrom(client.ask("pid"));
   Process second({XPC_TEST_SERVICE});
   EXPECT_EQ(second.wait(60s), 75);
@@ -234,12 +266,12 @@ TEST(Lifetime, EndsASecondProcessOfTheSameService) {
 
 TEST(Lifetime, WaitsForAServiceThatIsAboutToEnd) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto first = static_cast<int>(pidFrom(client.ask("pid")));
   // Alive, but without its socket, as a service is that was told to end.
-  ASSERT_EQ(unlink(environment.socketPath(kName).c_str()), 0);
-  Client late(kName);
+  ASSERT_EQ(unlink(environment.socketPath(kTestService).c_str()), 0);
+  Client late(kTestService);
   late.connection->send(command("pid"));
   std::this_thread::sleep_for(100ms);
   EXPECT_EQ(late.events.count(), 0U);
@@ -252,11 +284,11 @@ TEST(Lifetime, WaitsForAServiceThatIsAboutToEnd) {
 
 TEST(Lifetime, TellsWhichProcessIsInTheWayWhenItHasNoSocket) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto pid = pidFrom(client.ask("pid"));
-  ASSERT_EQ(unlink(environment.socketPath(kName).c_str()), 0);
-  Client late(kName);
+  ASSERT_EQ(unlink(environment.socketPath(kTestService).c_str()), 0);
+  Client late(kTestService);
   const auto event = late.ask("pid");
   EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid);
   EXPECT_TRUE(contains(errorText(event), "(kill " + std::to_string(pid) + ")")) << errorText(event);
@@ -264,11 +296,12 @@ TEST(Lifetime, TellsWhichProcessIsInTheWayWhenItHasNoSocket) {
 
 TEST(Lifetime, KeepsServingWhenAHandlerThrowsAndWhenAPeerMisbehaves) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto pid = pidFrom(client.ask("pid"));
   client.connection->send(command("throw"));
-  const FileHandle hostile = connectTo(environment.socketPath(kName));
+  ASSERT_NO_THROW(messageOf(client.ask("throw on main loop")));
+  const FileHandle hostile = connectTo(environment.socketPath(kTestService));
   ASSERT_TRUE(sendBytes(hostile, "garbage garbage"));
   EXPECT_TRUE(isClosed(hostile));
   EXPECT_EQ(pidFrom(client.ask("pid")), pid);
@@ -276,12 +309,12 @@ TEST(Lifetime, KeepsServingWhenAHandlerThrowsAndWhenAPeerMisbehaves) {
 
 TEST(Lifetime, LeaksNoDescriptorsInTheService) {
   ServiceEnvironment environment;
-  environment.install(kName);
-  Client client(kName);
+  environment.install(kTestService);
+  Client client(kTestService);
   const auto count = [&client] { return messageOf(client.ask("descriptors")).find("count")->int64Value(); };
   const auto before = count();
   for (int i = 0; i < 200; ++i) {
-    Client visitor(kName);
+    Client visitor(kTestService);
     const Value handle = Value::fileDescriptor(STDIN_FILENO);
     ASSERT_NO_THROW(
         messageOf(visitor.ask(Value::dictionary({{"command", Value::string("echo")}, {"files", Value::array({handle, handle})}}))));

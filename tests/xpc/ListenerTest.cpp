@@ -22,10 +22,6 @@ using platform::xpc::ConnectionError;
 using platform::xpc::Listener;
 using platform::xpc::Value;
 
-std::string textUnder(const std::optional<platform::xpc::Event>& event, const std::string& key) {
-  return messageOf(event).find(key)->stringValue();
-}
-
 TEST(Listener, GreetsAPeerAndDeliversItsMessagesInOrder) {
   InProcessService service;
   const FileHandle client = service.connect();
@@ -35,8 +31,8 @@ TEST(Listener, GreetsAPeerAndDeliversItsMessagesInOrder) {
   EXPECT_EQ(greeting->kind, kHello);
   EXPECT_EQ(greeting->payload, "");
   const auto peer = service.peer(0);
-  EXPECT_EQ(textUnder(peer.events.at(0), "command"), "first");
-  EXPECT_EQ(textUnder(peer.events.at(1), "command"), "second");
+  EXPECT_EQ(commandOf(peer.events.at(0)), "first");
+  EXPECT_EQ(commandOf(peer.events.at(1)), "second");
 }
 
 TEST(Listener, AsksForAConnectionOnlyWithTheFirstFrameThatIsNoStatusRequest) {
@@ -57,7 +53,7 @@ TEST(Listener, AsksForAConnectionOnlyWithTheFirstFrameThatIsNoStatusRequest) {
   ASSERT_TRUE(sendBytes(client, frame(kHello)));
   const auto peer = service.peer(0);
   ASSERT_TRUE(sendBytes(client, frame(kStatusRequest) + commandFrame("after")));
-  EXPECT_EQ(textUnder(peer.events.at(0), "command"), "after");
+  EXPECT_EQ(commandOf(peer.events.at(0)), "after");
   EXPECT_EQ(service.listener().statistics().peers, 1U);
 }
 
@@ -71,8 +67,8 @@ TEST(Listener, ReadsAPeersFramesOnlyAfterTheConnectionFunctionReturned) {
   std::this_thread::sleep_for(200ms);  // time in which a message that is let through too early would come
   EXPECT_EQ(peer.events.count(), 0U);
   mayReturn.set_value();
-  EXPECT_EQ(textUnder(peer.events.at(0), "command"), "first");
-  EXPECT_EQ(textUnder(peer.events.at(1), "command"), "second");
+  EXPECT_EQ(commandOf(peer.events.at(0)), "first");
+  EXPECT_EQ(commandOf(peer.events.at(1)), "second");
 }
 
 TEST(Listener, ClosesAConnectionThatItsFunctionNeitherKeptNorResumed) {
@@ -92,6 +88,14 @@ TEST(Listener, ClosesAConnectionWhoseFunctionThrew) {
   EXPECT_EQ(errorKind(service.peer(0).events.at(0)), ConnectionError::Kind::Invalid);
 }
 
+TEST(Listener, ClosesAConnectionWhoseFunctionThrewWhatIsNoException) {
+  InProcessService service([](InProcessService::Peer&) { throw 42; });
+  const FileHandle client = service.connect();
+  ASSERT_TRUE(sendBytes(client, commandFrame("hello")));
+  EXPECT_TRUE(isClosed(client));
+  EXPECT_EQ(errorKind(service.peer(0).events.at(0)), ConnectionError::Kind::Invalid);
+}
+
 TEST(Listener, KeepsAResumedConnectionThatNobodyElseKeeps) {
   InProcessService service;
   const FileHandle client = service.connectPeer();
@@ -99,7 +103,7 @@ TEST(Listener, KeepsAResumedConnectionThatNobodyElseKeeps) {
   const std::weak_ptr<Connection> connection = service.peer(0).connection;
   service.forgetPeers();
   ASSERT_TRUE(sendBytes(client, commandFrame("still there")));
-  EXPECT_EQ(textUnder(events.at(0), "command"), "still there");
+  EXPECT_EQ(commandOf(events.at(0)), "still there");
   EXPECT_FALSE(connection.expired());
 }
 
@@ -127,7 +131,7 @@ TEST(Listener, KeepsWhatAClientLeftThatIsGoneBeforeItIsReadButNotItsSocket) {
   const auto peer = service.peer(0);
   EXPECT_EQ(peer.events.count(), 0U);
   peer.connection->resume();
-  for (std::size_t i = 0; i < kMessages; ++i) ASSERT_EQ(textUnder(peer.events.at(i), "command"), std::to_string(i));
+  for (std::size_t i = 0; i < kMessages; ++i) ASSERT_EQ(commandOf(peer.events.at(i)), std::to_string(i));
   EXPECT_EQ(errorKind(peer.events.at(kMessages)), ConnectionError::Kind::Invalid);
 }
 
@@ -140,7 +144,7 @@ TEST(Listener, LetsFurtherClientsWaitWhenThereAreTooMany) {
   std::this_thread::sleep_for(100ms);  // time in which a third one that is let in too early would come
   EXPECT_EQ(service.peerCount(), 2U);
   first.closeFile();
-  EXPECT_EQ(textUnder(service.peer(2).events.at(0), "command"), "patient");
+  EXPECT_EQ(commandOf(service.peer(2).events.at(0)), "patient");
 }
 
 TEST(Listener, TellsEveryPeerThatTerminationIsImminent) {
@@ -176,10 +180,10 @@ TEST(Listener, LeavesPeersAloneWhenItIsDestroyed) {
   listener->resume();
   const FileHandle client = connectTo(folder / "socket");
   ASSERT_TRUE(sendBytes(client, commandFrame("before")));
-  EXPECT_EQ(textUnder(events.at(0), "command"), "before");
+  EXPECT_EQ(commandOf(events.at(0)), "before");
   listener = nullptr;
   ASSERT_TRUE(sendBytes(client, commandFrame("after")));
-  EXPECT_EQ(textUnder(events.at(1), "command"), "after");
+  EXPECT_EQ(commandOf(events.at(1)), "after");
 }
 
 }  // namespace

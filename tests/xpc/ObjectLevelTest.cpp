@@ -42,7 +42,7 @@ XPCInterface interfaceOfOperations() {
 }
 
 /// Does what the test says.
-struct Object : Operations {
+struct Exported : Operations {
   void first() override { onFirst(); }
   void second() override { onSecond(); }
   void fail() override { throw std::runtime_error("as asked"); }
@@ -53,7 +53,7 @@ struct Object : Operations {
 /// A listener in this process that exports one object.
 class ObjectService {
  public:
-  explicit ObjectService(std::shared_ptr<Object> object) {
+  explicit ObjectService(std::shared_ptr<Exported> object) {
     listener_ = Listener::create(listenAt(folder_ / "socket"), [this, object](const std::shared_ptr<Connection>& peer) {
       const auto connection = XPCConnection::connectionWithPeer(peer);
       connection->setExportedInterface(interfaceOfOperations());
@@ -79,7 +79,7 @@ std::string call(const std::string& selector, const std::string& interface = "Op
 
 TEST(ObjectLevel, CallsTheExportedObject) {
   std::promise<void> called;
-  const auto object = std::make_shared<Object>();
+  const auto object = std::make_shared<Exported>();
   object->onFirst = [&] { called.set_value(); };
   ObjectService service(object);
   FileHandle client = service.connect();
@@ -89,9 +89,32 @@ TEST(ObjectLevel, CallsTheExportedObject) {
   EXPECT_TRUE(service.waitUntilInvalid());
 }
 
+TEST(ObjectLevel, TellsWhoIsAtTheOtherEnd) {
+  TemporaryDirectory folder;
+  std::promise<void> called;
+  std::shared_ptr<XPCConnection> connection;
+  const auto object = std::make_shared<Exported>();
+  object->onFirst = [&called] { called.set_value(); };
+  const auto listener = Listener::create(listenAt(folder / "socket"), [&](const std::shared_ptr<Connection>& peer) {
+    connection = XPCConnection::connectionWithPeer(peer);
+    connection->setExportedInterface(interfaceOfOperations());
+    connection->setExportedObject<Operations>(object);
+    connection->resume();
+  });
+  listener->resume();
+  const FileHandle client = connectTo(folder / "socket");
+  ASSERT_TRUE(sendBytes(client, call("first")));
+  ASSERT_EQ(called.get_future().wait_for(60s), std::future_status::ready);
+  EXPECT_EQ(connection->processIdentifier(), getpid());
+  EXPECT_EQ(connection->effectiveUserIdentifier(), geteuid());
+  EXPECT_EQ(connection->effectiveGroupIdentifier(), getegid());
+  EXPECT_EQ(connection->auditSessionIdentifier(), ownAuditSession());
+  EXPECT_EQ(connection->serviceName(), std::nullopt);
+}
+
 TEST(ObjectLevel, IgnoresWhatIsNotExportedAndContainsExceptions) {
   std::promise<void> called;
-  const auto object = std::make_shared<Object>();
+  const auto object = std::make_shared<Exported>();
   object->onFirst = [&] { called.set_value(); };
   ObjectService service(object);
   FileHandle client = service.connect();
@@ -110,7 +133,7 @@ TEST(ObjectLevel, StartsTheNextCallWhenTheFormerOneReturned) {
     const std::lock_guard lock(mutex);
     order.push_back(what);
   };
-  const auto object = std::make_shared<Object>();
+  const auto object = std::make_shared<Exported>();
   object->onFirst = [&] {
     note("begin");
     std::this_thread::sleep_for(50ms);  // time in which a call that starts too early would
@@ -130,7 +153,7 @@ TEST(ObjectLevel, StartsTheNextCallWhenTheFormerOneIsInsideItsRunLoop) {
   std::shared_ptr<RunLoop> loop;
   const auto anchor = RunLoopSource::create([] {});
   std::promise<void> returned;
-  const auto object = std::make_shared<Object>();
+  const auto object = std::make_shared<Exported>();
   object->onFirst = [&] {
     loop = RunLoop::current();
     loop->add(anchor);
@@ -155,14 +178,14 @@ TEST(ObjectLevel, LetsARunningCallAndItsObjectOutliveTheConnection) {
   const auto anchor = RunLoopSource::create([] {});
   std::promise<void> running;
   std::promise<void> returned;
-  auto object = std::make_shared<Object>();
+  auto object = std::make_shared<Exported>();
   object->onFirst = [&] {
     RunLoop::current()->add(anchor);
     running.set_value();
     RunLoop::current()->run();
     returned.set_value();
   };
-  const std::weak_ptr<Object> weak = object;
+  const std::weak_ptr<Exported> weak = object;
   std::optional<ObjectService> service(std::move(object));
   FileHandle client = service->connect();
   ASSERT_TRUE(sendBytes(client, call("first")));
@@ -190,7 +213,7 @@ TEST(ObjectLevel, RefusesACallThatTheRemoteInterfaceDoesNotHave) {
 TEST(ObjectLevel, KnowsTheExportedObjectByItsProtocol) {
   const auto connection = XPCConnection::connectionWithServiceName("No.Such.Service");
   EXPECT_EQ(connection->exportedObject(), nullptr);
-  const auto object = std::make_shared<Object>();
+  const auto object = std::make_shared<Exported>();
   connection->setExportedObject<Operations>(object);
   EXPECT_EQ(connection->exportedObject(), object);
   EXPECT_EQ(connection->exportedObjectAs<Operations>(), object);

@@ -1,5 +1,6 @@
 #include "tests/xpc/RawSocket.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -59,6 +60,18 @@ std::string frame(int kind, const std::string& payload, int descriptors) {
 }
 
 std::string commandFrame(const std::string& text) { return frame(kMessage, encodedDictionary({{"command", text}})); }
+
+std::vector<FileHandle> nullDescriptors(std::size_t count) {
+  std::vector<FileHandle> handles;
+  for (std::size_t i = 0; i < count; ++i) handles.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  return handles;
+}
+
+std::pair<FileHandle, FileHandle> socketPair() {
+  std::array<int, 2> ends{};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw std::runtime_error("no socket pair");
+  return {FileHandle(ends[0]), FileHandle(ends[1])};
+}
 
 FileHandle listenAt(const std::string& path) {
   FileHandle listener = newSocket();

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
@@ -28,6 +29,10 @@ std::string frame(int kind, const std::string& payload = {}, int descriptors = 0
 /// The message {"command": text} as a frame.
 std::string commandFrame(const std::string& text);
 
+/// So many descriptors of /dev/null.
+std::vector<platform::FileHandle> nullDescriptors(std::size_t count);
+/// Two connected stream sockets; throws when there are none.
+std::pair<platform::FileHandle, platform::FileHandle> socketPair();
 /// A listening stream socket at `path`, and a socket connected to one.
 platform::FileHandle listenAt(const std::string& path);
 platform::FileHandle connectTo(const std::string& path);

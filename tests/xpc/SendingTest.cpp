@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
-#include <array>
 #include <atomic>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -20,12 +17,6 @@ namespace {
 using namespace kestrine::test;
 using platform::FileHandle;
 using platform::xpc::Connection;
-
-std::pair<FileHandle, FileHandle> socketPair() {
-  std::array<int, 2> ends{};
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw std::runtime_error("no socket pair");
-  return {FileHandle(ends[0]), FileHandle(ends[1])};
-}
 
 /// The text of a message's only entry: a number of its sender, a space, and its own number.
 std::string numbered(int sender, int number) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -24,7 +25,7 @@ using platform::xpc::ConnectionError;
 using platform::xpc::Event;
 using platform::xpc::Value;
 
-constexpr std::chrono::seconds kLimit{60};
+constexpr std::chrono::milliseconds kLimit = kPatience;
 
 }  // namespace
 
@@ -109,20 +110,24 @@ std::vector<int> ServiceEnvironment::startedServices() const {
 
 platform::xpc::Connection::EventHandler EventLog::handler() const {
   return [state = state_](const Event& event) {
-    const std::lock_guard lock(state->mutex);
+    const platform::MutexLock lock(state->mutex);
     state->events.push_back(event);
-    state->changed.notify_all();
+    state->changed.notifyAll();
   };
 }
 
 std::optional<Event> EventLog::at(std::size_t index) const {
-  std::unique_lock lock(state_->mutex);
-  if (!state_->changed.wait_for(lock, kLimit, [&] { return state_->events.size() > index; })) return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + kLimit;
+  platform::MutexLock lock(state_->mutex);
+  while (state_->events.size() <= index) {
+    if (!state_->changed.waitUntil(lock, deadline)) break;
+  }
+  if (state_->events.size() <= index) return std::nullopt;
   return state_->events[index];
 }
 
 std::size_t EventLog::count() const {
-  const std::lock_guard lock(state_->mutex);
+  const platform::MutexLock lock(state_->mutex);
   return state_->events.size();
 }
 
@@ -142,6 +147,9 @@ Value messageOf(const std::optional<Event>& event) {
   return std::get<Value>(*event);
 }
 
+std::string textUnder(const std::optional<Event>& event, const std::string& key) { return messageOf(event).find(key)->stringValue(); }
+std::int64_t numberUnder(const std::optional<Event>& event, const std::string& key) { return messageOf(event).find(key)->int64Value(); }
+
 Value command(const std::string& command) { return Value::dictionary({{"command", Value::string(command)}}); }
 
 Client::Client(const std::string& service) : connection(platform::xpc::Connection::create(service)) {
@@ -152,6 +160,12 @@ Client::Client(const std::string& service) : connection(platform::xpc::Connectio
 std::optional<Event> Client::ask(const Value& message) {
   connection->send(message);
   return events.at(seen++);
+}
+
+std::uint32_t ownAuditSession() {
+  std::uint32_t session = 0;
+  std::ifstream("/proc/self/sessionid") >> session;
+  return session;
 }
 
 int countOwnDescriptors() {

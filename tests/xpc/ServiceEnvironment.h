@@ -1,18 +1,20 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/xpc/connection/Connection.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {
+
+/// A name for the test service.
+inline constexpr const char* kTestService = "Test.Service";
 
 /// Folders of its own for sockets, state and service descriptions, named by the environment while it lives; ends and reaps every service
 /// that was started in them. Orphans of this process come to it (PR_SET_CHILD_SUBREAPER, prctl(2)), so none can be missed.
@@ -46,7 +48,7 @@ class ServiceEnvironment {
   std::map<std::string, std::optional<std::string>> former_;
 };
 
-/// Gathers a connection's events.
+/// Gathers a connection's events. Threads: any.
 class EventLog {
  public:
   EventLog() : state_(std::make_shared<State>()) {}
@@ -57,9 +59,9 @@ class EventLog {
 
  private:
   struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<platform::xpc::Event> events;
+    platform::Mutex mutex;
+    platform::Condition changed;
+    std::vector<platform::xpc::Event> events GUARDED_BY(mutex);
   };
   std::shared_ptr<State> state_;
 };
@@ -69,6 +71,11 @@ std::optional<platform::xpc::ConnectionError::Kind> errorKind(const std::optiona
 std::string errorText(const std::optional<platform::xpc::Event>& event);
 /// The message; throws when it is none.
 platform::xpc::Value messageOf(const std::optional<platform::xpc::Event>& event);
+
+/// What the message holds under `key`; throws when that is another kind or nothing.
+std::string textUnder(const std::optional<platform::xpc::Event>& event, const std::string& key);
+std::int64_t numberUnder(const std::optional<platform::xpc::Event>& event, const std::string& key);
+inline std::string commandOf(const std::optional<platform::xpc::Event>& event) { return textUnder(event, "command"); }
 
 /// {"command": command}
 platform::xpc::Value command(const std::string& command);
@@ -85,6 +92,9 @@ struct Client {
   std::size_t seen = 0;
 };
 
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+/// The audit session of this process, as the kernel writes it.
+std::uint32_t ownAuditSession();
 /// Open descriptors of this process.
 int countOwnDescriptors();
 bool processExists(int pid);

@@ -16,32 +16,24 @@ namespace {
 using namespace platform::xpc;
 using kestrine::test::little32;
 using kestrine::test::little64;
+using kestrine::test::nullDescriptors;
 using platform::Data;
 using platform::FileHandle;
+using platform::Result;
 
 std::string textOf(const std::vector<std::byte>& bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
 
-std::variant<Value, WireError> decodeText(const std::string& bytes, std::vector<FileHandle> descriptors = {}) {
+Result<Value, WireError> decodeText(const std::string& bytes, std::vector<FileHandle> descriptors = {}) {
   return decode(std::as_bytes(std::span(bytes)), std::move(descriptors));
 }
 
 /// The bytes of a value, and the reason when it has none.
 std::string encodedOrReason(const Value& value) {
-  auto encoded = encode(value);
-  if (const auto* error = std::get_if<WireError>(&encoded)) return "refused: " + error->reason;
-  return textOf(std::get<Encoded>(encoded).bytes);
+  const auto encoded = encode(value);
+  return encoded ? textOf(encoded->bytes) : "refused: " + encoded.error().reason;
 }
 
-std::string reasonOf(const std::variant<Value, WireError>& result) {
-  const auto* error = std::get_if<WireError>(&result);
-  return error != nullptr ? error->reason : "accepted";
-}
-
-std::vector<FileHandle> nullDescriptors(std::size_t count) {
-  std::vector<FileHandle> handles;
-  for (std::size_t i = 0; i < count; ++i) handles.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  return handles;
-}
+std::string reasonOf(const Result<Value, WireError>& result) { return result ? "accepted" : result.error().reason; }
 
 TEST(WireFormat, WritesTheDocumentedBytes) {
   const std::vector<std::pair<Value, std::string>> table{
@@ -62,8 +54,8 @@ TEST(WireFormat, WritesTheDocumentedBytes) {
   for (const auto& [value, bytes] : table) {
     EXPECT_EQ(encodedOrReason(value), bytes) << kindName(value.kind());
     const auto back = decodeText(bytes);
-    ASSERT_TRUE(std::holds_alternative<Value>(back)) << kindName(value.kind()) << ": " << reasonOf(back);
-    EXPECT_EQ(std::get<Value>(back), value);
+    ASSERT_TRUE(back) << kindName(value.kind()) << ": " << reasonOf(back);
+    EXPECT_EQ(*back, value);
   }
 }
 
@@ -75,20 +67,20 @@ TEST(WireFormat, WritesTheMessageThatTheDocumentationShows) {
 TEST(WireFormat, WritesDescriptorsInTheOrderOfTheirMention) {
   const auto first = std::make_shared<const FileHandle>(open("/dev/null", O_RDONLY | O_CLOEXEC));
   const auto second = std::make_shared<const FileHandle>(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  const auto encoded =
-      std::get<Encoded>(encode(Value::array({Value::sharedMemory({.handle = second, .size = 4096}), Value::fileDescriptor(first)})));
-  EXPECT_EQ(textOf(encoded.bytes), std::string("\x0b\2\0\0\0\x0a", 6) + little64(4096) + "\x09");
-  EXPECT_EQ(encoded.descriptors, (std::vector{second, first}));
+  const auto encoded = encode(Value::array({Value::sharedMemory({.handle = second, .size = 4096}), Value::fileDescriptor(first)}));
+  ASSERT_TRUE(encoded);
+  EXPECT_EQ(textOf(encoded->bytes), std::string("\x0b\2\0\0\0\x0a", 6) + little64(4096) + "\x09");
+  EXPECT_EQ(encoded->descriptors, (std::vector{second, first}));
 }
 
 TEST(WireFormat, ReadsBackWhatItWrote) {
   for (unsigned seed = 0; seed < static_cast<unsigned>(kestrine::test::longOrShort(20'000, 2'000)); ++seed) {
     const Value value = kestrine::test::RandomValue(seed, false).next();
     const auto encoded = encode(value);
-    ASSERT_TRUE(std::holds_alternative<Encoded>(encoded)) << "seed " << seed;
-    const auto back = decode(std::get<Encoded>(encoded).bytes, {});
-    ASSERT_TRUE(std::holds_alternative<Value>(back)) << "seed " << seed << ": " << reasonOf(back);
-    ASSERT_EQ(std::get<Value>(back), value) << "seed " << seed;
+    ASSERT_TRUE(encoded) << "seed " << seed;
+    const auto back = decode(encoded->bytes, {});
+    ASSERT_TRUE(back) << "seed " << seed << ": " << reasonOf(back);
+    ASSERT_EQ(*back, value) << "seed " << seed;
   }
 }
 
@@ -96,21 +88,21 @@ TEST(WireFormat, ReadsBackDescriptorsAsTheSameFiles) {
   const int before = kestrine::test::countOwnDescriptors();
   for (unsigned seed = 0; seed < 500; ++seed) {
     const Value value = kestrine::test::RandomValue(seed, true).next();
-    auto result = encode(value);
-    if (std::holds_alternative<WireError>(result)) continue;  // more descriptors than a message may hold
-    const auto& encoded = std::get<Encoded>(result);
+    const auto encoded = encode(value);
+    if (!encoded) continue;  // more descriptors than a message may hold
     std::vector<FileHandle> duplicates;
-    for (const auto& handle : encoded.descriptors) duplicates.emplace_back(fcntl(handle->fileDescriptor(), F_DUPFD_CLOEXEC, 0));
-    const auto back = decode(encoded.bytes, std::move(duplicates));
-    ASSERT_TRUE(std::holds_alternative<Value>(back)) << "seed " << seed << ": " << reasonOf(back);
+    for (const auto& handle : encoded->descriptors) duplicates.emplace_back(fcntl(handle->fileDescriptor(), F_DUPFD_CLOEXEC, 0));
+    const auto back = decode(encoded->bytes, std::move(duplicates));
+    ASSERT_TRUE(back) << "seed " << seed << ": " << reasonOf(back);
     // Equal bytes again mean equal values, descriptors aside.
-    const auto again = std::get<Encoded>(encode(std::get<Value>(back)));
-    ASSERT_EQ(textOf(again.bytes), textOf(encoded.bytes)) << "seed " << seed;
-    for (std::size_t i = 0; i < again.descriptors.size(); ++i) {
+    const auto again = encode(*back);
+    ASSERT_TRUE(again) << "seed " << seed;
+    ASSERT_EQ(textOf(again->bytes), textOf(encoded->bytes)) << "seed " << seed;
+    for (std::size_t i = 0; i < again->descriptors.size(); ++i) {
       struct stat sent {};
       struct stat received {};
-      ASSERT_EQ(fstat(encoded.descriptors[i]->fileDescriptor(), &sent), 0);
-      ASSERT_EQ(fstat(again.descriptors[i]->fileDescriptor(), &received), 0);
+      ASSERT_EQ(fstat(encoded->descriptors[i]->fileDescriptor(), &sent), 0);
+      ASSERT_EQ(fstat(again->descriptors[i]->fileDescriptor(), &received), 0);
       EXPECT_EQ(sent.st_ino, received.st_ino);
     }
   }
@@ -192,15 +184,15 @@ TEST(WireFormat, RefusesDescriptorsThatBelongToNoValueAndClosesThem) {
 TEST(WireFormat, RefusesToWriteMoreThanTheBounds) {
   Value deep;
   for (int i = 1; i < 64; ++i) deep = Value::array({deep});
-  EXPECT_TRUE(std::holds_alternative<Encoded>(encode(deep)));
+  EXPECT_TRUE(encode(deep));
   EXPECT_EQ(encodedOrReason(Value::array({deep})), "refused: the message is nested too deeply");
-  EXPECT_TRUE(std::holds_alternative<Encoded>(encode(Value::array(Value::Array(262'143)))));
+  EXPECT_TRUE(encode(Value::array(Value::Array(262'143))));
   EXPECT_EQ(encodedOrReason(Value::array(Value::Array(262'144))), "refused: the message holds too many values");
-  EXPECT_TRUE(std::holds_alternative<Encoded>(encode(Value::data(Data(16'777'216 - 5)))));
+  EXPECT_TRUE(encode(Value::data(Data(16'777'216 - 5))));
   EXPECT_EQ(encodedOrReason(Value::data(Data(16'777'216 - 4))), "refused: the message is too large");
   EXPECT_EQ(encodedOrReason(Value::string(std::string(16'777'216, 'x'))), "refused: the message is too large");
   const Value descriptor = Value::fileDescriptor(STDIN_FILENO);
-  EXPECT_TRUE(std::holds_alternative<Encoded>(encode(Value::array(Value::Array(64, descriptor)))));
+  EXPECT_TRUE(encode(Value::array(Value::Array(64, descriptor))));
   EXPECT_EQ(encodedOrReason(Value::array(Value::Array(65, descriptor))), "refused: the message holds too many descriptors");
 }
 
@@ -213,12 +205,12 @@ TEST(WireFormat, SurvivesBytesThatWereChangedAtRandom) {
     for (std::size_t changes = random() % 4; changes > 0; --changes) bytes[random() % bytes.size()] = static_cast<char>(random());
     bytes.resize(random() % 3 == 0 ? random() % (bytes.size() + 1) : bytes.size());
     const auto result = decodeText(bytes);
-    if (std::holds_alternative<WireError>(result)) continue;
+    if (!result) continue;
     ++accepted;
     // What is accepted is a value like any other: it is written and read again unchanged.
-    const auto again = decodeText(encodedOrReason(std::get<Value>(result)));
-    ASSERT_TRUE(std::holds_alternative<Value>(again)) << "round " << round;
-    ASSERT_EQ(std::get<Value>(again), std::get<Value>(result)) << "round " << round;
+    const auto again = decodeText(encodedOrReason(*result));
+    ASSERT_TRUE(again) << "round " << round;
+    ASSERT_EQ(*again, *result) << "round " << round;
   }
   EXPECT_GT(accepted, rounds / 10);
   EXPECT_LT(accepted, rounds);

@@ -78,7 +78,7 @@ class HandlerLog {
   [[nodiscard]] T at(std::vector<T> State::*list, std::size_t index, const char* complaint) const {
     std::unique_lock lock(state_->mutex);
     const auto& gathered = (*state_).*list;
-    if (!state_->changed.wait_for(lock, std::chrono::seconds(60), [&] { return gathered.size() > index; })) {
+    if (!state_->changed.wait_for(lock, kPatience, [&] { return gathered.size() > index; })) {
       throw std::runtime_error(complaint);
     }
     return gathered[index];

@@ -2,12 +2,13 @@
 
 #include <filesystem>
 
+#include "platform/foundation/process/NeverReleased.h"
 #include "tests/xpctoolkit/ConnectionPair.h"
-#include "xpc/NeverReleased.h"
 
 namespace kestrine::test {
 namespace {
 
+using platform::NeverReleased;
 using platform::Object;
 using platform::SerialQueue;
 using platform::xpc::ConnectionError;

@@ -61,11 +61,6 @@ struct UploadFileWithStreamResponseData {
   platform::Object returnStatus;
   platform::Object error;
 };
-template <>
-inline constexpr std::array kFieldsOf<UploadFileWithStreamResponseData> = {
-    Field{"returnStatus", &UploadFileWithStreamResponseData::returnStatus, "ReturnStatus"},
-    Field{"error", &UploadFileWithStreamResponseData::error, "error"},
-};
 
 struct UpdateSendFileToTransferQuery {
   Text ChangeType;
@@ -101,11 +96,6 @@ inline constexpr std::array kFieldsOf<UpdateSendFileToTransferQuery> = {
 struct UpdateSendFileToTransferResponseData {
   platform::Object returnStatus;
   platform::Object error;
-};
-template <>
-inline constexpr std::array kFieldsOf<UpdateSendFileToTransferResponseData> = {
-    Field{"returnStatus", &UpdateSendFileToTransferResponseData::returnStatus, "ReturnStatus"},
-    Field{"error", &UpdateSendFileToTransferResponseData::error, "error"},
 };
 
 struct IsFileExistsInCloudQuery {

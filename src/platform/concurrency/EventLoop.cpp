@@ -1,50 +1,22 @@
 #include "platform/concurrency/EventLoop.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
-#include "platform/concurrency/LoopClock.h"
+#include "platform/concurrency/ClampedSeconds.h"
+#include "platform/concurrency/ThreadLoops.h"
 #include "platform/foundation/base/Exception.h"
 
 namespace platform {
 
 namespace {
 
-/// The epoll datum of the eventfd; items count from 1.
-constexpr LoopItem::Serial kWakeUp = 0;
+/// The poller's number of the WakeUp; items count from 1.
+constexpr ItemSerial kWakeUp = 0;
 constexpr std::size_t kEventsPerTurn = 64;
-
-int require(int descriptor, const char* what) {
-  if (descriptor < 0) throw std::system_error(errno, std::system_category(), what);
-  return descriptor;
-}
-
-timespec toTimespec(std::chrono::nanoseconds duration) {
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
-  return {.tv_sec = static_cast<time_t>(seconds.count()), .tv_nsec = static_cast<long>((duration - seconds).count())};
-}
-
-/// epoll_pwait2(2), and epoll_wait(2), rounded up, where the kernel (before 5.11) or a sandbox does not have it.
-int waitForEvents(int epoll, std::span<epoll_event> room, std::optional<std::chrono::nanoseconds> limit) {
-  const int size = static_cast<int>(room.size());
-  if (!limit) return epoll_wait(epoll, room.data(), size, -1);
-  if (limit->count() <= 0) return epoll_wait(epoll, room.data(), size, 0);
-  static std::atomic<bool> fine = true;
-  if (fine.load(std::memory_order_relaxed)) {
-    const timespec time = toTimespec(*limit);
-    const int count = epoll_pwait2(epoll, room.data(), size, &time, nullptr);
-    if (count >= 0 || (errno != ENOSYS && errno != EPERM)) return count;
-    fine = false;
-  }
-  const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(*limit).count();
-  return epoll_wait(epoll, room.data(), size, static_cast<int>(std::min<std::int64_t>(milliseconds, 1 << 30)));
-}
 
 }  // namespace
 
@@ -52,12 +24,12 @@ int waitForEvents(int epoll, std::span<epoll_event> room, std::optional<std::chr
 class EventLoop::FrameScope {
  public:
   explicit FrameScope(EventLoop& loop) : loop_(loop) {
-    const std::lock_guard lock(loop_.mutex_);
+    const MutexLock lock(loop_.mutex_);
     frame_.outer = loop_.innermost_;
     loop_.innermost_ = &frame_;
   }
   ~FrameScope() {
-    const std::lock_guard lock(loop_.mutex_);
+    const MutexLock lock(loop_.mutex_);
     loop_.innermost_ = frame_.outer;
   }
   FrameScope(const FrameScope&) = delete;
@@ -69,20 +41,23 @@ class EventLoop::FrameScope {
   Frame frame_;
 };
 
-EventLoop::EventLoop()
-    : epoll_(require(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")), event_(require(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {
-  epoll_event event{.events = EPOLLIN, .data = {.u64 = kWakeUp}};
-  require(epoll_ctl(epoll_.fileDescriptor(), EPOLL_CTL_ADD, event_.fileDescriptor(), &event), "epoll_ctl");
+EventLoop::EventLoop() {
+  const int error = poller_.watch(kWakeUp, wakeUp_.descriptor(), EPOLLIN);
+  if (error != 0) throw std::system_error(error, std::system_category(), "epoll_ctl");
 }
 
 EventLoop::~EventLoop() = default;
 
 void EventLoop::run() { serve(std::nullopt); }
 
-bool EventLoop::runFor(double seconds) { return serve(Clock::now() + loopDuration(seconds)); }
+bool EventLoop::runFor(double seconds) { return serve(Clock::now() + clampedSeconds(seconds)); }
+
+void EventLoop::assertOnThread() const {
+  if (!isCurrent()) throw Exception(NSInternalInconsistencyException, "a run loop was run on another thread than its own");
+}
 
 bool EventLoop::serve(std::optional<TimePoint> limit) {
-  if (!isCurrent()) throw Exception(NSInternalInconsistencyException, "a run loop was run on another thread than its own");
+  assertOnThread();
   const FrameScope scope(*this);
   while (limit || !nothingScheduled()) {
     turn(scope.frame(), limit);
@@ -110,7 +85,7 @@ void EventLoop::turn(const Frame& frame, std::optional<TimePoint> limit) {
   std::size_t signals = 0;
   std::size_t timers = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     blocks = blocks_.size();
     signals = signals_.size();
     timers = timers_.size();
@@ -125,187 +100,170 @@ void EventLoop::turn(const Frame& frame, std::optional<TimePoint> limit) {
 std::span<epoll_event> EventLoop::sleep(std::span<epoll_event> room, std::optional<TimePoint> limit) {
   std::optional<Nanoseconds> wait;
   {
-    const std::lock_guard lock(mutex_);
-    auto until = limit;
-    if (!deadlines_.empty()) until = std::min(until.value_or(TimePoint::max()), deadlines_.begin()->first.first);
-    if (until) wait = *until - Clock::now();
-    // The last item may have gone since the caller looked, and whoever took it woke nobody: this loop was awake.
-    const bool nothingToWaitFor = !until && items_.empty();
-    if (nothingToWaitFor || !blocks_.empty() || !signals_.empty() || innermost_->stopped) wait = Nanoseconds(0);
-    sleeping_ = true;
+    const MutexLock lock(mutex_);
+    wait = timeToSleep(limit);
+    wakeUp_.fallAsleep();
   }
-  const int count = waitForEvents(epoll_.fileDescriptor(), room, wait);
-  if (count < 0 && errno != EINTR) throw std::system_error(errno, std::system_category(), "epoll_wait");
-  const auto ready = room.first(static_cast<std::size_t>(std::max(count, 0)));
-  // The second for a write that came after its flag had been taken for another reason to wake up.
-  const bool told = std::any_of(ready.begin(), ready.end(), [](const epoll_event& event) { return event.data.u64 == kWakeUp; });
-  const std::lock_guard lock(mutex_);
-  sleeping_ = false;
-  if (std::exchange(woken_, false) || told) {
-    eventfd_t value = 0;
-    eventfd_read(event_.fileDescriptor(), &value);
-  }
+  const auto ready = poller_.wait(room, wait);
+  wakeUp_.awake(std::any_of(ready.begin(), ready.end(), [](const epoll_event& event) { return event.data.u64 == kWakeUp; }));
   return ready;
 }
 
+std::optional<EventLoop::Nanoseconds> EventLoop::timeToSleep(std::optional<TimePoint> limit) const {
+  auto until = limit;
+  if (const auto timer = timers_.next()) until = std::min(until.value_or(TimePoint::max()), *timer);
+  // The last item may have gone since the caller looked, and whoever took it woke nobody: this loop was awake.
+  const bool nothingToWaitFor = !until && items_.empty();
+  if (nothingToWaitFor || !blocks_.empty() || !signals_.empty() || innermost_->stopped) return Nanoseconds(0);
+  if (!until) return std::nullopt;
+  return *until - Clock::now();
+}
+
 bool EventLoop::runNextBlock() {
-  Block block;
+  Performed next;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (blocks_.empty()) return false;
-    block = std::move(blocks_.front());
+    next = std::move(blocks_.front());
     blocks_.pop_front();
   }
-  if (block.run) block.run();
+  next.block();
   return true;
 }
 
 bool EventLoop::fireNextSignal() {
-  std::shared_ptr<LoopItem> item;
+  std::shared_ptr<RunLoopItemCore> item;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (signals_.empty()) return false;
     item = find(signals_.front());
     signals_.pop_front();
   }
-  if (item) item->fire(1);
+  fire(item, 1);
   return true;
 }
 
 bool EventLoop::fireNextTimer(TimePoint now) {
-  std::shared_ptr<LoopItem> item;
+  std::shared_ptr<RunLoopItemCore> item;
   {
-    const std::lock_guard lock(mutex_);
-    if (deadlines_.empty() || deadlines_.begin()->first.first > now) return false;
-    auto node = deadlines_.extract(deadlines_.begin());
-    auto& [deadline, serial] = node.key();
-    item = find(serial);
-    if (const auto interval = node.mapped(); interval.count() > 0) {
-      deadline += ((now - deadline) / interval + 1) * interval;
-      timers_[serial] = deadline;
-      deadlines_.insert(std::move(node));
-    } else {
-      timers_.erase(serial);
-    }
+    const MutexLock lock(mutex_);
+    const auto due = timers_.takeDue(now);
+    if (!due) return false;
+    item = find(*due);
   }
-  if (item) item->fire(1);
+  fire(item, 1);
   return true;
 }
 
 bool EventLoop::fireDescriptor(const epoll_event& event) {
   if (event.data.u64 == kWakeUp) return true;
-  std::shared_ptr<LoopItem> item;
+  std::shared_ptr<RunLoopItemCore> item;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     item = find(event.data.u64);
   }
-  if (item) item->fire(event.events);
+  fire(item, event.events);
   return true;
 }
 
+void EventLoop::fire(const std::shared_ptr<RunLoopItemCore>& item, unsigned ready) {
+  if (item) item->fire(ready);
+}
+
 void EventLoop::stop() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (innermost_ == nullptr) return;
   innermost_->stopped = true;
   wake();
 }
 
-void EventLoop::perform(std::function<void()> block) { enqueue({std::move(block), true}); }
+void EventLoop::perform(Block block) { enqueue({std::move(block), true}); }
 
-void EventLoop::performKept(std::function<void()> block) { enqueue({std::move(block), false}); }
+void EventLoop::performKept(Block block) { enqueue({std::move(block), false}); }
 
-void EventLoop::enqueue(Block block) {
+void EventLoop::enqueue(Performed performed) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (abandoned_) return;
-    blocks_.push_back(std::move(block));
-    if (!mustWake()) return;
+    blocks_.push_back(std::move(performed));
+    if (!wakeUp_.claim()) return;
   }
   // Not with the lock held: the loop's thread would wake up only to wait for it.
-  eventfd_write(event_.fileDescriptor(), 1);
+  wakeUp_.ring();
 }
 
 void EventLoop::discardPerformed() {
-  std::deque<Block> discarded;
-  const std::lock_guard lock(mutex_);
-  const auto kept = std::stable_partition(blocks_.begin(), blocks_.end(), [](const Block& block) { return !block.discardable; });
+  std::deque<Performed> discarded;
+  const MutexLock lock(mutex_);
+  const auto kept = std::stable_partition(blocks_.begin(), blocks_.end(), [](const Performed& each) { return !each.discardable; });
   std::move(kept, blocks_.end(), std::back_inserter(discarded));
   blocks_.erase(kept, blocks_.end());
 }
 
 bool EventLoop::isRunning() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return innermost_ != nullptr;
 }
 
-bool EventLoop::isCurrent() const { return existingCurrentLoop() == this; }
+bool EventLoop::isCurrent() const { return existingEventLoop() == this; }
 
 void EventLoop::abandon() {
   decltype(blocks_) blocks;
   decltype(items_) items;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   abandoned_ = true;
   blocks.swap(blocks_);
   items.swap(items_);
   signals_.clear();
-  deadlines_.clear();
   timers_.clear();
 }
 
 void EventLoop::add(const std::shared_ptr<RunLoopItem>& item) {
-  const auto loopItem = std::dynamic_pointer_cast<LoopItem>(item);
-  if (!loopItem) throw Exception(NSInvalidArgumentException, "what was added to a run loop is none of its items");
-  loopItem->scheduleOn(std::static_pointer_cast<EventLoop>(shared_from_this()), loopItem);
+  const auto core = std::dynamic_pointer_cast<RunLoopItemCore>(item);
+  if (!core) throw Exception(NSInvalidArgumentException, "what was added to a run loop is none of its items");
+  core->scheduleOn(std::static_pointer_cast<EventLoop>(shared_from_this()), core);
 }
 
-bool EventLoop::enroll(const std::shared_ptr<LoopItem>& item) {
-  const std::lock_guard lock(mutex_);
+bool EventLoop::enroll(const std::shared_ptr<RunLoopItemCore>& item) {
+  const MutexLock lock(mutex_);
   if (abandoned_) return false;
   items_.emplace(item->serial(), item);
   return true;
 }
 
-std::shared_ptr<LoopItem> EventLoop::forget(LoopItem::Serial serial) {
-  const std::lock_guard lock(mutex_);
-  if (const auto timer = timers_.find(serial); timer != timers_.end()) {
-    deadlines_.erase({timer->second, serial});
-    timers_.erase(timer);
-  }
-  auto node = items_.extract(serial);
+std::shared_ptr<RunLoopItemCore> EventLoop::forget(ItemSerial item) {
+  const MutexLock lock(mutex_);
+  timers_.cancel(item);
+  auto node = items_.extract(item);
   if (items_.empty()) wake();
   return node.empty() ? nullptr : std::move(node.mapped());
 }
 
-void EventLoop::queueSignal(LoopItem::Serial serial) {
-  const std::lock_guard lock(mutex_);
+void EventLoop::queueSignal(ItemSerial item) {
+  const MutexLock lock(mutex_);
   if (abandoned_) return;
-  signals_.push_back(serial);
+  signals_.push_back(item);
   wake();
 }
 
-void EventLoop::arm(LoopItem::Serial serial, TimePoint first, Nanoseconds interval) {
-  const std::lock_guard lock(mutex_);
+void EventLoop::arm(ItemSerial item, TimePoint first, Nanoseconds interval) {
+  const MutexLock lock(mutex_);
   if (abandoned_) return;
-  timers_.emplace(serial, first);
-  deadlines_.emplace(std::pair(first, serial), interval);
+  timers_.arm(item, first, interval);
   wake();
 }
 
-std::shared_ptr<LoopItem> EventLoop::find(LoopItem::Serial serial) {
-  const auto found = items_.find(serial);
+std::shared_ptr<RunLoopItemCore> EventLoop::find(ItemSerial item) const {
+  const auto found = items_.find(item);
   return found == items_.end() ? nullptr : found->second;
 }
 
-// A loop that is awake looks at its queues before it sleeps, and one write wakes it for all.
-bool EventLoop::mustWake() { return sleeping_ && !std::exchange(woken_, true); }
-
-// A write that fails because the counter is full means that the loop is awake already.
 void EventLoop::wake() {
-  if (mustWake()) eventfd_write(event_.fileDescriptor(), 1);
+  if (wakeUp_.claim()) wakeUp_.ring();
 }
 
 bool EventLoop::nothingScheduled() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return items_.empty() && blocks_.empty();
 }
 

@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "platform/concurrency/Block.h"
 
 namespace platform {
 
@@ -19,7 +20,7 @@ namespace platform {
 /// Threads: any thread may call anything.
 class Operation {
  public:
-  static std::shared_ptr<Operation> blockOperationWithBlock(std::function<void()> block);
+  static std::shared_ptr<Operation> blockOperationWithBlock(Block block);
   virtual ~Operation();
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
@@ -62,7 +63,7 @@ class OperationQueue {
 
   /// An operation can be added once, to one queue: otherwise throws Exception(NSInvalidArgumentException).
   virtual void addOperation(const std::shared_ptr<Operation>& operation) = 0;
-  virtual void addOperationWithBlock(std::function<void()> block) = 0;
+  virtual void addOperationWithBlock(Block block) = 0;
   /// Those that have not finished, in the order in which they were added: executing ones first, then waiting ones.
   [[nodiscard]] virtual std::vector<std::shared_ptr<Operation>> operations() const = 0;
   [[nodiscard]] virtual std::size_t operationCount() const = 0;

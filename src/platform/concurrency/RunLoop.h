@@ -1,54 +1,14 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 
+#include "platform/concurrency/Block.h"
+#include "platform/concurrency/RunLoopDescriptor.h"
+#include "platform/concurrency/RunLoopItem.h"
+#include "platform/concurrency/RunLoopSource.h"
+#include "platform/concurrency/RunLoopTimer.h"
+
 namespace platform {
-
-class RunLoop;
-
-/// Something scheduled on a run loop. While it is scheduled, `RunLoop::run` keeps running. Owned by whoever made it (shared); the loop
-/// holds a reference while it is scheduled. Threads: any thread may call anything. On return of `invalidate` the callback is not running
-/// and never runs again (called from inside the callback: it does not run again); the loop has forgotten the item, and what the callback
-/// captured has been released unless it is running (then it is released when the callback returns). No lock is held while a callback runs
-/// or is released, so the only way to wait for ever is to invalidate, on another thread, an item whose callback waits for the caller.
-class RunLoopItem {
- public:
-  virtual ~RunLoopItem();
-  RunLoopItem(const RunLoopItem&) = delete;
-  RunLoopItem& operator=(const RunLoopItem&) = delete;
-  virtual void invalidate() = 0;
-  [[nodiscard]] virtual bool isValid() const = 0;
-
- protected:
-  RunLoopItem() = default;
-};
-
-/// Runs its callback on the loop after it was signalled; any number of signals before the callback begins give one call. A signal given
-/// before the source was added is kept.
-class RunLoopSource : public RunLoopItem {
- public:
-  static std::shared_ptr<RunLoopSource> create(std::function<void()> perform);
-  virtual void signal() = 0;
-};
-
-/// Runs its callback on the loop when the descriptor (not owned) is ready for `events` (EPOLLIN, EPOLLOUT), level-triggered; errors and
-/// hang-ups are always told. The callback receives what is ready. The descriptor must stay open until the item is invalidated, and a loop
-/// takes one item per descriptor: `add` throws Exception(NSInvalidArgumentException) for a second one and for what epoll(7) cannot watch,
-/// such as regular files.
-class RunLoopDescriptor : public RunLoopItem {
- public:
-  static std::shared_ptr<RunLoopDescriptor> create(int descriptor, unsigned events, std::function<void(unsigned ready)> perform);
-  virtual void setEvents(unsigned events) = 0;
-};
-
-/// Runs its callback on the loop once after `seconds`, or first then and every `interval` seconds when that is above zero. By
-/// CLOCK_MONOTONIC, counted from `create`; never early. Periods that passed unserved are skipped. A timer that runs once is invalid when
-/// its callback begins.
-class RunLoopTimer : public RunLoopItem {
- public:
-  static std::shared_ptr<RunLoopTimer> create(double seconds, double interval, std::function<void()> perform);
-};
 
 /// An event loop of one thread over epoll and one eventfd.
 ///
@@ -85,7 +45,7 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
   /// Schedules an item; an item may be on one loop only. Adding an invalid or an already scheduled item does nothing.
   virtual void add(const std::shared_ptr<RunLoopItem>& item) = 0;
   /// Runs `block` once on the loop.
-  virtual void perform(std::function<void()> block) = 0;
+  virtual void perform(Block block) = 0;
   /// Drops the blocks of `perform` that have not begun; those of the main queue stay. Only on the loop's own thread. For a caller that
   /// queued a block to learn whether the loop was run, and finds that it was not.
   virtual void discardPerformed() = 0;

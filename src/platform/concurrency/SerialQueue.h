@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/concurrency/Block.h"
+
 namespace platform {
 
 /// Runs blocks one after another on threads that it borrows.
@@ -29,7 +31,7 @@ class SerialQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  virtual void async(std::function<void()> block) = 0;
+  virtual void async(Block block) = 0;
   virtual void sync(const std::function<void()>& block) = 0;
   virtual void suspend() = 0;
   /// Throws Exception(NSInternalInconsistencyException) when the queue is not suspended.
@@ -50,6 +52,6 @@ std::shared_ptr<SerialQueue> mainQueue();
 /// Runs `block` on a borrowed thread of the same pool, beside everything else. At most four idle threads park, without a time-out. An
 /// exception that leaves the block is said in the log and ends there. Threads of the pool block all signals, so a process started from one
 /// must unblock its own.
-void runOnPoolThread(std::function<void()> block);
+void runOnPoolThread(Block block);
 
 }  // namespace platform

@@ -1,38 +1,18 @@
 #include "platform/concurrency/ThreadPool.h"
 
-#include <pthread.h>
-#include <signal.h>
-
-#include <memory>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <utility>
 
-#include "platform/concurrency/EventLoop.h"
+#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/ThreadLoops.h"
+#include "platform/concurrency/ThreadName.h"
+#include "platform/foundation/base/AllSignalsBlocked.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 
 namespace platform {
-
-namespace {
-
-/// Blocks all signals of the calling thread for as long as it lives; a thread started meanwhile inherits that.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former_);
-  }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t former_{};
-};
-
-}  // namespace
 
 ThreadPool& ThreadPool::shared() {
   static ThreadPool& pool = *new ThreadPool;
@@ -40,56 +20,50 @@ ThreadPool& ThreadPool::shared() {
 }
 
 void ThreadPool::run(Job job) {
-  bool parked = false;
+  bool isPromised = false;
   {
-    const std::lock_guard lock(mutex_);
-    parked = waiting_.size() < parked_;
-    if (parked) {
-      waiting_.push_back(std::move(job));
-    } else {
-      ++threads_;
-    }
+    const MutexLock lock(mutex_);
+    isPromised = waiting_.size() < parked_ + beginning_;
+    waiting_.push_back(std::move(job));
+    if (!isPromised) ++beginning_, ++threads_;
   }
   // Not with the lock held: the thread would wake up only to wait for it.
-  if (parked) return available_.notify_one();
-  if (startThread(job)) return;
-  const std::lock_guard lock(mutex_);
-  --threads_;
-  waiting_.push_back(std::move(job));
-  available_.notify_one();
+  if (isPromised) return available_.notifyOne();
+  startThread();
 }
 
-// Leaves `job` to the caller when there is no thread for it.
-bool ThreadPool::startThread(Job& job) {
-  const auto shared = std::make_shared<Job>(std::move(job));
+void ThreadPool::startThread() {
   try {
-    const SignalsBlocked blocked;
-    std::thread([this, shared] { work(std::exchange(*shared, nullptr)); }).detach();
-    return true;
+    const AllSignalsBlocked blocked;
+    std::thread([this] { work(); }).detach();
   } catch (const std::system_error& error) {
-    job = std::move(*shared);
     NSLog("no thread for a block, which waits for one: " + std::string(error.what()));
-    return false;
+    const MutexLock lock(mutex_);
+    --beginning_;
+    --threads_;
   }
 }
 
-void ThreadPool::work(Job job) {
-  do {
+void ThreadPool::work() {
+  Job job;
+  MutexLock lock(mutex_);
+  --beginning_;
+  while (take(lock, job)) {
+    lock.unlock();
     job();
     job = nullptr;
-    EventLoop::abandonCurrent();
-  } while (next(job));
+    abandonCurrentLoop();
+    lock.lock();
+  }
+  --threads_;
 }
 
-bool ThreadPool::next(Job& job) {
-  std::unique_lock lock(mutex_);
+// False when the thread is not needed any more.
+bool ThreadPool::take(MutexLock& lock, Job& job) {
   if (waiting_.empty()) {
-    if (parked_ == kParkedAtMost) {
-      --threads_;
-      return false;
-    }
+    if (parked_ == kParkedAtMost) return false;
     ++parked_;
-    available_.wait(lock, [this] { return !waiting_.empty(); });
+    while (waiting_.empty()) available_.wait(lock);
     --parked_;
   }
   job = std::move(waiting_.front());
@@ -98,13 +72,20 @@ bool ThreadPool::next(Job& job) {
 }
 
 std::size_t ThreadPool::parked() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return parked_;
 }
 
 std::size_t ThreadPool::threads() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return threads_;
+}
+
+void runOnPoolThread(Block block) {
+  ThreadPool::shared().run([block = std::move(block)]() mutable {
+    nameThisThread("pool");
+    runContained("an exception left a block", [&block] { block(); });
+  });
 }
 
 }  // namespace platform

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <condition_variable>
+#include <cstddef>
 #include <deque>
-#include <functional>
-#include <mutex>
+
+#include "platform/concurrency/Block.h"
+#include "platform/foundation/base/Mutex.h"
 
 namespace platform {
 
@@ -15,32 +16,34 @@ namespace platform {
 /// Threads: any thread may call anything.
 class ThreadPool {
  public:
-  using Job = std::function<void()>;
+  using Job = Block;
   static constexpr std::size_t kParkedAtMost = 4;
 
   static ThreadPool& shared();
 
-  /// Runs `job`, which must not throw, on a thread of its own. When the system gives no thread, the job waits for the next that becomes
-  /// free.
-  void run(Job job);
+  /// Runs `job`, which must not throw, beside everything else. When the system gives no thread, the log says so and the job waits for the
+  /// next that becomes free.
+  void run(Job job) EXCLUDES(mutex_);
   /// Threads that wait for work at this moment.
-  [[nodiscard]] std::size_t parked() const;
+  [[nodiscard]] std::size_t parked() const EXCLUDES(mutex_);
   /// All threads of the pool at this moment.
-  [[nodiscard]] std::size_t threads() const;
+  [[nodiscard]] std::size_t threads() const EXCLUDES(mutex_);
 
  private:
   ThreadPool() = default;
   ~ThreadPool() = default;
-  bool startThread(Job& job);
-  void work(Job job);
-  bool next(Job& job);
+  void startThread() EXCLUDES(mutex_);
+  void work() EXCLUDES(mutex_);
+  bool take(MutexLock& lock, Job& job) REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::condition_variable available_;
-  /// Jobs promised to parked threads that have not woken up yet; more than those only while the system gives no thread.
-  std::deque<Job> waiting_;
-  std::size_t parked_ = 0;
-  std::size_t threads_ = 0;
+  mutable Mutex mutex_;
+  Condition available_;
+  /// No more than the parked threads that have not woken up yet and the new ones that have not begun; only while the system gives no
+  /// thread there are more.
+  std::deque<Job> waiting_ GUARDED_BY(mutex_);
+  std::size_t parked_ GUARDED_BY(mutex_) = 0;
+  std::size_t beginning_ GUARDED_BY(mutex_) = 0;
+  std::size_t threads_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace platform

@@ -8,8 +8,13 @@
 #include <vector>
 
 #include "platform/fsevents/FSEventStreamTypes.h"
+#include "platform/fsevents/HashIndex.h"
 
 namespace platform::fsevents {
+
+/// The bits that say what kind of item a path is.
+inline constexpr FSEventStreamEventFlags kAnyItemKind =
+    kFSEventStreamEventFlagItemIsFile | kFSEventStreamEventFlagItemIsDir | kFSEventStreamEventFlagItemIsSymlink;
 
 /// One path that changed, not yet delivered.
 struct PendingEvent {
@@ -42,17 +47,9 @@ class Coalescer {
   [[nodiscard]] std::vector<PendingEvent> take();
 
  private:
-  [[nodiscard]] std::size_t slotOf(std::string_view path, std::uint32_t hash) const;
-  void grow();
-
   std::vector<PendingEvent> events_;
-  /// Open addressing over the events' paths, so that a path is kept once and found without a further allocation: one more than the number
-  /// of an event, or 0, below the hash of its path. A power of two, twice as many as events at least.
-  struct Slot {
-    std::uint32_t hash = 0;
-    std::uint32_t number = 0;
-  };
-  std::vector<Slot> slots_;
+  /// The numbers of the events by their paths, so that a path is kept once and found without a further allocation.
+  HashIndex byPath_;
   Clock::time_point opened_{};
   std::uint64_t epoch_ = 0;
 };

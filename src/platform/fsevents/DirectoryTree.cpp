@@ -8,60 +8,13 @@ namespace {
 
 constexpr std::size_t kTextHeader = 3;
 
-std::size_t hashBytes(std::string_view bytes, std::size_t seed) {
+std::uint32_t hashBytes(std::string_view bytes, std::size_t seed) {
   // The multiplier spreads neighbouring seeds (node numbers) over the whole word.
-  return std::hash<std::string_view>{}(bytes) ^ (seed * 0x9E3779B97F4A7C15ULL);
+  const std::size_t hash = std::hash<std::string_view>{}(bytes) ^ (seed * 0x9E3779B97F4A7C15ULL);
+  return static_cast<std::uint32_t>(hash ^ (hash >> 32U));
 }
 
 }  // namespace
-
-template <class Matches>
-NodeId DirectoryTree::Index::find(std::size_t hash, const Matches& matches) const {
-  if (slots_.empty()) return kNoNode;
-  const std::size_t mask = slots_.size() - 1;
-  for (std::size_t slot = hash & mask; slots_[slot] != kNoNode; slot = (slot + 1) & mask) {
-    if (matches(slots_[slot])) return slots_[slot];
-  }
-  return kNoNode;
-}
-
-void DirectoryTree::Index::insert(const DirectoryTree& tree, NodeId node) {
-  if ((used_ + 1) * 4 > slots_.size() * 3) grow(tree);
-  const std::size_t mask = slots_.size() - 1;
-  std::size_t slot = (tree.*hash_)(node)&mask;
-  while (slots_[slot] != kNoNode) slot = (slot + 1) & mask;
-  slots_[slot] = node;
-  ++used_;
-}
-
-void DirectoryTree::Index::erase(const DirectoryTree& tree, NodeId node) {
-  if (slots_.empty()) return;
-  const std::size_t mask = slots_.size() - 1;
-  std::size_t hole = (tree.*hash_)(node)&mask;
-  while (slots_[hole] != node) {
-    if (slots_[hole] == kNoNode) return;
-    hole = (hole + 1) & mask;
-  }
-  // Whatever probed past the hole moves into it, or a later look-up would stop there.
-  for (std::size_t slot = (hole + 1) & mask; slots_[slot] != kNoNode; slot = (slot + 1) & mask) {
-    const std::size_t home = (tree.*hash_)(slots_[slot]) & mask;
-    if (((slot - home) & mask) >= ((slot - hole) & mask)) {
-      slots_[hole] = slots_[slot];
-      hole = slot;
-    }
-  }
-  slots_[hole] = kNoNode;
-  --used_;
-}
-
-void DirectoryTree::Index::grow(const DirectoryTree& tree) {
-  std::vector<NodeId> old(std::move(slots_));
-  slots_.assign(old.empty() ? 64 : old.size() * 2, kNoNode);
-  used_ = 0;
-  for (const NodeId node : old) {
-    if (node != kNoNode) insert(tree, node);
-  }
-}
 
 DirectoryTree::DirectoryTree() {
   const NodeId root = allocate();
@@ -110,9 +63,9 @@ std::string_view DirectoryTree::key(NodeId node) const {
   return {text + kTextHeader, static_cast<unsigned char>(text[2])};
 }
 
-std::size_t DirectoryTree::keyHash(NodeId node) const { return hashBytes(key(node), 0); }
+std::uint32_t DirectoryTree::keyHash(NodeId node) const { return hashBytes(key(node), 0); }
 
-std::size_t DirectoryTree::placeHash(NodeId node) const { return hashBytes(name(node), at(node).parent + 1); }
+std::uint32_t DirectoryTree::placeHash(NodeId node) const { return hashBytes(name(node), at(node).parent + 1); }
 
 void DirectoryTree::link(NodeId node, NodeId parent) {
   Node& item = at(node);
@@ -137,22 +90,22 @@ NodeId DirectoryTree::add(NodeId parent, std::string_view name, std::string_view
   const NodeId node = allocate();
   setText(node, name, key);
   link(node, parent);
-  byPlace_.insert(*this, node);
-  if (!key.empty()) byKey_.insert(*this, node);
+  byPlace_.insert(placeHash(node), node);
+  if (!key.empty()) byKey_.insert(keyHash(node), node);
   return node;
 }
 
 void DirectoryTree::setKey(NodeId node, std::string_view newKey) {
   if (key(node) == newKey) return;
-  if (!key(node).empty()) byKey_.erase(*this, node);
+  if (!key(node).empty()) byKey_.erase(keyHash(node), node);
   const std::string keptName(name(node));
   setText(node, keptName, newKey);
-  if (!newKey.empty()) byKey_.insert(*this, node);
+  if (!newKey.empty()) byKey_.insert(keyHash(node), node);
 }
 
 void DirectoryTree::detach(NodeId node) {
   if (at(node).detached || node == kRoot) return;
-  byPlace_.erase(*this, node);
+  byPlace_.erase(placeHash(node), node);
   at(node).detached = true;
 }
 
@@ -164,7 +117,7 @@ void DirectoryTree::move(NodeId node, NodeId newParent, std::string_view newName
   setText(node, keptName, keptKey);
   link(node, newParent);
   at(node).detached = false;
-  byPlace_.insert(*this, node);
+  byPlace_.insert(placeHash(node), node);
 }
 
 void DirectoryTree::remove(NodeId top, const std::function<void(std::string_view key, std::uint8_t flags)>& forgotten) {
@@ -178,14 +131,14 @@ void DirectoryTree::remove(NodeId top, const std::function<void(std::string_view
     const NodeId above = at(node).parent;
     if (!key(node).empty()) {
       if (forgotten) forgotten(key(node), at(node).flags);
-      byKey_.erase(*this, node);
+      byKey_.erase(keyHash(node), node);
     }
     if (node == kRoot) {
       setText(node, "", "");
       at(node).flags = 0;
       return;
     }
-    if (!at(node).detached) byPlace_.erase(*this, node);
+    if (!at(node).detached) byPlace_.erase(placeHash(node), node);
     unlink(node);
     release(node);
     if (node == top) return;

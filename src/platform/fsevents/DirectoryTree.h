@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/fsevents/HashIndex.h"
+
 namespace platform::fsevents {
 
 using NodeId = std::uint32_t;
@@ -15,8 +17,8 @@ inline constexpr NodeId kNoNode = 0xFFFFFFFF;
 /// The folders of one watched tree: who is whose parent, under which name, and by which key the kernel speaks of each. A rename is one
 /// change of one node, so no path is ever stored; it is put together from the names when somebody asks.
 ///
-/// Built for a hundred thousand folders and more: 32 bytes a node, one allocation for name and key, two open-addressing tables of node
-/// numbers. Every operation costs the length of the path or of the subtree that it touches, never the size of the tree.
+/// Built for a hundred thousand folders and more: 32 bytes a node, one allocation for name and key, two indices of node numbers. Every
+/// operation costs the length of the path or of the subtree that it touches, never the size of the tree.
 ///
 /// Threads: owned and used by one thread.
 class DirectoryTree {
@@ -72,23 +74,6 @@ class DirectoryTree {
     bool detached = false;
   };
 
-  /// Node numbers found by a hash of something that the node holds. Linear probing; deletion closes the gap.
-  class Index {
-   public:
-    using Hash = std::size_t (DirectoryTree::*)(NodeId) const;
-    explicit Index(Hash hash) : hash_(hash) {}
-    template <class Matches>
-    [[nodiscard]] NodeId find(std::size_t hash, const Matches& matches) const;
-    void insert(const DirectoryTree& tree, NodeId node);
-    void erase(const DirectoryTree& tree, NodeId node);
-
-   private:
-    void grow(const DirectoryTree& tree);
-    Hash hash_;
-    std::vector<NodeId> slots_;
-    std::size_t used_ = 0;
-  };
-
   static constexpr unsigned kChunkBits = 10;
   static constexpr std::size_t kChunkSize = std::size_t{1} << kChunkBits;
 
@@ -99,15 +84,15 @@ class DirectoryTree {
   void setText(NodeId node, std::string_view name, std::string_view key);
   void link(NodeId node, NodeId parent);
   void unlink(NodeId node);
-  [[nodiscard]] std::size_t keyHash(NodeId node) const;
-  [[nodiscard]] std::size_t placeHash(NodeId node) const;
+  [[nodiscard]] std::uint32_t keyHash(NodeId node) const;
+  [[nodiscard]] std::uint32_t placeHash(NodeId node) const;
 
   std::vector<std::unique_ptr<Node[]>> chunks_;  // NOLINT(modernize-avoid-c-arrays): fixed chunks keep nodes in place
   NodeId fresh_ = 0;
   NodeId freeList_ = kNoNode;
   std::size_t size_ = 0;
-  Index byKey_{&DirectoryTree::keyHash};
-  Index byPlace_{&DirectoryTree::placeHash};
+  HashIndex byKey_;
+  HashIndex byPlace_;
 };
 
 }  // namespace platform::fsevents

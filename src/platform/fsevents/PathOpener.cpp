@@ -56,6 +56,8 @@ FSEventStreamEventFlags kindOfMode(unsigned mode) {
   return kFSEventStreamEventFlagItemIsFile;
 }
 
+bool isGone(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
+
 FSEventStreamEventFlags kindOfItem(const std::string& path) {
   struct stat info {};
   if (path.size() < PATH_MAX) return ::lstat(path.c_str(), &info) == 0 ? kindOfMode(info.st_mode) : 0;

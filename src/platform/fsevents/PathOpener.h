@@ -15,6 +15,9 @@ FileHandle openFolderBelow(int root, std::string_view relative);
 /// Opens the folder `name` in `parent`, which may not be a symbolic link. errno on failure.
 FileHandle openFolderIn(int parent, const char* name);
 
+/// Whether these functions' errno says that no folder stands there (any more), as opposed to one that cannot be opened.
+bool isGone(int error);
+
 /// What stands at an absolute path of any length, the last component not followed: ItemIsFile, ItemIsDir or ItemIsSymlink; 0 where nothing
 /// can be seen.
 FSEventStreamEventFlags kindOfItem(const std::string& path);

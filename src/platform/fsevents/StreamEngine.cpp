@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <set>
 #include <utility>
 
+#include "platform/foundation/base/AllSignalsBlocked.h"
 #include "platform/fsevents/KernelLimits.h"
 #include "platform/fsevents/PathOpener.h"
 #include "platform/fsevents/WatchedPath.h"
@@ -32,9 +32,6 @@ constexpr std::chrono::microseconds kQuietPerFolder(50);
 constexpr std::chrono::milliseconds kLongestBackoff(60'000);
 constexpr std::chrono::milliseconds kRefreshPatience(200);
 
-constexpr FSEventStreamEventFlags kAnyKind =
-    kFSEventStreamEventFlagItemIsFile | kFSEventStreamEventFlagItemIsDir | kFSEventStreamEventFlagItemIsSymlink;
-
 bool isLimit(int error) { return error == EMFILE || error == ENFILE || error == ENOSPC || error == ENOMEM; }
 
 }  // namespace
@@ -46,13 +43,10 @@ StreamEngine::~StreamEngine() { stop(); }
 
 bool StreamEngine::start() {
   clock_ = std::make_unique<EventClock::Member>([this] { refreshClock(); });
-  sigset_t all;
-  sigset_t before;
-  ::sigfillset(&all);
-  // The process's signals are for its other threads.
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
-  thread_ = std::thread([this] { run(); });
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  {
+    const AllSignalsBlocked blocked;
+    thread_ = std::thread([this] { run(); });
+  }
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return standing_.has_value(); });
   return *standing_;
@@ -333,7 +327,7 @@ void StreamEngine::offer() {
       const TreeOptions& options = trees_[event.tree]->options();
       const FSEventStreamEventFlags kind = kindOfItem(options.openPath + event.path.substr(options.reportedPath.size()));
       // Of what is gone nothing can be seen any more: most items are files.
-      event.flags |= kind != 0 || (event.flags & kAnyKind) != 0 ? kind : kFSEventStreamEventFlagItemIsFile;
+      event.flags |= kind != 0 || (event.flags & kAnyItemKind) != 0 ? kind : kFSEventStreamEventFlagItemIsFile;
       if (++count % 1024 == 0) {
         for (const auto& tree : trees_) tree->drain();
       }

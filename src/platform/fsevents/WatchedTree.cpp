@@ -35,7 +35,7 @@ WatchedTree::Attached WatchedTree::attach(FSEventStreamEventFlags report, int& e
     return Attached::Refused;
   }
   if (!opened.isOpen()) {
-    if (error != ENOENT && error != ENOTDIR && error != ELOOP) status_.addUnreadable(options_.reportedPath);
+    if (!isGone(error)) status_.addUnreadable(options_.reportedPath);
     sources_.clear();
     return Attached::Missing;
   }

@@ -215,7 +215,6 @@ class WatchedTree {
   bool queuesWereEmpty_ = true;
   /// When the last look at the kernel queues began.
   Clock::time_point drainedAt_{};
-  bool limitSaid_ = false;
   std::vector<Displaced> displaced_;
   std::vector<Sighting> sightings_;
   /// Known folders that a listing found in another place, by their keys.

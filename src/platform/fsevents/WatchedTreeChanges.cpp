@@ -116,7 +116,7 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
   FileHandle opened = openFolder(folder, name);
   if (!opened.isOpen()) {
     const int error = errno;
-    if (error != ENOENT && error != ENOTDIR && error != ELOOP) {
+    if (!isGone(error)) {
       openFailed(folder, name, nullptr, error);
     } else {
       seemsGone(folder, name, report, attempts);

@@ -24,7 +24,6 @@ constexpr std::chrono::milliseconds kRetryPause(100);
 constexpr std::chrono::milliseconds kGonePause(3);
 constexpr std::size_t kListingSize = std::size_t{32} << 10U;
 
-bool isGone(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
 bool isRefused(int error) { return error == EACCES || error == EPERM; }
 
 FSEventStreamEventFlags kindOfEntry(const dirent64& entry, int folder) {

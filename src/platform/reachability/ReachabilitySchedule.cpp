@@ -3,6 +3,7 @@
 #include <linux/rtnetlink.h>
 #include <sys/epoll.h>
 
+#include <cassert>
 #include <utility>
 #include <vector>
 
@@ -27,29 +28,38 @@ std::shared_ptr<ReachabilitySchedule> ReachabilitySchedule::begin(const Reachabi
                                                                   const std::shared_ptr<RunLoop>& runLoop, Changed changed) {
   auto socket = NetlinkSocket::open(groups());
   if (!socket) return nullptr;
-  std::shared_ptr<ReachabilitySchedule> schedule(new ReachabilitySchedule(endpoint, runLoop, *std::move(socket), std::move(changed)));
-  if (!endpoint.needsResolving()) {
-    // Looked at after the socket listens: a change in between is seen, at worst twice.
-    const auto flags = endpoint.flags();
-    if (!flags) return nullptr;
-    schedule->flags_ = *flags;
-  }
+  // Looked at after the socket listens: a change in between is seen, at worst twice.
+  const auto flags = endpoint.needsResolving() ? NetworkReachabilityFlags{0} : endpoint.flags();
+  if (!flags) return nullptr;
+  std::shared_ptr<ReachabilitySchedule> schedule(
+      new ReachabilitySchedule(endpoint, runLoop, *std::move(socket), *flags, std::move(changed)));
   schedule->addTo(*runLoop);
   return schedule;
 }
 
 ReachabilitySchedule::ReachabilitySchedule(const ReachabilityEndpoint& endpoint, const std::shared_ptr<RunLoop>& runLoop,
-                                           NetlinkSocket socket, Changed changed)
-    : endpoint_(endpoint), runLoop_(runLoop), socket_(std::move(socket)), changed_(std::move(changed)) {}
+                                           NetlinkSocket socket, NetworkReachabilityFlags flags, Changed changed)
+    : endpoint_(endpoint), runLoop_(runLoop), socket_(std::move(socket)), changed_(std::move(changed)), flags_(flags) {}
+
+void ReachabilitySchedule::assertOnRunLoop() const {
+  const auto runLoop = runLoop_.lock();
+  assert(!runLoop || runLoop->isCurrent());
+}
 
 void ReachabilitySchedule::addTo(RunLoop& runLoop) {
   // The items hold this object, and so its socket, until `end` or the end of the run loop's thread.
   const auto self = shared_from_this();
-  readable_ = RunLoopDescriptor::create(socket_.fileDescriptor(), EPOLLIN, [self](unsigned) { self->socketIsReadable(); });
+  readable_ = RunLoopDescriptor::create(socket_.fileDescriptor(), EPOLLIN, [self](unsigned) {
+    self->assertOnRunLoop();
+    self->socketIsReadable();
+  });
   if (endpoint_.needsResolving()) {
-    answered_ = RunLoopSource::create([self] { self->takeResolved(); });
+    answered_ = RunLoopSource::create([self] {
+      self->assertOnRunLoop();
+      self->takeResolved();
+    });
     runLoop.add(answered_);
-    resolveElsewhere();
+    resolve();
   }
   runLoop.add(readable_);
 }
@@ -57,8 +67,8 @@ void ReachabilitySchedule::addTo(RunLoop& runLoop) {
 void ReachabilitySchedule::end() {
   std::shared_ptr<RunLoopTimer> timer;
   {
-    const std::lock_guard lock(mutex_);
-    ended_ = true;
+    const MutexLock lock(mutex_);
+    state_ = State::Ended;
     timer = std::move(timer_);
   }
   readable_->invalidate();
@@ -75,11 +85,14 @@ void ReachabilitySchedule::socketIsReadable() {
 void ReachabilitySchedule::lookAgainLater() {
   const auto runLoop = runLoop_.lock();
   if (!runLoop) return;
-  const auto timer = RunLoopTimer::create(kSettleSeconds, 0, [self = shared_from_this()] { self->look(); });
+  const auto timer = RunLoopTimer::create(kSettleSeconds, 0, [self = shared_from_this()] {
+    self->assertOnRunLoop();
+    self->look();
+  });
   std::shared_ptr<RunLoopTimer> former;
   {
-    const std::lock_guard lock(mutex_);
-    if (ended_) return;
+    const MutexLock lock(mutex_);
+    if (state_ == State::Ended) return;
     former = std::exchange(timer_, timer);
   }
   if (former) former->invalidate();
@@ -89,20 +102,23 @@ void ReachabilitySchedule::lookAgainLater() {
 
 void ReachabilitySchedule::look() {
   if (endpoint_.needsResolving()) {
-    resolveElsewhere();
+    resolve();
   } else {
     told(endpoint_.flags());
   }
 }
 
-void ReachabilitySchedule::resolveElsewhere() {
+void ReachabilitySchedule::resolve() {
   {
-    const std::lock_guard lock(mutex_);
-    if (ended_) return;
-    // What changes while a resolver is at work, it may have missed.
-    resolveAgain_ = resolving_;
-    if (std::exchange(resolving_, true)) return;
+    const MutexLock lock(mutex_);
+    if (state_ == State::Resolving) state_ = State::Late;
+    if (state_ != State::Waiting) return;
+    state_ = State::Resolving;
   }
+  askResolver();
+}
+
+void ReachabilitySchedule::askResolver() {
   // A resolver may take long, and nobody has to wait for it to let go of this object.
   runOnPoolThread([endpoint = endpoint_, observer = weak_from_this()] {
     const auto flags = endpoint.flags();
@@ -113,19 +129,20 @@ void ReachabilitySchedule::resolveElsewhere() {
 void ReachabilitySchedule::resolved(std::optional<NetworkReachabilityFlags> flags) {
   bool again = false;
   {
-    const std::lock_guard lock(mutex_);
-    resolving_ = false;
+    const MutexLock lock(mutex_);
+    if (state_ == State::Ended) return;
     answer_ = flags;
-    again = std::exchange(resolveAgain_, false);
+    again = state_ == State::Late;
+    state_ = again ? State::Resolving : State::Waiting;
   }
   answered_->signal();
-  if (again) resolveElsewhere();
+  if (again) askResolver();
 }
 
 void ReachabilitySchedule::takeResolved() {
   std::optional<NetworkReachabilityFlags> answer;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     answer = answer_;
   }
   told(answer);
@@ -133,8 +150,8 @@ void ReachabilitySchedule::takeResolved() {
 
 void ReachabilitySchedule::told(std::optional<NetworkReachabilityFlags> flags) {
   {
-    const std::lock_guard lock(mutex_);
-    if (ended_) return;
+    const MutexLock lock(mutex_);
+    if (state_ == State::Ended) return;
   }
   if (!flags) {
     // No socket to ask with at this moment: what is known stands until there is one.

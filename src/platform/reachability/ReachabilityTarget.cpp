@@ -1,10 +1,10 @@
 #include "platform/reachability/ReachabilityTarget.h"
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/reachability/ReachabilityEndpoint.h"
 #include "platform/reachability/ReachabilitySchedule.h"
 
@@ -24,29 +24,29 @@ class RoutedTarget final : public ReachabilityTarget, public std::enable_shared_
 
   [[nodiscard]] std::optional<NetworkReachabilityFlags> flags() const override { return endpoint_.flags(); }
 
-  bool setCallback(Callback callback) override {
+  bool setCallback(Callback callback) override EXCLUDES(mutex_) {
     auto shared = callback ? std::make_shared<const Callback>(std::move(callback)) : nullptr;
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     // The former one is released outside the lock, with `shared`.
     callback_.swap(shared);
     return true;
   }
 
-  bool scheduleWithRunLoop(const std::shared_ptr<RunLoop>& runLoop) override {
+  bool scheduleWithRunLoop(const std::shared_ptr<RunLoop>& runLoop) override EXCLUDES(mutex_) {
     // A target that is being let go of calls nobody any more.
     auto schedule = ReachabilitySchedule::begin(endpoint_, runLoop, [observer = weak_from_this()](NetworkReachabilityFlags flags) {
       if (const auto self = observer.lock()) self->call(flags);
     });
     if (!schedule) return false;
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     schedules_.push_back(std::move(schedule));
     return true;
   }
 
-  bool unscheduleFromRunLoop(const std::shared_ptr<RunLoop>& runLoop) override {
+  bool unscheduleFromRunLoop(const std::shared_ptr<RunLoop>& runLoop) override EXCLUDES(mutex_) {
     std::shared_ptr<ReachabilitySchedule> schedule;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       const auto found =
           std::find_if(schedules_.begin(), schedules_.end(), [&runLoop](const auto& each) { return each->isOn(runLoop.get()); });
       if (found == schedules_.end()) return false;
@@ -57,25 +57,25 @@ class RoutedTarget final : public ReachabilityTarget, public std::enable_shared_
     return true;
   }
 
-  [[nodiscard]] bool isScheduled() const override {
-    const std::lock_guard lock(mutex_);
+  [[nodiscard]] bool isScheduled() const override EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     return !schedules_.empty();
   }
 
  private:
-  void call(NetworkReachabilityFlags flags) const {
+  void call(NetworkReachabilityFlags flags) const EXCLUDES(mutex_) {
     std::shared_ptr<const Callback> callback;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       callback = callback_;
     }
     if (callback) (*callback)(*this, flags);
   }
 
   const ReachabilityEndpoint endpoint_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<const Callback> callback_;
-  std::vector<std::shared_ptr<ReachabilitySchedule>> schedules_;
+  mutable Mutex mutex_;
+  std::shared_ptr<const Callback> callback_ GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<ReachabilitySchedule>> schedules_ GUARDED_BY(mutex_);
 };
 
 std::shared_ptr<ReachabilityTarget> targetAt(std::optional<ReachabilityEndpoint> endpoint) {

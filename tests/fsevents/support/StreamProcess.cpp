@@ -22,7 +22,7 @@ namespace kestrine::test {
 
 namespace {
 
-constexpr std::chrono::seconds kAnswerLimit(60);
+constexpr std::chrono::milliseconds kAnswerLimit = kPatience;
 
 std::string helperProgram() { return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fsevents_stream_helper"; }
 

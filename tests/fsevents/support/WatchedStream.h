@@ -15,6 +15,7 @@
 
 #include "platform/concurrency/RunLoop.h"
 #include "platform/fsevents/FSEventStream.h"
+#include "tests/support/Eventually.h"
 
 namespace kestrine::test {
 
@@ -46,16 +47,14 @@ class WatchedStream {
   /// Destroys the stream on the calling thread.
   void destroyStream() { stream_.reset(); }
   /// Whether the run loop's `run` returned within the limit.
-  bool loopEnds(std::chrono::milliseconds limit = std::chrono::seconds(20));
+  bool loopEnds(std::chrono::milliseconds limit = kPatience);
 
   /// Delivers what happened so far.
   void flush() { stream_->flushSync(); }
   /// Waits until all of `flags` were told of `path`, in one event or in several.
-  bool waitFor(const std::string& path, platform::FSEventStreamEventFlags flags,
-               std::chrono::milliseconds limit = std::chrono::seconds(20));
+  bool waitFor(const std::string& path, platform::FSEventStreamEventFlags flags, std::chrono::milliseconds limit = kPatience);
   /// The same for any condition on the events so far.
-  bool waitUntil(const std::function<bool(const std::vector<platform::FSEvent>&)>& condition,
-                 std::chrono::milliseconds limit = std::chrono::seconds(20));
+  bool waitUntil(const std::function<bool(const std::vector<platform::FSEvent>&)>& condition, std::chrono::milliseconds limit = kPatience);
 
   /// Everything since the beginning or the last `clear`, in the order of delivery.
   [[nodiscard]] std::vector<platform::FSEvent> events() const;

@@ -103,6 +103,10 @@ Value answer(const Value& message, const Connection& connection) {
   }
   if (command == "die") raise(SIGKILL);
   if (command == "throw") throw std::runtime_error("as asked");
+  if (command == "throw on main loop") {
+    // Whatever it is: not all that is thrown is a std::exception.
+    platform::RunLoop::main()->perform([] { throw 42; });  // NOLINT(hicpp-exception-baseclass)
+  }
   if (command == "log") platform::NSLog("a line for the log");
   return Value::dictionary({});
 }

@@ -5,7 +5,7 @@
 
 #include "platform/network/message/URLSessionConfiguration.h"
 #include "platform/network/wire/CurlMulti.h"
-#include "platform/network/wire/WireAddress.h"
+#include "platform/network/wire/Origin.h"
 
 namespace platform::network {
 
@@ -19,16 +19,16 @@ class SessionCore {
   SessionCore& operator=(const SessionCore&) = delete;
 
   [[nodiscard]] const URLSessionConfiguration& configuration() const { return configuration_; }
-  CurlMulti& multi();
+  CurlMulti& multi() REQUIRES(networkThread);
 
   enum class Trust { Unknown, AsTheSystemSays, Given };
-  [[nodiscard]] Trust trust(const Origin& origin) const;
-  void setTrust(const Origin& origin, Trust trust) { trust_[origin] = trust; }
+  [[nodiscard]] Trust trust(const Origin& origin) const REQUIRES(networkThread);
+  void setTrust(const Origin& origin, Trust trust) REQUIRES(networkThread) { trust_[origin] = trust; }
 
  private:
   const URLSessionConfiguration configuration_;
-  std::shared_ptr<CurlMulti> multi_;
-  std::map<Origin, Trust> trust_;
+  std::shared_ptr<CurlMulti> multi_ GUARDED_BY(networkThread);
+  std::map<Origin, Trust> trust_ GUARDED_BY(networkThread);
 };
 
 }  // namespace platform::network

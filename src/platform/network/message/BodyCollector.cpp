@@ -1,9 +1,9 @@
 #include "platform/network/message/BodyCollector.h"
 
-#include <cerrno>
-#include <system_error>
 #include <utility>
 
+#include "platform/foundation/base/DescriptorIO.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/network/message/TemporaryFile.h"
 #include "platform/network/message/URLError.h"
 
@@ -24,19 +24,22 @@ std::optional<Error> BodyCollector::append(std::span<const char> piece) {
   if (!file_.isOpen()) {
     if (auto error = openFile()) return error;
   }
-  if (!writeAll(file_.fileDescriptor(), piece.data(), piece.size())) {
-    return URLError(NSURLErrorCannotWriteToFile, {}, std::generic_category().message(errno));
-  }
+  if (auto error = write({piece.data(), piece.size()})) return error;
   length_ += piece.size();
   return std::nullopt;
 }
 
 std::optional<Error> BodyCollector::openFile() {
-  file_ = makeNamelessFile();
-  if (!file_.isOpen()) return URLError(NSURLErrorCannotCreateFile, {}, std::generic_category().message(errno));
-  const auto held = std::exchange(memory_, {});
-  if (writeAll(file_.fileDescriptor(), held.data(), held.size())) return std::nullopt;
-  return URLError(NSURLErrorCannotWriteToFile, {}, std::generic_category().message(errno));
+  auto file = makeNamelessFile();
+  if (!file) return URLError(NSURLErrorCannotCreateFile, {}, errnoText(file.error()));
+  file_ = *std::move(file);
+  return write(std::exchange(memory_, {}));
+}
+
+std::optional<Error> BodyCollector::write(std::string_view bytes) const {
+  const int failure = writeAll(file_.fileDescriptor(), bytes);
+  if (failure == 0) return std::nullopt;
+  return URLError(NSURLErrorCannotWriteToFile, {}, errnoText(failure));
 }
 
 Bytes BodyCollector::takeBytes() {
@@ -47,7 +50,9 @@ Bytes BodyCollector::takeBytes() {
 
 std::shared_ptr<const FileHandle> BodyCollector::takeFile() {
   length_ = 0;
-  if (place_ == Place::File && !file_.isOpen()) file_ = makeNamelessFile();
+  if (place_ == Place::File && !file_.isOpen()) {
+    if (auto empty = makeNamelessFile()) file_ = *std::move(empty);
+  }
   return file_.isOpen() ? std::make_shared<const FileHandle>(std::move(file_)) : nullptr;
 }
 

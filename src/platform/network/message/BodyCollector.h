@@ -4,6 +4,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "platform/foundation/base/Error.h"
 #include "platform/foundation/base/FileHandle.h"
@@ -28,6 +29,7 @@ class BodyCollector {
 
  private:
   std::optional<Error> openFile();
+  [[nodiscard]] std::optional<Error> write(std::string_view bytes) const;
 
   const Place place_;
   std::string memory_;

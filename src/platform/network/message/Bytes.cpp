@@ -8,10 +8,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
+#include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/network/message/TemporaryFile.h"
 
 namespace platform {
@@ -21,31 +22,19 @@ namespace {
 /// A file up to this size is copied into memory, which is cheaper than a file of its own.
 constexpr std::uint64_t kSmall = 64U << 10U;
 
-Error systemError(int number, const std::string& what) {
-  return {NSPOSIXErrorDomain, number, what + ": " + std::generic_category().message(number)};
-}
+Error systemError(int number, const std::string& what) { return {NSPOSIXErrorDomain, number, what + ": " + errnoText(number)}; }
 
 struct Opened {
   std::shared_ptr<const FileHandle> file;
   std::uint64_t length = 0;
 };
 
-void tell(Error* error, int number, const std::string& path) {
-  if (error != nullptr) *error = systemError(number, path);
-}
-
 /// Without blocking on what is no regular file, such as a pipe.
-std::optional<Opened> openRegular(const std::string& path, Error* error) {
+Result<Opened, Error> openRegular(const std::string& path) {
   FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (!file.isOpen() || fstat(file.fileDescriptor(), &status) != 0) {
-    tell(error, errno, path);
-    return std::nullopt;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    tell(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
-    return std::nullopt;
-  }
+  if (!file.isOpen() || fstat(file.fileDescriptor(), &status) != 0) return systemError(errno, path);
+  if (!S_ISREG(status.st_mode)) return systemError(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
   return Opened{std::make_shared<const FileHandle>(std::move(file)), static_cast<std::uint64_t>(status.st_size)};
 }
 
@@ -66,30 +55,27 @@ Bytes Bytes::ofDescriptor(std::shared_ptr<const FileHandle> file, std::uint64_t 
   return bytes;
 }
 
-std::optional<Bytes> Bytes::dataWithContentsOfFile(const std::string& path, Error* error) {
-  auto opened = openRegular(path, error);
-  if (!opened) return std::nullopt;
+Result<Bytes, Error> Bytes::dataWithContentsOfFile(const std::string& path) {
+  auto opened = openRegular(path);
+  if (!opened) return std::move(opened).error();
   return ofDescriptor(std::move(opened->file), opened->length);
 }
 
-std::optional<Bytes> Bytes::snapshotOfFile(const std::string& path, Error* error) {
-  const auto opened = openRegular(path, error);
-  if (!opened) return std::nullopt;
+Result<Bytes, Error> Bytes::snapshotOfFile(const std::string& path) {
+  const auto opened = openRegular(path);
+  if (!opened) return opened.error();
   const auto there = ofDescriptor(opened->file, opened->length);
   if (opened->length <= kSmall) {
     try {
       return Bytes(there.text());
     } catch (const Exception&) {
-      tell(error, ENODATA, path);
-      return std::nullopt;
+      return systemError(ENODATA, path);
     }
   }
   auto copy = network::makeNamelessFile();
-  if (!copy.isOpen() || !network::copyFile(opened->file->fileDescriptor(), copy.fileDescriptor(), opened->length)) {
-    tell(error, errno, path);
-    return std::nullopt;
-  }
-  return ofDescriptor(std::make_shared<const FileHandle>(std::move(copy)), opened->length);
+  const int failure = copy ? network::copyFile(opened->file->fileDescriptor(), copy->fileDescriptor(), opened->length) : copy.error();
+  if (failure != 0) return systemError(failure, path);
+  return ofDescriptor(std::make_shared<const FileHandle>(*std::move(copy)), opened->length);
 }
 
 std::uint64_t Bytes::length() const { return memory_ ? memory_->size() : file_ ? file_->length : 0; }
@@ -104,7 +90,7 @@ std::size_t Bytes::read(std::uint64_t offset, std::span<char> room) const {
   while (got < wanted) {
     const auto count = pread(file_->handle->fileDescriptor(), room.data() + got, wanted - got, static_cast<off_t>(offset + got));
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throw Exception(NSFileReadException, "a file cannot be read: " + std::generic_category().message(errno));
+    if (count < 0) throw Exception(NSFileReadException, "a file cannot be read: " + errnoText(errno));
     if (count == 0) throw Exception(NSFileReadException, "a file has become shorter while it was read");
     got += static_cast<std::size_t>(count);
   }
@@ -127,9 +113,13 @@ Data Bytes::data() const {
 std::optional<Error> Bytes::writeToFile(const std::string& path) const {
   const FileHandle file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!file.isOpen()) return systemError(errno, path);
-  const bool written = file_ ? network::copyFile(file_->handle->fileDescriptor(), file.fileDescriptor(), file_->length)
-                             : !memory_ || network::writeAll(file.fileDescriptor(), memory_->data(), memory_->size());
-  return written ? std::nullopt : std::optional(systemError(errno, path));
+  int failure = 0;
+  if (file_) {
+    failure = network::copyFile(file_->handle->fileDescriptor(), file.fileDescriptor(), file_->length);
+  } else if (memory_) {
+    failure = writeAll(file.fileDescriptor(), *memory_);
+  }
+  return failure == 0 ? std::nullopt : std::optional(systemError(failure, path));
 }
 
 bool operator==(const Bytes& a, const Bytes& b) {

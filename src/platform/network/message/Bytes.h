@@ -10,6 +10,7 @@
 
 #include "platform/foundation/base/Error.h"
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {
@@ -32,12 +33,12 @@ class Bytes {
 
   /// The first `length` bytes of an open file, read where it is; whoever else may write it can spoil them.
   static Bytes ofDescriptor(std::shared_ptr<const FileHandle> file, std::uint64_t length);
-  /// The regular file at `path` as it is now, without copying: what is read later is what it holds then. Nothing when it cannot be opened
-  /// or is no regular file; `error`, when given, says why.
-  static std::optional<Bytes> dataWithContentsOfFile(const std::string& path, Error* error = nullptr);
+  /// The regular file at `path` as it is now, without copying: what is read later is what it holds then. An error (of
+  /// NSPOSIXErrorDomain) when it cannot be opened or is no regular file.
+  static Result<Bytes, Error> dataWithContentsOfFile(const std::string& path);
   /// The same, but a copy of its own, made by the kernel (shared extents where the file system can): later changes, also an overwriting
   /// of `path` itself with these bytes, leave it alone.
-  static std::optional<Bytes> snapshotOfFile(const std::string& path, Error* error = nullptr);
+  static Result<Bytes, Error> snapshotOfFile(const std::string& path);
 
   [[nodiscard]] std::uint64_t length() const;
   [[nodiscard]] bool empty() const { return length() == 0; }

@@ -2,21 +2,13 @@
 
 #include <algorithm>
 
+#include "platform/foundation/text/ASCII.h"
+
 namespace platform {
-
-namespace {
-
-char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-}  // namespace
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return lowered(x) == lowered(y); });
-}
 
 const HTTPHeaders::Field* HTTPHeaders::find(std::string_view name) const {
   const auto found =
-      std::find_if(fields_.begin(), fields_.end(), [name](const Field& field) { return equalsIgnoringCase(field.first, name); });
+      std::find_if(fields_.begin(), fields_.end(), [name](const Field& field) { return equalIgnoringASCIICase(field.first, name); });
   return found == fields_.end() ? nullptr : &*found;
 }
 
@@ -37,7 +29,7 @@ void HTTPHeaders::add(std::string_view name, std::string_view value) {
 }
 
 void HTTPHeaders::remove(std::string_view name) {
-  std::erase_if(fields_, [name](const Field& field) { return equalsIgnoringCase(field.first, name); });
+  std::erase_if(fields_, [name](const Field& field) { return equalIgnoringASCIICase(field.first, name); });
 }
 
 std::optional<std::string> HTTPHeaders::value(std::string_view name) const {

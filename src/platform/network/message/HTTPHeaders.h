@@ -31,7 +31,4 @@ class HTTPHeaders {
   std::vector<Field> fields_;
 };
 
-/// Whether two header names, or other ASCII words of HTTP, are the same without regard to case.
-bool equalsIgnoringCase(std::string_view a, std::string_view b);
-
 }  // namespace platform

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
 
 // Internal to the network room.
 namespace platform::network {
@@ -12,18 +13,15 @@ namespace platform::network {
 std::string temporaryFolder();
 
 /// A new empty file without a name (open(2), O_TMPFILE; where the file system cannot, one whose name is removed at once), readable and
-/// writable by this user. Not open, with errno, when there can be none.
-FileHandle makeNamelessFile();
+/// writable by this user. An errno value when there can be none.
+Result<FileHandle, int> makeNamelessFile();
 
-/// Gives a nameless file a fresh name in the temporary folder, or copies it to one where it has none to give (open(2) on O_TMPFILE). Empty,
-/// with errno, when that fails.
-std::string nameFile(const FileHandle& file);
+/// Gives a nameless file a fresh name in the temporary folder, or copies it to one where it has none to give (open(2) on O_TMPFILE). Its
+/// path, or an errno value.
+Result<std::string, int> nameFile(const FileHandle& file);
 
-/// Copies `length` bytes from the start of one file to the position of the other, in the kernel where it can. False, with errno, when it
-/// fails; ENODATA when the source holds fewer.
-bool copyFile(int from, int to, std::uint64_t length);
-
-/// Writes all of it at the position of the file. False, with errno.
-bool writeAll(int descriptor, const char* bytes, std::size_t size);
+/// Copies `length` bytes from the start of one file to the position of the other, in the kernel where it can. 0, or an errno value; ENODATA
+/// when the source holds fewer.
+[[nodiscard]] int copyFile(int from, int to, std::uint64_t length);
 
 }  // namespace platform::network

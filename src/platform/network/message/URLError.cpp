@@ -24,7 +24,6 @@ constexpr std::array kSentences = {
     Sentence{NSURLErrorHTTPTooManyRedirects, "There were too many redirects."},
     Sentence{NSURLErrorResourceUnavailable, "This computer has not got what the request takes."},
     Sentence{NSURLErrorNotConnectedToInternet, "There is no network."},
-    Sentence{NSURLErrorRedirectToNonExistentLocation, "The redirect leads nowhere."},
     Sentence{NSURLErrorUserAuthenticationRequired, "Authentication is required."},
     Sentence{NSURLErrorCannotDecodeContentData, "The reply's encoding could not be undone."},
     Sentence{NSURLErrorCannotParseResponse, "The reply could not be understood."},

@@ -21,7 +21,6 @@ inline constexpr std::int64_t NSURLErrorNetworkConnectionLost = -1005;
 inline constexpr std::int64_t NSURLErrorHTTPTooManyRedirects = -1007;
 inline constexpr std::int64_t NSURLErrorResourceUnavailable = -1008;
 inline constexpr std::int64_t NSURLErrorNotConnectedToInternet = -1009;
-inline constexpr std::int64_t NSURLErrorRedirectToNonExistentLocation = -1010;
 inline constexpr std::int64_t NSURLErrorUserAuthenticationRequired = -1013;
 inline constexpr std::int64_t NSURLErrorCannotDecodeContentData = -1016;
 inline constexpr std::int64_t NSURLErrorCannotParseResponse = -1017;

@@ -28,7 +28,6 @@ class URLRequest {
                       double timeoutInterval = 60);
 
   [[nodiscard]] const std::optional<platform::URL>& URL() const { return url_; }
-  void setURL(std::optional<platform::URL> url) { url_ = std::move(url); }
   [[nodiscard]] URLRequestCachePolicy cachePolicy() const { return cachePolicy_; }
 
   /// Seconds of silence after which the task fails; the session's time-out holds too, so the shorter one decides.

@@ -1,33 +1,18 @@
 #include "platform/network/message/URLResponse.h"
 
-#include <algorithm>
 #include <charconv>
 #include <utility>
 
+#include "platform/foundation/text/ASCII.h"
+
 namespace platform {
-
-namespace {
-
-std::string_view trimmed(std::string_view text) {
-  const auto begin = text.find_first_not_of(" \t");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
-}
-
-std::string lowered(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-  return result;
-}
-
-}  // namespace
 
 URLResponse::URLResponse(platform::URL url, int statusCode, HTTPHeaders headers)
     : url_(std::move(url)), statusCode_(statusCode), headers_(std::move(headers)) {}
 
 std::string URLResponse::MIMEType() const {
   const auto type = headers_.value("Content-Type").value_or("");
-  return lowered(trimmed(std::string_view(type).substr(0, type.find(';'))));
+  return asciiLowered(trimmed(std::string_view(type).substr(0, type.find(';'))));
 }
 
 std::string URLResponse::textEncodingName() const {
@@ -37,10 +22,10 @@ std::string URLResponse::textEncodingName() const {
     rest.remove_prefix(end + 1);
     const auto parameter = trimmed(rest.substr(0, rest.find(';')));
     const auto equals = parameter.find('=');
-    if (equals == std::string_view::npos || !equalsIgnoringCase(parameter.substr(0, equals), "charset")) continue;
+    if (equals == std::string_view::npos || !equalIgnoringASCIICase(parameter.substr(0, equals), "charset")) continue;
     auto value = parameter.substr(equals + 1);
     if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
-    return lowered(value);
+    return asciiLowered(value);
   }
   return {};
 }

@@ -21,7 +21,6 @@ class URLResponse {
   /// The address that answered, after redirects.
   [[nodiscard]] const platform::URL& URL() const { return url_; }
   [[nodiscard]] int statusCode() const { return statusCode_; }
-  [[nodiscard]] const HTTPHeaders& allHeaderFields() const { return headers_; }
   [[nodiscard]] std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const { return headers_.value(field); }
   /// The type and subtype in lower case, without parameters ("application/json"); empty when the reply names none.
   [[nodiscard]] std::string MIMEType() const;

@@ -1,30 +1,10 @@
 #include "platform/network/session/Delivery.h"
 
-#include <exception>
-#include <string>
 #include <utility>
 
-#include "platform/foundation/base/Exception.h"
-#include "platform/foundation/log/Log.h"
+#include "platform/foundation/log/Contained.h"
 
 namespace platform::network {
-
-namespace {
-
-void runLogged(const std::function<void()>& block) {
-  const auto say = [](const std::string& what) { NSLog("an exception left a handler of a URL task: " + what); };
-  try {
-    block();
-  } catch (const Exception& exception) {
-    say(exception.name() + ": " + exception.reason());
-  } catch (const std::exception& exception) {
-    say(exception.what());
-  } catch (...) {
-    say("of an unknown type");
-  }
-}
-
-}  // namespace
 
 /// What the executor is given. Destroyed unrun it gives up the waiting blocks, which hold who delivers here, and would do so for ever.
 class Delivery::Turn {
@@ -43,7 +23,7 @@ class Delivery::Turn {
 
 void Delivery::post(std::function<void()> block) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     blocks_.push_back(std::move(block));
     if (std::exchange(lent_, true)) return;
   }
@@ -57,14 +37,14 @@ void Delivery::lend() {
 void Delivery::runNext() {
   std::function<void()> block;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     block = std::move(blocks_.front());
     blocks_.pop_front();
   }
-  runLogged(block);
+  runContained("an exception left a handler of a URL task", block);
   block = nullptr;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     lent_ = !blocks_.empty();
     if (!lent_) return;
   }
@@ -73,7 +53,7 @@ void Delivery::runNext() {
 
 void Delivery::dropWaiting() {
   std::deque<std::function<void()>> dropped;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   dropped.swap(blocks_);
   lent_ = false;
 }

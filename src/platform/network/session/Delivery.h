@@ -3,7 +3,8 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
+
+#include "platform/foundation/base/Mutex.h"
 
 namespace platform::network {
 
@@ -16,18 +17,19 @@ using Executor = std::function<void(std::function<void()>)>;
 class Delivery : public std::enable_shared_from_this<Delivery> {
  public:
   explicit Delivery(Executor executor) : executor_(std::move(executor)) {}
-  void post(std::function<void()> block);
+  void post(std::function<void()> block) EXCLUDES(mutex_);
 
  private:
   class Turn;
   void lend();
-  void runNext();
-  void dropWaiting();
+  void runNext() EXCLUDES(mutex_);
+  void dropWaiting() EXCLUDES(mutex_);
 
   const Executor executor_;
-  std::mutex mutex_;
-  std::deque<std::function<void()>> blocks_;
-  bool lent_ = false;
+  Mutex mutex_;
+  std::deque<std::function<void()>> blocks_ GUARDED_BY(mutex_);
+  /// The executor has a turn of ours.
+  bool lent_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace platform::network

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <map>
-#include <mutex>
+#include <memory>
 
 #include "platform/network/session/SessionTask.h"
+#include "platform/network/session/SessionTasks.h"
 #include "platform/network/session/URLSession.h"
+#include "platform/network/session/URLSessionDelegate.h"
 
 namespace platform {
 
@@ -14,26 +15,21 @@ struct URLSession::Impl {
   static std::shared_ptr<URLSession> make(const URLSessionConfiguration& configuration, const std::shared_ptr<URLSessionDelegate>& delegate,
                                           std::shared_ptr<OperationQueue> queue, network::Executor executor);
 
-  std::shared_ptr<network::SessionCore> core;
-  std::weak_ptr<URLSessionDelegate> delegate;
-  std::shared_ptr<OperationQueue> queue;
-  network::Executor executor;
+  Impl(const URLSessionConfiguration& configuration, const std::shared_ptr<URLSessionDelegate>& delegate,
+       std::shared_ptr<OperationQueue> queue, network::Executor executor);
 
-  std::mutex mutex;
-  std::uint64_t lastIdentifier = 0;
-  bool invalidated = false;
-  /// The session's delegate was told that it is invalid.
-  bool ended = false;
-  /// Tasks that were resumed and whose end was not told yet.
-  std::size_t running = 0;
-  std::map<std::uint64_t, std::weak_ptr<URLSessionTask>> tasks;
+  const std::shared_ptr<network::SessionCore> core;
+  const std::weak_ptr<URLSessionDelegate> delegate;
+  const std::shared_ptr<OperationQueue> queue;
+  const network::Executor executor;
+  /// Set by its constructor, and valid as long as this.
+  URLSession* session = nullptr;
+  network::SessionTasks tasks;
 
-  std::shared_ptr<URLSessionTask> makeTask(const std::shared_ptr<URLSession>& session, network::SessionTask::Plan plan);
-  void tally(URLSession& session, bool runs);
-  void forget(std::uint64_t identifier);
-  void invalidate(URLSession& session);
-  /// With nothing left to run: the end of an invalidated session.
-  void tellIfEnded(URLSession& session);
+  std::shared_ptr<URLSessionTask> makeTask(network::SessionTask::Plan plan);
+
+ private:
+  void tellEnd();
 };
 
 }  // namespace platform

@@ -36,25 +36,29 @@ std::int64_t codeOfFileError(std::int64_t systemError) {
   return row == kFileErrors.end() ? NSURLErrorCannotOpenFile : row->code;
 }
 
-std::optional<Bytes> openBody(const URL& file, std::optional<Error>& failure) {
-  Error error;
-  auto body = Bytes::dataWithContentsOfFile(file.path(), &error);
-  if (!body) failure = URLError(codeOfFileError(error.code), file.absoluteString(), error.localizedDescription);
-  return body;
+Result<Bytes, Error> openBody(const URL& file) {
+  auto body = Bytes::dataWithContentsOfFile(file.path());
+  if (body) return body;
+  return URLError(codeOfFileError(body.error().code), file.absoluteString(), body.error().localizedDescription);
 }
 
 /// A downloaded file for as long as its handler looks at it.
 class NamedDownload {
  public:
-  explicit NamedDownload(const std::shared_ptr<const FileHandle>& file) : path_(file ? nameFile(*file) : std::string()) {}
+  explicit NamedDownload(const std::shared_ptr<const FileHandle>& file) : path_(file ? pathGivenTo(*file) : std::string()) {}
   ~NamedDownload() {
     if (!path_.empty()) unlink(path_.c_str());
   }
   NamedDownload(const NamedDownload&) = delete;
   NamedDownload& operator=(const NamedDownload&) = delete;
+  /// Empty when there is none to be had.
   [[nodiscard]] const std::string& path() const { return path_; }
 
  private:
+  static std::string pathGivenTo(const FileHandle& file) {
+    auto path = nameFile(file);
+    return path ? *std::move(path) : std::string();
+  }
   const std::string path_;
 };
 
@@ -66,67 +70,76 @@ SessionTask::SessionTask(Plan plan, Place place)
       delivery_(std::make_shared<Delivery>(place_.executor)),
       collector_(plan_.kind == Kind::Download ? BodyCollector::Place::File : BodyCollector::Place::MemoryFirst) {}
 
-SessionTask::~SessionTask() { place_.forget(); }
+SessionTask::~SessionTask() { place_.tasks.forget(place_.identifier); }
 
 void SessionTask::resume() {
-  std::optional<Error> failure;
+  Result<std::shared_ptr<Load>, Error> load(nullptr);
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (state_ != State::Suspended) return;
     state_ = State::Running;
     delegate_ = place_.session->delegate();
-    load_ = makeLoad(failure);
-    place_.tally(true);
-    // Under the lock, so that a cancellation on another thread is behind it.
-    if (load_) load_->start();
+    load = makeLoad();
+    place_.tasks.began();
+    if (load) {
+      load_ = *load;
+      // Under the lock, so that a cancellation on another thread is behind it.
+      (*load)->start();
+    }
   }
-  if (failure) complete(std::move(failure));
+  if (!load) complete(std::move(load).error());
 }
 
-std::shared_ptr<Load> SessionTask::makeLoad(std::optional<Error>& failure) {
+Result<std::shared_ptr<Load>, Error> SessionTask::makeLoad() {
   auto body = plan_.body ? plan_.body : plan_.request.HTTPBody();
-  if (plan_.bodyFile) body = openBody(*plan_.bodyFile, failure);
-  return failure ? nullptr : std::make_shared<Load>(place_.core, plan_.request, std::move(body), self());
+  if (plan_.bodyFile) {
+    auto opened = openBody(*plan_.bodyFile);
+    if (!opened) return std::move(opened).error();
+    body = *std::move(opened);
+  }
+  return std::make_shared<Load>(place_.core, plan_.request, std::move(body), self());
 }
 
 void SessionTask::cancel() {
   std::shared_ptr<Load> load;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (state_ != State::Running && state_ != State::Suspended) return;
     if (std::exchange(state_, State::Canceling) == State::Running) {
-      load = load_;
+      load = load_.lock();
+      // It has ended already, and what comes of that comes.
+      if (!load) return;
     } else {
       delegate_ = place_.session->delegate();
     }
   }
   if (load) return load->cancel();
-  place_.tally(true);
+  place_.tasks.began();
   complete(std::nullopt);
 }
 
 URLSessionTask::State SessionTask::state() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return state_;
 }
 
 std::string SessionTask::taskDescription() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return description_;
 }
 
 void SessionTask::setTaskDescription(std::string text) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   description_ = std::move(text);
 }
 
 std::shared_ptr<const URLResponse> SessionTask::response() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return response_;
 }
 
 std::optional<Error> SessionTask::error() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return error_;
 }
 
@@ -142,7 +155,7 @@ void SessionTask::challenged(const URLAuthenticationChallenge& challenge, URLCha
 
 void SessionTask::responseArrived(const std::shared_ptr<const URLResponse>& response) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     response_ = response;
   }
   if (hasHandler() || !delegate_ || plan_.kind != Kind::Data) return;
@@ -151,10 +164,9 @@ void SessionTask::responseArrived(const std::shared_ptr<const URLResponse>& resp
   });
 }
 
-Exchange::Appetite SessionTask::dataArrived(std::span<const char> piece, std::optional<Error>& failure) {
+Result<Exchange::Appetite, Error> SessionTask::dataArrived(std::span<const char> piece) {
   if (!hasHandler() && plan_.kind == Kind::Data) return delegate_ ? passOn(piece) : Exchange::Appetite::Take;
-  failure = collector_.append(piece);
-  if (failure) return Exchange::Appetite::Refuse;
+  if (auto failure = collector_.append(piece)) return *std::move(failure);
   if (!hasHandler() && delegate_) tellWritten(piece.size());
   return Exchange::Appetite::Take;
 }
@@ -181,8 +193,8 @@ void SessionTask::taken(std::size_t size) {
   if (before <= kWaitingAtMost || before - size > kWaitingAtMost) return;
   std::shared_ptr<Load> load;
   {
-    const std::lock_guard lock(mutex_);
-    load = load_;
+    const MutexLock lock(mutex_);
+    load = load_.lock();
   }
   if (load) load->goOn();
 }
@@ -197,27 +209,22 @@ void SessionTask::tellWritten(std::size_t size) {
   });
 }
 
-void SessionTask::bytesMoved(std::int64_t sent, std::int64_t received) {
-  sent_ = sent;
-  received_ = received;
-}
-
 void SessionTask::loadEnded(std::optional<Error> error) { complete(std::move(error)); }
 
 void SessionTask::complete(std::optional<Error> error) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     // A cancellation that was taken holds, even when the load was faster.
     if (std::exchange(state_, State::Completed) == State::Canceling) {
       error = URLError(NSURLErrorCancelled, plan_.request.URL() ? plan_.request.URL()->absoluteString() : std::string());
     }
     error_ = error;
-    load_ = nullptr;
+    load_.reset();
   }
   // Whatever happens in the caller's code, and when the queue cancels the block, the session hears that the task is done.
   struct Tally {
     const std::shared_ptr<SessionTask> task;
-    ~Tally() { task->place_.tally(false); }
+    ~Tally() { task->place_.tasks.done(); }
   };
   // NOLINTNEXTLINE(modernize-make-shared): which cannot make aggregates
   delivery_->post([tally = std::shared_ptr<Tally>(new Tally{self()}), error = std::move(error)] {
@@ -241,7 +248,7 @@ void SessionTask::tellDownload(const std::optional<Error>& error, const Delegate
   std::optional<URL> location;
   if (!failure && named.path().empty()) {
     failure = URLError(NSURLErrorCannotCreateFile, plan_.request.URL()->absoluteString());
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     error_ = failure;
   } else if (!failure) {
     location = URL::fileURLWithPath(named.path());

@@ -1,9 +1,9 @@
 #include "platform/network/session/URLConnection.h"
 
-#include <mutex>
 #include <utility>
 
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/network/session/SessionImpl.h"
 
 namespace platform {
@@ -57,21 +57,21 @@ struct URLConnection::Impl {
   const URLRequest request;
   const bool startImmediately;
 
-  std::mutex mutex;
-  std::shared_ptr<URLConnectionDelegate> delegate;
-  std::shared_ptr<OperationQueue> queue = {};
-  std::shared_ptr<URLSessionTask> task = {};
-  bool began = false;
-  bool over = false;
+  Mutex mutex;
+  std::shared_ptr<URLConnectionDelegate> delegate GUARDED_BY(mutex);
+  std::shared_ptr<OperationQueue> queue GUARDED_BY(mutex) = {};
+  std::shared_ptr<URLSessionTask> task GUARDED_BY(mutex) = {};
+  bool began GUARDED_BY(mutex) = false;
+  bool over GUARDED_BY(mutex) = false;
 
   /// The delegate, while it wants to hear something.
-  std::shared_ptr<URLConnectionDelegate> listener() {
-    const std::lock_guard lock(mutex);
+  std::shared_ptr<URLConnectionDelegate> listener() EXCLUDES(mutex) {
+    const MutexLock lock(mutex);
     return over ? nullptr : delegate;
   }
   /// Nothing more is told; gives the delegate up.
-  std::shared_ptr<URLConnectionDelegate> end() {
-    const std::lock_guard lock(mutex);
+  std::shared_ptr<URLConnectionDelegate> end() EXCLUDES(mutex) {
+    const MutexLock lock(mutex);
     over = true;
     task = nullptr;
     return std::exchange(delegate, nullptr);
@@ -153,7 +153,7 @@ void URLConnection::start() {
   std::shared_ptr<URLSessionTask> task;
   std::shared_ptr<Translator> translator;
   {
-    const std::lock_guard lock(impl_->mutex);
+    const MutexLock lock(impl_->mutex);
     if (impl_->over || std::exchange(impl_->began, true)) return;
     translator = std::make_shared<Translator>(
         shared_from_this(), [impl = impl_] { return impl->listener(); }, [impl = impl_] { return impl->end(); });
@@ -167,7 +167,7 @@ void URLConnection::start() {
 void URLConnection::cancel() {
   std::shared_ptr<URLSessionTask> task;
   {
-    const std::lock_guard lock(impl_->mutex);
+    const MutexLock lock(impl_->mutex);
     task = impl_->task;
   }
   const auto delegate = impl_->end();
@@ -175,7 +175,7 @@ void URLConnection::cancel() {
 }
 
 void URLConnection::setDelegateQueue(std::shared_ptr<OperationQueue> queue) {
-  const std::lock_guard lock(impl_->mutex);
+  const MutexLock lock(impl_->mutex);
   impl_->queue = std::move(queue);
 }
 

@@ -16,48 +16,7 @@
 
 namespace platform {
 
-class URLSession;
-
-/// Hears of a session and its tasks, on the session's delegate queue, one call after another for one task. What is not overridden does what
-/// the platform does without the method. An exception that leaves a method is said in the log and ends there.
-///
-/// A task with a completion handler sends challenges only.
-class URLSessionDelegate {
- public:
-  using Session = std::shared_ptr<URLSession>;
-  using Task = std::shared_ptr<URLSessionTask>;
-
-  virtual ~URLSessionDelegate();
-
-  /// The session was invalidated and its last task is done.
-  virtual void URLSession_didBecomeInvalidWithError(const Session& session, const std::optional<Error>& error);
-  /// Whether a TLS server is to be trusted.
-  virtual void URLSession_didReceiveChallenge_completionHandler(const Session& session, const URLAuthenticationChallenge& challenge,
-                                                                const URLChallengeHandler& completionHandler);
-  /// A server asks who we are (401). The reply's body, if the challenge is not answered, is the task's.
-  virtual void URLSession_task_didReceiveChallenge_completionHandler(const Session& session, const Task& task,
-                                                                     const URLAuthenticationChallenge& challenge,
-                                                                     const URLChallengeHandler& completionHandler);
-  /// The last call for a task; nothing when it succeeded. HTTP statuses such as 404 are no errors.
-  virtual void URLSession_task_didCompleteWithError(const Session& session, const Task& task, const std::optional<Error>& error);
-
-  /// Data tasks.
-  virtual void URLSession_dataTask_didReceiveResponse(const Session& session, const Task& task,
-                                                      const std::shared_ptr<const URLResponse>& response);
-  /// In order; the next piece is delivered after the call returns, and the transfer halts while a few are waiting.
-  virtual void URLSession_dataTask_didReceiveData(const Session& session, const Task& task, const Bytes& data);
-
-  /// Download tasks. Pieces that arrive faster than the queue takes them are told in one call.
-  virtual void URLSession_downloadTask_didWriteData_totalBytesWritten_totalBytesExpectedToWrite(const Session& session, const Task& task,
-                                                                                                std::int64_t bytesWritten,
-                                                                                                std::int64_t totalBytesWritten,
-                                                                                                std::int64_t totalBytesExpectedToWrite);
-  /// The file at `location` (a file URL) is removed after the call returned, unless it was moved away.
-  virtual void URLSession_downloadTask_didFinishDownloadingToURL(const Session& session, const Task& task, const URL& location);
-  /// Part of the delegate's interface; never called, since no task here can be made from resume data.
-  virtual void URLSession_downloadTask_didResumeAtOffset_expectedTotalBytes(const Session& session, const Task& task,
-                                                                            std::int64_t fileOffset, std::int64_t expectedTotalBytes);
-};
+class URLSessionDelegate;
 
 /// A group of HTTP tasks with one configuration: HTTP/1.1 over plain TCP or TLS, straight to the server (proxies are not consulted), gzip
 /// and deflate decoded, connections kept and used again, no cookies, no cache.
@@ -65,9 +24,9 @@ class URLSessionDelegate {
 /// Redirects are followed as the platform does: 303, and 301 and 302 after a POST, go on as GET without the body; 307 and 308 keep both;
 /// "Authorization" and "Cookie" are not carried to another origin; after 20 the task fails with NSURLErrorHTTPTooManyRedirects.
 ///
-/// Ownership: the caller holds the session; a task that was resumed holds it too, and the delegate with it, until it has completed. The
-/// session itself refers to its delegate weakly, so that a delegate may own its session. Letting go of a session leaves its running tasks
-/// to finish. Connections are closed with the last of both.
+/// Ownership: the caller holds the session, and so does each of its tasks. A task that was resumed is held by the platform until it has
+/// completed, and holds the delegate meanwhile. The session itself refers to its delegate weakly, so that a delegate may own its session,
+/// and keeps no task. Letting go of a session leaves its running tasks to finish. Connections are closed with the last of both.
 ///
 /// Threads: any thread may call anything. All sessions are driven by one network thread of the process, which is started with the first
 /// task, sleeps while nothing happens, and is parked when the process exits.
@@ -112,7 +71,8 @@ class URLSession : public std::enable_shared_from_this<URLSession> {
 
   /// No more tasks; those that were made go on.
   void finishTasksAndInvalidate();
-  /// No more tasks; those that were resumed are cancelled.
+  /// No more tasks; those that have not completed are cancelled, the suspended ones too: each ends with NSURLErrorCancelled, and its
+  /// handler is called.
   void invalidateAndCancel();
 
  private:

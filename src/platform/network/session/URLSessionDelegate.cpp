@@ -1,4 +1,4 @@
-#include "platform/network/session/URLSession.h"
+#include "platform/network/session/URLSessionDelegate.h"
 
 // What happens where a delegate has nothing to say.
 namespace platform {

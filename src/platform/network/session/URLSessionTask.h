@@ -20,8 +20,8 @@ namespace platform {
 /// | Canceling | nothing    | nothing                                  |
 /// | Completed | nothing    | nothing                                  |
 ///
-/// The handler and the delegate hear of the end after the state is Completed. A task keeps its session while it runs; it keeps its handler
-/// until that was called, so one that is never resumed keeps it as long as itself.
+/// The handler and the delegate hear of the end after the state is Completed. A task keeps its session as long as itself, and its handler
+/// until that was called, so one that is never resumed keeps that as long too.
 ///
 /// Threads: any thread may call anything.
 class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
@@ -47,8 +47,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   [[nodiscard]] virtual std::shared_ptr<const URLResponse> response() const = 0;
   /// Why it failed; nothing while it runs and when it succeeded.
   [[nodiscard]] virtual std::optional<Error> error() const = 0;
-  /// Bytes of bodies, as they went over the wire.
-  [[nodiscard]] virtual std::int64_t countOfBytesSent() const = 0;
+  /// Bytes of the reply's body, as they came over the wire.
   [[nodiscard]] virtual std::int64_t countOfBytesReceived() const = 0;
 
  protected:

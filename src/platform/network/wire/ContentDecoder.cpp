@@ -8,9 +8,13 @@
 #include <utility>
 #include <vector>
 
-#include "platform/network/message/HTTPHeaders.h"
+#include "platform/foundation/text/ASCII.h"
+#include "platform/network/message/HTTPText.h"
 
 namespace platform::network {
+
+/// What a body's Content-Encoding asks for.
+enum class Coding { None, Gzip, Deflate, Unknown };
 
 namespace {
 
@@ -19,8 +23,6 @@ constexpr std::size_t kRoom = 64U << 10U;
 constexpr int kWindow = 15;
 constexpr int kGzip = kWindow + 16;
 constexpr int kBare = -kWindow;
-
-enum class Coding { None, Gzip, Deflate, Unknown };
 
 struct Name {
   std::string_view name;
@@ -31,7 +33,7 @@ constexpr std::array kNames = {Name{"gzip", Coding::Gzip}, Name{"x-gzip", Coding
 
 Coding codingNamed(std::string_view name) {
   const auto* const row =
-      std::find_if(kNames.begin(), kNames.end(), [name](const Name& known) { return equalsIgnoringCase(known.name, name); });
+      std::find_if(kNames.begin(), kNames.end(), [name](const Name& known) { return equalIgnoringASCIICase(known.name, name); });
   return row == kNames.end() ? Coding::Unknown : row->coding;
 }
 
@@ -39,12 +41,7 @@ Coding codingNamed(std::string_view name) {
 Coding codingOf(std::string_view list) {
   Coding coding = Coding::None;
   while (!list.empty()) {
-    const std::size_t comma = std::min(list.find(','), list.size());
-    std::string_view name = list.substr(0, comma);
-    list.remove_prefix(std::min(comma + 1, list.size()));
-    while (!name.empty() && (name.front() == ' ' || name.front() == '\t')) name.remove_prefix(1);
-    while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
-    const Coding next = codingNamed(name);
+    const Coding next = codingNamed(takeListElement(list));
     if (next == Coding::None) continue;
     coding = coding == Coding::None ? next : Coding::Unknown;
   }

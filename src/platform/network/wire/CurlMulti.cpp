@@ -2,13 +2,10 @@
 
 #include <sys/epoll.h>
 
-#include <exception>
 #include <new>
-#include <string>
 #include <utility>
 
-#include "platform/foundation/log/Log.h"
-#include "platform/network/wire/NetworkThread.h"
+#include "platform/foundation/log/Contained.h"
 
 namespace platform::network {
 
@@ -20,7 +17,10 @@ CurlMulti::CurlMulti(int connectionsPerHost) : multi_(curl_multi_init()) {
   curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, timerChanged);
   curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this);
   curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, connectionsPerHost > 0 ? static_cast<long>(connectionsPerHost) : 0L);
-  due_ = RunLoopSource::create([this] { act(CURL_SOCKET_TIMEOUT, 0); });
+  due_ = RunLoopSource::create([this] {
+    assertOnNetworkThread();
+    act(CURL_SOCKET_TIMEOUT, 0);
+  });
   networkLoop().add(due_);
 }
 
@@ -43,20 +43,20 @@ void CurlMulti::remove(CURL* easy) {
   if (running_.erase(easy) > 0) curl_multi_remove_handle(multi_.get(), easy);
 }
 
+// Called from inside libcurl, as is the next one: it must not be entered again from there, and no exception may leave.
 int CurlMulti::socketChanged(CURL* /*easy*/, curl_socket_t socket, int what, void* self, void* /*unused*/) {
+  assertOnNetworkThread();
   auto& multi = *static_cast<CurlMulti*>(self);
   if (what == CURL_POLL_REMOVE) {
     multi.forget(socket);
     return 0;
   }
   const unsigned events = ((what & CURL_POLL_IN) != 0 ? EPOLLIN : 0U) | ((what & CURL_POLL_OUT) != 0 ? EPOLLOUT : 0U);
-  try {
+  const bool watched = runContained("network: a socket cannot be watched", [&multi, socket, events] {
+    assertOnNetworkThread();
     multi.watch(socket, events);
-  } catch (const std::exception& exception) {
-    NSLog(std::string("network: a socket cannot be watched: ") + exception.what());
-    return -1;
-  }
-  return 0;
+  });
+  return watched ? 0 : -1;
 }
 
 void CurlMulti::watch(curl_socket_t socket, unsigned events) {
@@ -66,6 +66,7 @@ void CurlMulti::watch(curl_socket_t socket, unsigned events) {
     return;
   }
   item = RunLoopDescriptor::create(socket, events, [this, socket](unsigned ready) {
+    assertOnNetworkThread();
     int action = 0;
     if ((ready & (EPOLLIN | EPOLLHUP)) != 0) action |= CURL_CSELECT_IN;
     if ((ready & EPOLLOUT) != 0) action |= CURL_CSELECT_OUT;
@@ -82,20 +83,24 @@ void CurlMulti::forget(curl_socket_t socket) {
   sockets_.erase(found);
 }
 
-// Called from inside libcurl, which must not be entered again from here.
 int CurlMulti::timerChanged(CURLM* /*multi*/, long milliseconds, void* self) {
   auto& multi = *static_cast<CurlMulti*>(self);
-  if (const auto timer = std::exchange(multi.timer_, nullptr)) timer->invalidate();
-  if (milliseconds == 0) multi.due_->signal();
-  if (milliseconds <= 0) return 0;
-  try {
-    multi.timer_ = RunLoopTimer::create(static_cast<double>(milliseconds) / 1000, 0, [&multi] { multi.act(CURL_SOCKET_TIMEOUT, 0); });
-    networkLoop().add(multi.timer_);
-  } catch (const std::exception& exception) {
-    NSLog(std::string("network: a timer cannot be set: ") + exception.what());
-    return -1;
-  }
-  return 0;
+  const bool set = runContained("network: a timer cannot be set", [&multi, milliseconds] {
+    assertOnNetworkThread();
+    multi.setTimer(milliseconds);
+  });
+  return set ? 0 : -1;
+}
+
+void CurlMulti::setTimer(long milliseconds) {
+  if (const auto timer = std::exchange(timer_, nullptr)) timer->invalidate();
+  if (milliseconds == 0) due_->signal();
+  if (milliseconds <= 0) return;
+  timer_ = RunLoopTimer::create(static_cast<double>(milliseconds) / 1000, 0, [this] {
+    assertOnNetworkThread();
+    act(CURL_SOCKET_TIMEOUT, 0);
+  });
+  networkLoop().add(timer_);
 }
 
 void CurlMulti::act(curl_socket_t socket, int events) {
@@ -112,7 +117,8 @@ void CurlMulti::tellFinished() {
     const CURLcode result = message->data.result;
     auto node = running_.extract(easy);
     curl_multi_remove_handle(multi_.get(), easy);
-    if (!node.empty()) node.mapped()(result);
+    // One that fails must not keep the others from hearing of their end.
+    if (!node.empty()) runContained(kNetworkFailure, [&node, result] { node.mapped()(result); });
   }
 }
 

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "platform/concurrency/RunLoop.h"
+#include "platform/network/wire/NetworkThread.h"
 
 namespace platform::network {
 
@@ -23,9 +24,9 @@ class CurlMulti {
   CurlMulti(const CurlMulti&) = delete;
   CurlMulti& operator=(const CurlMulti&) = delete;
 
-  void add(CURL* easy, Finished finished);
+  void add(CURL* easy, Finished finished) REQUIRES(networkThread);
   /// Ends the transfer, if it still runs, without a word.
-  void remove(CURL* easy);
+  void remove(CURL* easy) REQUIRES(networkThread);
 
  private:
   struct Releaser {
@@ -34,17 +35,18 @@ class CurlMulti {
 
   static int socketChanged(CURL* easy, curl_socket_t socket, int what, void* self, void* unused);
   static int timerChanged(CURLM* multi, long milliseconds, void* self);
-  void watch(curl_socket_t socket, unsigned events);
-  void forget(curl_socket_t socket);
-  void act(curl_socket_t socket, int events);
-  void tellFinished();
+  void watch(curl_socket_t socket, unsigned events) REQUIRES(networkThread);
+  void forget(curl_socket_t socket) REQUIRES(networkThread);
+  void act(curl_socket_t socket, int events) REQUIRES(networkThread);
+  void setTimer(long milliseconds) REQUIRES(networkThread);
+  void tellFinished() REQUIRES(networkThread);
 
   std::unique_ptr<CURLM, Releaser> multi_;
-  std::unordered_map<curl_socket_t, std::shared_ptr<RunLoopDescriptor>> sockets_;
-  std::shared_ptr<RunLoopTimer> timer_;
+  std::unordered_map<curl_socket_t, std::shared_ptr<RunLoopDescriptor>> sockets_ GUARDED_BY(networkThread);
+  std::shared_ptr<RunLoopTimer> timer_ GUARDED_BY(networkThread);
   /// For a timer that is due at once.
-  std::shared_ptr<RunLoopSource> due_;
-  std::unordered_map<CURL*, Finished> running_;
+  std::shared_ptr<RunLoopSource> due_ GUARDED_BY(networkThread);
+  std::unordered_map<CURL*, Finished> running_ GUARDED_BY(networkThread);
 };
 
 }  // namespace platform::network

@@ -1,48 +1,29 @@
 #include "platform/network/wire/Exchange.h"
 
-#include <fcntl.h>
-#include <sys/socket.h>
-
 #include <algorithm>
-#include <charconv>
-#include <climits>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <new>
 #include <string_view>
 #include <utility>
+
+#include "platform/foundation/log/Contained.h"
+#include "platform/foundation/text/ASCII.h"
+#include "platform/network/message/HTTPText.h"
 
 namespace platform::network {
 
 namespace {
 
-constexpr long kReceiveBuffer = 64L << 10;
-/// A body up to this size is handed to libcurl as a whole: it then leaves together with the head, and the server wakes up once.
-constexpr std::uint64_t kSmallBody = 16U << 10U;
+/// What a callback of progress says to libcurl.
+constexpr int kEndTheTransfer = 1;
 
-/// A descriptor of ours is close-on-exec from birth; libcurl's own way of making one leaves a gap.
-curl_socket_t openSocket(void* /*unused*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
-  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+/// No exception may leave a callback: there is C code above it. False when one wanted to.
+template <class Block>
+bool contained(const Block& block) {
+  return runContained(kNetworkFailure, std::cref(block));
 }
-
-std::string_view trimmed(std::string_view text) {
-  const auto begin = text.find_first_not_of(" \t\r\n");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
-}
-
-/// The number in "HTTP/1.1 200 OK".
-int statusOf(std::string_view line) {
-  int status = 0;
-  const auto blank = line.find(' ');
-  if (blank != std::string_view::npos) {
-    const auto rest = trimmed(line.substr(blank));
-    std::from_chars(rest.data(), rest.data() + rest.size(), status);
-  }
-  return status;
-}
-
-bool sentByUs(std::string_view name) { return equalsIgnoringCase(name, "Content-Length") || equalsIgnoringCase(name, "Transfer-Encoding"); }
 
 }  // namespace
 
@@ -53,127 +34,45 @@ Exchange::Exchange(CurlMulti& multi, Request request, Listener& listener)
   if (!easy_) throw std::bad_alloc();
   configure();
   multi_.add(easy_.get(), [this](CURLcode result) {
-    if (result == CURLE_OK && !request_.connectOnly) tellHead();
-    if (decodingFailed_ || (result == CURLE_OK && decoder_ && !decoder_->isAtEnd())) result = CURLE_BAD_CONTENT_ENCODING;
-    listener_.exchangeEnded(end(result));
+    assertOnNetworkThread();
+    ended(result);
   });
 }
 
 Exchange::~Exchange() { multi_.remove(easy_.get()); }
 
+void Exchange::ended(CURLcode result) {
+  const auto tellLate = [this] {
+    assertOnNetworkThread();
+    tellHead();
+  };
+  if (result == CURLE_OK && !request_.connectOnly && !contained(tellLate)) result = CURLE_WRITE_ERROR;
+  if (decodingFailed_ || (result == CURLE_OK && decoder_ && !decoder_->isAtEnd())) result = CURLE_BAD_CONTENT_ENCODING;
+  listener_.exchangeEnded(end(result));
+}
+
 void Exchange::goOn() { curl_easy_pause(easy_.get(), CURLPAUSE_CONT); }
 
-void Exchange::configure() {
-  CURL* const easy = easy_.get();
-  curl_easy_setopt(easy, CURLOPT_URL, request_.url.c_str());
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
-  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  curl_easy_setopt(easy, CURLOPT_PROXY, "");
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  // Or the end of a transfer would wait for a resolver that does not answer, and every other transfer with it.
-  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
-  // Time-outs are the task's; this one only takes libcurl's own, of five minutes, out of the way.
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(INT_MAX / 1000));
-  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBuffer);
-  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
-  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
-  curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, openSocket);
-  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, headerCallback);
-  curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, writeCallback);
-  curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, progressCallback);
-  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
-  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
-  if (request_.connectOnly) curl_easy_setopt(easy, CURLOPT_CONNECT_ONLY, 1L);
-  configureMethod();
-  configureSecurity();
-  // A name without a value takes a header out that libcurl would send of its own accord.
-  for (const char* own : {"Accept", "Expect", "Content-Type"}) {
-    if (!request_.headers.contains(own)) append(std::string(own) + ":");
-  }
-  for (const auto& [name, value] : request_.headers.fields()) {
-    if (sentByUs(name)) continue;
-    // A semicolon is how libcurl is told of a header with an empty value.
-    append(trimmed(value).empty() ? name + ";" : name + ": " + value);
-  }
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, lines_.get());
-}
-
-void Exchange::configureMethod() {
-  CURL* const easy = easy_.get();
-  const bool lengthExpected = request_.method == "POST" || request_.method == "PUT" || request_.method == "PATCH";
-  if (request_.body || lengthExpected) {
-    curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body ? request_.body->length() : 0));
-    configureBody();
-    if (request_.method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
-  } else if (request_.method == "HEAD") {
-    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-  } else if (request_.method != "GET") {
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
-  }
-}
-
-void Exchange::configureBody() {
-  CURL* const easy = easy_.get();
-  if (request_.body && request_.body->isInMemory() && request_.body->length() <= kSmallBody) {
-    curl_easy_setopt(easy, CURLOPT_COPYPOSTFIELDS, request_.body->text().c_str());
-    return;
-  }
-  curl_easy_setopt(easy, CURLOPT_READFUNCTION, readCallback);
-  curl_easy_setopt(easy, CURLOPT_READDATA, this);
-  curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, seekCallback);
-  curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
-}
-
-void Exchange::configureSecurity() {
-  CURL* const easy = easy_.get();
-  if (request_.trustAnyCertificate) {
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
-  }
-  if (request_.authentication == 0) return;
-  curl_easy_setopt(easy, CURLOPT_HTTPAUTH, request_.authentication);
-  curl_easy_setopt(easy, CURLOPT_USERNAME, request_.user.c_str());
-  curl_easy_setopt(easy, CURLOPT_PASSWORD, request_.password.c_str());
-}
-
-void Exchange::append(const std::string& line) {
-  auto* const list = curl_slist_append(lines_.get(), line.c_str());
-  if (list == nullptr) throw std::bad_alloc();
-  static_cast<void>(lines_.release());
-  lines_.reset(list);
-}
-
-// No exception may leave a callback: there is C code above it.
-
 std::size_t Exchange::headerCallback(char* bytes, std::size_t size, std::size_t count, void* self) {
-  try {
-    static_cast<Exchange*>(self)->headerLine({bytes, size * count});
-    return size * count;
-  } catch (const std::exception&) {
-    return 0;
-  }
+  const std::string_view line(bytes, size * count);
+  const bool taken = contained([self, line] {
+    assertOnNetworkThread();
+    static_cast<Exchange*>(self)->headerLine(line);
+  });
+  return taken ? line.size() : 0;
 }
 
 std::size_t Exchange::writeCallback(char* bytes, std::size_t size, std::size_t count, void* self) {
-  try {
+  const std::span<const char> piece(bytes, size * count);
+  auto appetite = Appetite::Refuse;
+  const bool heard = contained([self, piece, &appetite] {
+    assertOnNetworkThread();
     auto& exchange = *static_cast<Exchange*>(self);
     exchange.tellHead();
-    switch (exchange.bodyPiece({bytes, size * count})) {
-      case Appetite::Take:
-        return size * count;
-      case Appetite::Pause:
-        return CURL_WRITEFUNC_PAUSE;
-      case Appetite::Refuse:
-        break;
-    }
-  } catch (const std::exception&) {
-    // As refused.
-  }
-  return CURL_WRITEFUNC_ERROR;
+    appetite = exchange.bodyPiece(piece);
+  });
+  if (!heard || appetite == Appetite::Refuse) return CURL_WRITEFUNC_ERROR;
+  return appetite == Appetite::Pause ? CURL_WRITEFUNC_PAUSE : piece.size();
 }
 
 Exchange::Appetite Exchange::bodyPiece(std::span<const char> bytes) {
@@ -202,45 +101,59 @@ Exchange::Appetite Exchange::bodyPiece(std::span<const char> bytes) {
 }
 
 std::size_t Exchange::readCallback(char* room, std::size_t size, std::size_t count, void* self) {
-  auto& exchange = *static_cast<Exchange*>(self);
-  if (!exchange.request_.body) return 0;
+  std::size_t got = CURL_READFUNC_ABORT;
+  contained([self, bytes = std::span(room, size * count), &got] {
+    assertOnNetworkThread();
+    got = static_cast<Exchange*>(self)->readBody(bytes);
+  });
+  return got;
+}
+
+std::size_t Exchange::readBody(std::span<char> room) {
+  if (!request_.body) return 0;
   try {
-    const auto got = exchange.request_.body->read(exchange.bodyOffset_, {room, size * count});
-    exchange.bodyOffset_ += got;
+    const auto got = request_.body->read(bodyOffset_, room);
+    bodyOffset_ += got;
     return got;
   } catch (const std::exception& exception) {
-    exchange.listener_.bodyFailed(exception.what());
+    listener_.bodyFailed(exception.what());
     return CURL_READFUNC_ABORT;
   }
 }
 
 int Exchange::seekCallback(void* self, curl_off_t offset, int origin) {
+  assertOnNetworkThread();
   if (origin != SEEK_SET || offset < 0) return CURL_SEEKFUNC_CANTSEEK;
   static_cast<Exchange*>(self)->bodyOffset_ = static_cast<std::uint64_t>(offset);
   return CURL_SEEKFUNC_OK;
 }
 
 int Exchange::progressCallback(void* self, curl_off_t /*toReceive*/, curl_off_t received, curl_off_t /*toSend*/, curl_off_t sent) {
+  assertOnNetworkThread();
   auto& exchange = *static_cast<Exchange*>(self);
-  if (std::exchange(exchange.moved_, sent + received) != sent + received) exchange.listener_.bytesMoved(sent, received);
-  return 0;
+  if (std::exchange(exchange.moved_, sent + received) == sent + received) return 0;
+  const bool heard = contained([&exchange, sent, received] {
+    assertOnNetworkThread();
+    exchange.listener_.bytesMoved(sent, received);
+  });
+  return heard ? 0 : kEndTheTransfer;
 }
 
 void Exchange::headerLine(std::string_view line) {
   listener_.bytesMoved(-1, -1);
   if (line.starts_with("HTTP/") && !headTold_) {
-    status_ = statusOf(line);
+    status_ = statusInLine(line);
     replyHeaders_ = {};
     lastField_.clear();
     headComplete_ = false;
     return;
   }
   if (headComplete_) return;  // a trailer
-  const auto text = trimmed(line);
+  const auto text = trimmed(line, kLineBlanks);
   if (text.empty()) {
     headComplete_ = status_ >= 200 || status_ == 101;
     // libcurl answers a Digest question itself and asks again: which reply stands is known with its body or its end only.
-    if (headComplete_ && (request_.authentication == 0 || status_ != 401)) tellHead();
+    if (headComplete_ && (request_.authentication == HTTPAuthentication::None || status_ != 401)) tellHead();
     return;
   }
   // A line that begins with a blank goes on with the former one (RFC 9112, section 5.2).
@@ -250,8 +163,8 @@ void Exchange::headerLine(std::string_view line) {
   }
   const auto colon = text.find(':');
   if (colon == std::string_view::npos) return;
-  lastField_ = trimmed(text.substr(0, colon));
-  replyHeaders_.add(lastField_, trimmed(text.substr(colon + 1)));
+  lastField_ = trimmed(text.substr(0, colon), kLineBlanks);
+  replyHeaders_.add(lastField_, trimmed(text.substr(colon + 1), kLineBlanks));
 }
 
 void Exchange::tellHead() {

@@ -12,9 +12,13 @@
 #include "platform/network/message/HTTPHeaders.h"
 #include "platform/network/wire/ContentDecoder.h"
 #include "platform/network/wire/CurlMulti.h"
+#include "platform/network/wire/NetworkThread.h"
 #include "platform/network/wire/URLErrorTable.h"
 
 namespace platform::network {
+
+/// How a request answers a server that asks who we are.
+enum class HTTPAuthentication { None, Basic, Digest };
 
 /// One request and its reply on the wire: no redirects, no decisions. Network thread only.
 class Exchange {
@@ -25,8 +29,7 @@ class Exchange {
     HTTPHeaders headers;
     /// Sent with its length; nothing for none.
     std::optional<Bytes> body;
-    /// Answers for a server that asks with one of CURLAUTH_BASIC and CURLAUTH_DIGEST; 0 for none.
-    long authentication = 0;
+    HTTPAuthentication authentication = HTTPAuthentication::None;
     std::string user;
     std::string password;
     /// Take any certificate.
@@ -36,19 +39,19 @@ class Exchange {
   };
   enum class Appetite { Take, Pause, Refuse };
 
-  /// Hears of it; may not destroy the exchange except in `exchangeEnded`.
+  /// Hears of it; may not destroy the exchange except in `exchangeEnded`. An exception that leaves one of the others ends the exchange.
   class Listener {
    public:
     virtual ~Listener();
     /// The head of the reply proper: interim ones (RFC 9110, section 15.2) are left out.
-    virtual void headArrived(int status, const HTTPHeaders& headers) = 0;
+    virtual void headArrived(int status, const HTTPHeaders& headers) REQUIRES(networkThread) = 0;
     /// A piece of the body, decoded. One that is paused is offered again after `goOn`; a refusal ends the exchange.
-    virtual Appetite bodyArrived(std::span<const char> piece) = 0;
+    virtual Appetite bodyArrived(std::span<const char> piece) REQUIRES(networkThread) = 0;
     /// Bytes of any kind went over the wire; the counts are of bodies.
-    virtual void bytesMoved(std::int64_t sent, std::int64_t received) = 0;
+    virtual void bytesMoved(std::int64_t sent, std::int64_t received) REQUIRES(networkThread) = 0;
     /// The body to be sent could not be read.
-    virtual void bodyFailed(const std::string& why) = 0;
-    virtual void exchangeEnded(const TransferEnd& end) = 0;
+    virtual void bodyFailed(const std::string& why) REQUIRES(networkThread) = 0;
+    virtual void exchangeEnded(const TransferEnd& end) REQUIRES(networkThread) = 0;
   };
 
   /// Begins it. Throws std::bad_alloc when libcurl has no memory for it.
@@ -59,7 +62,7 @@ class Exchange {
   Exchange& operator=(const Exchange&) = delete;
 
   /// After a pause.
-  void goOn();
+  void goOn() REQUIRES(networkThread);
 
  private:
   struct Releaser {
@@ -78,10 +81,12 @@ class Exchange {
   void configureBody();
   void configureSecurity();
   void append(const std::string& line);
-  void headerLine(std::string_view line);
-  void tellHead();
-  Appetite bodyPiece(std::span<const char> bytes);
-  [[nodiscard]] TransferEnd end(CURLcode result) const;
+  void ended(CURLcode result) REQUIRES(networkThread);
+  void headerLine(std::string_view line) REQUIRES(networkThread);
+  void tellHead() REQUIRES(networkThread);
+  Appetite bodyPiece(std::span<const char> bytes) REQUIRES(networkThread);
+  std::size_t readBody(std::span<char> room) REQUIRES(networkThread);
+  [[nodiscard]] TransferEnd end(CURLcode result) const REQUIRES(networkThread);
 
   CurlMulti& multi_;
   const Request request_;
@@ -89,21 +94,21 @@ class Exchange {
   std::unique_ptr<CURL, Releaser> easy_;
   std::unique_ptr<curl_slist, Releaser> lines_;
 
-  int status_ = 0;
-  HTTPHeaders replyHeaders_;
-  std::string lastField_;
-  bool headComplete_ = false;
-  bool headTold_ = false;
-  bool bodyBegan_ = false;
+  int status_ GUARDED_BY(networkThread) = 0;
+  HTTPHeaders replyHeaders_ GUARDED_BY(networkThread);
+  std::string lastField_ GUARDED_BY(networkThread);
+  bool headComplete_ GUARDED_BY(networkThread) = false;
+  bool headTold_ GUARDED_BY(networkThread) = false;
+  bool bodyBegan_ GUARDED_BY(networkThread) = false;
   /// For a body that is encoded.
-  std::unique_ptr<ContentDecoder> decoder_;
-  bool decodingFailed_ = false;
+  std::unique_ptr<ContentDecoder> decoder_ GUARDED_BY(networkThread);
+  bool decodingFailed_ GUARDED_BY(networkThread) = false;
   /// The decoder's last piece was not taken.
-  bool held_ = false;
+  bool held_ GUARDED_BY(networkThread) = false;
   /// Bytes that libcurl will bring again and that the decoder has.
-  std::size_t decoded_ = 0;
-  std::uint64_t bodyOffset_ = 0;
-  std::int64_t moved_ = 0;
+  std::size_t decoded_ GUARDED_BY(networkThread) = 0;
+  std::uint64_t bodyOffset_ GUARDED_BY(networkThread) = 0;
+  std::int64_t moved_ GUARDED_BY(networkThread) = 0;
 };
 
 }  // namespace platform::network

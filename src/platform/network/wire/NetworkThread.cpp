@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <cassert>
 #include <cstdlib>
 #include <utility>
 
@@ -19,7 +20,7 @@ void parkAtExit() { thread().park(); }
 const ServingThread& start() {
   curl_global_init(CURL_GLOBAL_ALL);
   // With SIGPIPE of a TLS write blocked, as every signal is on it.
-  const auto& made = *new ServingThread("network", "network: a failure on the network's thread was contained");
+  const auto& made = *new ServingThread("network", kNetworkFailure);
   std::atexit(parkAtExit);
   return made;
 }
@@ -34,5 +35,7 @@ const ServingThread& thread() {
 RunLoop& networkLoop() { return thread().loop(); }
 
 void onNetworkThread(std::function<void()> block) { thread().perform(std::move(block)); }
+
+void assertOnNetworkThread() { assert(thread().loop().isCurrent()); }
 
 }  // namespace platform::network

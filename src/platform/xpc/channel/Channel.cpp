@@ -5,13 +5,10 @@
 
 #include <array>
 #include <exception>
-#include <stdexcept>
 #include <utility>
 
+#include "platform/concurrency/Weakly.h"
 #include "platform/foundation/base/Exception.h"
-#include "platform/foundation/process/StatusRegistry.h"
-#include "platform/xpc/channel/IOThread.h"
-#include "platform/xpc/value/ObjectConversion.h"
 
 namespace platform::xpc {
 
@@ -27,14 +24,28 @@ std::span<std::byte> readBuffer() {
   return buffer;
 }
 
-}  // namespace
-
-std::shared_ptr<Channel> Channel::create(FileHandle socket, Side side) {
-  return std::shared_ptr<Channel>(new Channel(std::move(socket), side));
+Result<Encoded, WireError> encodedStatus(const Channel::StatusSource& status) {
+  try {
+    return encode(status());
+  } catch (const std::exception& exception) {
+    return WireError{exception.what()};
+  } catch (...) {
+    return WireError{"an exception of an unknown type"};
+  }
 }
 
-Channel::Channel(FileHandle socket, Side side)
-    : socket_(std::move(socket)), side_(side), outgoing_(std::make_shared<SendQueue>(socket_.fileDescriptor())) {
+}  // namespace
+
+std::shared_ptr<Channel> Channel::create(FileHandle socket, Side side, StatusSource status) {
+  return std::shared_ptr<Channel>(new Channel(std::move(socket), side, std::move(status)));
+}
+
+Channel::Channel(FileHandle socket, Side side, StatusSource status)
+    : side_(side),
+      status_(std::move(status)),
+      outgoing_(std::make_shared<SendQueue>(socket.fileDescriptor())),
+      state_(socket.isOpen() ? State::Open : State::Draining),
+      socket_(std::move(socket)) {
   enableCredentials(socket_.fileDescriptor());
   credentials_ = socketOwner(socket_.fileDescriptor());
 }
@@ -47,7 +58,7 @@ void Channel::setHandlers(FrameHandler frameHandler, EndHandler endHandler) {
 }
 
 void Channel::setReading(bool reading) {
-  if (!isOpen() || reading == reading_) return;
+  if (state_ == State::Ended || reading == reading_) return;
   reading_ = reading;
   if (reading) scheduleReading();
   updateStallTimer(false);
@@ -57,22 +68,23 @@ void Channel::setReading(bool reading) {
 // Frames may be here already, and the caller is not to be entered again from inside its own call.
 void Channel::scheduleReading() {
   if (std::exchange(readScheduled_, true)) return;
-  onIOThread([weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (!self) return;
-    self->readScheduled_ = false;
-    self->updateStallTimer(self->dispatch());
-    self->updateInterest();
-  });
+  onIOThread(weakly(this, &Channel::readScheduled));
+}
+
+void Channel::readScheduled() {
+  assertOnIOThread();
+  readScheduled_ = false;
+  updateStallTimer(dispatch());
+  updateInterest();
 }
 
 void Channel::ready(unsigned events) {
-  const auto self = shared_from_this();
+  assertOnIOThread();
   constexpr unsigned kTrouble = EPOLLERR | EPOLLHUP;
   if ((events & (EPOLLOUT | kTrouble)) != 0) outgoing_->flush();
   if (reading_ && !readScheduled_) {
     if ((events & (EPOLLIN | kTrouble)) != 0) readSome();
-  } else if ((events & kTrouble) != 0 && isOpen()) {
+  } else if ((events & kTrouble) != 0 && state_ == State::Open) {
     readTheRest();
   }
   updateInterest();
@@ -80,17 +92,16 @@ void Channel::ready(unsigned events) {
 
 void Channel::readSome() {
   bool newFrame = false;
-  for (int i = 0; i < kReadsPerTurn && isOpen() && reading_; ++i) {
-    auto result = receive(socket_.fileDescriptor(), readBuffer());
-    if (std::holds_alternative<Blocked>(result)) break;
-    if (const auto* error = std::get_if<WireError>(&result)) return end(error->reason);
-    auto& received = std::get<Received>(result);
-    if (received.bytes == 0) return endOfStream();
-    const auto bytes = std::span<const std::byte>(readBuffer()).first(received.bytes);
-    if (!accept(std::move(received), bytes)) return;
+  for (int i = 0; i < kReadsPerTurn && state_ == State::Open && reading_; ++i) {
+    auto received = receiveSome(socket_.fileDescriptor(), readBuffer());
+    if (!received) return end(received.error().reason);
+    if (!*received) break;
+    const std::size_t size = (*received)->bytes;
+    if (size == 0) return endOfStream();
+    if (!takeIn(**std::move(received))) return;
     newFrame = dispatch() || newFrame;
     // Probably all there was; the loop tells when it was not.
-    if (bytes.size() < kReadBytes) break;
+    if (size < kReadBytes) break;
   }
   updateStallTimer(newFrame);
 }
@@ -98,15 +109,16 @@ void Channel::readSome() {
 // The other end is gone, which the loop would tell again and again. How much it left is bounded by the kernel's buffer.
 void Channel::readTheRest() {
   for (;;) {
-    auto result = receive(socket_.fileDescriptor(), readBuffer());
-    auto* received = std::get_if<Received>(&result);
-    if (received == nullptr || received->bytes == 0) return closeSocket();
-    const auto bytes = std::span<const std::byte>(readBuffer()).first(received->bytes);
-    if (!accept(std::move(*received), bytes)) return;
+    auto received = receiveSome(socket_.fileDescriptor(), readBuffer());
+    if (!received || !*received || (*received)->bytes == 0) {
+      state_ = State::Draining;
+      return closeSocket();
+    }
+    if (!takeIn(**std::move(received))) return;
   }
 }
 
-bool Channel::accept(Received received, std::span<const std::byte> bytes) {
+bool Channel::takeIn(Received received) {
   if (!hasCredentials_) {
     if (!received.credentials) {
       end("its first message came without credentials");
@@ -116,7 +128,7 @@ bool Channel::accept(Received received, std::span<const std::byte> bytes) {
     credentials_.asid = auditSession(credentials_.pid);
     hasCredentials_ = true;
   }
-  reader_.feed(bytes, std::move(received.descriptors));
+  reader_.feed(std::span<const std::byte>(readBuffer()).first(received.bytes), std::move(received.descriptors));
   if (!reader_.holdsTooMuch()) return true;
   end("more is waiting to be received than this process takes");
   return false;
@@ -125,24 +137,24 @@ bool Channel::accept(Received received, std::span<const std::byte> bytes) {
 // Returns whether there was a frame.
 bool Channel::dispatch() {
   bool any = false;
-  while (isOpen() && reading_) {
+  while (state_ != State::Ended && reading_) {
     auto next = reader_.next();
-    if (std::holds_alternative<std::monostate>(next)) {
-      if (!socket_.isOpen()) endOfStream();
+    if (!next) {
+      end("it broke the protocol: " + next.error().reason);
       break;
     }
-    if (const auto* error = std::get_if<WireError>(&next)) {
-      end("it broke the protocol: " + error->reason);
+    if (!*next) {
+      if (state_ == State::Draining) endOfStream();
       break;
     }
     any = true;
-    dispatchOne(std::move(std::get<Frame>(next)));
+    dispatchOne(**std::move(next));
   }
   return any;
 }
 
 void Channel::dispatchOne(Frame frame) {
-  if (side_ == Side::Service && frame.kind == FrameKind::StatusRequest) return answerStatus();
+  if (status_ && frame.kind == FrameKind::StatusRequest) return answerStatus();
   const bool expected =
       frame.kind == FrameKind::Hello || frame.kind == FrameKind::Message || (side_ == Side::Client && frame.kind == FrameKind::StatusReply);
   if (!expected) return end("it broke the protocol: that kind of frame is not for this end");
@@ -152,19 +164,13 @@ void Channel::dispatchOne(Frame frame) {
 
 void Channel::answerStatus() {
   if (outgoing_->bytes() > kMaximumQueuedStatusBytes) return end("it does not read what is sent to it");
-  Encoded reply;
-  try {
-    auto encoded = encode(valueWithObject(StatusRegistry::shared().snapshot()));
-    if (const auto* error = std::get_if<WireError>(&encoded)) throw std::runtime_error(error->reason);
-    reply = std::move(std::get<Encoded>(encoded));
-  } catch (const std::exception& exception) {
-    return end(std::string("the status could not be told: ") + exception.what());
-  }
-  write(OutgoingFrame::make(FrameKind::StatusReply, std::move(reply)));
+  auto reply = encodedStatus(status_);
+  if (!reply) return end("the status could not be told: " + reply.error().reason);
+  write(OutgoingFrame::make(FrameKind::StatusReply, *std::move(reply)));
 }
 
 void Channel::write(OutgoingFrame frame) {
-  if (isOpen()) added(outgoing_->add(std::move(frame)));
+  if (state_ == State::Open) added(outgoing_->add(std::move(frame)));
 }
 
 void Channel::added(SendQueue::Added added) {
@@ -176,16 +182,14 @@ void Channel::afterWriting(std::function<void()> block) { outgoing_->afterWritin
 
 // A channel that wants nothing stays on the loop: a hang-up is told whether it is asked for or not.
 void Channel::updateInterest() {
-  if (!socket_.isOpen()) return;
+  if (state_ != State::Open) return;
   const unsigned wanted = (reading_ && !readScheduled_ ? EPOLLIN : 0U) | (outgoing_->isEmpty() ? 0U : EPOLLOUT);
   if (wanted == interest_) return;
   interest_ = wanted;
   if (item_) {
     item_->setEvents(wanted);
   } else {
-    item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), wanted, [weak = weak_from_this()](unsigned events) {
-      if (const auto self = weak.lock()) self->ready(events);
-    });
+    item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), wanted, weakly(this, &Channel::ready));
     try {
       ioLoop().add(item_);
     } catch (const Exception& exception) {
@@ -198,19 +202,22 @@ void Channel::updateInterest() {
 // One timer while a frame is under way, none between frames: an idle connection wakes nobody.
 void Channel::updateStallTimer(bool newFrame) {
   hadFrame_ = hadFrame_ || newFrame;
-  const bool waiting = side_ == Side::Service && socket_.isOpen() && reading_ && (!hadFrame_ || reader_.isInsideFrame());
+  const bool waiting = side_ == Side::Service && state_ == State::Open && reading_ && (!hadFrame_ || reader_.isInsideFrame());
   if (stallTimer_ && (newFrame || !waiting)) std::exchange(stallTimer_, nullptr)->invalidate();
   if (!waiting || stallTimer_) return;
-  stallTimer_ = RunLoopTimer::create(kStallSeconds, 0, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->end("it began no message, or did not end the one that it began");
-  });
+  stallTimer_ = RunLoopTimer::create(kStallSeconds, 0, weakly(this, &Channel::stalled));
   ioLoop().add(stallTimer_);
+}
+
+void Channel::stalled() {
+  assertOnIOThread();
+  end("it began no message, or did not end the one that it began");
 }
 
 void Channel::endOfStream() { end(reader_.isInsideFrame() ? "it closed in the middle of a message" : "it closed the connection"); }
 
 void Channel::end(const std::string& reason) {
-  if (!isOpen()) return;
+  if (state_ == State::Ended) return;
   const auto self = shared_from_this();
   const auto handler = std::exchange(endHandler_, nullptr);
   close();
@@ -218,19 +225,19 @@ void Channel::end(const std::string& reason) {
 }
 
 void Channel::close() {
-  if (!isOpen()) return;
-  ended_ = true;
+  const State former = std::exchange(state_, State::Ended);
+  if (former == State::Ended) return;
   frameHandler_ = nullptr;
   endHandler_ = nullptr;
   reader_ = {};
-  closeSocket();
+  if (former == State::Open) closeSocket();
 }
 
+// The state has been left in which there is a socket.
 void Channel::closeSocket() {
   if (const auto item = std::exchange(item_, nullptr)) item->invalidate();
   if (const auto timer = std::exchange(stallTimer_, nullptr)) timer->invalidate();
   interest_.reset();
-  if (!socket_.isOpen()) return;
   auto socket = std::move(socket_);
   // Before the descriptor becomes another file's.
   outgoing_->close();

@@ -7,16 +7,6 @@ namespace platform::xpc {
 
 namespace {
 
-struct Totals {
-  std::atomic<std::size_t> descriptors{0};
-  std::atomic<std::size_t> bytes{0};
-};
-
-Totals& totals() {
-  static auto& all = *new Totals;
-  return all;
-}
-
 std::size_t littleEndian(std::span<const std::byte> bytes) {
   std::size_t value = 0;
   for (std::size_t i = bytes.size(); i-- > 0;) value = (value << 8U) | std::to_integer<std::size_t>(bytes[i]);
@@ -24,27 +14,6 @@ std::size_t littleEndian(std::span<const std::byte> bytes) {
 }
 
 }  // namespace
-
-Hold::Hold(std::size_t descriptors, std::size_t bytes) : descriptors_(descriptors), bytes_(bytes) {
-  totals().descriptors += descriptors_;
-  totals().bytes += bytes_;
-}
-
-Hold::Hold(Hold&& other) noexcept : descriptors_(std::exchange(other.descriptors_, 0)), bytes_(std::exchange(other.bytes_, 0)) {}
-
-Hold& Hold::operator=(Hold&& other) noexcept {
-  std::swap(descriptors_, other.descriptors_);
-  std::swap(bytes_, other.bytes_);
-  return *this;
-}
-
-Hold::~Hold() {
-  totals().descriptors -= descriptors_;
-  totals().bytes -= bytes_;
-}
-
-std::size_t Hold::totalDescriptors() { return totals().descriptors; }
-std::size_t Hold::totalBytes() { return totals().bytes; }
 
 std::array<std::byte, kHeaderBytes> frameHeader(FrameKind kind, std::size_t payloadBytes, std::size_t descriptors) {
   const auto at = [](std::size_t value, unsigned shift) { return static_cast<std::byte>(value >> shift); };
@@ -64,8 +33,8 @@ void FrameReader::feed(std::span<const std::byte> bytes, std::vector<FileHandle>
 }
 
 bool FrameReader::holdsTooMuch() const {
-  if (Hold::totalDescriptors() > Hold::kMaximumDescriptors && !descriptors_.empty()) return true;
-  return Hold::totalBytes() > Hold::kMaximumBytes && hold_.bytes() > Hold::kExemptBytes;
+  if (ReceiveBudget::totalDescriptors() > ReceiveBudget::kMaximumDescriptors && !descriptors_.empty()) return true;
+  return ReceiveBudget::totalBytes() > ReceiveBudget::kMaximumBytes && budget_.bytes() > ReceiveBudget::kExemptBytes;
 }
 
 WireError FrameReader::fail(std::string reason) {
@@ -77,7 +46,7 @@ WireError FrameReader::fail(std::string reason) {
   return *error_;
 }
 
-std::variant<FrameReader::Header, WireError> FrameReader::readHeader() const {
+Result<FrameReader::Header, WireError> FrameReader::readHeader() const {
   const auto bytes = std::span(buffer_).subspan(begin_);
   const auto kind = std::to_integer<std::uint8_t>(bytes[4]);
   const Header header{static_cast<FrameKind>(kind), littleEndian(bytes.subspan(0, 4)), littleEndian(bytes.subspan(6, 2))};
@@ -102,7 +71,7 @@ Frame FrameReader::cut(const Header& header) {
     frame.descriptors.push_back(std::move(descriptors_.front()));
     descriptors_.pop_front();
   }
-  frame.hold = Hold(header.descriptors, header.payloadBytes);
+  frame.budget = ReceiveBudget(header.descriptors, header.payloadBytes);
   if (begin_ == buffer_.size()) {
     buffer_.clear();
     begin_ = 0;
@@ -113,24 +82,23 @@ Frame FrameReader::cut(const Header& header) {
   return frame;
 }
 
-std::variant<std::monostate, Frame, WireError> FrameReader::next() {
+Result<std::optional<Frame>, WireError> FrameReader::next() {
   if (error_) return *error_;
   const std::size_t available = buffer_.size() - begin_;
   if (available < kHeaderBytes) {
     // A descriptor comes with the first byte of its frame, so none may be left between frames.
     if ((available == 0 && !descriptors_.empty()) || descriptors_.size() > kMaximumDescriptors)
       return fail("a descriptor belongs to no frame");
-    return std::monostate{};
+    return std::optional<Frame>();
   }
   const auto header = readHeader();
-  if (const auto* error = std::get_if<WireError>(&header)) return fail(error->reason);
-  const auto& known = std::get<Header>(header);
-  if (available < kHeaderBytes + known.payloadBytes) {
-    if (descriptors_.size() > known.descriptors) return fail("a descriptor belongs to no frame");
-    return std::monostate{};
+  if (!header) return fail(header.error().reason);
+  if (available < kHeaderBytes + header->payloadBytes) {
+    if (descriptors_.size() > header->descriptors) return fail("a descriptor belongs to no frame");
+    return std::optional<Frame>();
   }
-  if (descriptors_.size() < known.descriptors) return fail("a frame's descriptors are missing");
-  return cut(known);
+  if (descriptors_.size() < header->descriptors) return fail("a frame's descriptors are missing");
+  return std::optional(cut(*header));
 }
 
 }  // namespace platform::xpc

@@ -1,18 +1,17 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <optional>
 #include <span>
 #include <string>
-#include <utility>
-#include <variant>
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
+#include "platform/xpc/channel/ReceiveBudget.h"
 #include "platform/xpc/value/WireFormat.h"
 
 // Internal to the channel: how messages are cut out of the byte stream. A frame is a header of eight bytes (payload length, kind, version,
@@ -30,39 +29,11 @@ enum class FrameKind : std::uint8_t {
 inline constexpr std::size_t kHeaderBytes = 8;
 inline constexpr std::uint8_t kProtocolVersion = 1;
 
-/// What this process has received and not yet dealt with, counted over all connections, so that peers together cannot use up the
-/// process's descriptors or memory. The hold ends when the handler has returned.
-class Hold {
- public:
-  static constexpr std::size_t kMaximumDescriptors = 256;
-  static constexpr std::size_t kMaximumBytes = std::size_t{128} << 20U;
-  /// A connection that holds no more than this is not closed for what the others hold.
-  static constexpr std::size_t kExemptBytes = std::size_t{64} << 10U;
-
-  Hold() = default;
-  Hold(std::size_t descriptors, std::size_t bytes);
-  Hold(Hold&& other) noexcept;
-  Hold& operator=(Hold&& other) noexcept;
-  Hold(const Hold&) = delete;
-  Hold& operator=(const Hold&) = delete;
-  ~Hold();
-
-  [[nodiscard]] std::size_t descriptors() const { return descriptors_; }
-  [[nodiscard]] std::size_t bytes() const { return bytes_; }
-  /// Over all connections.
-  [[nodiscard]] static std::size_t totalDescriptors();
-  [[nodiscard]] static std::size_t totalBytes();
-
- private:
-  std::size_t descriptors_ = 0;
-  std::size_t bytes_ = 0;
-};
-
 struct Frame {
   FrameKind kind = FrameKind::Hello;
   std::vector<std::byte> payload;
   std::vector<FileHandle> descriptors;
-  Hold hold;
+  ReceiveBudget budget;
 };
 
 std::array<std::byte, kHeaderBytes> frameHeader(FrameKind kind, std::size_t payloadBytes, std::size_t descriptors);
@@ -74,7 +45,7 @@ class FrameReader {
   /// Bytes in the order of their arrival, with the descriptors that came with them.
   void feed(std::span<const std::byte> bytes, std::vector<FileHandle> descriptors);
   /// The next complete frame; nothing while there is none; what is wrong with the stream.
-  [[nodiscard]] std::variant<std::monostate, Frame, WireError> next();
+  Result<std::optional<Frame>, WireError> next();
   /// Whether a frame has begun and not ended.
   [[nodiscard]] bool isInsideFrame() const { return buffer_.size() > begin_; }
   /// Whether this connection is to be closed because the process holds too much.
@@ -86,15 +57,15 @@ class FrameReader {
     std::size_t payloadBytes;
     std::size_t descriptors;
   };
-  [[nodiscard]] std::variant<Header, WireError> readHeader() const;
+  Result<Header, WireError> readHeader() const;
   WireError fail(std::string reason);
   Frame cut(const Header& header);
-  void account() { hold_ = Hold(descriptors_.size(), buffer_.size() - begin_); }
+  void account() { budget_ = ReceiveBudget(descriptors_.size(), buffer_.size() - begin_); }
 
   std::vector<std::byte> buffer_;
   std::size_t begin_ = 0;
   std::deque<FileHandle> descriptors_;
-  Hold hold_;
+  ReceiveBudget budget_;
   std::optional<WireError> error_;
 };
 

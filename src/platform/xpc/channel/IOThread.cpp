@@ -1,5 +1,6 @@
 #include "platform/xpc/channel/IOThread.h"
 
+#include <cassert>
 #include <utility>
 
 #include "platform/concurrency/ServingThread.h"
@@ -20,5 +21,7 @@ RunLoop& ioLoop() { return thread().loop(); }
 void onIOThread(std::function<void()> block) { thread().perform(std::move(block)); }
 
 bool isIOThread() { return ioLoop().isCurrent(); }
+
+void assertOnIOThread() { assert(isIOThread()); }
 
 }  // namespace platform::xpc

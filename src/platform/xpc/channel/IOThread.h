@@ -3,9 +3,13 @@
 #include <functional>
 
 #include "platform/concurrency/RunLoop.h"
+#include "platform/foundation/base/Mutex.h"
 
 // Internal to the channel: one thread serves all sockets of the process. It is made with the first use and lives as long as the process.
 namespace platform::xpc {
+
+/// The right to touch what only that thread touches: such members are GUARDED_BY it, and functions that use them REQUIRE it.
+inline const ThreadRole kIOThread{};
 
 /// The thread's run loop.
 RunLoop& ioLoop();
@@ -13,5 +17,7 @@ RunLoop& ioLoop();
 void onIOThread(std::function<void()> block);
 /// Whether the caller is that thread.
 [[nodiscard]] bool isIOThread();
+/// The first line of what the thread's loop calls, where the compiler cannot see on which thread that is.
+void assertOnIOThread() ASSERT_CAPABILITY(kIOThread);
 
 }  // namespace platform::xpc

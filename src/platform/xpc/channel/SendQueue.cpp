@@ -7,10 +7,12 @@
 #include <span>
 #include <utility>
 
+#include "platform/xpc/channel/SocketIO.h"
+
 namespace platform::xpc {
 
 SendQueue::Added SendQueue::add(OutgoingFrame frame) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (broken_ || socket_ < 0) return Added::Done;
   const bool first = entries_.empty();
   bytes_ += frame.bytes.size();
@@ -24,7 +26,7 @@ void SendQueue::flush() {
   for (;;) {
     std::function<void()> marker;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       while (writeSome()) continue;
       if (entries_.empty() || !entries_.front().marker) return;
       marker = std::move(entries_.front().marker);
@@ -43,14 +45,11 @@ bool SendQueue::writeSome() {
     frames[count++] = &entry.frame;
   }
   if (count == 0) return false;
-  const auto result = transmit(socket_, std::span(frames).first(count), !sentCredentials_);
-  if (std::holds_alternative<Blocked>(result)) return false;
-  if (std::holds_alternative<WireError>(result)) {
-    breakOff();
-    return false;
-  }
+  const auto result = sendSome(socket_, std::span(frames).first(count), !sentCredentials_);
+  if (!result) breakOff();
+  if (!result || !*result) return false;
   sentCredentials_ = true;
-  std::size_t written = std::get<std::size_t>(result);
+  std::size_t written = **result;
   while (written > 0) {
     OutgoingFrame& frame = entries_.front().frame;
     const std::size_t part = std::min(written, frame.bytes.size() - frame.written);
@@ -73,7 +72,7 @@ void SendQueue::breakOff() {
 
 void SendQueue::afterWriting(std::function<void()> block) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!entries_.empty()) {
       entries_.push_back({{}, std::move(block)});
       return;
@@ -85,7 +84,7 @@ void SendQueue::afterWriting(std::function<void()> block) {
 void SendQueue::close() {
   std::deque<Entry> dropped;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     socket_ = -1;
     dropped.swap(entries_);
     bytes_ = 0;
@@ -96,12 +95,12 @@ void SendQueue::close() {
 }
 
 bool SendQueue::isEmpty() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return entries_.empty();
 }
 
 std::size_t SendQueue::bytes() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return bytes_;
 }
 

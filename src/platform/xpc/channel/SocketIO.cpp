@@ -8,7 +8,9 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
+#include <utility>
+
+#include "platform/foundation/base/SystemError.h"
 
 namespace platform::xpc {
 
@@ -16,8 +18,6 @@ namespace {
 
 constexpr std::size_t kDescriptorSpace = CMSG_SPACE(kMaximumDescriptors * sizeof(int));
 constexpr std::size_t kControlSpace = kDescriptorSpace + CMSG_SPACE(sizeof(ucred));
-
-std::string errorText(int number) { return std::generic_category().message(number); }
 
 /// Takes ownership of every descriptor that the kernel installed, also of those of a message that is then refused.
 void takeControl(msghdr& message, Received& received) {
@@ -68,22 +68,12 @@ void putControl(msghdr& message, const OutgoingFrame& frame, bool withCredential
 
 }  // namespace
 
-OutgoingFrame OutgoingFrame::make(FrameKind kind, Encoded value) {
-  const auto header = frameHeader(kind, value.bytes.size(), value.descriptors.size());
-  OutgoingFrame frame;
-  frame.bytes.reserve(header.size() + value.bytes.size());
-  frame.bytes.assign(header.begin(), header.end());
-  frame.bytes.insert(frame.bytes.end(), value.bytes.begin(), value.bytes.end());
-  frame.descriptors = std::move(value.descriptors);
-  return frame;
-}
-
 void enableCredentials(int socket) {
   const int on = 1;
   setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
 }
 
-std::variant<Received, Blocked, WireError> receive(int socket, std::span<std::byte> buffer) {
+Result<std::optional<Received>, WireError> receiveSome(int socket, std::span<std::byte> buffer) {
   alignas(cmsghdr) std::array<char, kControlSpace> control{};
   iovec place{.iov_base = buffer.data(), .iov_len = buffer.size()};
   msghdr message{};
@@ -96,17 +86,17 @@ std::variant<Received, Blocked, WireError> receive(int socket, std::span<std::by
     size = recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
   } while (size < 0 && errno == EINTR);
   if (size < 0) {
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return Blocked::Yes;
-    return WireError{errorText(errno)};
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return std::optional<Received>();
+    return WireError{errnoText(errno)};
   }
   Received received;
   received.bytes = static_cast<std::size_t>(size);
   takeControl(message, received);
   if ((message.msg_flags & MSG_CTRUNC) != 0) return WireError{"more descriptors came than a message may hold or this process can take"};
-  return received;
+  return std::optional(std::move(received));
 }
 
-std::variant<std::size_t, Blocked, WireError> transmit(int socket, std::span<const OutgoingFrame* const> frames, bool withCredentials) {
+Result<std::optional<std::size_t>, WireError> sendSome(int socket, std::span<const OutgoingFrame* const> frames, bool withCredentials) {
   alignas(cmsghdr) std::array<char, kControlSpace> control;
   std::array<iovec, kMaximumFramesAtOnce> places;
   const std::size_t count = std::min(frames.size(), places.size());
@@ -126,9 +116,9 @@ std::variant<std::size_t, Blocked, WireError> transmit(int socket, std::span<con
   do {
     size = sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
   } while (size < 0 && errno == EINTR);
-  if (size >= 0) return static_cast<std::size_t>(size);
-  if (errno == EAGAIN || errno == EWOULDBLOCK) return Blocked::Yes;
-  return WireError{errorText(errno)};
+  if (size >= 0) return std::optional(static_cast<std::size_t>(size));
+  if (errno == EAGAIN || errno == EWOULDBLOCK) return std::optional<std::size_t>();
+  return WireError{errnoText(errno)};
 }
 
 }  // namespace platform::xpc

@@ -1,29 +1,18 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <span>
-#include <string>
-#include <variant>
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
 #include "platform/xpc/channel/Credentials.h"
 #include "platform/xpc/channel/Frame.h"
+#include "platform/xpc/channel/OutgoingFrame.h"
 
 // Internal to the channel: one recvmsg and one sendmsg with what travels beside the bytes (unix(7)).
 namespace platform::xpc {
-
-/// A frame on its way out.
-struct OutgoingFrame {
-  std::vector<std::byte> bytes;
-  std::vector<std::shared_ptr<const FileHandle>> descriptors;
-  std::size_t written = 0;
-
-  /// A frame without a payload, or with an encoded value.
-  static OutgoingFrame make(FrameKind kind, Encoded value = {});
-};
 
 /// Makes the kernel deliver the sender's credentials on this socket.
 void enableCredentials(int socket);
@@ -34,12 +23,12 @@ struct Received {
   /// Nothing when the kernel had none.
   std::optional<Credentials> credentials;
 };
-enum class Blocked { Yes };
-/// Reads what is there into `buffer`. 0 bytes are the end of the stream. Never blocks.
-std::variant<Received, Blocked, WireError> receive(int socket, std::span<std::byte> buffer);
+/// Reads what is there into `buffer`; nothing when there is nothing yet. 0 bytes are the end of the stream. Never blocks.
+Result<std::optional<Received>, WireError> receiveSome(int socket, std::span<std::byte> buffer);
 /// Writes what fits of `frames` (at least one), with the first one's descriptors at its first byte and, when asked, this process's
-/// credentials. The others have no descriptors and nothing written. Never blocks.
-std::variant<std::size_t, Blocked, WireError> transmit(int socket, std::span<const OutgoingFrame* const> frames, bool withCredentials);
+/// credentials. The others have no descriptors and nothing written. The number of bytes; nothing when the socket takes none now. Never
+/// blocks.
+Result<std::optional<std::size_t>, WireError> sendSome(int socket, std::span<const OutgoingFrame* const> frames, bool withCredentials);
 /// How many frames one call takes.
 inline constexpr std::size_t kMaximumFramesAtOnce = 64;
 

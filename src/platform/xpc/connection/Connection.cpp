@@ -5,6 +5,7 @@
 #include "platform/foundation/base/Exception.h"
 #include "platform/xpc/channel/IOThread.h"
 #include "platform/xpc/connection/ConnectionCore.h"
+#include "platform/xpc/connection/StatusAnswer.h"
 #include "platform/xpc/value/WireFormat.h"
 
 namespace platform::xpc {
@@ -17,8 +18,9 @@ std::shared_ptr<Connection> Connection::createWithSocket(FileHandle socket) {
   const auto core = std::make_shared<Core>(std::nullopt);
   auto connection = Core::makeConnection(core);
   onIOThread([core, handle = std::make_shared<FileHandle>(std::move(socket))] {
-    core->adopt(Channel::create(std::move(*handle), Channel::Side::Service));
-    core->startReading();
+    assertOnIOThread();
+    core->link().connected(Channel::create(std::move(*handle), Channel::Side::Service, statusAnswer));
+    core->link().startReading();
   });
   return connection;
 }
@@ -40,8 +42,8 @@ void Connection::send(const Value& message) {
                     "a message is a dictionary, not a value of the kind " + std::string(kindName(message.kind())));
   }
   auto encoded = encode(message);
-  if (const auto* error = std::get_if<WireError>(&encoded)) throw Exception(NSInvalidArgumentException, error->reason);
-  core_->send(OutgoingFrame::make(FrameKind::Message, std::move(std::get<Encoded>(encoded))));
+  if (!encoded) throw Exception(NSInvalidArgumentException, encoded.error().reason);
+  core_->send(OutgoingFrame::make(FrameKind::Message, *std::move(encoded)));
 }
 
 std::optional<std::string> Connection::name() const { return core_->name(); }

@@ -7,33 +7,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <variant>
 
 #include "platform/concurrency/SerialQueue.h"
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/xpc/connection/Event.h"
 #include "platform/xpc/value/Value.h"
 
 namespace platform::xpc {
-
-/// What can happen to a connection.
-struct ConnectionError {
-  enum class Kind {
-    /// The service at the other end ended. The connection is still good: the next message starts the service again. Client's end only.
-    Interrupted,
-    /// The connection is over and this is its last event: the service is unknown or cannot be started, the client went away, or it was
-    /// cancelled.
-    Invalid,
-    /// This process was told to end and does so as soon as the handlers have returned (within a few seconds). Service's end only.
-    TerminationImminent,
-  };
-  Kind kind = Kind::Invalid;
-  /// For people: what happened and, where something can be done about it, what.
-  std::string description;
-  friend bool operator==(const ConnectionError&, const ConnectionError&) = default;
-};
-
-/// What an event handler receives: a message (always a dictionary) or an error.
-using Event = std::variant<Value, ConnectionError>;
 
 /// One end of the local channel, on the level of messages.
 ///
@@ -52,7 +32,7 @@ using Event = std::variant<Value, ConnectionError>;
 /// Threads: any thread may call anything. Handlers run on the target queue, one event at a time, in the order of arrival.
 class Connection {
  public:
-  using EventHandler = std::function<void(const Event&)>;
+  using EventHandler = xpc::EventHandler;
 
   /// Never fails: an unknown name is told to the handler after `resume`, as Invalid.
   static std::shared_ptr<Connection> create(std::string serviceName);

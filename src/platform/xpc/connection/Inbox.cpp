@@ -1,40 +1,40 @@
 #include "platform/xpc/connection/Inbox.h"
 
-#include <exception>
 #include <utility>
 
 #include "platform/foundation/base/Exception.h"
-#include "platform/foundation/log/Log.h"
+#include "platform/foundation/log/Contained.h"
 
 namespace platform::xpc {
 
 std::shared_ptr<Inbox> Inbox::create(std::string label) { return std::shared_ptr<Inbox>(new Inbox(std::move(label))); }
 
-Inbox::Inbox(std::string label) : label_(std::move(label)), queue_(SerialQueue::create(label_)) {}
+Inbox::Inbox(std::string label)
+    : label_(std::move(label)), failure_("xpc: an exception left the event handler of " + label_), queue_(SerialQueue::create(label_)) {}
 
-void Inbox::setHandler(Connection::EventHandler handler) {
-  const std::lock_guard lock(mutex_);
+void Inbox::setHandler(EventHandler handler) {
+  const MutexLock lock(mutex_);
   // Swapped, so that what the former one holds is released without the lock.
-  if (!done_) handler_.swap(handler);
+  if (state_ != State::Done) handler_.swap(handler);
 }
 
 void Inbox::setQueue(std::shared_ptr<SerialQueue> queue) {
   if (!queue) queue = SerialQueue::create(label_);
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   queue_ = std::move(queue);
 }
 
 void Inbox::setRoomHandler(std::function<void()> room) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   room_ = std::move(room);
 }
 
 void Inbox::resume() {
   std::shared_ptr<SerialQueue> due;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (suspensions_ == 0) {
-      if (closed_) return;
+      if (state_ != State::Taking) return;
       throw Exception(NSInternalInconsistencyException, "a connection that is not suspended was resumed");
     }
     --suspensions_;
@@ -44,11 +44,11 @@ void Inbox::resume() {
 }
 
 void Inbox::suspend() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   ++suspensions_;
 }
 
-void Inbox::put(Value message, Hold hold) { putItem({.event = std::move(message), .hold = std::move(hold)}); }
+void Inbox::put(Value message, ReceiveBudget budget) { putItem({.event = std::move(message), .budget = std::move(budget)}); }
 
 void Inbox::putError(ConnectionError error, std::function<void()> told) { putItem({.event = std::move(error), .told = std::move(told)}); }
 
@@ -58,12 +58,11 @@ void Inbox::close(ConnectionError last, std::shared_ptr<void> kept) {
 
 void Inbox::closeNow() {
   std::deque<Item> dropped;
-  Connection::EventHandler handler;
+  EventHandler handler;
   std::function<void()> room;
   {
-    const std::lock_guard lock(mutex_);
-    closed_ = true;
-    done_ = true;
+    const MutexLock lock(mutex_);
+    state_ = State::Done;
     dropped.swap(items_);
     handler.swap(handler_);
     room.swap(room_);
@@ -77,7 +76,7 @@ void Inbox::closeNow() {
 
 void Inbox::dropMessages() {
   std::deque<Item> dropped;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::deque<Item> errors;
   for (Item& item : items_) (std::holds_alternative<Value>(item.event) ? dropped : errors).push_back(std::move(item));
   items_ = std::move(errors);
@@ -86,12 +85,12 @@ void Inbox::dropMessages() {
 }
 
 void Inbox::runOnQueue(std::function<void()> block) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   queue_->async(std::move(block));
 }
 
 bool Inbox::isFull() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   awaited_ = full();
   return awaited_;
 }
@@ -106,12 +105,12 @@ void Inbox::putItem(Item item) {
   std::shared_ptr<SerialQueue> due;
   bool taken = false;
   {
-    const std::lock_guard lock(mutex_);
-    taken = !closed_;
+    const MutexLock lock(mutex_);
+    taken = state_ == State::Taking;
     if (taken) {
-      closed_ = item.last;
-      bytes_ += item.hold.bytes();
-      descriptors_ += item.hold.descriptors();
+      if (item.last) state_ = State::Ending;
+      bytes_ += item.budget.bytes();
+      descriptors_ += item.budget.descriptors();
       items_.push_back(std::move(item));
       due = dueOn();
     }
@@ -121,69 +120,53 @@ void Inbox::putItem(Item item) {
   post(due);
 }
 
-// With the lock held: the queue for the next delivery when one is due, and then it must be posted. One at a time, so that a change of the
-// queue never makes two handlers run at once.
 std::shared_ptr<SerialQueue> Inbox::dueOn() {
   if (posted_ || suspensions_ > 0 || items_.empty()) return nullptr;
   posted_ = true;
   return queue_;
 }
 
-// Without the lock: the queue's thread would wake up only to wait for it.
 void Inbox::post(const std::shared_ptr<SerialQueue>& queue) {
   if (queue) queue->async([self = shared_from_this()] { self->deliver(); });
 }
 
 void Inbox::deliver() {
   Item item;
-  Connection::EventHandler handler;
+  EventHandler handler;
   std::function<void()> room;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (suspensions_ > 0 || items_.empty()) {
       posted_ = false;
       return;
     }
     item = std::move(items_.front());
     items_.pop_front();
-    bytes_ -= item.hold.bytes();
-    descriptors_ -= item.hold.descriptors();
+    bytes_ -= item.budget.bytes();
+    descriptors_ -= item.budget.descriptors();
     if (awaited_ && halfEmpty()) {
       awaited_ = false;
       room = room_;
     }
     handler = handler_;
     if (item.last) {
-      done_ = true;
+      state_ = State::Done;
       handler_ = nullptr;
       room_ = nullptr;
     }
   }
   if (room) room();
   // What the message holds counts until the handler has returned.
-  if (handler) call(handler, item);
-  item.hold = {};
+  if (handler) runContained(failure_, [&] { handler(item.event); });
+  item.budget = {};
   if (item.told) item.told();
   std::shared_ptr<SerialQueue> due;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     posted_ = false;
     due = dueOn();
   }
   post(due);
-}
-
-void Inbox::call(const Connection::EventHandler& handler, const Item& item) {
-  const auto say = [this](const std::string& what) { NSLog("xpc: an exception left the event handler of " + label_ + ": " + what); };
-  try {
-    handler(item.event);
-  } catch (const Exception& exception) {
-    say(exception.name() + ": " + exception.reason());
-  } catch (const std::exception& exception) {
-    say(exception.what());
-  } catch (...) {
-    say("of an unknown type");
-  }
 }
 
 }  // namespace platform::xpc

@@ -15,17 +15,27 @@ std::shared_ptr<Listener> Listener::create(FileHandle socket, ConnectionFunction
 Listener::Listener(std::shared_ptr<Core> core) : core_(std::move(core)) {}
 
 Listener::~Listener() {
-  onIOThread([core = std::move(core_)] { core->stop(); });
+  onIOThread([core = std::move(core_)] {
+    assertOnIOThread();
+    core->stop();
+  });
 }
 
 void Listener::resume() {
-  onIOThread([core = core_] { core->start(); });
+  onIOThread([core = core_] {
+    assertOnIOThread();
+    core->start();
+  });
 }
 
 void Listener::cancel() {
-  if (isIOThread()) return core_->stop();
+  if (isIOThread()) {
+    assertOnIOThread();
+    return core_->stop();
+  }
   std::promise<void> stopped;
   onIOThread([this, &stopped] {
+    assertOnIOThread();
     core_->stop();
     stopped.set_value();
   });
@@ -33,7 +43,10 @@ void Listener::cancel() {
 }
 
 void Listener::terminate(const std::string& reason, std::function<void()> done) {
-  onIOThread([core = core_, reason, done = std::move(done)] { core->terminate(reason, done); });
+  onIOThread([core = core_, reason, done = std::move(done)] {
+    assertOnIOThread();
+    core->terminate(reason, done);
+  });
 }
 
 Listener::Statistics Listener::statistics() const { return core_->statistics(); }

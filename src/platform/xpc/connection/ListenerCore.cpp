@@ -6,12 +6,13 @@
 
 #include <array>
 #include <cerrno>
-#include <exception>
-#include <system_error>
 #include <utility>
 
+#include "platform/concurrency/Weakly.h"
+#include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
-#include "platform/xpc/channel/IOThread.h"
+#include "platform/xpc/connection/StatusAnswer.h"
 
 namespace platform::xpc {
 
@@ -40,17 +41,15 @@ class Introduction {
         first_(std::make_shared<Frame>(std::move(first))) {}
 
   void operator()() {
-    try {
-      function_(connection_);
-    } catch (const std::exception& exception) {
-      NSLog(std::string("xpc: a new connection was refused, because its connection function failed: ") + exception.what());
-      connection_->cancel();
-    }
+    const bool accepted =
+        runContained("xpc: a new connection was refused, because its connection function failed", [this] { function_(connection_); });
+    if (!accepted) connection_->cancel();
     // If nobody kept it this is its end, and it is over before the block below runs.
     connection_ = nullptr;
     onIOThread([core = core_, first = first_] {
-      if (!core->isOver()) core->receive(std::move(*first));
-      if (!core->isOver()) core->startReading();
+      assertOnIOThread();
+      core->link().received(std::move(*first));
+      core->link().startReading();
     });
   }
 
@@ -64,10 +63,10 @@ class Introduction {
 }  // namespace
 
 Listener::Core::Core(FileHandle socket, ConnectionFunction function, std::size_t maximumConnections)
-    : socket_(std::move(socket)),
-      function_(std::move(function)),
+    : function_(std::move(function)),
       maximumConnections_(maximumConnections),
-      queue_(SerialQueue::create("xpc.listener")) {
+      queue_(SerialQueue::create("xpc.listener")),
+      socket_(std::move(socket)) {
   // Set on the socket itself, which a launcher may share; every user of a listening socket in an event loop wants the same.
   fcntl(socket_.fileDescriptor(), F_SETFL, fcntl(socket_.fileDescriptor(), F_GETFL) | O_NONBLOCK);
 }
@@ -84,22 +83,22 @@ void Listener::Core::stop() {
 }
 
 void Listener::Core::continueAccepting() {
+  assertOnIOThread();
   if (const auto timer = std::exchange(retryTimer_, nullptr)) timer->invalidate();
   if (!socket_.isOpen() || item_) return;
-  item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), EPOLLIN, [weak = weak_from_this()](unsigned) {
-    if (const auto self = weak.lock()) self->acceptSome();
-  });
+  item_ = RunLoopDescriptor::create(socket_.fileDescriptor(), EPOLLIN, weakly(this, [](Core& self, unsigned) { self.acceptSome(); }));
   ioLoop().add(item_);
 }
 
 void Listener::Core::acceptSome() {
+  assertOnIOThread();
   for (int i = 0; i < kAcceptsPerTurn; ++i) {
     if (openSockets_ >= maximumConnections_) {
       return pause("there are " + std::to_string(openSockets_) + " connections, the most there may be; further ones wait");
     }
     const int error = acceptOne();
     if (isShortage(error)) {
-      pause("a connection could not be accepted: " + std::generic_category().message(error) + "; it waits");
+      pause("a connection could not be accepted: " + errnoText(error) + "; it waits");
       return retryLater();
     }
     if (error != 0) {
@@ -125,30 +124,24 @@ void Listener::Core::pause(const std::string& why) {
 }
 
 void Listener::Core::retryLater() {
-  retryTimer_ = RunLoopTimer::create(kRetrySeconds, 0, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->continueAccepting();
-  });
+  retryTimer_ = RunLoopTimer::create(kRetrySeconds, 0, weakly(this, &Core::continueAccepting));
   ioLoop().add(retryTimer_);
 }
 
 void Listener::Core::admit(FileHandle socket) {
   ++accepted_;
   ++openSockets_;
-  const auto channel = Channel::create(std::move(socket), Channel::Side::Service);
+  const auto channel = Channel::create(std::move(socket), Channel::Side::Service, statusAnswer);
   callers_.emplace(channel.get(), channel);
-  const auto weak = weak_from_this();
-  channel->setClosedHandler([weak, key = channel.get()] {
-    if (const auto self = weak.lock()) self->socketClosed(key);
-  });
-  channel->setHandlers(
-      [weak, key = channel.get()](Frame frame) {
-        if (const auto self = weak.lock()) self->receiveFrom(key, std::move(frame));
-      },
-      [](const std::string&) {});
+  const auto* key = channel.get();
+  channel->setClosedHandler(weakly(this, [key](Core& self) { self.socketClosed(key); }));
+  channel->setHandlers(weakly(this, [key](Core& self, Frame frame) { self.receiveFrom(key, std::move(frame)); }),
+                       [](const std::string&) {});
   channel->setReading(true);
 }
 
 void Listener::Core::receiveFrom(const Channel* caller, Frame frame) {
+  assertOnIOThread();
   const auto found = callers_.find(caller);
   if (found == callers_.end()) return;
   const std::shared_ptr<Channel> channel = found->second;
@@ -161,11 +154,12 @@ void Listener::Core::becomePeer(const std::shared_ptr<Channel>& channel, Frame f
   callers_.erase(channel.get());
   peers_.emplace(channel.get(), core);
   ++peerCount_;
-  core->adopt(channel);
+  core->link().connected(channel);
   queue_->async([introduction = std::make_shared<Introduction>(function_, core, std::move(first))] { (*introduction)(); });
 }
 
 void Listener::Core::socketClosed(const Channel* channel) {
+  assertOnIOThread();
   --openSockets_;
   callers_.erase(channel);
   if (peers_.erase(channel) > 0) --peerCount_;

@@ -9,46 +9,48 @@
 #include "platform/concurrency/RunLoop.h"
 #include "platform/concurrency/SerialQueue.h"
 #include "platform/xpc/channel/Channel.h"
+#include "platform/xpc/channel/IOThread.h"
 #include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/connection/Listener.h"
 
 // Internal to the channel: what a Listener does.
 namespace platform::xpc {
 
-/// Threads: the I/O thread, but for what says otherwise.
+/// Made and asked for its statistics on any thread; the rest REQUIRES the I/O thread.
 class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
  public:
   Core(FileHandle socket, ConnectionFunction function, std::size_t maximumConnections);
 
-  void start();
-  void stop();
+  void start() REQUIRES(kIOThread);
+  void stop() REQUIRES(kIOThread);
   /// Stops accepting and tells every peer that the process is about to end; `done` is called when all handlers have returned.
-  void terminate(const std::string& reason, std::function<void()> done);
-  /// Any thread.
+  void terminate(const std::string& reason, std::function<void()> done) REQUIRES(kIOThread);
   [[nodiscard]] Listener::Statistics statistics() const;
 
  private:
+  // Called by the I/O thread's loop, and asserting that.
   void acceptSome();
-  int acceptOne();
-  void receiveFrom(const Channel* caller, Frame frame);
-  void admit(FileHandle socket);
-  void pause(const std::string& why);
-  void retryLater();
   void continueAccepting();
-  void becomePeer(const std::shared_ptr<Channel>& channel, Frame first);
+  void receiveFrom(const Channel* caller, Frame frame);
   void socketClosed(const Channel* channel);
 
-  FileHandle socket_;
+  int acceptOne() REQUIRES(kIOThread);
+  void admit(FileHandle socket) REQUIRES(kIOThread);
+  void pause(const std::string& why) REQUIRES(kIOThread);
+  void retryLater() REQUIRES(kIOThread);
+  void becomePeer(const std::shared_ptr<Channel>& channel, Frame first) REQUIRES(kIOThread);
+
   const ConnectionFunction function_;
   const std::size_t maximumConnections_;
   const std::shared_ptr<SerialQueue> queue_;
 
-  std::shared_ptr<RunLoopDescriptor> item_;
-  std::shared_ptr<RunLoopTimer> retryTimer_;
-  bool saidPaused_ = false;
+  FileHandle socket_ GUARDED_BY(kIOThread);
+  std::shared_ptr<RunLoopDescriptor> item_ GUARDED_BY(kIOThread);
+  std::shared_ptr<RunLoopTimer> retryTimer_ GUARDED_BY(kIOThread);
+  bool saidPaused_ GUARDED_BY(kIOThread) = false;
   /// Sockets that have sent nothing but status requests.
-  std::unordered_map<const Channel*, std::shared_ptr<Channel>> callers_;
-  std::unordered_map<const Channel*, std::weak_ptr<Connection::Core>> peers_;
+  std::unordered_map<const Channel*, std::shared_ptr<Channel>> callers_ GUARDED_BY(kIOThread);
+  std::unordered_map<const Channel*, std::weak_ptr<Connection::Core>> peers_ GUARDED_BY(kIOThread);
 
   std::atomic<std::size_t> openSockets_{0};
   std::atomic<std::size_t> peerCount_{0};

@@ -1,15 +1,14 @@
 #include "platform/xpc/connection/XPCConnection.h"
 
 #include <atomic>
-#include <condition_variable>
-#include <exception>
-#include <mutex>
 #include <utility>
 #include <variant>
 
 #include "platform/concurrency/RunLoop.h"
 #include "platform/concurrency/SerialQueue.h"
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/Mutex.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/connection/Connection.h"
 
@@ -42,20 +41,20 @@ class RunningCall {
 /// Opens once.
 class Gate {
  public:
-  void open() {
-    const std::lock_guard lock(mutex_);
+  void open() EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     isOpen_ = true;
-    opened_.notify_all();
+    opened_.notifyAll();
   }
-  void wait() {
-    std::unique_lock lock(mutex_);
-    opened_.wait(lock, [this] { return isOpen_; });
+  void wait() EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    while (!isOpen_) opened_.wait(lock);
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable opened_;
-  bool isOpen_ = false;
+  Mutex mutex_;
+  Condition opened_;
+  bool isOpen_ GUARDED_BY(mutex_) = false;
 };
 
 /// A call that arrived, with all that it needs.
@@ -66,18 +65,8 @@ struct Call {
   std::shared_ptr<void> running;
 
   void run() const {
-    const auto say = [this](const std::string& what) {
-      NSLog("xpc: an exception left the call " + interface.name() + " " + selector + ": " + what);
-    };
-    try {
-      interface.call(selector, object.get());
-    } catch (const Exception& exception) {
-      say(exception.name() + ": " + exception.reason());
-    } catch (const std::exception& exception) {
-      say(exception.what());
-    } catch (...) {
-      say("of an unknown type");
-    }
+    runContained("xpc: an exception left the call " + interface.name() + " " + selector,
+                 [this] { interface.call(selector, object.get()); });
   }
 };
 
@@ -105,35 +94,36 @@ std::string textUnder(const Value& message, std::string_view key) {
 
 class XPCConnection::Impl : public std::enable_shared_from_this<XPCConnection::Impl> {
  public:
+  struct Exported {
+    std::shared_ptr<void> object;
+    std::type_index type{typeid(void)};
+  };
+  struct Settings {
+    XPCInterface exportedInterface;
+    Exported exported;
+    XPCInterface remoteInterface;
+    std::function<void()> interruptionHandler;
+    std::function<void()> invalidationHandler;
+    std::string lastError;
+    bool listens = false;
+  };
+
   explicit Impl(std::shared_ptr<xpc::Connection> connection) : connection_(std::move(connection)) {}
 
   [[nodiscard]] xpc::Connection& connection() const { return *connection_; }
 
   template <class T>
-  void set(T Impl::*member, T value) {
-    const std::lock_guard lock(mutex_);
+  void set(T Settings::*member, T value) {
     // Swapped, so that the former value is released without the lock.
-    std::swap(this->*member, value);
+    settings_.with([member, &value](Settings& settings) { std::swap(settings.*member, value); });
   }
   template <class T>
-  [[nodiscard]] T get(T Impl::*member) const {
-    const std::lock_guard lock(mutex_);
-    return this->*member;
+  [[nodiscard]] T get(T Settings::*member) const {
+    return settings_.with([member](const Settings& settings) { return settings.*member; });
   }
 
   void resume();
   void callRemote(const std::string& selector);
-
-  struct Exported {
-    std::shared_ptr<void> object;
-    std::type_index type{typeid(void)};
-  };
-  XPCInterface exportedInterface_;
-  Exported exported_;
-  XPCInterface remoteInterface_;
-  std::function<void()> interruptionHandler_;
-  std::function<void()> invalidationHandler_;
-  std::string lastError_;
 
  private:
   void handle(const xpc::Event& event);
@@ -141,19 +131,14 @@ class XPCConnection::Impl : public std::enable_shared_from_this<XPCConnection::I
   void handleMessage(const Value& message);
 
   const std::shared_ptr<xpc::Connection> connection_;
-  mutable std::mutex mutex_;
-  bool listens_ = false;
+  Guarded<Settings> settings_;
 };
 
 // A peer's connection must outlive the delegate's reference, so its handler holds it; the channel lets go of the handler when the
 // connection is over. A client's connection lives as long as its owner wants.
 void XPCConnection::Impl::resume() {
-  bool first = false;
-  {
-    const std::lock_guard lock(mutex_);
-    first = !std::exchange(listens_, true);
-  }
-  if (first) {
+  const bool listens = settings_.with([](Settings& settings) { return std::exchange(settings.listens, true); });
+  if (!listens) {
     const auto kept = connection_->name() ? nullptr : shared_from_this();
     connection_->setEventHandler([weak = weak_from_this(), kept](const xpc::Event& event) {
       if (const auto self = weak.lock()) self->handle(event);
@@ -163,7 +148,7 @@ void XPCConnection::Impl::resume() {
 }
 
 void XPCConnection::Impl::callRemote(const std::string& selector) {
-  const XPCInterface remote = get(&Impl::remoteInterface_);
+  const XPCInterface remote = get(&Settings::remoteInterface);
   if (!remote.hasOperation(selector)) {
     throw Exception(NSInvalidArgumentException, "the remote interface " + remote.name() + " has no operation " + selector);
   }
@@ -177,14 +162,14 @@ void XPCConnection::Impl::handle(const xpc::Event& event) {
 }
 
 void XPCConnection::Impl::handleError(const ConnectionError& error) {
-  set(&Impl::lastError_, error.description);
+  set(&Settings::lastError, error.description);
   if (error.kind == ConnectionError::Kind::Interrupted) {
-    if (const auto handler = get(&Impl::interruptionHandler_)) handler();
+    if (const auto handler = get(&Settings::interruptionHandler)) handler();
   } else if (error.kind == ConnectionError::Kind::Invalid) {
-    const auto handler = get(&Impl::invalidationHandler_);
-    set(&Impl::interruptionHandler_, {});
-    set(&Impl::invalidationHandler_, {});
-    set(&Impl::exported_, {});
+    const auto handler = get(&Settings::invalidationHandler);
+    set(&Settings::interruptionHandler, {});
+    set(&Settings::invalidationHandler, {});
+    set(&Settings::exported, {});
     if (handler) handler();
   }
 }
@@ -192,8 +177,8 @@ void XPCConnection::Impl::handleError(const ConnectionError& error) {
 void XPCConnection::Impl::handleMessage(const Value& message) {
   const auto ignore = [](const std::string& why) { NSLog("xpc: a message was ignored: " + why); };
   const std::string interface = textUnder(message, kInterfaceKey);
-  auto call = std::make_shared<Call>(Call{get(&Impl::exportedInterface_), textUnder(message, kSelectorKey), nullptr, nullptr});
-  const Exported exported = get(&Impl::exported_);
+  auto call = std::make_shared<Call>(Call{get(&Settings::exportedInterface), textUnder(message, kSelectorKey), nullptr, nullptr});
+  const Exported exported = get(&Settings::exported);
   if (interface.empty() || call->selector.empty()) return ignore("it names no interface and selector");
   if (!exported.object) return ignore("no object is exported for " + interface + " " + call->selector);
   if (interface != call->interface.name()) return ignore("the interface " + interface + " is not exported");
@@ -217,23 +202,27 @@ std::shared_ptr<XPCConnection> XPCConnection::connectionWithPeer(std::shared_ptr
 XPCConnection::XPCConnection(std::shared_ptr<xpc::Connection> connection) : impl_(std::make_shared<Impl>(std::move(connection))) {}
 XPCConnection::~XPCConnection() = default;
 
-void XPCConnection::setExportedInterface(XPCInterface interface) { impl_->set(&Impl::exportedInterface_, std::move(interface)); }
-XPCInterface XPCConnection::exportedInterface() const { return impl_->get(&Impl::exportedInterface_); }
+void XPCConnection::setExportedInterface(XPCInterface interface) { impl_->set(&Impl::Settings::exportedInterface, std::move(interface)); }
+XPCInterface XPCConnection::exportedInterface() const { return impl_->get(&Impl::Settings::exportedInterface); }
 void XPCConnection::setExportedObject(std::shared_ptr<void> object, std::type_index type) {
-  impl_->set(&Impl::exported_, Impl::Exported{std::move(object), type});
+  impl_->set(&Impl::Settings::exported, Impl::Exported{std::move(object), type});
 }
-std::shared_ptr<void> XPCConnection::exportedObject() const { return impl_->get(&Impl::exported_).object; }
+std::shared_ptr<void> XPCConnection::exportedObject() const { return impl_->get(&Impl::Settings::exported).object; }
 std::shared_ptr<void> XPCConnection::exportedObject(std::type_index type) const {
-  auto exported = impl_->get(&Impl::exported_);
+  auto exported = impl_->get(&Impl::Settings::exported);
   return exported.type == type ? exported.object : nullptr;
 }
 
-void XPCConnection::setRemoteObjectInterface(XPCInterface interface) { impl_->set(&Impl::remoteInterface_, std::move(interface)); }
+void XPCConnection::setRemoteObjectInterface(XPCInterface interface) { impl_->set(&Impl::Settings::remoteInterface, std::move(interface)); }
 void XPCConnection::callRemote(const std::string& selector) { impl_->callRemote(selector); }
 void XPCConnection::scheduleSendBarrierBlock(std::function<void()> block) { impl_->connection().sendBarrier(std::move(block)); }
-void XPCConnection::setInterruptionHandler(std::function<void()> handler) { impl_->set(&Impl::interruptionHandler_, std::move(handler)); }
-void XPCConnection::setInvalidationHandler(std::function<void()> handler) { impl_->set(&Impl::invalidationHandler_, std::move(handler)); }
-std::string XPCConnection::lastErrorDescription() const { return impl_->get(&Impl::lastError_); }
+void XPCConnection::setInterruptionHandler(std::function<void()> handler) {
+  impl_->set(&Impl::Settings::interruptionHandler, std::move(handler));
+}
+void XPCConnection::setInvalidationHandler(std::function<void()> handler) {
+  impl_->set(&Impl::Settings::invalidationHandler, std::move(handler));
+}
+std::string XPCConnection::lastErrorDescription() const { return impl_->get(&Impl::Settings::lastError); }
 
 void XPCConnection::resume() { impl_->resume(); }
 void XPCConnection::suspend() { impl_->connection().suspend(); }

@@ -12,8 +12,6 @@ namespace platform::xpc {
 
 namespace {
 
-constexpr std::chrono::milliseconds kRetry{5};
-
 struct flock wholeFile(short type) {
   struct flock lock {};
   lock.l_type = type;
@@ -23,9 +21,9 @@ struct flock wholeFile(short type) {
 
 }  // namespace
 
-std::optional<LockFile> LockFile::open(int folder, const std::string& name, bool create) {
+Result<LockFile, int> LockFile::open(int folder, const std::string& name, bool create) {
   FileHandle handle(openat(folder, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), 0600));
-  if (!handle.isOpen()) return std::nullopt;
+  if (!handle.isOpen()) return errno;
   return LockFile(std::move(handle));
 }
 
@@ -33,15 +31,23 @@ LockFile::~LockFile() {
   if (handle_.isOpen()) unlock();
 }
 
-// Tried again and again rather than waited for: the kernel's waiting has no time limit, and contention is rare and short.
+LockFile::Attempt LockFile::tryLock() {
+  auto whole = wholeFile(F_WRLCK);
+  if (fcntl(handle_.fileDescriptor(), F_OFD_SETLK, &whole) == 0) {
+    locked_ = true;
+    return Attempt::Taken;
+  }
+  return errno == EAGAIN || errno == EACCES || errno == EINTR ? Attempt::HeldBySomebodyElse : Attempt::Failed;
+}
+
+// Tried again and again rather than waited for: the kernel's waiting has no time limit.
 bool LockFile::lock(std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {
-    auto whole = wholeFile(F_WRLCK);
-    if (fcntl(handle_.fileDescriptor(), F_OFD_SETLK, &whole) == 0) return locked_ = true;
-    if (errno != EAGAIN && errno != EACCES && errno != EINTR) return false;
+    const Attempt attempt = tryLock();
+    if (attempt != Attempt::HeldBySomebodyElse) return attempt == Attempt::Taken;
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(kRetry);
+    std::this_thread::sleep_for(kLockRetry);
   }
 }
 
@@ -63,12 +69,11 @@ std::string LockFile::text() const {
   return {buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
 }
 
-bool LockFile::setText(const std::string& text) const {
-  return ftruncate(handle_.fileDescriptor(), 0) == 0 &&
-         pwrite(handle_.fileDescriptor(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+int LockFile::setText(const std::string& text) const {
+  if (ftruncate(handle_.fileDescriptor(), 0) != 0) return errno;
+  const ssize_t written = pwrite(handle_.fileDescriptor(), text.data(), text.size(), 0);
+  if (written < 0) return errno;
+  return written == static_cast<ssize_t>(text.size()) ? 0 : ENOSPC;
 }
-
-std::string lifeLockName(const std::string& service) { return "." + service + ".lock"; }
-std::string launchLockName(const std::string& service) { return "." + service + ".launch"; }
 
 }  // namespace platform::xpc

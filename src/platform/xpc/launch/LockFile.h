@@ -1,10 +1,11 @@
 #pragma once
 
 #include <chrono>
-#include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
 
 // Internal to the channel: lock files, which stay where they are for good (removing one would let two processes lock two files of one
 // name).
@@ -14,15 +15,18 @@ namespace platform::xpc {
 /// process. Unlike other locks it can be looked at without being taken. Threads: one at a time.
 class LockFile {
  public:
-  /// Opens the file in the folder, making it when asked; nothing when that fails, with errno.
-  static std::optional<LockFile> open(int folder, const std::string& name, bool create);
+  /// Opens the file in the folder, making it when asked; an errno value when that fails.
+  static Result<LockFile, int> open(int folder, const std::string& name, bool create);
   LockFile(LockFile&&) noexcept = default;
   LockFile& operator=(LockFile&&) noexcept = default;
   LockFile(const LockFile&) = delete;
   LockFile& operator=(const LockFile&) = delete;
   ~LockFile();
 
-  /// Whether the lock was had within `limit`.
+  enum class Attempt { Taken, HeldBySomebodyElse, Failed };
+  /// Tries once, without waiting.
+  [[nodiscard]] Attempt tryLock();
+  /// Whether the lock was had within `limit`, for which the caller waits.
   [[nodiscard]] bool lock(std::chrono::milliseconds limit);
   void unlock();
   /// Whether somebody else holds it.
@@ -30,7 +34,8 @@ class LockFile {
 
   /// The file's short text.
   [[nodiscard]] std::string text() const;
-  bool setText(const std::string& text) const;
+  /// 0, or an errno value.
+  int setText(const std::string& text) const;
 
  private:
   explicit LockFile(FileHandle handle) : handle_(std::move(handle)) {}
@@ -38,8 +43,7 @@ class LockFile {
   bool locked_ = false;
 };
 
-/// The names of a service's two lock files.
-std::string lifeLockName(const std::string& service);
-std::string launchLockName(const std::string& service);
+/// The pause between two attempts to take a lock that somebody else holds: contention is rare and short.
+inline constexpr std::chrono::milliseconds kLockRetry{5};
 
 }  // namespace platform::xpc

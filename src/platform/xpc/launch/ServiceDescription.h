@@ -1,9 +1,9 @@
 #pragma once
 
 #include <string>
-#include <variant>
 
-#include "platform/xpc/launch/ServiceLauncher.h"
+#include "platform/foundation/base/Result.h"
+#include "platform/xpc/launch/LaunchError.h"
 
 // Internal to the channel: what an installed service says of itself.
 namespace platform::xpc {
@@ -16,6 +16,7 @@ struct ServiceDescription {
 };
 
 /// Finds and reads "xpc-services/<name>.plist" along XDG_DATA_HOME and XDG_DATA_DIRS; the first one found counts, even when it is faulty.
-std::variant<ServiceDescription, LaunchError> findServiceDescription(const std::string& name);
+/// Kinds NotInstalled and BadInstallation. Any thread.
+Result<ServiceDescription, LaunchError> findServiceDescription(const std::string& name);
 
 }  // namespace platform::xpc

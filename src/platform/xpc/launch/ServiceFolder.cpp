@@ -11,10 +11,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
-#include "platform/xpc/launch/Environment.h"
+#include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/files/FileManager.h"
+#include "platform/xpc/launch/XDGFolders.h"
 
 namespace platform::xpc {
 
@@ -25,8 +26,6 @@ constexpr std::size_t kMaximumNameBytes = 200;
 constexpr int kBacklog = 512;
 /// How long a caller waits for a service that is too busy to accept.
 constexpr time_t kConnectSeconds = 30;
-
-std::string errorText(int number) { return std::generic_category().message(number); }
 
 bool isOwnFolder(const std::string& path) {
   struct stat status {};
@@ -40,29 +39,21 @@ std::string hostName() {
 }
 
 std::string folderPath() {
-  if (const std::string runtime = absolutePathFromEnvironment("XDG_RUNTIME_DIR"); !runtime.empty()) return runtime + "/xpc";
+  if (const std::string runtime = xdgRuntimeFolder(); !runtime.empty()) return runtime + "/xpc";
   const std::string usual = "/run/user/" + std::to_string(geteuid());
   // The state folder may be shared between machines, sockets are not.
-  return isOwnFolder(usual) ? usual + "/xpc" : stateHome() + "/xpc-" + hostName();
+  return isOwnFolder(usual) ? usual + "/xpc" : xdgStateFolder() + "/xpc-" + hostName();
 }
 
-/// Makes the folder and those above it, each for this user alone.
-int makeFolders(const std::string& path) {
-  for (std::size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
-    if (mkdir(path.substr(0, end).c_str(), 0700) != 0 && errno != EEXIST && errno != EACCES && errno != EROFS) return errno;
-  }
-  return mkdir(path.c_str(), 0700) == 0 || errno == EEXIST ? 0 : errno;
-}
-
-/// The address of a path; false when it is too long for one (unix(7)).
-bool fillAddress(sockaddr_un& address, const std::string& path) {
+/// The address of what an open descriptor stands for, or of a file in the folder that it stands for: through /proc, so that no path is too
+/// long for an address (unix(7)).
+sockaddr_un addressThrough(int descriptor, const std::string& file = {}) {
+  const std::string path = "/proc/self/fd/" + std::to_string(descriptor) + (file.empty() ? "" : "/") + file;
+  sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return false;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  return true;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
 }
-
-std::string pathOfDescriptor(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
 
 FileHandle newSocket() { return FileHandle(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
 
@@ -87,35 +78,35 @@ std::optional<LaunchError> refuseName(const std::string& name) {
   const bool legal = !name.empty() && name.size() <= kMaximumNameBytes && name.front() != '.' && name.find('/') == std::string::npos &&
                      name.find('\0') == std::string::npos;
   if (legal) return std::nullopt;
-  return LaunchError{"\"" + name +
-                     "\" cannot be a service's name: it must be a file name of 1 to 200 bytes that does not begin with a dot"};
+  return LaunchError{"\"" + name + "\" cannot be a service's name: it must be a file name of 1 to 200 bytes that does not begin with a dot",
+                     LaunchError::Kind::IllegalName};
 }
 
-std::variant<ServiceFolder, LaunchError> ServiceFolder::open(bool create) {
+Result<ServiceFolder, LaunchError> ServiceFolder::open(bool create) {
   const std::string path = folderPath();
   const auto refuse = [&path](const std::string& why) {
-    return LaunchError{"the folder of service sockets, " + path + ", cannot be used: " + why + "; see XDG_RUNTIME_DIR"};
+    return LaunchError{"the folder of service sockets, " + path + ", cannot be used: " + why + "; see XDG_RUNTIME_DIR",
+                       LaunchError::Kind::NoFolder};
   };
   if (create) {
-    if (const int error = makeFolders(path); error != 0) return refuse(errorText(error));
+    if (const int error = makeFolders(path, 0700); error != 0) return refuse(errnoText(error));
   }
   FileHandle handle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!handle.isOpen()) return refuse(errorText(errno));
+  if (!handle.isOpen()) return refuse(errnoText(errno));
   struct stat status {};
-  if (fstat(handle.fileDescriptor(), &status) != 0) return refuse(errorText(errno));
+  if (fstat(handle.fileDescriptor(), &status) != 0) return refuse(errnoText(errno));
   if (status.st_uid != geteuid()) return refuse("it belongs to another user");
-  if ((status.st_mode & 0077U) != 0 && fchmod(handle.fileDescriptor(), 0700) != 0) return refuse(errorText(errno));
+  if ((status.st_mode & 0077U) != 0 && fchmod(handle.fileDescriptor(), 0700) != 0) return refuse(errnoText(errno));
   return ServiceFolder(std::move(handle), path);
 }
 
 std::optional<SocketIdentity> ServiceFolder::socketIdentity(const std::string& name) const { return identityOf(descriptor(), name); }
 
-std::variant<FileHandle, int> ServiceFolder::connect(const std::string& name) const {
+Result<FileHandle, int> ServiceFolder::connect(const std::string& name) const {
   // Through the file itself, so that no path and no name is too long.
   const FileHandle file(openat(descriptor(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!file.isOpen()) return errno;
-  sockaddr_un address{};
-  fillAddress(address, pathOfDescriptor(file.fileDescriptor()));
+  const sockaddr_un address = addressThrough(file.fileDescriptor());
   FileHandle socket = newSocket();
   if (!socket.isOpen()) return errno;
   const timeval limit{.tv_sec = kConnectSeconds, .tv_usec = 0};
@@ -128,12 +119,11 @@ std::variant<FileHandle, int> ServiceFolder::connect(const std::string& name) co
   return socket;
 }
 
-std::variant<ServiceFolder::Bound, int> ServiceFolder::bind(const std::string& name) const {
+Result<ServiceFolder::Bound, int> ServiceFolder::bind(const std::string& name) const {
   Bound bound{newSocket(), {}, temporaryName(name)};
   if (!bound.socket.isOpen()) return errno;
   remove(bound.temporaryName);
-  sockaddr_un address{};
-  fillAddress(address, pathOfDescriptor(descriptor()) + "/" + bound.temporaryName);
+  const sockaddr_un address = addressThrough(descriptor(), bound.temporaryName);
   if (::bind(bound.socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return errno;
   const auto identity = identityOf(descriptor(), bound.temporaryName);
   if (!identity || fchmodat(descriptor(), bound.temporaryName.c_str(), 0600, 0) != 0 ||

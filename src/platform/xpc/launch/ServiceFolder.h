@@ -1,11 +1,13 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
-#include <variant>
+#include <utility>
 
 #include "platform/foundation/base/FileHandle.h"
-#include "platform/xpc/launch/ServiceLauncher.h"
+#include "platform/foundation/base/Result.h"
+#include "platform/xpc/launch/LaunchError.h"
 
 // Internal to the channel: where the sockets and lock files are.
 namespace platform::xpc {
@@ -20,28 +22,29 @@ struct SocketIdentity {
 };
 
 /// The user's folder of service sockets: $XDG_RUNTIME_DIR/xpc, else /run/user/<uid>/xpc where that is ours, else <state home>/xpc-<host>.
-/// In it, for each service, the socket `<name>`, the lock file `.<name>.lock` that the service holds while it lives, and `.<name>.launch`,
-/// which is locked while somebody starts or removes the socket and records the one that is ours to remove. Threads: a value; its operations
-/// are file system calls.
+/// In it, for each service, the socket `<name>` and two lock files (ServiceLocks.h). Threads: a value; its operations are file system
+/// calls.
 class ServiceFolder {
  public:
   /// Opens the folder, making it (mode 0700) first when asked. It must belong to this user; a mode that lets others in is corrected.
-  static std::variant<ServiceFolder, LaunchError> open(bool create);
+  /// Kind NoFolder.
+  static Result<ServiceFolder, LaunchError> open(bool create);
 
   [[nodiscard]] const std::string& path() const { return path_; }
   [[nodiscard]] std::string socketPath(const std::string& name) const { return path_ + "/" + name; }
   [[nodiscard]] int descriptor() const { return handle_.fileDescriptor(); }
 
   [[nodiscard]] std::optional<SocketIdentity> socketIdentity(const std::string& name) const;
-  /// A connected stream socket, or errno. Waits, up to a limit, while the backlog is full.
-  [[nodiscard]] std::variant<FileHandle, int> connect(const std::string& name) const;
-  /// Makes a listening socket of mode 0600 under a temporary name; `publish` gives it its own. Or errno. Under the launch lock only.
+  /// A connected stream socket, or an errno value. Waits, up to a limit, while the backlog is full.
+  [[nodiscard]] Result<FileHandle, int> connect(const std::string& name) const;
+  /// Makes a listening socket of mode 0600 under a temporary name; `publish` gives it its own. Both under the launch lock only.
   struct Bound {
     FileHandle socket;
     SocketIdentity identity;
     std::string temporaryName;
   };
-  [[nodiscard]] std::variant<Bound, int> bind(const std::string& name) const;
+  [[nodiscard]] Result<Bound, int> bind(const std::string& name) const;
+  /// 0, or an errno value; so does `remove`.
   [[nodiscard]] int publish(const Bound& bound, const std::string& name) const;
   int remove(const std::string& file) const;
 

@@ -1,18 +1,19 @@
 #pragma once
 
-#include <functional>
-#include <memory>
 #include <string>
 
-#include "platform/xpc/connection/Connection.h"
 #include "platform/xpc/connection/Listener.h"
 
 namespace platform::xpc {
 
-/// What makes a process the service of a name. `main` calls `begin` before anything else and before it has a second thread.
+/// What makes a process the service of a name. `main` calls `begin` before anything else and before it has a second thread. It is the
+/// process itself, so there is one for as long as that lives and no object of it. Its parts have files of their own: SocketActivation,
+/// ServiceLog, ServiceLocks, EndingSignals, StatusSections, Termination.
 /// Threads: `begin` and `serve` on the main thread.
 class ServiceProcess {
  public:
+  ServiceProcess() = delete;
+
   /// Sets the application identifier, the log's destination and the signals (SIGTERM ends the service in order, SIGPIPE and SIGXFSZ are
   /// ignored), takes the service's lock file and registers the status section "process" {pid, startedAt, identifier}. Ends the process with
   /// EX_TEMPFAIL (75) and a log line when another process is this service, and with EX_OSERR (71) when the lock file or socket cannot be

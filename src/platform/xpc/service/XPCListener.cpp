@@ -1,8 +1,8 @@
 #include "platform/xpc/service/XPCListener.h"
 
-#include <mutex>
 #include <utility>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/connection/Connection.h"
 #include "platform/xpc/connection/XPCConnection.h"
@@ -11,8 +11,7 @@
 namespace platform {
 
 struct XPCListener::Impl {
-  std::mutex mutex;
-  std::weak_ptr<XPCListenerDelegate> delegate;
+  Guarded<std::weak_ptr<XPCListenerDelegate>> delegate;
 };
 
 XPCListener::XPCListener() : impl_(std::make_unique<Impl>()) {}
@@ -24,13 +23,11 @@ XPCListener& XPCListener::serviceListener() {
 }
 
 void XPCListener::setDelegate(std::weak_ptr<XPCListenerDelegate> delegate) {
-  const std::lock_guard lock(impl_->mutex);
-  impl_->delegate = std::move(delegate);
+  impl_->delegate.with([&delegate](auto& kept) { kept = std::move(delegate); });
 }
 
 std::shared_ptr<XPCListenerDelegate> XPCListener::delegate() const {
-  const std::lock_guard lock(impl_->mutex);
-  return impl_->delegate.lock();
+  return impl_->delegate.with([](const auto& kept) { return kept.lock(); });
 }
 
 void XPCListener::resume() {

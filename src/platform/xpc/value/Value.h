@@ -33,20 +33,21 @@ struct SharedMemory {
 /// Threads: a value like any other; copies may be used on different threads at once.
 class Value {
  public:
+  /// The numbers are the protocol's (docs/protocol.md) and never change: they are what stands before a value on the wire.
   enum class Kind : std::uint8_t {
-    Null,
-    Bool,
-    Int64,
-    UInt64,
-    Double,
-    Date,
-    Data,
-    String,
-    UUID,
-    FileDescriptor,
-    SharedMemory,
-    Array,
-    Dictionary
+    Null = 0,
+    Bool = 1,
+    Int64 = 2,
+    UInt64 = 3,
+    Double = 4,
+    Date = 5,
+    Data = 6,
+    String = 7,
+    UUID = 8,
+    FileDescriptor = 9,
+    SharedMemory = 10,
+    Array = 11,
+    Dictionary = 12,
   };
   using Array = std::vector<Value>;
   /// Keys are text that ends at its first NUL on the wire, so a key that holds one is refused.
@@ -105,12 +106,14 @@ class Value {
   struct DateTag {
     std::int64_t nanoseconds;
   };
-  /// In the order of Kind.
+  /// What each kind holds, at the place of its number.
   using Representation = std::variant<NullTag, bool, std::int64_t, std::uint64_t, double, DateTag, Shared<Data>, Shared<std::string>,
                                       platform::UUID::Bytes, Shared<FileHandle>, xpc::SharedMemory, Shared<Array>, Shared<Dictionary>>;
   explicit Value(Representation value) : value_(std::move(value)) {}
-  template <class T>
-  [[nodiscard]] const T& get() const;
+  template <Kind wanted, class T>
+  static Value make(T content);
+  template <Kind wanted>
+  [[nodiscard]] const auto& get() const;
 
   Representation value_;
 };

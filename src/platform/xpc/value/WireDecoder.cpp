@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "platform/xpc/value/WireFormat.h"
-#include "platform/xpc/value/WireTags.h"
 
 namespace platform::xpc {
 
@@ -37,34 +36,34 @@ class Decoder {
   Value next(std::size_t depth) {
     if (depth > kMaximumDepth) throw Malformed("the value is nested too deeply");
     if (++elements_ > kMaximumElements) throw Malformed("there are too many values");
-    switch (static_cast<WireTag>(byte())) {
-      case WireTag::Null:
+    switch (static_cast<Value::Kind>(byte())) {
+      case Value::Kind::Null:
         return {};
-      case WireTag::Bool:
+      case Value::Kind::Bool:
         return boolean();
-      case WireTag::Int64:
+      case Value::Kind::Int64:
         return Value::int64(static_cast<std::int64_t>(number()));
-      case WireTag::UInt64:
+      case Value::Kind::UInt64:
         return Value::uint64(number());
-      case WireTag::Double:
+      case Value::Kind::Double:
         return Value::real(std::bit_cast<double>(number()));
-      case WireTag::Date:
+      case Value::Kind::Date:
         return Value::date(static_cast<std::int64_t>(number()));
-      case WireTag::Data:
+      case Value::Kind::Data:
         return data();
-      case WireTag::String:
+      case Value::Kind::String:
         return Value::string(text());
-      case WireTag::UUID:
+      case Value::Kind::UUID:
         return uuid();
-      case WireTag::FileDescriptor:
+      case Value::Kind::FileDescriptor:
         return Value::fileDescriptor(descriptor());
-      case WireTag::SharedMemory: {
+      case Value::Kind::SharedMemory: {
         const std::uint64_t size = number();
         return Value::sharedMemory({.handle = descriptor(), .size = size});
       }
-      case WireTag::Array:
+      case Value::Kind::Array:
         return array(depth);
-      case WireTag::Dictionary:
+      case Value::Kind::Dictionary:
         return dictionary(depth);
     }
     throw Malformed("there is no such kind of value");
@@ -153,7 +152,7 @@ class Decoder {
 
 }  // namespace
 
-std::variant<Value, WireError> decode(std::span<const std::byte> bytes, std::vector<FileHandle> descriptors) {
+Result<Value, WireError> decode(std::span<const std::byte> bytes, std::vector<FileHandle> descriptors) {
   if (bytes.size() > kMaximumPayloadBytes) return WireError{"the value is too large"};
   if (descriptors.size() > kMaximumDescriptors) return WireError{"there are too many descriptors"};
   try {

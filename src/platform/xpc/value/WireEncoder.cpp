@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "platform/xpc/value/WireFormat.h"
-#include "platform/xpc/value/WireTags.h"
 
 namespace platform::xpc {
 
@@ -22,54 +21,43 @@ class Encoder {
   void put(const Value& value, std::size_t depth) {
     if (depth > kMaximumDepth) throw BoundPassed("the message is nested too deeply");
     if (++elements_ > kMaximumElements) throw BoundPassed("the message holds too many values");
-    putTagged(value, depth);
+    byte(static_cast<std::uint8_t>(value.kind()));
+    putContent(value, depth);
     if (result_.bytes.size() > kMaximumPayloadBytes) throw BoundPassed("the message is too large");
   }
   Encoded take() { return std::move(result_); }
 
  private:
-  void putTagged(const Value& value, std::size_t depth) {
+  void putContent(const Value& value, std::size_t depth) {
     switch (value.kind()) {
       case Value::Kind::Null:
-        return tag(WireTag::Null);
+        return;
       case Value::Kind::Bool:
-        tag(WireTag::Bool);
         return byte(value.boolValue() ? 1 : 0);
       case Value::Kind::Int64:
-        tag(WireTag::Int64);
         return number(static_cast<std::uint64_t>(value.int64Value()));
       case Value::Kind::UInt64:
-        tag(WireTag::UInt64);
         return number(value.uint64Value());
       case Value::Kind::Double:
-        tag(WireTag::Double);
         return number(std::bit_cast<std::uint64_t>(value.doubleValue()));
       case Value::Kind::Date:
-        tag(WireTag::Date);
         return number(static_cast<std::uint64_t>(value.dateValue()));
       case Value::Kind::Data:
-        tag(WireTag::Data);
         return counted(value.dataValue().data(), value.dataValue().size());
       case Value::Kind::String:
-        tag(WireTag::String);
         return counted(value.stringValue().data(), value.stringValue().size());
       case Value::Kind::UUID:
-        tag(WireTag::UUID);
         return bytes(value.uuidValue().data(), value.uuidValue().size());
       case Value::Kind::FileDescriptor:
-        tag(WireTag::FileDescriptor);
         return descriptor(value.fileDescriptorValue());
       case Value::Kind::SharedMemory:
-        tag(WireTag::SharedMemory);
         number(value.sharedMemoryValue().size);
         return descriptor(value.sharedMemoryValue().handle);
       case Value::Kind::Array:
-        tag(WireTag::Array);
         count(value.arrayValue().size());
         for (const Value& element : value.arrayValue()) put(element, depth + 1);
         return;
       case Value::Kind::Dictionary:
-        tag(WireTag::Dictionary);
         count(value.dictionaryValue().size());
         for (const auto& [key, entry] : value.dictionaryValue()) {
           counted(key.data(), key.size());
@@ -79,7 +67,6 @@ class Encoder {
     }
   }
 
-  void tag(WireTag tag) { byte(static_cast<std::uint8_t>(tag)); }
   void byte(std::uint8_t value) { result_.bytes.push_back(static_cast<std::byte>(value)); }
   void number(std::uint64_t value) {
     for (unsigned shift = 0; shift < 64; shift += 8) byte(static_cast<std::uint8_t>(value >> shift));
@@ -109,7 +96,7 @@ class Encoder {
 
 }  // namespace
 
-std::variant<Encoded, WireError> encode(const Value& value) {
+Result<Encoded, WireError> encode(const Value& value) {
   Encoder encoder;
   try {
     encoder.put(value, 1);

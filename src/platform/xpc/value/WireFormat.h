@@ -5,10 +5,10 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/Result.h"
 #include "platform/xpc/value/Value.h"
 
 /// The bytes of a value. docs/protocol.md describes them for other languages; the bounds here hold for both directions.
@@ -36,10 +36,10 @@ struct Encoded {
   std::vector<std::shared_ptr<const FileHandle>> descriptors;
 };
 
-[[nodiscard]] std::variant<Encoded, WireError> encode(const Value& value);
+Result<Encoded, WireError> encode(const Value& value);
 
 /// Reads exactly one value that fills `bytes` and uses up `descriptors`; anything else is an error. Descriptors that were passed in and end
 /// up in no value are closed. Never allocates more than a small multiple of `bytes`.
-[[nodiscard]] std::variant<Value, WireError> decode(std::span<const std::byte> bytes, std::vector<FileHandle> descriptors);
+Result<Value, WireError> decode(std::span<const std::byte> bytes, std::vector<FileHandle> descriptors);
 
 }  // namespace platform::xpc

@@ -1,0 +1,1 @@
+// The precompiled header of the rooms is built with this file.

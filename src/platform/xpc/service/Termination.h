@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/concurrency/RunLoop.h"
+#include "platform/xpc/connection/Listener.h"
+#include "platform/xpc/launch/ServiceFolder.h"
+#include "platform/xpc/service/LockWait.h"
+
+// Internal to the channel: how a service process ends when it is told to.
+namespace platform::xpc {
+
+/// The orderly end, in this order: the socket is removed when it is one of ours, so that no client finds a listener that will never accept
+/// (this waits at most a second for the launch lock, and is left out when that is not to be had); every peer's handler is told
+/// TerminationImminent; the process ends with status 0 when all of them have returned, or after two seconds.
+/// Ownership: lives as long as the process. Threads: the I/O thread, which is never made to wait.
+class Termination {
+ public:
+  Termination(const ServiceFolder& folder, std::string name, std::shared_ptr<Listener> listener);
+
+  /// Only the first call does anything.
+  void begin();
+
+ private:
+  void tellPeers();
+
+  const ServiceFolder& folder_;
+  const std::string name_;
+  const std::shared_ptr<Listener> listener_;
+  bool begun_ = false;
+  std::optional<LockWait> launchLock_;
+  std::shared_ptr<RunLoopItem> limit_;
+};
+
+}  // namespace platform::xpc

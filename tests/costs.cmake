@@ -1,0 +1,70 @@
+# What tests have been seen to take, in seconds on a busy machine, of either kind of build whatever is more. Those with the highest cost go
+# first, so that none of them is still under way when the others are through; what is not named here takes less than ten. Read by ctest. A name
+# that is no longer a test's does nothing.
+set(kestrine_costs
+  fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/fanotify 122
+  system_tests.Application.MissesNoChangeHoweverItsResetsFall 97
+  foundation_tests.UserDefaultsProcesses.ReadOnlyWholeFilesWhileAnotherWrites 78
+  fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/inotify 64
+  foundation_tests.UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset 60
+  fsevents_tests.StreamModel.OfManyChangesIsToldExactly/inotify 59
+  fsevents_tests.StreamModel.OfManyChangesIsToldExactly/fanotify 53
+  fsevents_tests.StreamModelUnread.BelowTheQueuesLengthIsToldExactly/inotify 36
+  util_tests.Base64Encoding.HasLinesOfTheWidthRoundedDownToFourAndNoBreakBehindTheLast 36
+  foundation_tests.Dictionary.TakesManyEntriesInNoOrderAtTheCostOfSorting 32
+  system_tests.KilledService.LeavesFilesThatParseAndIsStartedAgain 32
+  fsevents_tests.StreamModelUnread.BelowTheQueuesLengthIsToldExactly/fanotify 31
+  fsevents_tests.DirectoryTree.AgreesWithAMapOfPathsUnderRandomOperations 31
+  fsevents_tests.StreamModelUnread.BeyondTheQueuesLengthIsCoveredAndExactAfterwards/fanotify 31
+  xpc_tests.HostilePeer.ThatStaysSilentForTooLongIsClosed 30
+  foundation_tests.UserDefaultsProcesses.KilledAtAnyMomentLeaveAWholeFile 26
+  fsevents_tests.StreamModelUnread.BeyondTheQueuesLengthIsCoveredAndExactAfterwards/inotify 25
+  services_tests.KestrineCall.CallsEveryOperationThatAnswersWithARecord 24
+  fsevents_tests.StreamOverflow.HappensAgainAndIsToldAgain/fanotify 21
+  system_tests.Sources/WatcherIdle.SleepsWhileOnlyTheFolderAboveChanges/inotify 20
+  system_tests.Sources/WatcherIdle.SleepsWhileOnlyTheFolderAboveChanges/fanotify 20
+  concurrency_tests.RunLoopItem.InvalidateEndsARunThatIsAboutToSleep 19
+  app_tests.CommandLine.RefusesWhatItDoesNotUnderstandAndSaysWhat 19
+  fsevents_tests.StreamNewFolders.MadeDeepWithAFileAtOnceMissNothing/fanotify 18
+  concurrency_tests.RunLoopItem.SurvivesAStormOfAddSignalAndInvalidateFromManyThreads 18
+  fsevents_tests.StreamOverflow.HappensAgainAndIsToldAgain/inotify 17
+  foundation_tests.JSONReader.ReadsDoublesExactly 16
+  system_tests.RunScript.EndsAServiceThatIsStuck 15
+  system_tests.RunScript.ShowsTheOneReportOfAWatchThatCannotStart 15
+  fsevents_tests.StreamLeaks.NoDescriptorOrMarkRemainsAfterManyStreams/fanotify 14
+  fsevents_tests.StreamLeaks.NoDescriptorOrMarkRemainsAfterManyStreams/inotify 13
+  fsevents_tests.ChangeSourceOf.LosesNothingWhileItsFolderIsMarkedAgainAndAgain/fanotify 13
+  fsevents_tests.StreamNewFolders.MadeDeepWithAFileAtOnceMissNothing/inotify 12
+  app_tests.CommandLine.HelpsWithEachCommand 12
+  services_tests.RestCallsMany.InOneProcessGrowNothing 12
+  fsevents_tests.ChangeSourceOf.LosesNothingWhileItsFolderIsMarkedAgainAndAgain/inotify 11
+  system_tests.OtherLanguage.StartsTheWatcherByAnyMessageOn10_7AndPassesADescriptor 11
+  system_tests.OtherLanguage.StartsTheWatcherByAnObjectLevelCallAndPassesADescriptor 11
+  app_tests.Client.SaysThatTheServiceDiedAndAsksAgain 10
+  fsevents_tests.WatchedTreeTest.KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves/fanotify 10
+  system_tests.RunScript.ShowsTheFlagBeingRaisedAfterEachResetAndLeavesNothing 10
+  xpc_tests.Lifetime.EndsASecondProcessOfTheSameService 10
+  xpc_tests.Lifetime.TellsWhichProcessIsInTheWayWhenItHasNoSocket 10
+  system_tests.WatcherLife.RunsOnlyOnce 10
+  app_tests.DefaultsCommand.StoresEachTypeAndReadsItBack 10
+  fsevents_tests.StreamOverflow.FreesWhatWasRemovedOrMovedOutMeanwhile/fanotify 10
+  fsevents_tests.StreamModel.BySeveralWritersAtOnceIsToldExactly/fanotify 10
+  fsevents_tests.StreamOverflow.LeavesFoldersRenamedMeanwhileUnderTheirNewNames/fanotify 10
+  system_tests.Sources/WatcherSignals.AreRaisedAgainAfterTheApplicationHasResetTheFlag/fanotify 9
+  system_tests.Sources/WatcherSignals.AreRaisedAgainAfterTheApplicationHasResetTheFlag/inotify 9
+  app_tests.DefaultsCommand.ListsReadsAndDeletesKeysAndDomains 9
+  system_tests.Container.NeedsNoRuntimeFolderAndNoFanotify 9
+  fsevents_tests.StreamOverflow.LeavesFoldersMadeMeanwhileWatched/fanotify 9
+  system_tests.OtherLanguage.IsServedByAServiceThatRunsAlready 9
+  fsevents_tests.StreamOverflow.IsToldAsALossOfTheWholeTree/fanotify 9
+  foundation_tests.PropertyList.RefusesHostileNestingAndSizeInXML 8
+  system_tests.WatcherService.TellsNothingThatItDoesItselfWhereTheKernelKnowsIt 8
+  system_tests.Sources/WatcherSignals.DoNotFeedThemselvesThroughPreferencesInTheWatchedFolder/inotify 8
+  system_tests.Sources/WatcherSignals.DoNotFeedThemselvesThroughPreferencesInTheWatchedFolder/fanotify 8
+  foundation_tests.JSONReader.RefusesAMillionOpenContainers 8
+  system_tests.OtherLanguage.MessagesThatAreNoCallsStartNothingWhereThereAreCalls 8
+)
+while(kestrine_costs)
+  list(POP_FRONT kestrine_costs kestrine_name kestrine_cost)
+  set_tests_properties("${kestrine_name}" PROPERTIES COST ${kestrine_cost})
+endwhile()
