@@ -92,7 +92,9 @@ Result<PreferencesFile::Contents, std::system_error> PreferencesFile::read() con
     if (!unusable) return error;
     // What is unusable and must stay where it is counts as empty all the same.
     failed(false, unusable->why + ", and it cannot be moved aside: " + error.what());
-    return Contents{Object(), FileVersion(), unusable->why};
+    Contents empty;
+    empty.damage = unusable->why;
+    return empty;
   }
 }
 
