@@ -23,7 +23,8 @@ from descendants import end_descendants, reap
 PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
 MNT_DETACH = 2
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT)
-PREFIX, MODE = "kestrine.", 0o711
+# Others may read it: some tests run as a user without rights, and watch folders below.
+PREFIX, MODE = "kestrine.", 0o755
 # What a whole run has been seen to need at once is a tenth of this.
 ROOM, FILES = 1 << 30, 300_000
 

@@ -115,19 +115,20 @@ TEST_F(Client, KeepsAskingWhenTheServiceDoesNotComeBack) {
 }
 
 TEST_F(Client, CallsTheHandlerOnAThreadThatTakesNoSignals) {
-  std::atomic<int> open = -1;
-  client.setEventHandler([&](const FileWatcherClient::ServiceEvent&) {
+  // Shared, since the client outlives the test's body and may call once more.
+  const auto open = std::make_shared<std::atomic<int>>(-1);
+  client.setEventHandler([open](const FileWatcherClient::ServiceEvent&) {
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     int count = 0;
     for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGUSR1, SIGALRM, SIGRTMIN}) count += sigismember(&blocked, number) == 1 ? 0 : 1;
-    open = count;
+    *open = count;
   });
   const WatchStart start = startWatching();
   ASSERT_TRUE(start.stands()) << start.text;
   signalProcess(start.process, SIGKILL);
-  ASSERT_TRUE(eventually([&] { return open >= 0; }, kLongEnough));
-  EXPECT_EQ(open, 0);
+  ASSERT_TRUE(eventually([&] { return *open >= 0; }, kLongEnough));
+  EXPECT_EQ(*open, 0);
 }
 
 TEST_F(Client, GoesOnWhenItsHandlerThrows) {

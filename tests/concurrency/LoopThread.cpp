@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "platform/foundation/log/Log.h"
-#include "tests/concurrency/ScarceThreads.h"
+#include "tests/support/ScarceThreads.h"
 #include "tests/support/Eventually.h"
 
 namespace platform {

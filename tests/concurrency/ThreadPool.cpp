@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/concurrency/SerialQueue.h"
-#include "tests/concurrency/ScarceThreads.h"
+#include "tests/support/ScarceThreads.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

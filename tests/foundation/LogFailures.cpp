@@ -16,6 +16,7 @@
 #include "platform/foundation/base/ApplicationIdentifier.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/ScarceThreads.h"
 
 namespace platform {
 namespace {
@@ -42,6 +43,20 @@ struct Pipe {
     return text;
   }
 };
+
+// Alone in its process, as ctest runs it, the line without a thread is the log's first.
+TEST(LogFailures, WithoutAThreadLinesGoStraightToStandardErrorUntilThereIsOne) {
+  const CapturedStandardError captured;
+  const auto sayBoth = [] {
+    NSLog("said without a thread");
+    flushLog();
+  };
+  if (!kestrine::test::withoutThreads(sayBoth))
+    GTEST_SKIP() << "left out: a system without threads left, because this kernel takes no filter";
+  NSLog("said with one");
+  flushLog();
+  EXPECT_THAT(captured.text(), testing::MatchesRegex("[^\n]*said without a thread\n[^\n]*said with one\n"));
+}
 
 TEST(LogFailures, AFullStandardErrorCostsLinesButStopsNobody) {
   Pipe pipe;

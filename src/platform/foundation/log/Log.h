@@ -10,6 +10,8 @@ namespace platform {
 /// local time), and whatever else `LogDestination` names. Returns at once: a thread of the log's own writes, and what does not fit its
 /// bounded queue (4096 lines, 4 MiB) is counted and said in a line of its own, "dropped N log lines". Text may hold line ends. Any thread.
 ///
+/// While the system has no thread to give, lines go straight to standard error and nowhere else; it never throws for want of one.
+///
 /// A standard error that nobody reads, or that is closed, costs the lines that it does not take within a second and nothing else: the
 /// writing thread has SIGPIPE blocked. What happens to the process's own writes is the process's business.
 ///

@@ -7,9 +7,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <system_error>
 #include <thread>
+#include <utility>
 
 #include "platform/foundation/base/AllSignalsBlocked.h"
 #include "platform/foundation/base/ApplicationIdentifier.h"
@@ -41,6 +44,17 @@ LogLine lineOfNow(std::string_view text) {
   return line;
 }
 
+/// On a thread that is not ours: a standard error that is closed must not send it a signal.
+void writeDirectly(const std::string& line) {
+  const AllSignalsBlocked blocked;
+  if (::write(STDERR_FILENO, line.data(), line.size()) >= 0 || errno != EPIPE) return;
+  sigset_t broken;
+  sigemptyset(&broken);
+  sigaddset(&broken, SIGPIPE);
+  const timespec now{};
+  sigtimedwait(&broken, nullptr, &now);
+}
+
 }  // namespace
 
 LogWriter& LogWriter::shared() {
@@ -48,35 +62,45 @@ LogWriter& LogWriter::shared() {
   return writer;
 }
 
-void LogWriter::startOnce() {
-  std::call_once(started_, [this] {
+void LogWriter::prepareOnce() {
+  std::call_once(prepared_, [] {
     tzset();  // here, so that the writer never reads the environment, which others may be changing
     pthread_atfork(nullptr, nullptr, [] { isForkedChild = true; });
     std::atexit([] { shared().flush(kPatienceAtExitInSeconds); });
-    // Among them SIGPIPE: a closed standard error gives the writer an error.
-    const AllSignalsBlocked blocked;
-    std::thread([this] { run(); }).detach();
   });
 }
 
-void LogWriter::log(std::string_view text) {
-  if (isForkedChild) {
-    const std::string line = fmt::format("{}[{}:{}] {}\n", program_invocation_short_name, getpid(), gettid(), text);
-    static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
-    return;
+bool LogWriter::isServed() {
+  if (isServed_) return true;
+  prepareOnce();
+  const MutexLock lock(starting_);
+  if (isServed_) return true;
+  try {
+    // Among them SIGPIPE: a closed standard error gives the writer an error.
+    const AllSignalsBlocked blocked;
+    std::thread([this] { run(); }).detach();
+    isServed_ = true;
+  } catch (const std::system_error&) {
+    // Who logs can do nothing about it, and says more with the line itself.
   }
-  startOnce();
-  queue_.push(lineOfNow(text));
+  return isServed_;
+}
+
+void LogWriter::log(std::string_view text) {
+  if (isForkedChild) return writeDirectly(fmt::format("{}[{}:{}] {}\n", program_invocation_short_name, getpid(), gettid(), text));
+  LogLine line = lineOfNow(text);
+  if (!isServed()) return writeDirectly(formatLine(line));
+  queue_.push(std::move(line));
 }
 
 void LogWriter::setDestination(const LogDestination& destination) {
   if (isForkedChild) return;
-  startOnce();
+  isServed();
   queue_.setDestination(destination);
 }
 
 void LogWriter::flush(std::optional<int> limit) {
-  if (!isForkedChild) queue_.waitUntilWritten(limit);
+  if (isServed_ && !isForkedChild) queue_.waitUntilWritten(limit);
 }
 
 void LogWriter::run() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -13,7 +14,8 @@
 namespace platform {
 
 /// The thread behind NSLog and all that it writes to. There is one in a process; it begins with the first line, sleeps on a condition
-/// variable while there is nothing to write, and is never joined: the process's normal end waits for the lines instead.
+/// variable while there is nothing to write, and is never joined: the process's normal end waits for the lines instead. While the system
+/// has no thread to give, each line goes straight to standard error, and the next one asks for the thread again.
 class LogWriter {
  public:
   static LogWriter& shared();
@@ -24,7 +26,9 @@ class LogWriter {
 
  private:
   LogWriter() = default;
-  void startOnce();
+  void prepareOnce();
+  /// Whether there is a writing thread, made now if there was none; not while the system has no thread to give.
+  bool isServed() EXCLUDES(starting_);
   void run();
   void beWritingThread() const ASSERT_CAPABILITY(writing_) {}
   void write(const LogQueue::Batch& batch) REQUIRES(writing_);
@@ -33,7 +37,9 @@ class LogWriter {
   void reportFileError(int error) REQUIRES(writing_);
 
   LogQueue queue_;
-  std::once_flag started_;
+  std::once_flag prepared_;
+  Mutex starting_;
+  std::atomic<bool> isServed_ = false;
 
   /// What only the writing thread touches.
   ThreadRole writing_;

@@ -1,4 +1,4 @@
-#include "tests/concurrency/ScarceThreads.h"
+#include "tests/support/ScarceThreads.h"
 
 #include <linux/filter.h>
 #include <linux/seccomp.h>
