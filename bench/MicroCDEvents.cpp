@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "bench/TemporaryFolder.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/fsevents/FSEventStream.h"
 #include "watcher/CDEvents.h"
 

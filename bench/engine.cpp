@@ -17,7 +17,7 @@
 
 #include "bench/Measure.h"
 #include "bench/Writer.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/fsevents/FSEventStream.h"
 
 namespace {

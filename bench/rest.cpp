@@ -28,8 +28,8 @@
 #include "Services/RestBaseURL.h"
 #include "Services/RestInterface.h"
 #include "bench/Measure.h"
-#include "platform/concurrency/RunLoop.h"
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/foundation/formats/JSON.h"
 #include "platform/foundation/log/Log.h"
 

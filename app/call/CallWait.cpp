@@ -3,7 +3,7 @@
 #include <memory>
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Mutex.h"
 
 namespace kestrine {

@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 
 namespace kestrine {
 

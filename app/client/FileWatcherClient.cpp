@@ -8,7 +8,7 @@
 #include "app/client/WatchKeeper.h"
 #include "app/client/WatchRequest.h"
 #include "app/client/WatchedFolder.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 
 namespace kestrine {
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "contract/ServiceName.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/fsevents/FSEventStream.h"

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "contract/ServiceName.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
 namespace kestrine {

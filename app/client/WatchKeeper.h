@@ -10,7 +10,7 @@
 
 #include "app/client/FileWatcherClient.h"
 #include "app/client/ServiceLifetime.h"
-#include "platform/concurrency/LoopThread.h"
+#include "platform/concurrency/thread/LoopThread.h"
 #include "platform/foundation/base/Mutex.h"
 
 namespace kestrine {

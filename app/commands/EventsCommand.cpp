@@ -13,7 +13,7 @@
 #include "app/cli/StopSignals.h"
 #include "app/commands/Commands.h"
 #include "app/commands/EventLine.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/fsevents/FSEventStream.h"
 
 namespace kestrine {

@@ -10,7 +10,7 @@
 #include "app/client/FlagMonitor.h"
 #include "app/client/ServiceLifetime.h"
 #include "app/commands/Commands.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 
 namespace kestrine {

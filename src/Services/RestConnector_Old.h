@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Services/RestResult.h"
-#include "platform/concurrency/OperationQueue.h"
+#include "platform/concurrency/queue/OperationQueue.h"
 #include "platform/foundation/url/URL.h"
 #include "platform/foundation/value/Object.h"
 #include "platform/network/session/URLConnection.h"

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "watcher/FileWatcherServiceXPC.h"
 
 namespace kestrine {

@@ -3,8 +3,8 @@
 #include <any>
 #include <utility>
 
-#include "platform/concurrency/OperationQueue.h"
-#include "platform/concurrency/SynchronousExecutor.h"
+#include "platform/concurrency/queue/OperationQueue.h"
+#include "platform/concurrency/queue/SynchronousExecutor.h"
 #include "platform/foundation/process/NotificationCenter.h"
 #include "platform/xpc/service/XPCMain.h"
 

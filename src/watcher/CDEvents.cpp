@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/value/Object.h"
 #include "watcher/CDEventsDelegate.h"

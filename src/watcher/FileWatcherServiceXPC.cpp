@@ -6,7 +6,7 @@
 
 #include "contract/SharedPreferences.h"
 #include "contract/SyncFolder.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Contained.h"

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/value/Object.h"
 #include "platform/xpc/connection/Connection.h"

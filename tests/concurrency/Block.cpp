@@ -1,4 +1,4 @@
-#include "platform/concurrency/Block.h"
+#include "platform/concurrency/loop/Block.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <string>
 #include <type_traits>
 
-#include "platform/concurrency/OperationQueue.h"
-#include "platform/concurrency/RunLoop.h"
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/queue/OperationQueue.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 
 namespace kestrine::test {
 namespace {

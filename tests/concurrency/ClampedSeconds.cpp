@@ -1,4 +1,4 @@
-#include "platform/concurrency/ClampedSeconds.h"
+#include "platform/concurrency/loop/ClampedSeconds.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/concurrency/LoopThread.h"
+#include "platform/concurrency/thread/LoopThread.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "platform/foundation/log/Log.h"
-#include "tests/support/ScarceThreads.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/ScarceThreads.h"
 
 namespace platform {
 namespace {

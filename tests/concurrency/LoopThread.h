@@ -5,7 +5,7 @@
 #include <memory>
 #include <thread>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 
 namespace kestrine::test {
 

@@ -1,4 +1,4 @@
-#include "platform/concurrency/OperationQueue.h"
+#include "platform/concurrency/queue/OperationQueue.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
 #include "tests/support/Eventually.h"

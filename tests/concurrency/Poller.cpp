@@ -1,4 +1,4 @@
-#include "platform/concurrency/Poller.h"
+#include "platform/concurrency/loop/Poller.h"
 
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>

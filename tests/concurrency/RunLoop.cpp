@@ -1,4 +1,4 @@
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/base/FileHandle.h"
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Exception.h"
 #include "tests/concurrency/LoopThread.h"
 #include "tests/support/Eventually.h"

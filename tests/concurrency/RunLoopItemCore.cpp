@@ -1,4 +1,4 @@
-#include "platform/concurrency/RunLoopItemCore.h"
+#include "platform/concurrency/loop/RunLoopItemCore.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 
 namespace kestrine::test {
 namespace {

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "tests/concurrency/LoopThread.h"
 #include "tests/support/Eventually.h"
 

@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 
 namespace kestrine::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
-#include "platform/concurrency/ThreadPool.h"
+#include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/queue/ThreadPool.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
 #include "tests/support/Eventually.h"

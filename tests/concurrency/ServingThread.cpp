@@ -1,4 +1,4 @@
-#include "platform/concurrency/ServingThread.h"
+#include "platform/concurrency/thread/ServingThread.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

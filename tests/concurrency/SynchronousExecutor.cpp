@@ -1,4 +1,4 @@
-#include "platform/concurrency/SynchronousExecutor.h"
+#include "platform/concurrency/queue/SynchronousExecutor.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "platform/concurrency/RunLoop.h"
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 
 namespace kestrine::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/concurrency/ThreadPool.h"
+#include "platform/concurrency/queue/ThreadPool.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,9 +9,9 @@
 #include <stdexcept>
 #include <vector>
 
-#include "platform/concurrency/SerialQueue.h"
-#include "tests/support/ScarceThreads.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/ScarceThreads.h"
 
 namespace kestrine::test {
 namespace {

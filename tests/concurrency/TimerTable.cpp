@@ -1,4 +1,4 @@
-#include "platform/concurrency/TimerTable.h"
+#include "platform/concurrency/loop/TimerTable.h"
 
 #include <gtest/gtest.h>
 

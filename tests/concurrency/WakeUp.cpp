@@ -1,4 +1,4 @@
-#include "platform/concurrency/WakeUp.h"
+#include "platform/concurrency/loop/WakeUp.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "platform/concurrency/Weakly.h"
+#include "platform/concurrency/loop/Weakly.h"
 
 #include <gtest/gtest.h>
 

@@ -208,7 +208,7 @@ DEFECTS = [
     # The run loop and the queues.
     Defect(
         "queues-share-eight-threads",
-        "src/platform/concurrency/ThreadPool.cpp",
+        "src/platform/concurrency/queue/ThreadPool.cpp",
         "    isPromised = waiting_.size() < parked_ + beginning_;\n",
         "    isPromised = waiting_.size() < parked_ + beginning_ || threads_ >= 8;\n",
         "concurrency_tests",
@@ -216,7 +216,7 @@ DEFECTS = [
     ),
     Defect(
         "run-loop-not-told-that-nothing-is-left",
-        "src/platform/concurrency/EventLoop.cpp",
+        "src/platform/concurrency/loop/EventLoop.cpp",
         "  if (items_.empty()) wake();\n",
         "",
         "concurrency_tests",
@@ -224,7 +224,7 @@ DEFECTS = [
     ),
     Defect(
         "invalidate-does-not-wait",
-        "src/platform/concurrency/RunLoopItemCore.cpp",
+        "src/platform/concurrency/loop/RunLoopItemCore.cpp",
         "  while (running_ != 0) finished_.wait(lock);\n",
         "",
         "concurrency_tests",
@@ -232,7 +232,7 @@ DEFECTS = [
     ),
     Defect(
         "failure-on-a-serving-thread-not-contained",
-        "src/platform/concurrency/LoopThread.cpp",
+        "src/platform/concurrency/thread/LoopThread.cpp",
         "    while (!ended_) runContained(failure_, [this] { loop_->run(); });\n",
         "    while (!ended_) loop_->run();\n",
         "concurrency_tests",
@@ -240,7 +240,7 @@ DEFECTS = [
     ),
     Defect(
         "run-loop-woken-once-for-ever",
-        "src/platform/concurrency/WakeUp.cpp",
+        "src/platform/concurrency/loop/WakeUp.cpp",
         "  if (state_.exchange(State::Awake) != State::Woken && !wasReadable) return;\n",
         "  if (state_.exchange(State::Awake) != State::Woken && !(wasReadable && false)) return;\n",
         "concurrency_tests",
@@ -665,7 +665,7 @@ DEFECTS = [
     ),
     Defect(
         "run-loop-sleeps-with-nothing-left",
-        "src/platform/concurrency/EventLoop.cpp",
+        "src/platform/concurrency/loop/EventLoop.cpp",
         "const bool nothingToWaitFor = !until && items_.empty();",
         "const bool nothingToWaitFor = false;",
         "concurrency_tests",

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/network/session/URLConnection.h"
 #include "tests/network/Fetch.h"
 #include "tests/support/Eventually.h"

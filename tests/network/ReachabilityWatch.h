@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/reachability/ReachabilityTarget.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/NetworkNamespace.h"

@@ -4,7 +4,7 @@
 #include <future>
 #include <thread>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
 #include "tests/network/Fetch.h"

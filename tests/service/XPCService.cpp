@@ -8,8 +8,8 @@
 #include <future>
 #include <thread>
 
-#include "platform/concurrency/OperationQueue.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/queue/OperationQueue.h"
 #include "platform/foundation/process/NotificationCenter.h"
 #include "platform/xpc/connection/Listener.h"
 #include "service/WatchOnMessage.h"

@@ -19,7 +19,7 @@
 #include "Services/Reachability/Reachability.h"
 #include "Services/RestBaseURL.h"
 #include "Services/RestResult.h"
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/formats/JSON.h"
 #include "platform/foundation/url/URL.h"

@@ -11,7 +11,7 @@
 #include <sstream>
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/url/URL.h"
 #include "platform/fsevents/FSEventStream.h"

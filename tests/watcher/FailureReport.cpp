@@ -6,8 +6,8 @@
 #include <cstdlib>
 
 #include "platform/foundation/formats/JSON.h"
-#include "tests/support/ScarceThreads.h"
 #include "tests/services/ProductServer.h"
+#include "tests/support/ScarceThreads.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/FileWatcherServiceXPC.h"

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <tuple>
 
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/xpc/connection/Connection.h"
 #include "tests/support/Eventually.h"

@@ -14,7 +14,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "platform/concurrency/ThreadPool.h"
+#include "platform/concurrency/queue/ThreadPool.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

@@ -5,7 +5,7 @@
 
 #include <optional>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/xpc/launch/ServiceLocks.h"
 #include "platform/xpc/service/LockWait.h"
 #include "tests/xpc/ServiceEnvironment.h"

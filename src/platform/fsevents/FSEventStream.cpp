@@ -11,7 +11,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/StatusRegistry.h"
 #include "platform/fsevents/EventClock.h"

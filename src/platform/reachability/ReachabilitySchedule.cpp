@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 
 namespace platform {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <optional>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Mutex.h"
 #include "platform/reachability/NetlinkSocket.h"
 #include "platform/reachability/ReachabilityEndpoint.h"

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/reachability/ReachabilityFlags.h"
 
 namespace platform {

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/fsevents/FSEventStream.h"
 #include "tests/support/Eventually.h"
 

@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/connection/Connection.h"
 #include "platform/xpc/connection/XPCConnection.h"

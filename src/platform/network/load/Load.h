@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Result.h"
 #include "platform/network/load/LoadFailure.h"
 #include "platform/network/load/LoadQuestion.h"

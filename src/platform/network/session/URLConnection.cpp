@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Mutex.h"
 #include "platform/network/session/SessionImpl.h"
 

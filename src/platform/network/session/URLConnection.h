@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/concurrency/OperationQueue.h"
+#include "platform/concurrency/queue/OperationQueue.h"
 #include "platform/network/message/Bytes.h"
 #include "platform/network/message/URLAuthenticationChallenge.h"
 #include "platform/network/message/URLError.h"

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/concurrency/OperationQueue.h"
+#include "platform/concurrency/queue/OperationQueue.h"
 #include "platform/network/message/URLAuthenticationChallenge.h"
 #include "platform/network/message/URLError.h"
 #include "platform/network/message/URLRequest.h"

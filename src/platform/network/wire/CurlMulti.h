@@ -6,7 +6,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/network/wire/NetworkThread.h"
 
 namespace platform::network {

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "platform/concurrency/ServingThread.h"
+#include "platform/concurrency/thread/ServingThread.h"
 
 namespace platform::network {
 

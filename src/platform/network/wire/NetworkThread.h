@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Mutex.h"
 
 // Internal to the network room: one thread drives the sockets of every session. It is started with the first use, sleeps while nothing

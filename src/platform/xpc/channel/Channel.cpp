@@ -7,7 +7,7 @@
 #include <exception>
 #include <utility>
 
-#include "platform/concurrency/Weakly.h"
+#include "platform/concurrency/loop/Weakly.h"
 #include "platform/foundation/base/Exception.h"
 
 namespace platform::xpc {

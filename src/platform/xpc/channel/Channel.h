@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/xpc/channel/Credentials.h"
 #include "platform/xpc/channel/Frame.h"

@@ -3,7 +3,7 @@
 #include <cassert>
 #include <utility>
 
-#include "platform/concurrency/ServingThread.h"
+#include "platform/concurrency/thread/ServingThread.h"
 
 namespace platform::xpc {
 

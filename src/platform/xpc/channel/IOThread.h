@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Mutex.h"
 
 // Internal to the channel: one thread serves all sockets of the process. It is made with the first use and lives as long as the process.

@@ -7,8 +7,8 @@
 #include <thread>
 #include <utility>
 
-#include "platform/concurrency/SerialQueue.h"
-#include "platform/concurrency/Weakly.h"
+#include "platform/concurrency/loop/Weakly.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/xpc/connection/ConnectionCore.h"
 
 namespace platform::xpc {

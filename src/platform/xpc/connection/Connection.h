@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/xpc/connection/Event.h"
 #include "platform/xpc/value/Value.h"

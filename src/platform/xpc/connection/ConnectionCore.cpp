@@ -3,7 +3,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/concurrency/Weakly.h"
+#include "platform/concurrency/loop/Weakly.h"
 #include "platform/xpc/connection/ClientLink.h"
 #include "platform/xpc/connection/PeerLink.h"
 

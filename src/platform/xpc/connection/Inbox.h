@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/foundation/base/Mutex.h"
 #include "platform/xpc/channel/ReceiveBudget.h"
 #include "platform/xpc/connection/Event.h"

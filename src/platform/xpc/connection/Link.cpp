@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/concurrency/Weakly.h"
+#include "platform/concurrency/loop/Weakly.h"
 #include "platform/xpc/connection/ConnectionCore.h"
 #include "platform/xpc/value/WireFormat.h"
 

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/concurrency/Weakly.h"
+#include "platform/concurrency/loop/Weakly.h"
 #include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/concurrency/RunLoop.h"
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/xpc/channel/Channel.h"
 #include "platform/xpc/channel/IOThread.h"
 #include "platform/xpc/connection/ConnectionCore.h"

@@ -4,8 +4,8 @@
 #include <utility>
 #include <variant>
 
-#include "platform/concurrency/RunLoop.h"
-#include "platform/concurrency/SerialQueue.h"
+#include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/queue/SerialQueue.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Contained.h"

@@ -3,7 +3,7 @@
 #include <functional>
 #include <memory>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/FileHandle.h"
 
 // Internal to the channel: the signals of a service process. SIGTERM and SIGINT, which ask it to end, are read by a run loop like any other

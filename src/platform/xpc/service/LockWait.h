@@ -4,7 +4,7 @@
 #include <functional>
 #include <memory>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/xpc/launch/LockFile.h"
 
 // Internal to the channel: waiting for a lock file on a run loop whose thread has other things to do.

@@ -9,7 +9,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Contained.h"

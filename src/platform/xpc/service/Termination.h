@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/xpc/connection/Listener.h"
 #include "platform/xpc/launch/ServiceFolder.h"
 #include "platform/xpc/service/LockWait.h"

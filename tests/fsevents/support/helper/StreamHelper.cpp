@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/concurrency/RunLoop.h"
+#include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/fsevents/FSEventStream.h"
 #include "tests/fsevents/support/Hex.h"

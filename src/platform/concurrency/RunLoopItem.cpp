@@ -1,7 +1,0 @@
-#include "platform/concurrency/RunLoopItem.h"
-
-namespace platform {
-
-RunLoopItem::~RunLoopItem() = default;
-
-}  // namespace platform

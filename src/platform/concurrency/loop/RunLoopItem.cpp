@@ -1,0 +1,7 @@
+#include "platform/concurrency/loop/RunLoopItem.h"
+
+namespace platform {
+
+RunLoopItem::~RunLoopItem() = default;
+
+}  // namespace platform
