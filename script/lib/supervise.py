@@ -91,7 +91,7 @@ def remove_old(parent):
 
 
 def make_folder(parent):
-    """A folder that nobody else can list, but pass: some tests go on as another user."""
+    """A folder that only this user can change but others can read, with a place for everybody in it."""
     held = None
     # Until it is locked another run may take it for an old one.
     while held is None or os.fstat(held).st_nlink == 0:
