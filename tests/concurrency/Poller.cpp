@@ -24,14 +24,14 @@ TEST(Poller, TellsWhatIsReadyByItsNumber) {
   std::array<epoll_event, 4> room{};
   auto ready = poller.wait(room, std::nullopt);
   ASSERT_EQ(ready.size(), 1U);
-  EXPECT_EQ(ready[0].data.u64, 7U);
+  EXPECT_EQ(std::uint64_t{ready[0].data.u64}, 7U);
   EXPECT_EQ(ready[0].events, static_cast<unsigned>(EPOLLIN));
 
   EXPECT_EQ(poller.rewatch(9, empty.fileDescriptor(), EPOLLOUT), 0);
   poller.unwatch(full.fileDescriptor());
   ready = poller.wait(room, 0ns);
   ASSERT_EQ(ready.size(), 1U);
-  EXPECT_EQ(ready[0].data.u64, 9U);
+  EXPECT_EQ(std::uint64_t{ready[0].data.u64}, 9U);
   EXPECT_EQ(ready[0].events, static_cast<unsigned>(EPOLLOUT));
 }
 

@@ -64,7 +64,7 @@ TEST(ServingThread, OutlivesAFailure) {
 }
 
 TEST(ServingThread, DoesNothingMoreOnceParked) {
-  const auto& thread = *new ServingThread("parked", "contained");
+  static const auto& thread = *new ServingThread("parked", "contained");
   bool ran = false;
   thread.perform([&ran] { ran = true; });
   thread.park();

@@ -75,19 +75,38 @@ SessionTask::~SessionTask() { place_.tasks.forget(place_.identifier); }
 void SessionTask::resume() {
   Result<std::shared_ptr<Load>, Error> load(nullptr);
   {
-    const MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     if (state_ != State::Suspended) return;
     state_ = State::Running;
     delegate_ = place_.session->delegate();
-    load = makeLoad();
     place_.tasks.began();
-    if (load) {
-      load_ = *load;
-      // Under the lock, so that a cancellation on another thread is behind it.
-      (*load)->start();
+    try {
+      load = makeLoad();
+      if (load) {
+        load_ = *load;
+        // Under the lock, so that a cancellation on another thread is behind it.
+        (*load)->start();
+      }
+    } catch (...) {
+      lock.unlock();
+      abandon();
+      throw;
     }
   }
   if (!load) complete(std::move(load).error());
+}
+
+void SessionTask::abandon() {
+  // They may hold who holds this.
+  const auto dataHandler = std::exchange(plan_.dataHandler, nullptr);
+  const auto downloadHandler = std::exchange(plan_.downloadHandler, nullptr);
+  const auto delegate = std::exchange(delegate_, nullptr);
+  {
+    const MutexLock lock(mutex_);
+    state_ = State::Completed;
+    load_.reset();
+  }
+  place_.tasks.done();
 }
 
 Result<std::shared_ptr<Load>, Error> SessionTask::makeLoad() {

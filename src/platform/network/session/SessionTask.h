@@ -76,6 +76,8 @@ class SessionTask final : public URLSessionTask, public Load::Client {
   std::shared_ptr<SessionTask> self() { return std::static_pointer_cast<SessionTask>(shared_from_this()); }
   [[nodiscard]] bool hasHandler() const { return plan_.dataHandler || plan_.downloadHandler; }
   Result<std::shared_ptr<Load>, Error> makeLoad();
+  /// The end of a task that could not begin: whoever resumed it hears that from an exception, and nobody else.
+  void abandon() EXCLUDES(mutex_);
   Exchange::Appetite passOn(std::span<const char> piece);
   void taken(std::size_t size) EXCLUDES(mutex_);
   void tellWritten(std::size_t size);

@@ -32,6 +32,7 @@ class URLSessionTask : public std::enable_shared_from_this<URLSessionTask> {
   URLSessionTask(const URLSessionTask&) = delete;
   URLSessionTask& operator=(const URLSessionTask&) = delete;
 
+  /// Throws std::system_error when the system has no thread for the network; the task is Completed then, and nobody else hears of it.
   virtual void resume() = 0;
   virtual void cancel() = 0;
 
