@@ -63,12 +63,15 @@ class SystemLog {
 TEST(LogSyslog, GetsEachLineOnceItIsNamed) {
   const TemporaryDirectory folder;
   const SystemLog systemLog(folder / "log");
-  // A /dev of the process's own, in which the system log is the test's socket.
+  // A /dev of the process's own, in which the system log is the test's socket. It is put together elsewhere, since the test's folder may be
+  // below /dev itself.
   const std::string script =
-      "mount -t tmpfs none /dev && : >/dev/log && mount --bind \"$LOG_SOCKET\" /dev/log && echo ready && exec \"$TEST_PROGRAM\"";
+      "mkdir \"$DEV\" && mount -t tmpfs none \"$DEV\" && : >\"$DEV/log\" && mount --bind \"$LOG_SOCKET\" \"$DEV/log\" && "
+      "mount --rbind \"$DEV\" /dev && echo ready && exec \"$TEST_PROGRAM\"";
   const std::string program = std::filesystem::read_symlink("/proc/self/exe");
-  const Outcome outcome = runToEnd({"unshare", "--user", "--map-root-user", "--mount", "sh", "-c", script},
-                                   {.environment = {{kJobVariable, "yes"}, {"LOG_SOCKET", folder / "log"}, {"TEST_PROGRAM", program}}});
+  const Outcome outcome = runToEnd(
+      {"unshare", "--user", "--map-root-user", "--mount", "sh", "-c", script},
+      {.environment = {{kJobVariable, "yes"}, {"LOG_SOCKET", folder / "log"}, {"DEV", folder / "dev"}, {"TEST_PROGRAM", program}}});
   if (outcome.output != "ready\n") GTEST_SKIP() << "left out: the system log, because no /dev can be mounted here: " << outcome.errorOutput;
   ASSERT_EQ(outcome.status, 0) << outcome.errorOutput;
   EXPECT_THAT(outcome.errorOutput, testing::AllOf(testing::HasSubstr("] to standard error only\n"), testing::HasSubstr("] to %s both\n")));
