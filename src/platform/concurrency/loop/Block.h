@@ -21,11 +21,13 @@ class Block {
   Block(std::nullptr_t) {}  // NOLINT(google-explicit-constructor): where a std::function may stand
   template <class Call>
   requires(!std::same_as<std::remove_cvref_t<Call>, Block> && std::invocable<std::decay_t<Call>&>)
-      Block(Call&& call) {  // NOLINT(google-explicit-constructor): where a std::function may stand
+      // Stands where a std::function may, and by what it requires leaves the moving of a Block alone.
+      // NOLINTNEXTLINE(google-explicit-constructor,bugprone-forwarding-reference-overload): both are meant
+      Block(Call&& call) {
     if constexpr (std::is_constructible_v<bool, const std::decay_t<Call>&>) {
       if (!static_cast<bool>(call)) return;
     }
-    held_ = std::make_unique<Holding<std::decay_t<Call>>>(std::forward<Call>(call));
+    held_ = std::make_unique<Holding<std::decay_t<Call>>>(std::in_place, std::forward<Call>(call));
   }
 
   explicit operator bool() const { return held_ != nullptr; }
@@ -44,7 +46,7 @@ class Block {
   template <class Call>
   struct Holding final : Held {
     template <class From>
-    explicit Holding(From&& from) : call(std::forward<From>(from)) {}
+    Holding(std::in_place_t, From&& from) : call(std::forward<From>(from)) {}
     void run() override { std::invoke(call); }
     Call call;
   };

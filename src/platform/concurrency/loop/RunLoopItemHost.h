@@ -16,6 +16,9 @@ using ItemSerial = std::uint64_t;
 /// never calls an item with its own lock held.
 class RunLoopItemHost {
  public:
+  RunLoopItemHost(const RunLoopItemHost&) = delete;
+  RunLoopItemHost& operator=(const RunLoopItemHost&) = delete;
+
   using TimePoint = std::chrono::steady_clock::time_point;
 
   /// Takes a reference to the item. False when the loop takes nothing any more.
@@ -35,8 +38,6 @@ class RunLoopItemHost {
  protected:
   RunLoopItemHost() = default;
   ~RunLoopItemHost() = default;
-  RunLoopItemHost(const RunLoopItemHost&) = delete;
-  RunLoopItemHost& operator=(const RunLoopItemHost&) = delete;
 };
 
 }  // namespace platform

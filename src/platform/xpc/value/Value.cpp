@@ -33,18 +33,18 @@ FileHandle duplicate(int descriptor) {
 
 }  // namespace
 
-template <Value::Kind wanted, class T>
+template <Value::Kind Wanted, class T>
 Value Value::make(T content) {
-  constexpr auto kPlace = static_cast<std::size_t>(wanted);
+  constexpr auto kPlace = static_cast<std::size_t>(Wanted);
   static_assert(std::variant_size_v<Representation> == kKindNames.size(), "a kind has no representation or no name");
   static_assert(static_cast<std::size_t>(Kind::Dictionary) + 1 == kKindNames.size(), "the last kind has another number");
   static_assert(std::is_same_v<T, std::variant_alternative_t<kPlace, Representation>>, "a kind's number leads to what another kind holds");
   return Value(Representation(std::in_place_index<kPlace>, std::move(content)));
 }
 
-template <Value::Kind wanted>
+template <Value::Kind Wanted>
 const auto& Value::get() const {
-  if (const auto* value = std::get_if<static_cast<std::size_t>(wanted)>(&value_)) return *value;
+  if (const auto* value = std::get_if<static_cast<std::size_t>(Wanted)>(&value_)) return *value;
   misuse("a value of the kind " + std::string(kindName(kind())) + " was asked for what another kind holds");
 }
 

@@ -110,9 +110,9 @@ class Value {
   using Representation = std::variant<NullTag, bool, std::int64_t, std::uint64_t, double, DateTag, Shared<Data>, Shared<std::string>,
                                       platform::UUID::Bytes, Shared<FileHandle>, xpc::SharedMemory, Shared<Array>, Shared<Dictionary>>;
   explicit Value(Representation value) : value_(std::move(value)) {}
-  template <Kind wanted, class T>
+  template <Kind Wanted, class T>
   static Value make(T content);
-  template <Kind wanted>
+  template <Kind Wanted>
   [[nodiscard]] const auto& get() const;
 
   Representation value_;
