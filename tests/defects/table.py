@@ -321,6 +321,14 @@ DEFECTS = [
         "StreamNewFolders.ThatAreFilledWhileTheyAreListedMissNothing/*",
     ),
     Defect(
+        "awaited-name-not-looked-for-again",
+        "src/platform/fsevents/RootMonitor.cpp",
+        "  isSettled_ = isSettled_ && ::lstat(awaited.c_str(), &info) != 0;\n",
+        "  static_cast<void>(::lstat(awaited.c_str(), &info));\n",
+        "fsevents_tests",
+        "RootMonitorTest.MissesNoAncestorThatAppearsWhileItLooks",
+    ),
+    Defect(
         "empty-folder-unguarded",
         "src/platform/fsevents/RootMonitor.cpp",
         "  if (mayBeEmpty(at)) guard(number, at);\n",

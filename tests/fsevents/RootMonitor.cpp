@@ -5,7 +5,10 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
+#include <string>
+#include <thread>
 
 #include "tests/support/TemporaryDirectory.h"
 
@@ -173,6 +176,28 @@ TEST_F(RootMonitorTest, TellsWhichOfSeveralPathsWasTouched) {
   ASSERT_TRUE(two.read());
   EXPECT_FALSE(two.wasTouched(0));
   EXPECT_TRUE(two.wasTouched(1));
+}
+
+// The name that is waited for appears between the look for it and the watch, while what is below it is still missing.
+TEST_F(RootMonitorTest, MissesNoAncestorThatAppearsWhileItLooks) {
+  constexpr int kRounds = 2500;
+  for (int i = 0; i < kRounds; ++i) {
+    const std::string top = folder / std::to_string(i);
+    RootMonitor awaiting({top + "/b/c"});
+    std::atomic<bool> looks{false};
+    std::thread maker([&] {
+      while (!looks) continue;
+      fs::create_directory(top);
+    });
+    looks = true;
+    awaiting.arm();
+    maker.join();
+    // Either this look came too early to be the last, or the next is asked for, or it saw the folder and waits for what comes below it.
+    if (awaiting.isSettled() && !awaiting.read()) {
+      fs::create_directory(top + "/b");
+      ASSERT_TRUE(awaiting.read()) << "round " << i;
+    }
+  }
 }
 
 }  // namespace

@@ -158,6 +158,10 @@ void RootMonitor::awaitName(std::size_t number, const std::string& folder, const
   watched_.emplace(watch, number);
   awaited_.emplace(watch, name);
   guard(number, folder);
+  // What appeared before the watch stood is told by nobody, and the whole path may be missing still.
+  struct stat info {};
+  const std::string awaited = (folder == "/" ? "" : folder) + "/" + name;
+  isSettled_ = isSettled_ && ::lstat(awaited.c_str(), &info) != 0;
 }
 
 void RootMonitor::guard(std::size_t number, const std::string& folder) {
