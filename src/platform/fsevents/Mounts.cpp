@@ -37,7 +37,7 @@ bool Mounts::readOnce(std::vector<Mount>& mounts) {
     error_ = errno;
     return false;
   }
-  const Result<std::string, int> text = readAll(file_.fileDescriptor(), std::numeric_limits<std::size_t>::max() - 1);
+  const Result<std::string, int> text = readAll(file_.fileDescriptor(), std::numeric_limits<std::size_t>::max());
   if (!text) {
     error_ = text.error();
     return false;
@@ -54,7 +54,7 @@ bool Mounts::read() {
     // Takes the notice of what this reading will see. After the last reading nothing is taken, so that the owner gets the notice.
     if (changedSinceAsked() || attempt == 0) {
       mounts.clear();
-      if (!readOnce(mounts)) break;
+      if (!readOnce(mounts)) return false;
     } else {
       break;
     }

@@ -23,15 +23,15 @@ class Mounts {
   /// first who waits: `read` must follow. -1 while the table cannot be opened.
   [[nodiscard]] int descriptor() const { return file_.fileDescriptor(); }
 
-  /// Reads the table anew, again when it changed meanwhile. True when it differs from the last, an unreadable one being empty.
+  /// Reads the table anew, and again when it changed meanwhile. True when it differs from the last.
   /// A table that never stands still is taken as it is after some attempts; the descriptor then tells that there is more.
   bool read();
 
-  /// Empty when it could not be read; `error` says why.
+  /// The last that could be read: empty when none could.
   [[nodiscard]] const MountTable& table() const { return table_; }
 
-  /// 0, or the errno of the last attempt to read the table (no /proc, no descriptor left). Nothing is known of mounts then, and nothing
-  /// will be told of them: the owner says so, and calls `read` from time to time.
+  /// 0, or the errno of the last attempt to read the table (no /proc, no descriptor left). Nothing is known then of what has been mounted
+  /// since, and nothing will be told of it: the owner says so, and calls `read` from time to time.
   [[nodiscard]] int error() const { return error_; }
 
  private:
