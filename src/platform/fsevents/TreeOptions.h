@@ -31,7 +31,7 @@ struct TreeOptions {
   bool ignoreSelf = false;
   FSEventStream::Source source = FSEventStream::Source::Automatic;
   /// Of the file system that the path lies on.
-  FileSystemPolicy policy{};
+  FileSystemPolicy policy = policyOf(nullptr);
   std::shared_ptr<TreePulse> pulse = std::make_shared<TreePulse>();
 };
 

@@ -191,8 +191,7 @@ class WatchedTree final : private PolledRegion::Host {
   void openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error);
   void refusedFolder(NodeId node, NodeId parent, int parentFolder, std::string_view name);
   void troubled(NodeId node, int error);
-  void recovered(NodeId node);
-  void retryTroubled();
+  std::optional<Clock::time_point> retryTroubled();
   void lookAgain(NodeId node);
   void lookAgainAt(NodeId folder);
   bool poll(NodeId node, int folder, int markError);
@@ -200,14 +199,18 @@ class WatchedTree final : private PolledRegion::Host {
   PolledRegion& region();
   void pollNoLonger(NodeId node);
   void tellRegion();
-  void updatePolled(NodeId folder, std::string_view name);
+  void updatePolled(NodeId folder, std::string_view name, FSEventStreamEventFlags flags);
+  void polledMoved(NodeId top, const std::string& formerPath);
   std::optional<Clock::time_point> workOnRegion();
   FileHandle openFolder(NodeId folder) override { return openFolder(folder, {}); }
   bool tryMark(NodeId node, int folder) override;
+  void left(NodeId node) override;
   void changed(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) override;
+  void changedAt(std::string_view formerPlace, std::string_view name, FSEventStreamEventFlags flags) override;
+  void folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) override;
   void folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) override;
-  void folderGone(NodeId folder, std::string_view name) override;
-  void failed(NodeId folder, int error) override { troubled(folder, error); }
+  void failed(NodeId node, int error) override;
+  void recovered(NodeId node) override;
 
   // WatchedTreeChanges.cpp: applying what the kernel tells.
   void apply(const RawChange& change);
@@ -285,6 +288,7 @@ class WatchedTree final : private PolledRegion::Host {
   std::unique_ptr<PolledRegion> region_;
   std::size_t refusedFolders_ = 0;
   bool limitTold_ = false;
+  bool regionTold_ = false;
   /// While the past is being told.
   std::optional<PastChanges> past_;
   /// The coarse clock (milliseconds) at the last look that found the queue empty and everything applied.

@@ -171,10 +171,8 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
       }
     }
     if (kind != kFSEventStreamEventFlagItemIsDir || isExcluded(node, name)) return;
-    if (!parent && openParents_ < kMaximumOpenParents) {
-      const int kept = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
-      if (kept >= 0) parent = std::make_shared<OpenParent>(FileHandle(kept), openParents_);
-    }
+    // Moved once, since `parent` is there from then on; the descriptor stays open with it.
+    if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
     stack.push_back({node, name, parent, inherited});
   });
   return error;
@@ -241,6 +239,7 @@ void WatchedTree::walkAgain() {
   repairing_ = true;
   crawl(kNoNode, {}, std::move(opened), 0);
   repairing_ = false;
+  if (isStopped() || refusesSource_) return;
   std::vector<NodeId> stale;
   tree_.forEach([&](NodeId node) {
     if (node == DirectoryTree::kRoot || tree_.generation(node) == generation_) return;
