@@ -17,8 +17,8 @@ namespace {
 constexpr std::chrono::seconds kMaximumFlush(1);
 /// Until the queues are looked at again when something waits for them to be empty.
 constexpr std::chrono::milliseconds kSoon(2);
-/// How much earlier than the last look at an empty queue a change may be stamped that is told after it: what the kernel had stamped then and
-/// not yet queued. Larger writes in progress are told when they end.
+/// How much earlier than the last look at an empty queue a change may be stamped that is told after it: what the kernel had stamped then
+/// and not yet queued. Larger writes in progress are told when they end.
 constexpr std::chrono::seconds kResumeSlack(1);
 /// How often a queue is asked for that the kernel had none to give of: ever less often.
 constexpr std::chrono::seconds kFirstQueuePause(1);
@@ -244,11 +244,11 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
 
 void WatchedTree::processAll() {
   const auto end = Clock::now() + kMaximumFlush;
-  if (region_) region_->hurry();
+  const std::uint32_t pass = region_ ? region_->hasten() : 0;
   while (attached_ && Clock::now() < end) {
     const bool any = drain();
     const auto again = process();
-    const bool isPolling = region_ && region_->isHurried();
+    const bool isPolling = region_ && !region_->isOver(pass);
     if (!any && !isPolling && !hasBacklog() && arrivals_.empty() && sightings_.empty() && displaced_.empty()) break;
     if (!again) continue;
     // A move's first half waits for its second: the wait is bounded to milliseconds by the source.

@@ -90,8 +90,8 @@ void WatchedTree::recovered(NodeId node) {
   if (!rootIsFolder_) losses.end(LossKind::MarkLimit, path);
   // What happened in it meanwhile nobody knows.
   if (losses.end(LossKind::InputOutput, path)) {
-    report(node, {}, kFSEventStreamEventFlagMustScanSubDirs | (node == DirectoryTree::kRoot ? rootKind() : kFSEventStreamEventFlagItemIsDir),
-           false);
+    report(node, {},
+           kFSEventStreamEventFlagMustScanSubDirs | (node == DirectoryTree::kRoot ? rootKind() : kFSEventStreamEventFlagItemIsDir), false);
   }
 }
 
