@@ -68,13 +68,16 @@ TEST(Losses, BeginOnceAtAPathAndAreCountedWhileTheyLast) {
 TEST(Losses, EndOnceAndAreRemembered) {
   Losses losses;
   EXPECT_FALSE(losses.end(LossKind::InputOutput, "/a"));
+  EXPECT_FALSE(losses.hasNotices());
   losses.begin(LossKind::InputOutput, "/a", "it fails", "look at the disk");
+  EXPECT_TRUE(losses.hasNotices());
   EXPECT_FALSE(losses.end(LossKind::MarkLimit, "/a"));
   EXPECT_FALSE(losses.end(LossKind::InputOutput, "/a/b"));
   EXPECT_TRUE(losses.end(LossKind::InputOutput, "/a"));
   EXPECT_FALSE(losses.end(LossKind::InputOutput, "/a"));
   EXPECT_FALSE(losses.any());
   EXPECT_THAT(noticesOf(losses), ElementsAre("+/a: it fails; look at the disk", "-/a"));
+  EXPECT_FALSE(losses.hasNotices());
   EXPECT_THAT(shownBy(losses), ElementsAre("over: /a: it fails; look at the disk; 1"));
 }
 
