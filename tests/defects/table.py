@@ -419,6 +419,47 @@ DEFECTS = [
         "fsevents_tests",
         "*Mapping*",
     ),
+    # What is lost, and when it is over.
+    Defect(
+        "loss-told-once-for-ever",
+        "src/platform/fsevents/Losses.cpp",
+        "  if (auto there = known.lasting.extract(place); !there.empty()) {\n    over(place, std::move(there.mapped()));\n",
+        "  if (const auto there = known.lasting.find(place); there != known.lasting.end()) {\n",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "recovered-with-the-first-of-two",
+        "src/platform/fsevents/Losses.cpp",
+        "  if (!lastsAt(path)) notices_.add({false, path, record.reason, record.remedy});\n  const auto same",
+        "  notices_.add({false, path, record.reason, record.remedy});\n  const auto same",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "loss-beyond-the-bound-untold",
+        "src/platform/fsevents/Losses.cpp",
+        "  if (rest.members.contains(std::hash<std::string>()(path))) return false;\n",
+        "  if (!rest.members.empty()) return false;\n",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "loss-stays-where-the-folder-was",
+        "src/platform/fsevents/Losses.cpp",
+        "      place.key() = to + place.key().substr(from.size());\n",
+        "",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "recovery-left-out-for-a-slow-reader",
+        "src/platform/fsevents/LossNotices.cpp",
+        "    } else if (!open.empty()) {\n",
+        "    } else {\n",
+        "fsevents_tests",
+        "Losses.*",
+    ),
     # The client of the server.
     Defect(
         "wrong-key-in-a-body",
