@@ -100,6 +100,10 @@ void check(int result, const std::string& what) {
 
 }  // namespace
 
+std::string nameOfRights(const testing::TestParamInfo<Rights>& parameter) {
+  return parameter.param == Rights::OfThisUser ? "thisUser" : "ordinaryUser";
+}
+
 std::string refusalOfMountNamespaces(Rights rights) {
   if (isInOwnNamespace()) return "";
   const TemporaryDirectory folder;
@@ -132,9 +136,10 @@ void mountAt(const std::string& point, const std::string& type, const std::strin
   check(::mount(source.c_str(), point.c_str(), type.c_str(), 0, options.c_str()), fmt::format("mount {} at {}", type, point));
 }
 
-void bindAt(const std::string& point, const std::string& what) {
+void bindAt(const std::string& point, const std::string& what, Below below) {
   mustBeInOwnNamespace();
-  check(::mount(what.c_str(), point.c_str(), nullptr, MS_BIND, nullptr), fmt::format("bind {} at {}", what, point));
+  const unsigned long flags = below == Below::With ? MS_BIND | MS_REC : MS_BIND;
+  check(::mount(what.c_str(), point.c_str(), nullptr, flags, nullptr), fmt::format("bind {} at {}", what, point));
 }
 
 void unmountAt(const std::string& point) {
