@@ -49,6 +49,17 @@ std::string typeAt(const Mounts& mounts, const std::string& path) {
   return mount == nullptr ? "" : mount->type;
 }
 
+std::vector<std::string> bindMany(int count, const std::string& folder, const std::string& what) {
+  constexpr int kFirst = 10000;
+  std::vector<std::string> points;
+  for (int i = 0; i < count; ++i) {
+    points.push_back(folder + "/m" + std::to_string(kFirst + i));
+    makeFolder(points.back());
+    bindAt(points.back(), what);
+  }
+  return points;
+}
+
 bool hasSerials() {
   struct {
     std::uint32_t size = 24;
@@ -261,17 +272,11 @@ TEST_P(MountsOf, ThatAreReplacedBetweenTwoLooksAreSeenToBeOthers) {
 
 TEST_P(MountsOf, InThousandsAreReadWhole) {
   inside([](const TemporaryDirectory& folder) {
-    constexpr int kMounts = 1500;
     makeFolder(folder / "a");
     mountAt(folder / "a", "tmpfs");
     Mounts mounts;
-    std::vector<std::string> expected = {folder / "a"};
-    for (int i = 0; i < kMounts; ++i) {
-      const std::string point = folder / (std::string("m") + std::to_string(10000 + i));
-      makeFolder(point);
-      bindAt(point, folder / "a");
-      expected.push_back(point);
-    }
+    std::vector<std::string> expected = bindMany(1500, folder.path(), folder / "a");
+    expected.insert(expected.begin(), folder / "a");
     EXPECT_TRUE(isTold(mounts));
     EXPECT_FALSE(isTold(mounts)) << "one notice for all";
     EXPECT_TRUE(mounts.read());
@@ -279,23 +284,11 @@ TEST_P(MountsOf, InThousandsAreReadWhole) {
   });
 }
 
-/// So many that the kernel tells of them in several pieces.
-std::vector<std::string> bindMany(const TemporaryDirectory& folder, const std::string& what) {
-  constexpr int kMounts = 200;
-  std::vector<std::string> points;
-  for (int i = 0; i < kMounts; ++i) {
-    points.push_back(folder / (std::string("m") + std::to_string(1000 + i)));
-    makeFolder(points.back());
-    bindAt(points.back(), what);
-  }
-  return points;
-}
-
 TEST_P(MountsOf, ThatStandStillAreNeverMissedWhileOthersComeAndGo) {
   inside([](const TemporaryDirectory& folder) {
     makeFolder(folder / "a");
     mountAt(folder / "a", "tmpfs");
-    const std::vector<std::string> standing = bindMany(folder, folder / "a");
+    const std::vector<std::string> standing = bindMany(200, folder.path(), folder / "a");
     makeFolder(folder / "busy");
     std::atomic<bool> end = false;
     std::thread busy([&] {
@@ -327,15 +320,14 @@ TEST_P(MountsOf, ThatStandStillAreNeverMissedWhileOthersComeAndGo) {
 
 TEST_P(MountsOf, ThatReplaceOneAnotherAreNeverSeenTogether) {
   inside([](const TemporaryDirectory& folder) {
-    makeFolder(folder / "first");
-    makeFolder(folder / "last");
-    makeFolder(folder / "a");
+    for (const char* const name : {"first", "between", "last", "a"}) makeFolder(folder / name);
     mountAt(folder / "a", "tmpfs");
     constexpr int kRounds = 10;
     for (int round = 0; round < kRounds; ++round) {
       bindAt(folder / "first", folder / "a");
-      const TemporaryDirectory between;
-      const std::vector<std::string> standing = bindMany(between, folder / "a");
+      // So many between the two that reading takes longer than their change.
+      mountAt(folder / "between", "tmpfs");
+      bindMany(1500, folder / "between", folder / "a");
       Mounts mounts;
       std::atomic<bool> begun = false;
       std::thread replacing([&] {
@@ -353,7 +345,7 @@ TEST_P(MountsOf, ThatReplaceOneAnotherAreNeverSeenTogether) {
       }
       replacing.join();
       detachAt(folder / "last");
-      for (const std::string& point : standing) detachAt(point);
+      detachAt(folder / "between");
     }
   });
 }
