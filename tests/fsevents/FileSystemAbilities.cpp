@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <set>
 #include <sstream>
@@ -19,6 +20,7 @@
 #include "platform/fsevents/Mounts.h"
 #include "tests/fsevents/support/FileSystemProbe.h"
 #include "tests/fsevents/support/MountNamespace.h"
+#include "tests/fsevents/support/TestFuse.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -57,7 +59,8 @@ const std::vector<FileSystem> kFileSystems = {
     {"vfat", "vfat", "vfat", {"mkfs.vfat"}},
     {"tmpfs", "tmpfs", "tmpfs"},
     {"ramfs", "ramfs", "ramfs"},
-    {"overlay", "overlay", "overlay"},
+    {"overlay, of two tmpfs", "overlay", "overlay"},
+    {"FUSE, before a tmpfs", "fuse", "fuse.kestrine-test"},
 };
 
 /// The document, cut into what is before the table's rows, the rows by their names, and the rest.
@@ -108,7 +111,7 @@ void rewriteRow(const std::string& name, const std::string& row) {
 class FileSystemAbilitiesOf : public testing::TestWithParam<FileSystem> {
  protected:
   /// Mounts it at "mounted" in the folder; what stood in the way, or nothing.
-  static std::string mountIn(const TemporaryDirectory& folder) {
+  std::string mountIn(const TemporaryDirectory& folder) {
     const std::string point = folder / "mounted";
     makeFolder(point);
     try {
@@ -116,11 +119,24 @@ class FileSystemAbilitiesOf : public testing::TestWithParam<FileSystem> {
         if (geteuid() != 0) return "the user has not the rights to mount a file";
         return mountImage(folder / "image", point);
       }
+      if (GetParam().test == std::string("fuse")) {
+        makeFolder(folder / "behind");
+        fuse_ = std::make_unique<TestFuse>(folder / "behind", point);
+        return "";
+      }
       mountAt(point, GetParam().type, optionsOf(folder));
     } catch (const std::runtime_error& refusal) {
       return refusal.what();
     }
     return "";
+  }
+
+  void unmountIn(const TemporaryDirectory& folder) {
+    if (fuse_) {
+      fuse_.reset();
+    } else {
+      detachAt(folder / "mounted");
+    }
   }
 
  private:
@@ -152,12 +168,14 @@ class FileSystemAbilitiesOf : public testing::TestWithParam<FileSystem> {
     const std::string layers = folder / "layers/";
     return "lowerdir=" + layers + "lower,upperdir=" + layers + "upper,workdir=" + layers + "work";
   }
+
+  std::unique_ptr<TestFuse> fuse_;
 };
 INSTANTIATE_TEST_SUITE_P(, FileSystemAbilitiesOf, testing::ValuesIn(kFileSystems),
                          [](const testing::TestParamInfo<FileSystem>& parameter) { return std::string(parameter.param.test); });
 
 TEST_P(FileSystemAbilitiesOf, AreWhatTheTableSaysAndTheStreamTakesForGranted) {
-  inMountNamespace([] {
+  inMountNamespace([this] {
     const TemporaryDirectory folder;
     if (const std::string why = mountIn(folder); !why.empty()) {
       GTEST_SKIP() << "left out: what " << GetParam().name << " lets a watcher do, because it cannot be had here: " << why;
@@ -188,7 +206,7 @@ TEST_P(FileSystemAbilitiesOf, AreWhatTheTableSaysAndTheStreamTakesForGranted) {
     std::string told;
     for (const auto& [name, text] : readDocument().rows) told += name == GetParam().name ? text : "";
     EXPECT_EQ(told, row);
-    detachAt(folder / "mounted");
+    unmountIn(folder);
   });
 }
 
