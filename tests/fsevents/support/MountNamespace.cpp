@@ -36,8 +36,9 @@ constexpr const char* kOfUser =
 std::string namespaceOfThisProcess() { return fs::read_symlink("/proc/self/ns/mnt").string(); }
 
 bool isInOwnNamespace() {
-  const char* const outside = std::getenv(kOutside);
-  return outside != nullptr && namespaceOfThisProcess() != outside;
+  // Asked once, since a test may hide /proc; nobody goes back to the namespace outside.
+  static const bool own = std::getenv(kOutside) != nullptr && namespaceOfThisProcess() != std::getenv(kOutside);
+  return own;
 }
 
 bool isNobodyNeeded(Rights rights) { return rights == Rights::OfAnOrdinaryUser && geteuid() == 0; }
@@ -100,6 +101,10 @@ void check(int result, const std::string& what) {
 
 }  // namespace
 
+std::string nameOfRights(const testing::TestParamInfo<Rights>& parameter) {
+  return parameter.param == Rights::OfThisUser ? "thisUser" : "ordinaryUser";
+}
+
 std::string refusalOfMountNamespaces(Rights rights) {
   if (isInOwnNamespace()) return "";
   const TemporaryDirectory folder;
@@ -132,9 +137,10 @@ void mountAt(const std::string& point, const std::string& type, const std::strin
   check(::mount(source.c_str(), point.c_str(), type.c_str(), 0, options.c_str()), fmt::format("mount {} at {}", type, point));
 }
 
-void bindAt(const std::string& point, const std::string& what) {
+void bindAt(const std::string& point, const std::string& what, Below below) {
   mustBeInOwnNamespace();
-  check(::mount(what.c_str(), point.c_str(), nullptr, MS_BIND, nullptr), fmt::format("bind {} at {}", what, point));
+  const unsigned long flags = below == Below::With ? MS_BIND | MS_REC : MS_BIND;
+  check(::mount(what.c_str(), point.c_str(), nullptr, flags, nullptr), fmt::format("bind {} at {}", what, point));
 }
 
 void unmountAt(const std::string& point) {
@@ -150,6 +156,23 @@ void detachAt(const std::string& point) {
 void moveMount(const std::string& from, const std::string& to) {
   mustBeInOwnNamespace();
   check(::mount(from.c_str(), to.c_str(), nullptr, MS_MOVE, nullptr), fmt::format("move the mount at {} to {}", from, to));
+}
+
+void bindAllAt(const std::string& point, const std::string& what) {
+  mustBeInOwnNamespace();
+  check(::mount(what.c_str(), point.c_str(), nullptr, MS_BIND | MS_REC, nullptr), fmt::format("bind all of {} at {}", what, point));
+}
+
+void remountAt(const std::string& point, bool readOnly) {
+  mustBeInOwnNamespace();
+  const unsigned long flags = MS_REMOUNT | MS_BIND | (readOnly ? MS_RDONLY : 0UL);
+  check(::mount(nullptr, point.c_str(), nullptr, flags, nullptr), fmt::format("remount {}", point));
+}
+
+void inFurtherNamespace(const std::string& shell) {
+  mustBeInOwnNamespace();
+  const Outcome outcome = runToEnd({"unshare", "--mount", "--propagation", "private", "sh", "-e", "-c", shell});
+  if (outcome.status != 0) throw std::runtime_error(fmt::format("{}: {}", shell, outcome.errorOutput));
 }
 
 }  // namespace kestrine::test
