@@ -127,6 +127,7 @@ bool FolderListing::finish(const FolderTable& before) {
     if (item.isAbsent || !item.isNamedOnly) isComplete = append(name, item) && isComplete;
   }
   if (!missing.empty() || !again_.empty()) table_.arrange();
+  ended_ = stampClock();
   return isComplete;
 }
 

@@ -26,8 +26,9 @@ class FolderListing {
   [[nodiscard]] int error() const { return error_; }
   /// Of the first item that could not be looked at for another reason than rights; 0 when there was none. Such an item is named only.
   [[nodiscard]] int itemError() const { return itemError_; }
-  /// The clock that change times are stamped with, as it was when the first item was looked at; nanoseconds.
+  /// The clock that change times are stamped with, as it was before the first item was looked at and when the table was complete; nanoseconds.
   [[nodiscard]] std::int64_t began() const { return began_; }
+  [[nodiscard]] std::int64_t ended() const { return ended_; }
   /// The largest difference seen between a change time and this kernel's clock, future ones left out: the clock that stamps is no further
   /// behind ours than this.
   [[nodiscard]] std::int64_t offset() const { return offset_; }
@@ -54,6 +55,7 @@ class FolderListing {
   int error_ = 0;
   int itemError_ = 0;
   std::int64_t began_ = 0;
+  std::int64_t ended_ = 0;
   std::int64_t now_ = 0;
   std::int64_t offset_ = kNoOffset;
   std::size_t at_ = 0;

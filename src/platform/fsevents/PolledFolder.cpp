@@ -18,11 +18,11 @@ bool bringUpToDate(PolledFolder& folder) {
   return true;
 }
 
-/// Whether an item that was looked at once, at `lookedAt`, may have changed since and still show the same stamp.
-bool isInDoubt(const PolledItem& item, std::int64_t lookedAt, const StampRules& rules, std::int64_t offset) {
-  if (item.looks != PolledItem::kFirstLook || !rules.foreign) return item.looks != 0;
-  const std::int64_t behind = offset == FolderListing::kNoOffset ? 0 : std::min<std::int64_t>(offset, 0);
-  return isRecent(item, lookedAt + behind, rules);
+/// Whether an item may have changed after the former look and still show the same stamp.
+bool isInDoubt(const PolledItem& item, const PolledComparison::Judgement& judgement) {
+  if (item.looks != PolledItem::kFirstLook || !judgement.rules.foreign) return item.looks != 0;
+  const std::int64_t behind = judgement.offset == FolderListing::kNoOffset ? 0 : std::min<std::int64_t>(judgement.offset, 0);
+  return isRecent(item, judgement.formerBegan + behind, judgement.rules);
 }
 
 /// Of an item that the look showed as changed or new.
@@ -34,21 +34,23 @@ std::uint8_t looksAfterChange(const PolledItem& item, const StampRules& rules) {
 
 }  // namespace
 
-bool PolledComparison::take(PolledFolder& folder, FolderListing& listing, const StampRules& rules, bool isLast, std::int64_t offset) {
+bool PolledComparison::take(PolledFolder& folder, FolderListing& listing, Judgement judgement) {
   if (!bringUpToDate(folder) || !listing.finish(*folder.table)) {
     errno = EOVERFLOW;
     return false;
   }
+  judgement.formerBegan = folder.lookBegan;
+  judgement.isEarly = listing.began() - folder.lookEnded <= timeStepOf(judgement.rules);
   FolderTable& table = listing.table();
   const FolderTable& known = *folder.table;
   FolderTable::walk(known, table, [&](std::size_t b, std::size_t a) {
-    if (a != FolderTable::kNone && b != FolderTable::kNone && isSameItem(known.item(b), table.item(a), rules)) {
-      compareItem(folder, table, known.item(b), a, rules, isLast, offset, listing.began());
+    if (a != FolderTable::kNone && b != FolderTable::kNone && isSameItem(known.item(b), table.item(a), judgement.rules)) {
+      compareItem(table, known.item(b), a, judgement);
       return;
     }
     if (a != FolderTable::kNone) {
       PolledItem after = table.item(a);
-      after.looks = looksAfterChange(after, rules);
+      after.looks = looksAfterChange(after, judgement.rules);
       table.setItem(a, after);
     }
     replaced.emplace_back(b == FolderTable::kNone ? kNone : static_cast<std::uint32_t>(b),
@@ -56,12 +58,12 @@ bool PolledComparison::take(PolledFolder& folder, FolderListing& listing, const 
   });
   former = std::exchange(folder.table, std::make_shared<FolderTable>(std::move(table)));
   formerPlace = std::exchange(folder.formerPlace, nullptr);
-  folder.listedAt = listing.began();
+  folder.lookBegan = listing.began();
+  folder.lookEnded = listing.ended();
   return true;
 }
 
-void PolledComparison::compareItem(const PolledFolder& folder, FolderTable& table, const PolledItem& before, std::size_t at,
-                                   const StampRules& rules, bool isLast, std::int64_t offset) {
+void PolledComparison::compareItem(FolderTable& table, const PolledItem& before, std::size_t at, const Judgement& judgement) {
   PolledItem after = table.item(at);
   if (after.isNamedOnly) {
     table.setItem(at, before);  // told when it can be looked at again
@@ -71,13 +73,13 @@ void PolledComparison::compareItem(const PolledFolder& folder, FolderTable& tabl
   const bool isFolder = after.kind == PolledItem::Kind::Folder;
   const bool hasMoved = before.isNamedOnly || before.changed != after.changed || before.content != after.content;
   if (hasMoved) {
-    after.looks = looksAfterChange(after, rules);
+    after.looks = looksAfterChange(after, judgement.rules);
+  } else if (isInDoubt(before, judgement)) {
+    const std::uint8_t next = before.looks == PolledItem::kTold ? PolledItem::kLastLook : 0;
+    after.looks = judgement.isLast ? 0 : judgement.isEarly ? before.looks : next;
+    if (after.looks == 0) flags = isFolder ? kFSEventStreamEventFlagItemInodeMetaMod : kFSEventStreamEventFlagItemModified;
   } else {
-    const bool isInQuestion = isInDoubt(before, folder.listedAt, rules, offset);
-    const bool isEarly = began - folder.listedAt <= timeStepOf(rules);
-    after.looks = !isInQuestion || isLast ? 0 : isEarly ? before.looks : before.looks > 1 ? PolledItem::kLastLook : 0;
-    if (isInQuestion && after.looks == 0 && flags == 0)
-      flags = isFolder ? kFSEventStreamEventFlagItemInodeMetaMod : kFSEventStreamEventFlagItemModified;
+    after.looks = 0;
   }
   table.setItem(at, after);
   if (flags != 0) changed.emplace_back(at, flags | flagOf(after.kind));

@@ -25,8 +25,9 @@ struct PolledFolder {
   std::map<std::string, PolledItem, std::less<>> told;
   /// Where the folder was at the last look, when it has moved since.
   std::shared_ptr<const std::string> formerPlace;
-  /// The clock of stamps when the table was begun.
-  std::int64_t listedAt = 0;
+  /// The clock of stamps when the last look began and ended.
+  std::int64_t lookBegan = 0;
+  std::int64_t lookEnded = 0;
   /// The pass that was under way, or the last one, when it came into the region.
   std::uint32_t addedIn = 0;
   /// PolledChanges may have something to tell of it.
@@ -51,14 +52,22 @@ struct PolledComparison {
   /// PolledFolder::formerPlace, which is over now.
   std::shared_ptr<const std::string> formerPlace;
 
-  /// Compares and makes the new look what is known. `isLast` says that no other look follows, so what is not certain yet is told;
-  /// `offset` is what is known of the stamping clock (FolderListing::offset). False and EOVERFLOW where the folder is beyond all bounds;
-  /// then nothing has changed.
-  bool take(PolledFolder& folder, FolderListing& listing, const StampRules& rules, bool isLast, std::int64_t offset);
+  /// What one look is judged by.
+  struct Judgement {
+    StampRules rules;
+    /// No other look follows, so what is not certain yet is told.
+    bool isLast;
+    /// What is known of the stamping clock (FolderListing::offset).
+    std::int64_t offset;
+    /// When the former look began, and whether this one came so soon after it that what was not certain still is not.
+    std::int64_t formerBegan = 0;
+    bool isEarly = false;
+  };
+  /// Compares and makes the new look what is known. False and EOVERFLOW where the folder is beyond all bounds; then nothing has changed.
+  bool take(PolledFolder& folder, FolderListing& listing, Judgement judgement);
 
  private:
-  void compareItem(const PolledFolder& folder, FolderTable& table, const PolledItem& before, std::size_t at, const StampRules& rules,
-                   bool isLast, std::int64_t offset, std::int64_t began);
+  void compareItem(FolderTable& table, const PolledItem& before, std::size_t at, const Judgement& judgement);
 };
 
 }  // namespace platform::fsevents

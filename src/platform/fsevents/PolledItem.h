@@ -28,9 +28,9 @@ struct PolledItem {
   /// Of size and modification time; of a folder's mode and owner, since what it holds is no change of its own.
   std::uint32_t content = 0;
   Kind kind = Kind::File;
-  /// Whether a change may have come right after the look and left the same stamps; 0 when that cannot be. It can be told after the next
-  /// look that comes later than the next stamp (kLastLook), or after one more, where what is known was found out at another time than
-  /// the folder's last look (kFirstLook: when the folder came into the region; kTold: when the kernel told of the item).
+  /// Whether a change may have come right after the look and left the same stamps; 0 when that cannot be. The next look tells, if it comes
+  /// later than the next stamp (kLastLook; kFirstLook the same, for what was there when the folder came into the region), or the one after
+  /// it, where the kernel told of the item between two looks (kTold).
   std::uint8_t looks = 0;
   static constexpr std::uint8_t kLastLook = 1;
   static constexpr std::uint8_t kFirstLook = 2;

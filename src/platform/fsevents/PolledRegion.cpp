@@ -70,7 +70,8 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
   }
   auto fresh = std::make_shared<PolledFolder>(folder, why);
   FolderTable& table = *(fresh->table = std::make_shared<FolderTable>(std::move(listing.table())));
-  fresh->listedAt = listing.began();
+  fresh->lookBegan = listing.began();
+  fresh->lookEnded = listing.ended();
   fresh->addedIn = pass_;
   for (std::size_t at = 0; at < table.size(); ++at) {
     PolledItem item = table.item(at);
@@ -260,7 +261,7 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
   PolledComparison comparison;
   if (progress == FolderListing::Progress::Done) {
     offset_ = std::max(offset_, listing_->offset());
-    if (!comparison.take(*folder, *listing_, {timeStep_.count(), foreign_}, isMarked_, offset_)) error = errno;
+    if (!comparison.take(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
     if (error == 0) error = listing_->itemError();
   }
   const bool isLast = isMarked_ && error == 0;
