@@ -234,6 +234,7 @@ TEST(Listener, WaitsForDescriptorsWithoutSpinningWhenTheProcessHasNone) {
   InProcessService service;
   expectService(service);
   std::vector<FileHandle> clients;
+  clients.reserve(4);
   for (int i = 0; i < 4; ++i) clients.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   rlimit former{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
