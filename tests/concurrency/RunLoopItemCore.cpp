@@ -14,7 +14,6 @@ using platform::RunLoopItemHost;
 /// Holds one item, and writes down what it is asked.
 class Host final : public RunLoopItemHost {
  public:
-  Host() = default;
   virtual ~Host() = default;
   bool enroll(const std::shared_ptr<RunLoopItemCore>& item) override {
     asked += "enroll ";
