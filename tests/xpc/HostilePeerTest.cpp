@@ -75,19 +75,6 @@ TEST(HostilePeer, ThatStopsInTheMiddleOfAFrameHoldsNobodyUp) {
   EXPECT_EQ(service.peerCount(), 1U);
 }
 
-TEST(HostilePeer, ThatStaysSilentForTooLongIsClosed) {
-  InProcessService service;
-  const FileHandle honest = service.connectPeer();
-  const FileHandle silent = service.connect();
-  const FileHandle half = service.connectPeer();
-  ASSERT_TRUE(sendBytes(half, commandFrame("never finished").substr(0, 20)));
-  // Closed after half a minute, within the minute that this waits.
-  EXPECT_TRUE(isClosed(silent));
-  EXPECT_TRUE(isClosed(half));
-  ASSERT_TRUE(sendBytes(honest, commandFrame("idle but welcome")));
-  EXPECT_EQ(commandOf(service.peer(0).events.at(0)), "idle but welcome");
-}
-
 TEST(HostilePeer, ThatConnectsTenThousandTimesLeavesNothingBehind) {
   InProcessService service;
   expectService(service);
