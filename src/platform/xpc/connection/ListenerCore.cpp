@@ -38,7 +38,7 @@ class Introduction {
       : function_(std::move(function)),
         core_(std::move(core)),
         connection_(Connection::Core::makeConnection(core_)),
-        first_(std::make_shared<Frame>(std::move(first))) {}
+        first_(std::move(first)) {}
 
   void operator()() {
     const bool accepted =
@@ -46,9 +46,9 @@ class Introduction {
     if (!accepted) connection_->cancel();
     // If nobody kept it this is its end, and it is over before the block below runs.
     connection_ = nullptr;
-    onIOThread([core = core_, first = first_] {
+    onIOThread([core = core_, first = std::move(first_)]() mutable {
       assertOnIOThread();
-      core->link().received(std::move(*first));
+      core->link().received(std::move(first));
       core->link().startReading();
     });
   }
@@ -57,7 +57,7 @@ class Introduction {
   Listener::ConnectionFunction function_;
   std::shared_ptr<Connection::Core> core_;
   std::shared_ptr<Connection> connection_;
-  std::shared_ptr<Frame> first_;
+  Frame first_;
 };
 
 }  // namespace
@@ -152,7 +152,7 @@ void Listener::Core::becomePeer(const std::shared_ptr<Channel>& channel, Frame f
   peers_.emplace(channel.get(), core);
   ++peerCount_;
   core->link().connected(channel);
-  queue_->async([introduction = std::make_shared<Introduction>(function_, core, std::move(first))] { (*introduction)(); });
+  queue_->async(Introduction(function_, core, std::move(first)));
 }
 
 void Listener::Core::socketClosed(const Channel* channel) {
