@@ -634,8 +634,8 @@ DEFECTS = [
     Defect(
         "loop-waits-for-a-lock",
         "src/platform/xpc/service/LockWait.cpp",
-        "  const auto result = lock_.tryLock();\n",
-        "  static_cast<void>(lock_.lock(std::chrono::seconds(20)));\n  const auto result = lock_.tryLock();\n",
+        "  const int error = lock_.tryLock();\n",
+        "  static_cast<void>(lock_.lock(std::chrono::seconds(20)));\n  const int error = lock_.tryLock();\n",
         "xpc_tests",
         "LockWaiting.LetsTheLoopServeOthersUntilTheLockIsFree",
     ),
