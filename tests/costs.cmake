@@ -3,7 +3,6 @@
 # that is no longer a test's does nothing.
 set(kestrine_costs
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/fanotify 122
-  system_tests.Application.MissesNoChangeHoweverItsResetsFall 97
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/inotify 64
   concurrency_tests.RunLoopItem.InvalidateEndsARunThatIsAboutToSleep 60
   fsevents_tests.StreamModel.OfManyChangesIsToldExactly/inotify 59
@@ -11,7 +10,6 @@ set(kestrine_costs
   fsevents_tests.StreamModelUnread.BelowTheQueuesLengthIsToldExactly/inotify 36
   util_tests.Base64Encoding.HasLinesOfTheWidthRoundedDownToFourAndNoBreakBehindTheLast 36
   foundation_tests.Dictionary.TakesManyEntriesInNoOrderAtTheCostOfSorting 32
-  system_tests.KilledService.LeavesFilesThatParseAndIsStartedAgain 32
   fsevents_tests.StreamModelUnread.BelowTheQueuesLengthIsToldExactly/fanotify 31
   fsevents_tests.DirectoryTree.AgreesWithAMapOfPathsUnderRandomOperations 31
   fsevents_tests.StreamModelUnread.BeyondTheQueuesLengthIsCoveredAndExactAfterwards/fanotify 31
@@ -19,6 +17,7 @@ set(kestrine_costs
   fsevents_tests.StreamNewFolders.FilesWrittenWhileTheirFolderIsRenamedMissNothing/inotify 30
   foundation_tests.UserDefaultsProcesses.KilledAtAnyMomentLeaveAWholeFile 26
   fsevents_tests.StreamModelUnread.BeyondTheQueuesLengthIsCoveredAndExactAfterwards/inotify 25
+  system_tests.Application.MissesNoChangeHoweverItsResetsFall 28
   services_tests.KestrineCall.CallsEveryOperationThatAnswersWithARecord 24
   fsevents_tests.StreamOverflow.HappensAgainAndIsToldAgain/fanotify 21
   foundation_tests.UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset 20
@@ -41,6 +40,7 @@ set(kestrine_costs
   system_tests.OtherLanguage.StartsTheWatcherByAnyMessageOn10_7AndPassesADescriptor 11
   system_tests.OtherLanguage.StartsTheWatcherByAnObjectLevelCallAndPassesADescriptor 11
   app_tests.Client.SaysThatTheServiceDiedAndAsksAgain 10
+  system_tests.KilledService.LeavesFilesThatParseAndIsStartedAgain 10
   fsevents_tests.WatchedTreeTest.KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves/fanotify 10
   system_tests.RunScript.ShowsTheFlagBeingRaisedAfterEachResetAndLeavesNothing 10
   xpc_tests.Lifetime.EndsASecondProcessOfTheSameService 10
