@@ -148,6 +148,22 @@ DEFECTS = [
         "UserDefaultsExchange.*:UserDefaultsProcesses.*",
     ),
     Defect(
+        "version-of-another-read",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
+        "return {std::move(values), FileVersion(std::move(file))};\n",
+        "return {std::move(values), FileVersion(openForReading(path_))};\n",
+        "foundation_tests",
+        "UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset",
+    ),
+    Defect(
+        "old-file-removed-first",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
+        "    folder.rename(temporary, name_);\n",
+        "    folder.remove(name_);\n    folder.rename(temporary, name_);\n",
+        "foundation_tests",
+        "UserDefaultsProcesses.ReadOnlyWholeFilesWhileAnotherWrites",
+    ),
+    Defect(
         "writer-does-not-merge",
         "src/platform/foundation/preferences/UserDefaults.cpp",
         "  Dictionary result = values.dictionaryValue();\n",
@@ -659,8 +675,8 @@ DEFECTS = [
     Defect(
         "loop-waits-for-a-lock",
         "src/platform/xpc/service/LockWait.cpp",
-        "  const auto result = lock_.tryLock();\n",
-        "  static_cast<void>(lock_.lock(std::chrono::seconds(20)));\n  const auto result = lock_.tryLock();\n",
+        "  const int error = lock_.tryLock();\n",
+        "  static_cast<void>(lock_.lock(std::chrono::seconds(20)));\n  const int error = lock_.tryLock();\n",
         "xpc_tests",
         "LockWaiting.LetsTheLoopServeOthersUntilTheLockIsFree",
     ),

@@ -63,6 +63,7 @@ StreamProcess::StreamProcess(const Options& options) {
   Pipe output;
   auto arguments = argumentsOf(options);
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size());
   for (auto& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   posix_spawn_file_actions_t actions;
