@@ -60,14 +60,15 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
       return Attached::Missing;
     }
     attached_ = true;
+    tellSource();
     emptyAt_ = EventClock::now();
+    status_.losses().end(LossKind::Rights, options_.reportedPath);
+    status_.losses().end(LossKind::InputOutput, options_.reportedPath);
     begin(std::move(opened), report);
     if (!refusesSource_) break;
     letGo();
     nextKernel();
   }
-  status_.losses().end(LossKind::Rights, options_.reportedPath);
-  status_.losses().end(LossKind::InputOutput, options_.reportedPath);
   closeFolders();
   countMarks();
   return Attached::Standing;
@@ -118,6 +119,8 @@ std::unique_ptr<ChangeSource> WatchedTree::makeSource(int& error) {
   return made;
 }
 
+void WatchedTree::tellSource() { status_.setSource(reportedPathOf(DirectoryTree::kRoot), source_ ? source_->name() : "polling"); }
+
 void WatchedTree::nextKernel() {
   // One source for all of a file system: a second one for some of its folders would lose what moves from one kind of parent to the other.
   const bool another = kernel_ == Kernel::Preferred && options_.source == FSEventStream::Source::Automatic;
@@ -142,6 +145,7 @@ void WatchedTree::askForQueue() {
   }
   // The folders are marked one by one as they are compared, so nothing is missed and nothing is told as lost.
   askForQueueAt_.reset();
+  tellSource();
   status_.losses().end(LossKind::QueueLimit, options_.reportedPath);
   if (!rootIsFolder_) lookAgain(DirectoryTree::kRoot);
 }
@@ -152,7 +156,7 @@ void WatchedTree::detach() {
 }
 
 void WatchedTree::letGo() {
-  attached_ = false;
+  if (std::exchange(attached_, false)) status_.removeSource(reportedPathOf(DirectoryTree::kRoot));
   refusesSource_ = false;
   source_.reset();
   retiring_.reset();
@@ -282,8 +286,11 @@ void WatchedTree::uncovered(std::string_view relative) {
 
 void WatchedTree::relocate(std::string reportedPath, std::string openPath) {
   if (status_.losses().any()) status_.losses().move(options_.reportedPath, reportedPath);
+  status_.removeSource(reportedPathOf(DirectoryTree::kRoot));
+  status_.removeRegion(options_.reportedPath);
   options_.reportedPath = std::move(reportedPath);
   options_.openPath = std::move(openPath);
+  if (attached_) tellSource();
   closeFolders();
   pathsChanged();
   tellRegion();

@@ -153,6 +153,7 @@ class WatchedTree final : private PolledRegion::Host {
   std::unique_ptr<ChangeSource> makeSource(int& error);
   void begin(FileHandle folder, FSEventStreamEventFlags report);
   void letGo();
+  void tellSource();
   void markFile(int file);
   /// The next source for a file system that refuses the one in use.
   void nextKernel();

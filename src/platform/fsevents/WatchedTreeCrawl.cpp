@@ -75,10 +75,8 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   tree_.setGeneration(node, generation_);
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
-  if (isPolled && !poll(node, descriptor, isMarked ? 0 : error))
-    error = errno;
-  else
-    error = list(node, std::move(folder), report, stack);
+  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);
+  error = isReadable ? list(node, std::move(folder), report, stack) : errno;
   if (error == 0) {
     recovered(node);
   } else {
