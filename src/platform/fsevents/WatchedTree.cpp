@@ -315,6 +315,12 @@ bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
   return exclusions_.contain(path);
 }
 
+bool WatchedTree::isLeftOut(NodeId folder, std::string_view name) const {
+  if (exclusions_.empty() && mountPoints_.empty()) return false;
+  const std::string path = relativePath(folder).append("/").append(name);
+  return exclusions_.contain(path) || mountPoints_.contains(path);
+}
+
 int WatchedTree::rootDescriptor() {
   if (!root_.isOpen()) root_ = FileHandle(::open(options_.openPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   return root_.fileDescriptor();

@@ -19,6 +19,7 @@ namespace {
 constexpr int kMaximumOpenParents = 128;
 /// How often the kernel queue is emptied while a crawl is under way.
 constexpr int kFoldersBetweenDrains = 64;
+constexpr int kEntriesBetweenDrains = 8192;
 /// Until a folder is looked for again that was gone.
 constexpr std::chrono::milliseconds kGonePause(3);
 /// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
@@ -160,6 +161,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool tellsPast = flags == 0 && past_;
   const bool isChanged = tellsPast && tellPastOf(node, descriptor);
   const bool foldersOnly = flags == 0 && !tellsPast;
+  int listed = 0;
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
     if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) report(node, name, flags | kind, false);
@@ -170,7 +172,9 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
         inherited = past & (kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRenamed);
       }
     }
-    if (kind != kFSEventStreamEventFlagItemIsDir || isExcluded(node, name)) return;
+    // A long listing must not keep the kernel queue waiting.
+    if (++listed % kEntriesBetweenDrains == 0) drain();
+    if (kind != kFSEventStreamEventFlagItemIsDir || isLeftOut(node, name)) return;
     // Moved once, since `parent` is there from then on; the descriptor stays open with it.
     if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
     stack.push_back({node, name, parent, inherited});
