@@ -170,6 +170,7 @@ class WatchedTree final : private PolledRegion::Host {
   /// `parent` is kNoNode for the watched folder itself.
   void crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report);
   void enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
+  void countMark(NodeId node);
   /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
   NodeId settle(NodeId parent, std::string_view name, std::string_view key);
   NodeId place(NodeId parent, std::string_view name);

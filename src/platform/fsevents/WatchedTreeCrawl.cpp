@@ -25,6 +25,9 @@ constexpr std::chrono::milliseconds kGonePause(3);
 /// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
 constexpr int kRenewalRatio = 1000;
 
+/// Whether a mark was refused because this source cannot serve this file system.
+bool isUnsuitable(int error) { return error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL; }
+
 std::chrono::nanoseconds processorTime() {
   timespec time{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -62,17 +65,11 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
     openFailed(parent, name, nullptr, error);
     return;
   }
-  if (error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL) {
-    refusesSource_ = true;
-    return;
-  }
+  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));
+  if (refusesSource_) return;
   const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
-  const std::uint8_t flags = tree_.flags(node);
-  if (isMarked && (flags & kMarked) == 0) {
-    ++marked_;
-    tree_.setFlags(node, flags | kMarked);
-  }
+  if (isMarked) countMark(node);
   tree_.setGeneration(node, generation_);
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
@@ -83,6 +80,12 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   } else {
     troubled(node, error);
   }
+}
+
+void WatchedTree::countMark(NodeId node) {
+  const std::uint8_t flags = tree_.flags(node);
+  if ((flags & kMarked) == 0) ++marked_;
+  tree_.setFlags(node, flags | kMarked);
 }
 
 NodeId WatchedTree::place(NodeId parent, std::string_view name) {
