@@ -79,6 +79,8 @@ std::string describe(std::string_view source, std::string_view what, int error) 
 
 }  // namespace
 
+bool isLimitReached(int error) { return error == EMFILE || error == ENFILE || error == ENOSPC || error == ENOMEM; }
+
 std::string explainMarkFailure(std::string_view source, int error) {
   if (error == ENOSPC) return explainLimit(kMarks, source);
   if (error == EMFILE) return explainQueueFailure(source, error);

@@ -7,6 +7,9 @@ namespace platform::fsevents {
 
 /// Texts for people about what the kernel refused: the exact limit, its current value and the remedy. `source` is "fanotify" or "inotify".
 
+/// Whether a refusal is for a limit, which may be raised or no longer be reached later.
+bool isLimitReached(int error);
+
 /// A folder could not be marked.
 std::string explainMarkFailure(std::string_view source, int error);
 /// No queue could be opened.

@@ -24,7 +24,7 @@ WatchedTree::WatchedTree(std::uint32_t number, TreeOptions options, Coalescer& c
 
 WatchedTree::~WatchedTree() { detach(); }
 
-WatchedTree::Attached WatchedTree::attach(FSEventStreamEventFlags report, int& error) {
+WatchedTree::Attached WatchedTree::attach(FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error) {
   detach();
   // The path's own symbolic links are followed; O_NONBLOCK, so that a pipe in its place holds nobody up.
   FileHandle opened(::open(options_.openPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -57,6 +57,7 @@ WatchedTree::Attached WatchedTree::attach(FSEventStreamEventFlags report, int& e
   }
   closeFolders();
   countMarks();
+  if (since) reportRoot(kFSEventStreamEventFlagMustScanSubDirs | rootKind());
   return Attached::Standing;
 }
 
@@ -165,6 +166,29 @@ bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
     if (path.starts_with(excluded) && (path.size() == excluded.size() || path[excluded.size()] == '/')) return true;
   }
   return false;
+}
+
+void WatchedTree::covered(std::string_view /*relative*/) {}
+
+void WatchedTree::uncovered(std::string_view relative) {
+  const std::size_t slash = relative.rfind('/');
+  NodeId folder = DirectoryTree::kRoot;
+  for (std::size_t at = 0; at < slash && folder != kNoNode;) {
+    const std::size_t end = relative.find('/', at + 1);
+    folder = tree_.child(folder, relative.substr(at + 1, end - at - 1));
+    at = end;
+  }
+  if (folder == kNoNode || !isAttached()) return;
+  const std::string_view name = relative.substr(slash + 1);
+  if (const NodeId former = tree_.child(folder, name); former != kNoNode) forget(former, Why::Left);
+  takeUp(folder, name, kFSEventStreamEventFlagItemCreated);
+}
+
+void WatchedTree::relocate(std::string reportedPath, std::string openPath) {
+  options_.reportedPath = std::move(reportedPath);
+  options_.openPath = std::move(openPath);
+  pathsChanged();
+  closeFolders();
 }
 
 int WatchedTree::rootDescriptor() {

@@ -17,21 +17,9 @@
 #include "platform/fsevents/DirectoryTree.h"
 #include "platform/fsevents/FSEventStream.h"
 #include "platform/fsevents/StreamStatus.h"
+#include "platform/fsevents/TreeOptions.h"
 
 namespace platform::fsevents {
-
-/// What a watched tree is told once and for all.
-struct TreeOptions {
-  /// The path as the caller gave it, without trailing separators: what reported paths begin with. "/" is the empty text.
-  std::string reportedPath;
-  /// The absolute path to open.
-  std::string openPath;
-  /// Paths to leave out, relative to the tree ("/a/b"; "" leaves out everything), whole components.
-  std::vector<std::string> exclusions;
-  bool fileEvents = false;
-  bool ignoreSelf = false;
-  FSEventStream::Source source = FSEventStream::Source::Automatic;
-};
 
 /// One watched path with everything below it: marks its folders, keeps their tree true to the changes that the kernel tells, and turns
 /// those changes into pending events. It has kernel queues of its own, so a storm or a loss in one watched path touches no other.
@@ -52,13 +40,13 @@ class WatchedTree {
 
   /// Begins to watch what stands at the path now. With `report` other than 0 what is found is reported with these flags (ItemCreated).
   /// Refused: the kernel offers no queue; `error` tells errno.
-  Attached attach(FSEventStreamEventFlags report, int& error);
+  Attached attach(FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error);
   /// Lets go of everything.
   void detach();
   [[nodiscard]] bool isAttached() const { return !sources_.empty(); }
 
-  /// The kernel queues to wait for.
-  [[nodiscard]] const std::vector<std::unique_ptr<ChangeSource>>& sources() const { return sources_; }
+  /// The kernel queue to wait for; -1 without one.
+  [[nodiscard]] int descriptor() const { return sources_.empty() ? -1 : sources_.front()->descriptor(); }
   /// Empties the kernel queues into the backlog; cheap, and never touches the file system. True when there was anything.
   bool drain();
   /// Applies the backlog, repairs the tree after a loss and does what is due. Returns when to call again at the latest.
@@ -72,6 +60,11 @@ class WatchedTree {
 
   /// Whether the watched folder may have become empty since the last call.
   bool takeRootLostItem() { return std::exchange(rootLostItem_, false); }
+
+  bool takeMovedFolders() { return false; }
+  void covered(std::string_view relative);
+  void uncovered(std::string_view relative);
+  void relocate(std::string reportedPath, std::string openPath);
 
   /// Reports the watched path itself.
   void reportRoot(FSEventStreamEventFlags flags);

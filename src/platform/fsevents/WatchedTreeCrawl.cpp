@@ -90,6 +90,7 @@ void WatchedTree::crawl(NodeId parent, std::string_view name, FileHandle folder,
 
 void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report,
                         std::vector<Pending>& stack) {
+  ++options_.pulse->steps;
   KernelKey key;
   std::uint8_t used = 0;
   if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {
