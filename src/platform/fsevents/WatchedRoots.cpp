@@ -74,9 +74,7 @@ std::optional<std::string> WatchedRoots::attach(const MountFlags& told, std::opt
     int error = 0;
     switch (trees_.attach(*root.tree, 0, since, error)) {
       case WatchedTree::Attached::Refused:
-        if (!isLimitReached(error)) return explainQueueFailure(lastSource(), error);
-        refused(root, error);
-        break;
+        return explainQueueFailure(lastSource(), error).text();
       case WatchedTree::Attached::Standing:
         if (told[i] != 0) root.tree->reportRoot(told[i] | root.tree->rootKind());
         break;
@@ -158,7 +156,8 @@ const char* WatchedRoots::lastSource() const { return configuration_.source == F
 
 void WatchedRoots::refused(Root& root, int error) {
   root.isRefused = true;
-  const bool isNew = status_.losses().begin(LossKind::QueueLimit, shownPath(root.options), explainQueueFailure(lastSource(), error), "");
+  const Explanation why = explainQueueFailure(lastSource(), error);
+  const bool isNew = status_.losses().begin(LossKind::QueueLimit, shownPath(root.options), why.reason, why.remedy);
   if (isNew) root.tree->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
 }
 
