@@ -157,4 +157,21 @@ void moveMount(const std::string& from, const std::string& to) {
   check(::mount(from.c_str(), to.c_str(), nullptr, MS_MOVE, nullptr), fmt::format("move the mount at {} to {}", from, to));
 }
 
+void bindAllAt(const std::string& point, const std::string& what) {
+  mustBeInOwnNamespace();
+  check(::mount(what.c_str(), point.c_str(), nullptr, MS_BIND | MS_REC, nullptr), fmt::format("bind all of {} at {}", what, point));
+}
+
+void remountAt(const std::string& point, bool readOnly) {
+  mustBeInOwnNamespace();
+  const unsigned long flags = MS_REMOUNT | MS_BIND | (readOnly ? MS_RDONLY : 0UL);
+  check(::mount(nullptr, point.c_str(), nullptr, flags, nullptr), fmt::format("remount {}", point));
+}
+
+void inFurtherNamespace(const std::string& shell) {
+  mustBeInOwnNamespace();
+  const Outcome outcome = runToEnd({"unshare", "--mount", "--propagation", "private", "sh", "-e", "-c", shell});
+  if (outcome.status != 0) throw std::runtime_error(fmt::format("{}: {}", shell, outcome.errorOutput));
+}
+
 }  // namespace kestrine::test

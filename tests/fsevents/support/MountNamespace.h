@@ -45,5 +45,11 @@ void unmountAt(const std::string& point);
 void detachAt(const std::string& point);
 /// Moves what is mounted at `from`.
 void moveMount(const std::string& from, const std::string& to);
+/// The folder `what` with everything that is mounted in it.
+void bindAllAt(const std::string& point, const std::string& what);
+/// Makes a mount that stands read-only or writable.
+void remountAt(const std::string& point, bool readOnly);
+/// Runs lines of shell in a further namespace, whose mounts are a copy of those of this one.
+void inFurtherNamespace(const std::string& shell);
 
 }  // namespace kestrine::test
