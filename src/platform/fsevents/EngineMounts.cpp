@@ -72,6 +72,7 @@ bool EngineMounts::read() {
 bool EngineMounts::readAnew() {
   const MountTable before = mounts_.table();
   const bool differs = mounts_.read();
+  if (differs) uncovered_.clear();
   readAt_.reset();
   for (const Path& path : paths_) {
     const std::string& shown = shownPath(path.options);
@@ -118,7 +119,7 @@ void EngineMounts::begin(WatchedRoots& roots, std::optional<std::uint64_t> since
   for (Path& path : paths_) {
     if (path.way.mayHang) beginEngine(path, 0, true);
   }
-  reconcile(roots, When::AtTheStart, since);
+  reconcile(roots, When::AtTheStart, false, since);
 }
 
 void EngineMounts::beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart) {
@@ -161,9 +162,23 @@ WatchedRoots::MountFlags EngineMounts::assign(WatchedRoots& roots) {
   return told;
 }
 
-void EngineMounts::follow(WatchedRoots& roots) {
-  reconcile(roots, When::Later, std::nullopt);
+void EngineMounts::follow(WatchedRoots& roots, bool foldersWereRenamed) {
+  reconcile(roots, When::Later, foldersWereRenamed, std::nullopt);
   former_ = mounts_.table();
+}
+
+void EngineMounts::uncover(const WatchedRoots& roots, const std::vector<EngineTrees::Covered>& met) {
+  for (const EngineTrees::Covered& place : met) {
+    if (!trees_.holds(place.tree)) continue;  // its own mount went meanwhile
+    std::string real = place.tree->options().openPath;
+    for (std::size_t i = 0; i < paths_.size(); ++i) {
+      if (roots.standing(i) == place.tree) real = paths_[i].way.real;
+    }
+    const std::string point = (real == "/" ? "" : real) + place.relative;
+    const Mount* const there = mounts_.table().covering(point);
+    if (there != nullptr && there->point == point) continue;
+    if (uncovered_.emplace(place.tree, place.relative).second) trees_.coverChanged(*place.tree, place.relative, false);
+  }
 }
 
 bool EngineMounts::mayHang(const Path& path, const Mount& mount) const {
@@ -180,33 +195,41 @@ bool EngineMounts::mayHang(const Path& path, const Mount& mount) const {
 std::vector<EngineMounts::Below> EngineMounts::seenBelow(std::size_t number) const {
   std::vector<Below> seen;
   const Path& path = paths_[number];
+  std::string pseudo;
   for (Mount& mount : mounts_.table().below(path.way.real)) {
     std::string relative = path.way.real == "/" ? mount.point : mount.point.substr(path.way.real.size());
     if (isExcludedIn(path.options.exclusions, relative)) continue;
+    // Where nothing is entered nothing below is either.
+    if (!pseudo.empty() && mount.point.starts_with(pseudo + "/")) continue;
+    if (policyOf(mount).kind == FileSystemKind::Pseudo) pseudo = mount.point;
     seen.push_back({number, std::move(mount), std::move(relative), nullptr, nullptr});
   }
   return seen;
 }
 
-void EngineMounts::reconcile(WatchedRoots& roots, When when, std::optional<std::uint64_t> since) {
+void EngineMounts::reconcile(WatchedRoots& roots, When when, bool foldersWereRenamed, std::optional<std::uint64_t> since) {
   std::vector<Below> former = std::exchange(below_, {});
   std::vector<Below> fresh;
   for (std::size_t i = 0; i < paths_.size(); ++i) {
     for (Below& seen : seenBelow(i)) {
       const auto known = std::find_if(former.begin(), former.end(),
                                       [&](const Below& each) { return each.path == i && isSameMount(each.mount, seen.mount); });
-      if (known == former.end()) {
+      if (known != former.end()) seen.wasMovedHere = known->relative != seen.relative && !foldersWereRenamed;
+      if (known == former.end() || seen.wasMovedHere) {
         fresh.push_back(std::move(seen));
         continue;
       }
-      moved(*known, seen);
+      relocate(*known, seen);
       below_.push_back(std::move(*known));
       former.erase(known);
     }
   }
   // What went first: something else may stand in its place.
   for (Below& gone : former) {
-    if (!contains(mounts_.table(), gone.mount)) tell(gone, kFSEventStreamEventFlagUnmount);
+    const bool isElsewhere = std::any_of(fresh.begin(), fresh.end(), [&](const Below& each) {
+      return each.wasMovedHere && each.path == gone.path && isSameMount(each.mount, gone.mount);
+    });
+    if (isElsewhere || !contains(mounts_.table(), gone.mount)) tell(gone, kFSEventStreamEventFlagUnmount);
     letGo(gone);
   }
   for (const Below& gone : former) {
@@ -238,7 +261,7 @@ void EngineMounts::tell(const Below& below, FSEventStreamEventFlags flags) {
 
 void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> since) {
   // Something that was hidden, or that the path did not lead to before, was not mounted just now.
-  const bool isNew = when == When::Later && !contains(former_, below.mount);
+  const bool isNew = when == When::Later && (below.wasMovedHere || !contains(former_, below.mount));
   const FSEventStreamEventFlags told = isNew ? kFSEventStreamEventFlagMount : 0;
   if (!policyOf(below.mount).isEntered()) {
     if (isNew) tell(below, told);
@@ -262,7 +285,7 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
   }
 }
 
-void EngineMounts::moved(Below& below, const Below& now) {
+void EngineMounts::relocate(Below& below, const Below& now) {
   if (below.relative == now.relative && below.mount.point == now.mount.point) {
     below.mount = now.mount;
     return;

@@ -2,7 +2,9 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/fsevents/EngineTrees.h"
@@ -48,8 +50,12 @@ class EngineMounts {
   [[nodiscard]] bool pathsLeadElsewhere() const;
   /// Looks where each path leads now and gives it to whom it belongs. What is to be told of the paths' mounts; `roots.check` comes next.
   [[nodiscard]] WatchedRoots::MountFlags assign(WatchedRoots& roots);
-  /// After that: follows what is mounted below the paths.
-  void follow(WatchedRoots& roots);
+  /// After that: follows what is mounted below the paths. Where folders were renamed, a mount that is elsewhere went with them; otherwise
+  /// it was moved by itself, which is told as its end and its beginning.
+  void follow(WatchedRoots& roots, bool foldersWereRenamed);
+  /// Trees have met something mounted at these places. What has gone again before the table was read is known to nobody else: the folder
+  /// underneath is taken up.
+  void uncover(const WatchedRoots& roots, const std::vector<EngineTrees::Covered>& met);
 
  private:
   struct Path {
@@ -66,6 +72,7 @@ class EngineMounts {
     /// Neither for what is not entered.
     WatchedTree* tree = nullptr;
     std::shared_ptr<StreamEngine> engine;
+    bool wasMovedHere = false;
   };
   enum class When { AtTheStart, Later };
 
@@ -73,12 +80,12 @@ class EngineMounts {
   [[nodiscard]] FSEventStreamEventFlags flagsOfChange(const PathMounts& before, const PathMounts& now) const;
   void beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart);
   void endEngine(std::shared_ptr<StreamEngine>& engine);
-  void reconcile(WatchedRoots& roots, When when, std::optional<std::uint64_t> since);
+  void reconcile(WatchedRoots& roots, When when, bool foldersWereRenamed, std::optional<std::uint64_t> since);
   /// What is seen below a path, its place below that included; nothing that is excluded.
   [[nodiscard]] std::vector<Below> seenBelow(std::size_t path) const;
   [[nodiscard]] bool mayHang(const Path& path, const Mount& mount) const;
   void attach(Below& below, When when, std::optional<std::uint64_t> since);
-  void moved(Below& below, const Below& now);
+  void relocate(Below& below, const Below& now);
   void letGo(Below& below);
   [[nodiscard]] TreeOptions optionsOf(const Below& below) const;
   [[nodiscard]] std::string reportedPathOf(const Below& below) const;
@@ -97,6 +104,8 @@ class EngineMounts {
   std::vector<Below> below_;
   std::optional<EngineTrees::Clock::time_point> readAt_;
   bool changed_ = false;
+  /// Places that were taken up although the table shows no change: once each.
+  std::set<std::pair<const WatchedTree*, std::string>> uncovered_;
   /// Under which the window keeps what is told of mounts.
   const std::uint32_t number_;
 };

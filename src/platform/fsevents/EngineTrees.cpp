@@ -29,6 +29,10 @@ void EngineTrees::remove(const WatchedTree& tree) {
   entries_.erase(entry);
 }
 
+bool EngineTrees::holds(const WatchedTree* tree) const {
+  return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) { return entry.tree.get() == tree; });
+}
+
 void EngineTrees::clear() {
   while (!entries_.empty()) remove(*entries_.back().tree);
 }
@@ -112,6 +116,14 @@ bool EngineTrees::takeMovedFolders() {
   bool moved = false;
   for (const Entry& entry : entries_) moved |= entry.tree->takeMovedFolders();
   return moved;
+}
+
+std::vector<EngineTrees::Covered> EngineTrees::takeCovered() {
+  std::vector<Covered> all;
+  for (const Entry& entry : entries_) {
+    for (std::string& relative : entry.tree->takeCovered()) all.push_back({entry.tree.get(), std::move(relative)});
+  }
+  return all;
 }
 
 void EngineTrees::notQuiet() { tidyAt_ = Clock::now() + kQuiet + status_.foldersMarked.load() * kQuietPerFolder; }

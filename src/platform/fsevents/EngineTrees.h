@@ -30,6 +30,7 @@ class EngineTrees {
   WatchedTree& add(TreeOptions options);
   void remove(const WatchedTree& tree);
   void clear();
+  [[nodiscard]] bool holds(const WatchedTree* tree) const;
   /// Begins to watch what stands at the tree's path, and has the window know what that is.
   WatchedTree::Attached attach(WatchedTree& tree, FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error);
   /// The tree's paths are others now.
@@ -53,6 +54,12 @@ class EngineTrees {
   [[nodiscard]] std::optional<Clock::time_point> due() const;
   /// Whether a folder has moved since the last call.
   bool takeMovedFolders();
+  /// Places in trees where something was found to be mounted since the last call.
+  struct Covered {
+    WatchedTree* tree;
+    std::string relative;
+  };
+  [[nodiscard]] std::vector<Covered> takeCovered();
 
   /// Something came: tidying waits until it has been quiet again.
   void notQuiet();

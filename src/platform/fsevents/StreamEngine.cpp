@@ -147,7 +147,10 @@ void StreamEngine::turn() {
   if (roots_ && (roots_->read() || isDue)) {
     checkRoots();
   } else if (mounts) {
-    followMounts();
+    // A rename that is still to be read may be why a mount is elsewhere.
+    trees_.drain();
+    trees_.process();
+    followMounts(trees_.takeMovedFolders());
   }
   const bool paused = pauseUntil_ && *pauseUntil_ > Clock::now() && flush == flushDone_;
   if (!paused) drainAndProcess();
@@ -165,7 +168,7 @@ void StreamEngine::drainAndProcess() {
   const std::uint64_t before = EventClock::now();
   const bool any = trees_.drain();
   trees_.process();
-  if (mounts_ && trees_.takeMovedFolders() && mounts_->readAnew()) followMounts();
+  if (mounts_) followMovedFolders();
   const bool left = trees_.hasBacklog();
   if (!left) window_.setKnownEmpty(before);
   if (!any) return;
@@ -175,7 +178,7 @@ void StreamEngine::drainAndProcess() {
   trees_.notQuiet();
 }
 
-void StreamEngine::checkRoots() {
+void StreamEngine::checkRoots(bool foldersWereRenamed) {
   // What was told before the path changed its meaning is applied first.
   trees_.drain();
   trees_.processAll();
@@ -183,14 +186,22 @@ void StreamEngine::checkRoots() {
   WatchedRoots::MountFlags mounts(1);
   if (mounts_) mounts = mounts_->assign(*roots_);
   roots_->check(mounts);
-  if (mounts_) mounts_->follow(*roots_);
+  if (mounts_) mounts_->follow(*roots_, trees_.takeMovedFolders() || foldersWereRenamed);
 }
 
-void StreamEngine::followMounts() {
+void StreamEngine::followMovedFolders() {
+  const bool renamed = trees_.takeMovedFolders();
+  const std::vector<EngineTrees::Covered> covered = trees_.takeCovered();
+  if (!renamed && covered.empty()) return;
+  if (mounts_->readAnew()) followMounts(renamed);
+  mounts_->uncover(*roots_, covered);
+}
+
+void StreamEngine::followMounts(bool foldersWereRenamed) {
   if (mounts_->pathsLeadElsewhere()) {
-    checkRoots();
+    checkRoots(foldersWereRenamed);
   } else {
-    mounts_->follow(*roots_);
+    mounts_->follow(*roots_, foldersWereRenamed);
   }
 }
 
@@ -200,6 +211,7 @@ void StreamEngine::guardRoots() {
 
 void StreamEngine::finishFlush(std::uint64_t ticket) {
   trees_.processAll();
+  if (mounts_) followMovedFolders();
   guardRoots();
   tellAnswered();
   window_.collect();

@@ -80,8 +80,9 @@ class StreamEngine {
   void turn();
   void sleep();
   void drainAndProcess();
-  void checkRoots();
-  void followMounts();
+  void checkRoots(bool foldersWereRenamed = false);
+  void followMovedFolders();
+  void followMounts(bool foldersWereRenamed);
   void guardRoots();
   void finishFlush(std::uint64_t ticket);
   void offer();

@@ -70,6 +70,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeRootLostItem() { return std::exchange(rootLostItem_, false); }
   /// Whether a folder has moved since the last call, so that mount points may have other paths.
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
+  /// The places of folders ("/a/b") that could not be entered because something is mounted there, since the last call.
+  [[nodiscard]] std::vector<std::string> takeCovered() { return std::exchange(covered_, {}); }
   /// Something was mounted on the folder at `relative` ("/a/b"): what it hides is forgotten.
   void covered(std::string_view relative);
   /// The mount on the folder at `relative` is gone: the folder underneath is watched.
@@ -299,6 +301,7 @@ class WatchedTree final : private PolledRegion::Host {
   bool doubted_ = false;
   bool rootLostItem_ = false;
   bool movedFolders_ = false;
+  std::vector<std::string> covered_;
   /// Whether the last look found nothing in the kernel queue.
   bool queuesWereEmpty_ = true;
   /// When the last look at the kernel queue began.
