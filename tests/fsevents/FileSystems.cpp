@@ -78,8 +78,8 @@ TEST(FileSystems, AreTrustedToStampRenamesOnlyWhereThatIsKnown) {
 }
 
 TEST(FileSystems, AreNotTakenForMorePreciseThanTheyMayBe) {
-  for (const char* const type : {"vfat", "exfat", "fuse", "nfs", "cifs", "unheard-of"}) EXPECT_EQ(ofType(type).timeStep, 2s) << type;
-  for (const char* const type : {"ext2", "ext3", "ext4", "overlay"}) EXPECT_EQ(ofType(type).timeStep, 1s) << type;
+  for (const char* const type : {"vfat", "exfat", "fuse", "nfs", "cifs", "unheard-of"}) EXPECT_EQ(ofType(type).timeStep, 2010ms) << type;
+  for (const char* const type : {"ext2", "ext3", "ext4", "overlay"}) EXPECT_EQ(ofType(type).timeStep, 1010ms) << type;
   for (const char* const type : {"xfs", "btrfs", "tmpfs"}) EXPECT_EQ(ofType(type).timeStep, 10ms) << type;
 }
 
@@ -88,7 +88,7 @@ TEST(FileSystems, ThatTheTableDoesNotNameAreOfUnknownType) {
   EXPECT_EQ(policy.kind, FileSystemKind::Local);
   EXPECT_FALSE(policy.countsLinks);
   EXPECT_FALSE(policy.stampsRenames);
-  EXPECT_EQ(policy.timeStep, 2s);
+  EXPECT_EQ(policy.timeStep, 2010ms);
 }
 
 }  // namespace

@@ -188,6 +188,21 @@ TEST(MountTable, OfManyMountsIsReadAtOnce) {
   EXPECT_EQ(idCovering(mounts, "/m77776/y"), 77776);
 }
 
+TEST(MountTable, ContainsAMountOnlyAsItIs) {
+  const MountTable mounts = MountTable::parse(table({"9 0 / ext4", "2 9 /a tmpfs", "30 9 /b tmpfs"}));
+  for (const Mount& mount : mounts.all()) EXPECT_TRUE(mounts.contains(mount)) << mount.point;
+  Mount other = mounts.all()[1];
+  other.point = "/elsewhere";
+  EXPECT_FALSE(mounts.contains(other));
+  other = mounts.all()[1];
+  other.serial = 5;
+  EXPECT_FALSE(mounts.contains(other));
+  other = mounts.all()[1];
+  other.id = 3;
+  EXPECT_FALSE(mounts.contains(other));
+  EXPECT_FALSE(MountTable().contains(mounts.all()[0]));
+}
+
 TEST(MountTable, DiffersByTheSerialNumberAlone) {
   Mount mount{36, 35, "98:0", "/", "/mnt", "tmpfs", "none", 7};
   const MountTable before({mount});

@@ -49,6 +49,17 @@ std::string typeAt(const Mounts& mounts, const std::string& path) {
   return mount == nullptr ? "" : mount->type;
 }
 
+std::vector<std::string> bindMany(int count, const std::string& folder, const std::string& what) {
+  constexpr int kFirst = 10000;
+  std::vector<std::string> points;
+  for (int i = 0; i < count; ++i) {
+    points.push_back(folder + "/m" + std::to_string(kFirst + i));
+    makeFolder(points.back());
+    bindAt(points.back(), what);
+  }
+  return points;
+}
+
 bool hasSerials() {
   struct {
     std::uint32_t size = 24;
@@ -261,17 +272,11 @@ TEST_P(MountsOf, ThatAreReplacedBetweenTwoLooksAreSeenToBeOthers) {
 
 TEST_P(MountsOf, InThousandsAreReadWhole) {
   inside([](const TemporaryDirectory& folder) {
-    constexpr int kMounts = 1500;
     makeFolder(folder / "a");
     mountAt(folder / "a", "tmpfs");
     Mounts mounts;
-    std::vector<std::string> expected = {folder / "a"};
-    for (int i = 0; i < kMounts; ++i) {
-      const std::string point = folder / (std::string("m") + std::to_string(10000 + i));
-      makeFolder(point);
-      bindAt(point, folder / "a");
-      expected.push_back(point);
-    }
+    std::vector<std::string> expected = bindMany(1500, folder.path(), folder / "a");
+    expected.insert(expected.begin(), folder / "a");
     EXPECT_TRUE(isTold(mounts));
     EXPECT_FALSE(isTold(mounts)) << "one notice for all";
     EXPECT_TRUE(mounts.read());
@@ -281,15 +286,9 @@ TEST_P(MountsOf, InThousandsAreReadWhole) {
 
 TEST_P(MountsOf, ThatStandStillAreNeverMissedWhileOthersComeAndGo) {
   inside([](const TemporaryDirectory& folder) {
-    constexpr int kStanding = 200;
     makeFolder(folder / "a");
     mountAt(folder / "a", "tmpfs");
-    std::vector<std::string> standing;
-    for (int i = 0; i < kStanding; ++i) {
-      standing.push_back(folder / (std::string("m") + std::to_string(1000 + i)));
-      makeFolder(standing.back());
-      bindAt(standing.back(), folder / "a");
-    }
+    const std::vector<std::string> standing = bindMany(200, folder.path(), folder / "a");
     makeFolder(folder / "busy");
     std::atomic<bool> end = false;
     std::thread busy([&] {
@@ -299,22 +298,55 @@ TEST_P(MountsOf, ThatStandStillAreNeverMissedWhileOthersComeAndGo) {
       }
     });
     Mounts mounts;
-    for (int i = 0; i < 200; ++i) {
-      mounts.read();
+    const auto standingNow = [&] {
       std::vector<std::string> points = pointsBelow(mounts, folder.path());
       std::erase(points, folder / "a");
       std::erase(points, folder / "busy");
-      ASSERT_EQ(points, standing) << i;
+      return points;
+    };
+    for (int i = 0; i < 50; ++i) {
+      mounts.read();
+      EXPECT_EQ(standingNow(), standing) << i;
     }
     end = true;
     busy.join();
     // Whatever was going on, what is to be seen in the end is told.
     if (isTold(mounts)) mounts.read();
-    EXPECT_EQ(typeAt(mounts, folder / "busy"), "tmpfs");
-    std::vector<std::string> points = pointsBelow(mounts, folder.path());
-    std::erase(points, folder / "a");
-    EXPECT_EQ(points, standing);
+    EXPECT_EQ(pointsBelow(mounts, folder.path()).size(), standing.size() + 1);
+    EXPECT_EQ(standingNow(), standing);
     EXPECT_FALSE(mounts.read());
+  });
+}
+
+TEST_P(MountsOf, ThatReplaceOneAnotherAreNeverSeenTogether) {
+  inside([](const TemporaryDirectory& folder) {
+    for (const char* const name : {"first", "between", "last", "a"}) makeFolder(folder / name);
+    mountAt(folder / "a", "tmpfs");
+    constexpr int kRounds = 10;
+    for (int round = 0; round < kRounds; ++round) {
+      bindAt(folder / "first", folder / "a");
+      // So many between the two that reading takes longer than their change.
+      mountAt(folder / "between", "tmpfs");
+      bindMany(1500, folder / "between", folder / "a");
+      Mounts mounts;
+      std::atomic<bool> begun = false;
+      std::thread replacing([&] {
+        while (!begun) std::this_thread::yield();
+        detachAt(folder / "first");
+        bindAt(folder / "last", folder / "a");
+      });
+      bool replaced = false;
+      while (!replaced) {
+        mounts.read();
+        begun = true;
+        const bool hasFirst = mounts.table().covering(folder / "first")->point != folder.path();
+        replaced = mounts.table().covering(folder / "last")->point != folder.path();
+        EXPECT_FALSE(hasFirst && replaced) << "round " << round;
+      }
+      replacing.join();
+      detachAt(folder / "last");
+      detachAt(folder / "between");
+    }
   });
 }
 

@@ -116,16 +116,41 @@ FSEventStreamEventFlags EngineMounts::flagsOfChange(const PathMounts& before, co
 }
 
 void EngineMounts::begin(WatchedRoots& roots, std::optional<std::uint64_t> since) {
+  avoidMountPoints(roots);
   for (Path& path : paths_) {
     if (path.way.mayHang) beginEngine(path, 0, true);
   }
   reconcile(roots, When::AtTheStart, false, since);
 }
 
+EngineMounts::Points EngineMounts::pointsBelow(const std::string& real) const {
+  Points points;
+  for (const Mount& mount : mounts_.table().below(real)) points.insert(real == "/" ? mount.point : mount.point.substr(real.size()));
+  return points;
+}
+
+void EngineMounts::avoidMountPoints(WatchedRoots& roots) {
+  for (std::size_t i = 0; i < paths_.size(); ++i) {
+    Path& path = paths_[i];
+    Points points = pointsBelow(path.way.real);
+    if (points == path.avoided) continue;
+    path.avoided = points;
+    if (path.engine) path.engine->avoid(points);
+    roots.avoid(i, std::move(points));
+  }
+  for (Below& below : below_) {
+    Points points = pointsBelow(below.mount.point);
+    if (points == below.avoided) continue;
+    below.avoided = points;
+    if (below.engine) below.engine->avoid(points);
+    if (below.tree != nullptr) below.tree->avoid(std::move(points));
+  }
+}
+
 void EngineMounts::beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart) {
   const auto pool = pool_.lock();
   if (!pool) return;
-  path.engine = pool->begin({path.options, false, told, isFromTheStart});
+  path.engine = pool->begin({path.options, false, told, isFromTheStart, path.avoided});
 }
 
 void EngineMounts::endEngine(std::shared_ptr<StreamEngine>& engine) {
@@ -159,6 +184,7 @@ WatchedRoots::MountFlags EngineMounts::assign(WatchedRoots& roots) {
     if (roots.isHere(i) == path.way.mayHang) roots.setHere(i, !path.way.mayHang);
     roots.setPolicy(i, path.options.policy);
   }
+  avoidMountPoints(roots);
   return told;
 }
 
@@ -208,8 +234,10 @@ std::vector<EngineMounts::Below> EngineMounts::seenBelow(std::size_t number) con
 }
 
 void EngineMounts::reconcile(WatchedRoots& roots, When when, bool foldersWereRenamed, std::optional<std::uint64_t> since) {
+  avoidMountPoints(roots);
   std::vector<Below> former = std::exchange(below_, {});
   std::vector<Below> fresh;
+  std::vector<Below> left;
   for (std::size_t i = 0; i < paths_.size(); ++i) {
     for (Below& seen : seenBelow(i)) {
       const auto known = std::find_if(former.begin(), former.end(),
@@ -219,6 +247,7 @@ void EngineMounts::reconcile(WatchedRoots& roots, When when, bool foldersWereRen
         fresh.push_back(std::move(seen));
         continue;
       }
+      if (known->relative != seen.relative) left.push_back(*known);
       relocate(*known, seen);
       below_.push_back(std::move(*known));
       former.erase(known);
@@ -232,7 +261,8 @@ void EngineMounts::reconcile(WatchedRoots& roots, When when, bool foldersWereRen
     if (isElsewhere || !contains(mounts_.table(), gone.mount)) tell(gone, kFSEventStreamEventFlagUnmount);
     letGo(gone);
   }
-  for (const Below& gone : former) {
+  left.insert(left.end(), former.begin(), former.end());
+  for (const Below& gone : left) {
     const auto isAt = [&](const Below& each) { return each.path == gone.path && each.relative == gone.relative; };
     if (std::none_of(below_.begin(), below_.end(), isAt) && std::none_of(fresh.begin(), fresh.end(), isAt)) tellAround(roots, gone, false);
   }
@@ -260,6 +290,7 @@ void EngineMounts::tell(const Below& below, FSEventStreamEventFlags flags) {
 }
 
 void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> since) {
+  below.avoided = pointsBelow(below.mount.point);
   // Something that was hidden, or that the path did not lead to before, was not mounted just now.
   const bool isNew = when == When::Later && (below.wasMovedHere || !contains(former_, below.mount));
   const FSEventStreamEventFlags told = isNew ? kFSEventStreamEventFlagMount : 0;
@@ -269,11 +300,12 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
   }
   if (mayHang(paths_[below.path], below.mount)) {
     if (const auto pool = pool_.lock()) {
-      below.engine = pool->begin({optionsOf(below), true, told, when == When::AtTheStart});
+      below.engine = pool->begin({optionsOf(below), true, told, when == When::AtTheStart, below.avoided});
     }
     return;
   }
   below.tree = &trees_.add(optionsOf(below));
+  below.tree->avoid(below.avoided);
   int error = 0;
   const FSEventStreamEventFlags report = when == When::Later && !isNew ? kFSEventStreamEventFlagItemCreated : 0;
   const WatchedTree::Attached attached = trees_.attach(*below.tree, report, since, error);

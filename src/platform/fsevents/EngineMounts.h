@@ -58,11 +58,14 @@ class EngineMounts {
   void uncover(const WatchedRoots& roots, const std::vector<EngineTrees::Covered>& met);
 
  private:
+  using Points = std::set<std::string, std::less<>>;
   struct Path {
     TreeOptions options;
     PathMounts way;
     /// Where it may hang.
     std::shared_ptr<StreamEngine> engine;
+    /// What its tree was told not to look into.
+    Points avoided = {};
   };
   /// Something mounted below a watched path.
   struct Below {
@@ -73,6 +76,7 @@ class EngineMounts {
     WatchedTree* tree = nullptr;
     std::shared_ptr<StreamEngine> engine;
     bool wasMovedHere = false;
+    Points avoided = {};
   };
   enum class When { AtTheStart, Later };
 
@@ -80,6 +84,9 @@ class EngineMounts {
   [[nodiscard]] FSEventStreamEventFlags flagsOfChange(const PathMounts& before, const PathMounts& now) const;
   void beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart);
   void endEngine(std::shared_ptr<StreamEngine>& engine);
+  /// Tells each tree which places below it are mount points.
+  void avoidMountPoints(WatchedRoots& roots);
+  [[nodiscard]] Points pointsBelow(const std::string& real) const;
   void reconcile(WatchedRoots& roots, When when, bool foldersWereRenamed, std::optional<std::uint64_t> since);
   /// What is seen below a path, its place below that included; nothing that is excluded.
   [[nodiscard]] std::vector<Below> seenBelow(std::size_t path) const;

@@ -17,7 +17,7 @@ FSEventStreamEventFlags kindOfEntry(const dirent64& entry, int folder) {
   if (entry.d_type == DT_UNKNOWN) {
     struct stat info {};
     return ::fstatat(folder, entry.d_name, &info, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0 ? kindOfMode(info.st_mode)
-                                                                                                : FSEventStreamEventFlags{0};
+                                                                                              : FSEventStreamEventFlags{0};
   }
   if (entry.d_type == DT_DIR) return kFSEventStreamEventFlagItemIsDir;
   return entry.d_type == DT_LNK ? kFSEventStreamEventFlagItemIsSymlink : kFSEventStreamEventFlagItemIsFile;

@@ -184,7 +184,7 @@ void Losses::move(const std::string& from, const std::string& to) {
 }
 
 std::vector<LossNotice> Losses::takeNotices() {
-  if (!hasNotices_.load(std::memory_order_acquire)) return {};
+  if (!hasNotices()) return {};
   const MutexLock lock(mutex_);
   hasNotices_.store(false, std::memory_order_relaxed);
   return notices_.take();

@@ -69,8 +69,10 @@ class Losses {
 
   /// Whether anything is lost at the moment; costs one load.
   [[nodiscard]] bool any() const { return lasting_.load(std::memory_order_relaxed) != 0; }
-  /// What has begun and ended since the last call, in order. A path recovers when the last of its kinds is over. Costs one load when there
-  /// is nothing.
+  /// Whether there are notices to take; costs one load.
+  [[nodiscard]] bool hasNotices() const { return hasNotices_.load(std::memory_order_acquire); }
+  /// What has begun and ended since the last call, in order: one list for the whole stream, so one takes it for all. A path recovers when
+  /// the last of its kinds is over.
   [[nodiscard]] std::vector<LossNotice> takeNotices();
 
   /// Adds "losses", an array of dictionaries "path", "reason", "remedy" (texts), "count" (how often it was met) and "lasting" (a boolean),

@@ -3,7 +3,8 @@
 namespace platform::fsevents {
 
 PastChanges::PastChanges(std::uint64_t since, std::chrono::nanoseconds slack, const FileSystemPolicy& policy)
-    : since_(static_cast<std::int64_t>(since) * 1'000'000 - slack.count() - policy.timeStep.count()), stampsRenames_(policy.stampsRenames) {}
+    : since_(static_cast<std::int64_t>(since) * 1'000'000 - slack.count() - policy.timeStep.count()),
+      stampsRenames_(policy.stampsRenames) {}
 
 bool PastChanges::isSince(const statx_timestamp& time) const {
   // Seconds first: a broken time of a far year would not fit into nanoseconds.
@@ -25,9 +26,9 @@ FSEventStreamEventFlags PastChanges::of(const struct statx& item, bool amongChan
     flags |= kFSEventStreamEventFlagItemInodeMetaMod;
   }
   if (flags == 0) return 0;
-  return flags | (isFolder                   ? kFSEventStreamEventFlagItemIsDir
-                  : S_ISLNK(item.stx_mode)   ? kFSEventStreamEventFlagItemIsSymlink
-                                             : kFSEventStreamEventFlagItemIsFile);
+  return flags | (isFolder                 ? kFSEventStreamEventFlagItemIsDir
+                  : S_ISLNK(item.stx_mode) ? kFSEventStreamEventFlagItemIsSymlink
+                                           : kFSEventStreamEventFlagItemIsFile);
 }
 
 }  // namespace platform::fsevents

@@ -8,9 +8,9 @@
 
 namespace platform::fsevents {
 
-/// Opens the folder `relative` ("/a/b", or "" for the folder itself) below the open folder `root` for reading. No symbolic link is followed,
-/// no mount point is crossed (so no automount is triggered either), and the length of the path has no limit. An empty handle and errno on
-/// failure (ELOOP or ENOTDIR where a link or a file stands on the way, EXDEV where something is mounted).
+/// Opens the folder `relative` ("/a/b", or "" for the folder itself) below the open folder `root` for reading. No symbolic link is
+/// followed, no mount point is crossed (so no automount is triggered either), and the length of the path has no limit. An empty handle and
+/// errno on failure (ELOOP or ENOTDIR where a link or a file stands on the way, EXDEV where something is mounted).
 FileHandle openFolderBelow(int root, std::string_view relative);
 /// Opens the folder `name` in `parent`, which may be neither a symbolic link nor a mount point. errno on failure.
 FileHandle openFolderIn(int parent, const char* name);

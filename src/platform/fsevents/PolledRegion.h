@@ -17,6 +17,7 @@ namespace platform::fsevents {
 class FolderListing;
 class PolledChanges;
 struct PolledFolder;
+struct PolledItem;
 
 /// The folders of one watched tree that are looked at again and again because the kernel cannot watch them, or cannot tell of all who write
 /// to them. What a look finds different from the last one is told; nothing that stays is missed, however it is made.
@@ -90,13 +91,15 @@ class PolledRegion {
   [[nodiscard]] bool contains(NodeId folder) const { return folders_.contains(folder); }
   [[nodiscard]] bool empty() const { return folders_.empty(); }
   [[nodiscard]] std::size_t folders() const { return folders_.size(); }
-  [[nodiscard]] std::chrono::milliseconds interval() const;
-  /// A pass that begins after this call is due now, for whoever must know everything that has changed until now.
-  void hurry();
-  /// Until that pass is over.
-  [[nodiscard]] bool isHurried() const;
+  [[nodiscard]] std::chrono::milliseconds interval() const { return interval_; }
   /// When `work` has something to do; nothing while the region is empty.
   [[nodiscard]] std::optional<Clock::time_point> due() const;
+  /// A pass is due now that sees everything up to now, as when somebody asks for what has happened so far.
+  /// Returns its number, for `isOver`.
+  std::uint32_t hasten();
+  [[nodiscard]] bool isOver(std::uint32_t pass) const {
+    return folders_.empty() || pass_ > pass || (pass_ == pass && phase_ == Phase::Resting);
+  }
   /// Begins the pass that is due, or goes on with the one under way, for at most about `slice` (a large folder is sorted in one go: some
   /// 0.2 s for a million items). Empty the kernel's queues in between. Returns `due()`.
   std::optional<Clock::time_point> work(Host& host, Clock::duration slice);
@@ -105,36 +108,47 @@ class PolledRegion {
   using FolderPointer = std::shared_ptr<PolledFolder>;
   enum class Phase { Resting, Looking, Telling };
 
+  [[nodiscard]] FolderPointer find(NodeId folder) const;
   void beginPass();
   void endPass(Host& host);
-  /// False when the slice is over.
+  void dropPass();
+  /// Both: false when the slice is over first.
   bool look(Host& host, Clock::time_point end);
-  bool openNext(Host& host);
-  void compare(Host& host);
-  void lookFailed(Host& host, const FolderPointer& folder, int error);
   bool tell(Host& host, Clock::time_point end);
-  [[nodiscard]] FolderPointer find(NodeId folder) const;
+  /// Whether there was another folder to come to.
+  bool openNext(Host& host);
+  void closeCurrent();
+  void lookOn(Host& host, Clock::time_point end);
+  void lookFailed(Host& host, PolledFolder& folder, int error);
+  [[nodiscard]] bool isStampedElsewhere(const PolledItem& item) const;
+  [[nodiscard]] bool isUnderWay(const PolledFolder& folder) const { return listing_ && current_.get() == &folder; }
 
   const std::chrono::nanoseconds timeStep_;
   const bool foreign_;
+  /// By number, so that a pass that has come to one goes on with the next whatever was added and removed in between.
   std::map<NodeId, FolderPointer> folders_;
 
   Phase phase_ = Phase::Resting;
   std::uint32_t pass_ = 0;
   /// The last folder that the pass has come to.
   std::optional<NodeId> reached_;
+  bool hasReachedAll_ = false;
+  /// Another pass is due as soon as this one is over.
+  bool isHastened_ = false;
   bool triesMarks_ = true;
   /// The folder that is being listed, across slices when it is large.
   FolderPointer current_;
   FileHandle opened_;
   std::unique_ptr<FolderListing> listing_;
-  bool marked_ = false;
-  /// What came and went in this pass, held back until names can be told to belong together.
+  bool isMarked_ = false;
   std::unique_ptr<PolledChanges> changes_;
   std::vector<FolderPointer> leaving_;
+  /// How far the clock that stamps is behind ours at most (FolderListing::offset).
+  std::int64_t offset_;
 
   Clock::time_point due_{};
-  std::chrono::nanoseconds interval_;
+  std::chrono::milliseconds interval_;
+  /// Of the pass under way: processor time, and time.
   std::chrono::nanoseconds cost_{};
   Clock::duration elapsed_{};
 };

@@ -93,9 +93,11 @@ bool StreamEngine::attachPlace() {
   if (!place_->isMount) {
     roots_ = std::make_unique<WatchedRoots>(shared_->configuration, std::vector{place_->options}, std::vector{true}, trees_,
                                             *shared_->status, *shared_->watch, *watched_);
+    roots_->avoid(0, place_->avoided);
     return attachRoots({place_->told}, since) || !place_->isFromTheStart;
   }
   placeTree_ = &trees_.add(place_->options);
+  placeTree_->avoid(place_->avoided);
   int error = 0;
   const WatchedTree::Attached attached = trees_.attach(*placeTree_, 0, since, error);
   FSEventStreamEventFlags told = place_->told;
@@ -290,6 +292,15 @@ void StreamEngine::tellAnswered() {
     });
     shared_->status->losses().end(LossKind::Hang, path);
   }
+}
+
+void StreamEngine::avoid(std::set<std::string, std::less<>> mountPoints) {
+  requests_->post([weak = weak_from_this(), points = std::move(mountPoints)] {
+    const auto engine = weak.lock();
+    if (!engine) return;
+    if (engine->roots_) engine->roots_->avoid(0, points);
+    if (engine->placeTree_ != nullptr) engine->placeTree_->avoid(points);
+  });
 }
 
 void StreamEngine::coverChanged(const std::string& relative, bool isCovered) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,8 @@ struct EnginePlace {
   FSEventStreamEventFlags told = 0;
   /// It was there when the stream started: its past is part of the stream's, and what cannot be watched there is an error of the start.
   bool isFromTheStart = false;
+  /// WatchedTree::avoid
+  std::set<std::string, std::less<>> avoided = {};
 };
 
 /// The work of one thread: it empties the kernel's queues, keeps the trees of its watched paths true, and makes batches of what changed. It
@@ -48,7 +51,7 @@ struct EnginePlace {
 /// system that may hang, so that it holds up nobody else.
 ///
 /// Threads: `run` is called once, on a thread of its own that holds the engine; `requests` and `leave` by any thread.
-class StreamEngine {
+class StreamEngine : public std::enable_shared_from_this<StreamEngine> {
  public:
   /// The first engine of a stream; `pool` makes the others.
   StreamEngine(std::shared_ptr<EngineShared> shared, std::weak_ptr<EnginePool> pool);
@@ -63,6 +66,8 @@ class StreamEngine {
   void requestStop();
   /// What the engine tells from now on counts for nothing. It may hang and be left behind then.
   void leave();
+  /// What the tree of the engine's one place must not look into.
+  void avoid(std::set<std::string, std::less<>> mountPoints);
   /// On the engine's thread, of the tree of its one place: something was mounted in it at `relative` or is no longer; it is elsewhere now.
   void coverChanged(const std::string& relative, bool isCovered);
   void relocatePlace(const std::string& reportedPath, const std::string& openPath);

@@ -17,6 +17,9 @@ Object texts(const auto& list) {
   return Object(std::move(array));
 }
 
+/// The watched path "/" is reported as the empty text.
+std::string pathOf(const std::string& path) { return path.empty() ? "/" : path; }
+
 double seconds(std::chrono::milliseconds time) { return std::chrono::duration<double>(time).count(); }
 
 }  // namespace
@@ -43,31 +46,32 @@ void StreamStatus::setRegion(const std::string& path, std::size_t folders, std::
   bool isNew = false;
   {
     const MutexLock lock(mutex_);
-    Region& region = regions_[path];
+    Region& region = regions_[pathOf(path)];
     isNew = region.reason != reason;
     region = {folders, interval, reason};
   }
   if (!isNew) return;
-  NSLog(fmt::format("FSEventStream: {} folders at {} are compared every {:.0f} s at least: {}", folders, path, seconds(interval), reason));
+  NSLog(fmt::format("FSEventStream: {} folders at {} are compared every {:.0f} s at least: {}", folders, pathOf(path), seconds(interval),
+                    reason));
 }
 
 void StreamStatus::removeRegion(const std::string& path) {
   bool wasThere = false;
   {
     const MutexLock lock(mutex_);
-    wasThere = regions_.erase(path) > 0;
+    wasThere = regions_.erase(pathOf(path)) > 0;
   }
-  if (wasThere) NSLog("FSEventStream: no folder at " + path + " is compared any more");
+  if (wasThere) NSLog("FSEventStream: no folder at " + pathOf(path) + " is compared any more");
 }
 
 void StreamStatus::setSource(const std::string& path, const std::string& name) {
   const MutexLock lock(mutex_);
-  sourceOf_[path] = name;
+  sourceOf_[pathOf(path)] = name;
 }
 
 void StreamStatus::removeSource(const std::string& path) {
   const MutexLock lock(mutex_);
-  sourceOf_.erase(path);
+  sourceOf_.erase(pathOf(path));
 }
 
 void StreamStatus::addSource(const std::string& name) {

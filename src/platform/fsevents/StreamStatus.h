@@ -44,7 +44,7 @@ class StreamStatus {
   void setSource(const std::string& path, const std::string& name);
   void removeSource(const std::string& path);
   void addSource(const std::string& name);
-  /// "fanotify", "inotify", both joined by "+", or empty.
+  /// The names of all that serve, joined by "+", such as "fanotify+inotify"; empty while nothing is watched.
   [[nodiscard]] std::string sources() const;
   void setError(const std::string& text);
   [[nodiscard]] std::string error() const;

@@ -40,7 +40,7 @@ void WatchedRoots::setHere(std::size_t path, bool isHere) {
   root.isTakenOver = isHere && !root.isHere;
   root.isHere = isHere;
   monitor_->setLooked(path, isHere);
-  if (isHere && root.tree == nullptr) root.tree = &trees_.add(root.options);
+  if (isHere && root.tree == nullptr) makeTree(root);
   if (!isHere) letGo(root);
 }
 
@@ -100,7 +100,18 @@ void WatchedRoots::check(const MountFlags& mounts) {
 
 void WatchedRoots::renew(Root& root) {
   trees_.remove(*root.tree);
+  makeTree(root);
+}
+
+void WatchedRoots::makeTree(Root& root) {
   root.tree = &trees_.add(root.options);
+  root.tree->avoid(root.avoided);
+}
+
+void WatchedRoots::avoid(std::size_t path, std::set<std::string, std::less<>> mountPoints) {
+  Root& root = roots_[path];
+  root.avoided = std::move(mountPoints);
+  if (root.tree != nullptr) root.tree->avoid(root.avoided);
 }
 
 void WatchedRoots::checkRoot(Root& root, const RootIdentity& now, bool touched, bool moved, FSEventStreamEventFlags mount) {

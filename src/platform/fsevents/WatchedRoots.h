@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,8 @@ class WatchedRoots {
   void setHere(std::size_t path, bool isHere);
   /// What holds for the file system that the path lies on; a change of that comes with a change of its mounts.
   void setPolicy(std::size_t path, const FileSystemPolicy& policy) { roots_[path].options.policy = policy; }
+  /// The places below a path that its tree must not look into (WatchedTree::avoid).
+  void avoid(std::size_t path, std::set<std::string, std::less<>> mountPoints);
   [[nodiscard]] bool isHere(std::size_t path) const { return roots_[path].isHere; }
   /// The tree of a path that is watched here at the moment; null otherwise.
   [[nodiscard]] WatchedTree* standing(std::size_t path) const;
@@ -59,6 +62,7 @@ class WatchedRoots {
     WatchedTree* tree = nullptr;
     RootIdentity identity;
     bool isRefused = false;
+    std::set<std::string, std::less<>> avoided = {};
     /// Another engine has had it until now.
     bool isTakenOver = false;
   };
@@ -68,6 +72,7 @@ class WatchedRoots {
   void refused(Root& root, int error);
   void letGo(Root& root);
   void renew(Root& root);
+  void makeTree(Root& root);
   void planCheck();
   [[nodiscard]] const char* lastSource() const;
 

@@ -91,8 +91,8 @@ void WatchedTree::recovered(NodeId node) {
   if (!rootIsFolder_) losses.end(LossKind::MarkLimit, path);
   // What happened in it meanwhile nobody knows.
   if (losses.end(LossKind::InputOutput, path)) {
-    report(node, {}, kFSEventStreamEventFlagMustScanSubDirs | (node == DirectoryTree::kRoot ? rootKind() : kFSEventStreamEventFlagItemIsDir),
-           false);
+    report(node, {},
+           kFSEventStreamEventFlagMustScanSubDirs | (node == DirectoryTree::kRoot ? rootKind() : kFSEventStreamEventFlagItemIsDir), false);
   }
 }
 
@@ -189,8 +189,7 @@ bool WatchedTree::tryMark(NodeId node, int folder) {
   } else if (known != node) {
     return false;  // known in another place: the queue is about to tell which
   }
-  if ((tree_.flags(node) & kMarked) == 0) ++marked_;
-  tree_.setFlags(node, tree_.flags(node) | kMarked);
+  countMark(node);
   return true;
 }
 
