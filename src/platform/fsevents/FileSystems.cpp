@@ -14,8 +14,10 @@ using enum FileSystemKind;
 
 /// Times are taken from a clock that moves once a tick, and some kernels tick a hundred times a second.
 constexpr nanoseconds kTick = milliseconds(10);
-/// What the coarsest of the known ones, FAT, keeps.
-constexpr nanoseconds kCoarsest = seconds(2);
+/// What the coarsest of the known ones, FAT, keeps. The time that is cut down to it comes from the same clock.
+constexpr nanoseconds kCoarsest = seconds(2) + kTick;
+/// Inodes of 128 bytes, which mkfs made for small or old ones, have room for whole seconds only.
+constexpr nanoseconds kWholeSeconds = seconds(1) + kTick;
 
 struct Type {
   std::string_view name;
@@ -27,16 +29,15 @@ constexpr FileSystemPolicy kFuse{Fuse, false, false, kCoarsest};
 
 constexpr Type kPrecise[] = {
     // NOLINT(modernize-avoid-c-arrays): a table
-    // Inodes of 128 bytes, which mkfs made for small or old ones, have room for whole seconds only.
-    {"ext2", {Local, true, true, seconds(1)}},
-    {"ext3", {Local, true, true, seconds(1)}},
-    {"ext4", {Local, true, true, seconds(1)}},
+    {"ext2", {Local, true, true, kWholeSeconds}},
+    {"ext3", {Local, true, true, kWholeSeconds}},
+    {"ext4", {Local, true, true, kWholeSeconds}},
     {"xfs", {Local, true, true, kTick}},
     {"btrfs", {Local, false, true, kTick}},
     {"tmpfs", {Local, true, true, kTick}},
     {"ramfs", {Local, true, true, kTick}},
     // Passes on what its upper layer, often an ext4, has.
-    {"overlay", {Local, false, true, seconds(1)}},
+    {"overlay", {Local, false, true, kWholeSeconds}},
 };
 
 /// Others write, be it on another machine or beneath the virtual one; "afs" to "virtiofs".

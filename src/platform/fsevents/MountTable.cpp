@@ -159,6 +159,17 @@ MountTable::MountTable(std::vector<Mount> mounts) : mounts_(std::move(mounts)) {
   visible_ = Visibility(mounts_).find();
   std::sort(visible_.begin(), visible_.end(),
             [this](std::size_t left, std::size_t right) { return mounts_[left].point < mounts_[right].point; });
+  byId_.resize(mounts_.size());
+  std::iota(byId_.begin(), byId_.end(), std::size_t{0});
+  std::sort(byId_.begin(), byId_.end(), [this](std::size_t left, std::size_t right) { return mounts_[left].id < mounts_[right].id; });
+}
+
+bool MountTable::contains(const Mount& mount) const {
+  auto next = std::lower_bound(byId_.begin(), byId_.end(), mount.id, [this](std::size_t each, int id) { return mounts_[each].id < id; });
+  for (; next != byId_.end() && mounts_[*next].id == mount.id; ++next) {
+    if (mounts_[*next] == mount) return true;
+  }
+  return false;
 }
 
 const Mount* MountTable::at(std::string_view point) const {

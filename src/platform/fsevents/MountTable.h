@@ -51,6 +51,9 @@ class MountTable {
   /// The mounts that are reached strictly below `path`, in the order of their points (as bytes); none that another one hides.
   [[nodiscard]] std::vector<Mount> below(std::string_view path) const;
 
+  /// Whether this very mount is in the table, at the same place.
+  [[nodiscard]] bool contains(const Mount& mount) const;
+
   [[nodiscard]] const std::vector<Mount>& all() const { return mounts_; }
 
   friend bool operator==(const MountTable& left, const MountTable& right) { return left.mounts_ == right.mounts_; }
@@ -61,6 +64,8 @@ class MountTable {
   std::vector<Mount> mounts_;
   /// Places in `mounts_` of those that a path leads to, by their points.
   std::vector<std::size_t> visible_;
+  /// Places of all by their ids.
+  std::vector<std::size_t> byId_;
 };
 
 }  // namespace platform::fsevents

@@ -36,8 +36,9 @@ constexpr const char* kOfUser =
 std::string namespaceOfThisProcess() { return fs::read_symlink("/proc/self/ns/mnt").string(); }
 
 bool isInOwnNamespace() {
-  const char* const outside = std::getenv(kOutside);
-  return outside != nullptr && namespaceOfThisProcess() != outside;
+  // Asked once, since a test may hide /proc; nobody goes back to the namespace outside.
+  static const bool own = std::getenv(kOutside) != nullptr && namespaceOfThisProcess() != std::getenv(kOutside);
+  return own;
 }
 
 bool isNobodyNeeded(Rights rights) { return rights == Rights::OfAnOrdinaryUser && geteuid() == 0; }
@@ -100,6 +101,10 @@ void check(int result, const std::string& what) {
 
 }  // namespace
 
+std::string nameOfRights(const testing::TestParamInfo<Rights>& parameter) {
+  return parameter.param == Rights::OfThisUser ? "thisUser" : "ordinaryUser";
+}
+
 std::string refusalOfMountNamespaces(Rights rights) {
   if (isInOwnNamespace()) return "";
   const TemporaryDirectory folder;
@@ -132,9 +137,10 @@ void mountAt(const std::string& point, const std::string& type, const std::strin
   check(::mount(source.c_str(), point.c_str(), type.c_str(), 0, options.c_str()), fmt::format("mount {} at {}", type, point));
 }
 
-void bindAt(const std::string& point, const std::string& what) {
+void bindAt(const std::string& point, const std::string& what, Below below) {
   mustBeInOwnNamespace();
-  check(::mount(what.c_str(), point.c_str(), nullptr, MS_BIND, nullptr), fmt::format("bind {} at {}", what, point));
+  const unsigned long flags = below == Below::With ? MS_BIND | MS_REC : MS_BIND;
+  check(::mount(what.c_str(), point.c_str(), nullptr, flags, nullptr), fmt::format("bind {} at {}", what, point));
 }
 
 void unmountAt(const std::string& point) {

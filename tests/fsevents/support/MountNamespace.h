@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 
@@ -21,6 +23,11 @@ enum class Rights {
 /// The whole test must be in `body`: what stands around it (as SetUp) runs in both processes.
 void inMountNamespace(const std::function<void()>& body, Rights rights = Rights::OfThisUser);
 
+/// Makes the suite of a fixture whose parameter is Rights run with both.
+#define KESTRINE_PER_RIGHTS(Suite) \
+  INSTANTIATE_TEST_SUITE_P(, Suite, testing::Values(Rights::OfThisUser, Rights::OfAnOrdinaryUser), ::kestrine::test::nameOfRights)
+std::string nameOfRights(const testing::TestParamInfo<Rights>& parameter);
+
 /// Why the machine refuses such namespaces; empty when it does not.
 std::string refusalOfMountNamespaces(Rights rights = Rights::OfThisUser);
 
@@ -29,8 +36,9 @@ std::string refusalOfMountNamespaces(Rights rights = Rights::OfThisUser);
 
 /// Mounts a new file system of this type; `source` matters to types that have one.
 void mountAt(const std::string& point, const std::string& type, const std::string& options = "", const std::string& source = "none");
-/// Mounts the folder `what` at `point` as well.
-void bindAt(const std::string& point, const std::string& what);
+/// Mounts the folder `what` at `point` as well, with or without what is mounted below it.
+enum class Below { Without, With };
+void bindAt(const std::string& point, const std::string& what, Below below = Below::Without);
 /// Fails when the mount is in use.
 void unmountAt(const std::string& point);
 /// Takes it out of the namespace; what uses it goes on.
