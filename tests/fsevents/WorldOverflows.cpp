@@ -72,7 +72,7 @@ TEST_P(WorldOverflows, AreNotMadeByALargeTreeThatBecomesExcluded) {
 }
 
 TEST_P(WorldOverflows, OfWorkDoNotFollowFromFoldersThatMoveOutOneByOne) {
-  constexpr int kStaying = 16000;
+  constexpr int kStaying = 8000;
   constexpr int kLeaving = 10;
   makeFlat(in("staying"), kStaying);
   makeFlat(in("leaving"), kLeaving);
@@ -84,7 +84,7 @@ TEST_P(WorldOverflows, OfWorkDoNotFollowFromFoldersThatMoveOutOneByOne) {
     moveItem(in("leaving/") + std::to_string(i), outside(std::to_string(i)));
     stream->flush();
     // Long enough a quiet time for whatever is put off until then.
-    std::this_thread::sleep_for(std::chrono::milliseconds(900));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
   }
   EXPECT_LT(std::chrono::duration<double>(timeUsed() - before).count(), 3 * std::chrono::duration<double>(toMarkAll).count())
       << "every folder was marked anew each time";
