@@ -15,6 +15,8 @@ namespace {
 
 /// How long a flush waits for what cannot be applied yet: a lack of descriptors may last, and so may a storm of changes.
 constexpr std::chrono::seconds kMaximumFlush(1);
+/// The same while what must be polled is looked at.
+constexpr std::chrono::seconds kMaximumPolledFlush(30);
 /// Until the queues are looked at again when something waits for them to be empty.
 constexpr std::chrono::milliseconds kSoon(2);
 /// How much earlier than the last look at an empty queue a change may be stamped that is told after it: what the kernel had stamped then
@@ -46,6 +48,7 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
     FileHandle opened(::open(options_.openPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     const int openError = opened.isOpen() ? 0 : errno;
     // Also for a missing path: whether it can be watched when it appears is better known now.
+    queueError_ = 0;
     source_ = makeSource(queueError_);
     if (!source_ && kernel_ != Kernel::None && !isLimitReached(queueError_)) {
       error = queueError_;
@@ -247,7 +250,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
 }
 
 void WatchedTree::processAll() {
-  const auto end = Clock::now() + kMaximumFlush;
+  const auto end = Clock::now() + (region_ ? kMaximumPolledFlush : kMaximumFlush);
   const std::uint32_t pass = region_ ? region_->hasten() : 0;
   while (attached_ && Clock::now() < end) {
     const bool any = drain();
@@ -313,6 +316,12 @@ bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
   std::string path = relativePath(folder);
   if (!name.empty()) path.append("/").append(name);
   return exclusions_.contain(path);
+}
+
+bool WatchedTree::isLeftOut(NodeId folder, std::string_view name) const {
+  if (exclusions_.empty() && mountPoints_.empty()) return false;
+  const std::string path = relativePath(folder).append("/").append(name);
+  return exclusions_.contain(path) || mountPoints_.contains(path);
 }
 
 int WatchedTree::rootDescriptor() {
