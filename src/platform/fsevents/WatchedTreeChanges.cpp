@@ -213,6 +213,8 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
 
 void WatchedTree::forget(NodeId node, Why why) {
   pathsChanged();
+  // What is mounted in it went with it.
+  movedFolders_ = movedFolders_ || why == Why::Left;
   if (status_.losses().any() && !tree_.isDetached(node)) status_.losses().forget(reportedPathOf(node));
   const bool wasRegion = region_ != nullptr;
   int removed = 0;
