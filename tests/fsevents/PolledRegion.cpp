@@ -150,15 +150,33 @@ TEST_F(PolledRegionTest, TellsWhatWasRemovedBeforeItsFolderMovedWhereItWas) {
   world.settle();
   removeItem(in("a/b/file"));
   moveItem(in("a"), in("c"));
-  world.pass();
-  EXPECT_EQ(world.take(), (Told{{in("a"), kRenamed | kIsFolder}, {in("c"), kRenamed | kIsFolder}}));
   appendFile(in("c/b/kept"), "more");
   writeFile(in("c/b/new"), "");
   world.pass();
-  EXPECT_EQ(world.take(), (Told{{in("a/b/file"), kRemoved | kIsFile}, {in("c/b/kept"), kModified | kIsFile}, {in("c/b/new"), kCreated | kIsFile}}));
+  EXPECT_EQ(world.take(), (Told{{in("a"), kRenamed | kIsFolder},
+                                {in("c"), kRenamed | kIsFolder},
+                                {in("a/b/file"), kRemoved | kIsFile},
+                                {in("c/b/kept"), kModified | kIsFile},
+                                {in("c/b/new"), kCreated | kIsFile}}));
   removeItem(in("c/b/new"));
   world.pass();
   EXPECT_EQ(world.flagsOf(in("c/b/new")) & kRemoved, kRemoved);
+}
+
+TEST_F(PolledRegionTest, TellsAScanWhereItIsToldOfAMoveAndCannotKnowWhatWentBefore) {
+  makeFolders(in("a/b"));
+  writeFile(in("a/b/file"), "");
+  PolledWorld world(base_.path());
+  world.settle();
+  world.region().moved(world.nodeOf(in("a/b")), in("former"));
+  removeItem(in("a/b/file"));
+  world.pass();
+  EXPECT_EQ(world.take(), (Told{{in("former/file"), kRemoved | kIsFile}, {in("a/b/"), kMustScan | kIsFolder}}));
+  writeFile(in("a/b/file"), "");
+  world.pass();
+  removeItem(in("a/b/file"));
+  world.pass();
+  EXPECT_EQ(world.flagsOf(in("a/b/file")) & kRemoved, kRemoved);
 }
 
 TEST_F(PolledRegionTest, KnowsAFolderThatTookTheInodeOfAnother) {

@@ -205,7 +205,8 @@ TEST_P(PolledRegionModel, BetweenTheLooksTellsWhatChangedAndNothingElse) {
     for (const auto& [path, flags] : world.log()) {
       const bool isRepeat = before.contains(inodeOf(path)) && (flags & (kModified | kMetadata)) != 0;
       ASSERT_TRUE(paths.contains(path) || inodes.contains(inodeOf(path)) || isRepeat)
-          << "seed " << GetParam() << ", round " << round << ": nothing happened to " << path << " " << flags;
+          << "seed " << GetParam() << ", round " << round << ": nothing happened to " << path << " " << flags << (inodeOf(path) != 0 ? ", which is there" : ", which is not there")
+          << (work.existed().contains(path) ? " and was" : " and never was");
       ASSERT_TRUE(work.existed().contains(path)) << "seed " << GetParam() << ", round " << round << ": there never was " << path;
     }
     before = inodes;
