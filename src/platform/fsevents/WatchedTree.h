@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -70,6 +71,9 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeRootLostItem() { return std::exchange(rootLostItem_, false); }
   /// Whether a folder has moved since the last call, so that mount points may have other paths.
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
+  /// Places ("/a/b") that a walk does not look into, since something is mounted there: before Linux 6.18 even the look that refuses to
+  /// cross a mount point has an automount mount what it stands for (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
+  void avoid(std::set<std::string, std::less<>> mountPoints) { mountPoints_ = std::move(mountPoints); }
   /// Something was mounted on the folder at `relative` ("/a/b"): what it hides is forgotten.
   void covered(std::string_view relative);
   /// The mount on the folder at `relative` is gone: the folder underneath is watched.
@@ -153,6 +157,7 @@ class WatchedTree final : private PolledRegion::Host {
   std::unique_ptr<ChangeSource> makeSource(int& error);
   void begin(FileHandle folder, FSEventStreamEventFlags report);
   void letGo();
+  void tellSource();
   void markFile(int file);
   /// The next source for a file system that refuses the one in use.
   void nextKernel();
@@ -165,6 +170,7 @@ class WatchedTree final : private PolledRegion::Host {
   /// `parent` is kNoNode for the watched folder itself.
   void crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report);
   void enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
+  void countMark(NodeId node);
   /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
   NodeId settle(NodeId parent, std::string_view name, std::string_view key);
   NodeId place(NodeId parent, std::string_view name);
@@ -250,6 +256,8 @@ class WatchedTree final : private PolledRegion::Host {
   [[nodiscard]] std::string relativePath(NodeId node) const;
   [[nodiscard]] std::string reportedPathOf(NodeId node) const;
   [[nodiscard]] bool isExcluded(NodeId folder, std::string_view name) const;
+  /// Whether the folder at the place is not to be looked into.
+  [[nodiscard]] bool isLeftOut(NodeId folder, std::string_view name) const;
   FileHandle openFolder(NodeId folder, std::string_view name);
   int rootDescriptor();
   /// Lets go of every folder at the end of a batch, so that what was removed can go and what is mounted can be unmounted.
@@ -260,6 +268,7 @@ class WatchedTree final : private PolledRegion::Host {
   std::uint32_t number_;
   TreeOptions options_;
   Exclusions exclusions_;
+  std::set<std::string, std::less<>> mountPoints_;
   Coalescer& coalescer_;
   StreamStatus& status_;
 

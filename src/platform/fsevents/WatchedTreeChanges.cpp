@@ -117,6 +117,7 @@ void WatchedTree::folderCreated(NodeId folder, std::string_view name, FSEventStr
 }
 
 void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
+  if (!mountPoints_.empty() && mountPoints_.contains(relativePath(folder).append("/").append(name))) return;
   FileHandle opened = openFolder(folder, name);
   if (!opened.isOpen()) {
     const int error = errno;

@@ -19,10 +19,14 @@ namespace {
 constexpr int kMaximumOpenParents = 128;
 /// How often the kernel queue is emptied while a crawl is under way.
 constexpr int kFoldersBetweenDrains = 64;
+constexpr int kEntriesBetweenDrains = 8192;
 /// Until a folder is looked for again that was gone.
 constexpr std::chrono::milliseconds kGonePause(3);
 /// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
 constexpr int kRenewalRatio = 1000;
+
+/// Whether a mark was refused because this source cannot serve this file system.
+bool isUnsuitable(int error) { return error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL; }
 
 std::chrono::nanoseconds processorTime() {
   timespec time{};
@@ -61,29 +65,27 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
     openFailed(parent, name, nullptr, error);
     return;
   }
-  if (error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL) {
-    refusesSource_ = true;
-    return;
-  }
+  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));
+  if (refusesSource_) return;
   const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
-  const std::uint8_t flags = tree_.flags(node);
-  if (isMarked && (flags & kMarked) == 0) {
-    ++marked_;
-    tree_.setFlags(node, flags | kMarked);
-  }
+  if (isMarked) countMark(node);
   tree_.setGeneration(node, generation_);
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
-  if (isPolled && !poll(node, descriptor, isMarked ? 0 : error))
-    error = errno;
-  else
-    error = list(node, std::move(folder), report, stack);
+  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);
+  error = isReadable ? list(node, std::move(folder), report, stack) : errno;
   if (error == 0) {
     recovered(node);
   } else {
     troubled(node, error);
   }
+}
+
+void WatchedTree::countMark(NodeId node) {
+  const std::uint8_t flags = tree_.flags(node);
+  if ((flags & kMarked) == 0) ++marked_;
+  tree_.setFlags(node, flags | kMarked);
 }
 
 NodeId WatchedTree::place(NodeId parent, std::string_view name) {
@@ -162,6 +164,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool tellsPast = flags == 0 && past_;
   const bool isChanged = tellsPast && tellPastOf(node, descriptor);
   const bool foldersOnly = flags == 0 && !tellsPast;
+  int listed = 0;
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
     if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) report(node, name, flags | kind, false);
@@ -172,7 +175,9 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
         inherited = past & (kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRenamed);
       }
     }
-    if (kind != kFSEventStreamEventFlagItemIsDir || isExcluded(node, name)) return;
+    // A long listing must not keep the kernel queue waiting.
+    if (++listed % kEntriesBetweenDrains == 0) drain();
+    if (kind != kFSEventStreamEventFlagItemIsDir || isLeftOut(node, name)) return;
     // Moved once, since `parent` is there from then on; the descriptor stays open with it.
     if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
     stack.push_back({node, name, parent, inherited});
