@@ -12,6 +12,13 @@ namespace kestrine::test {
 
 using What = TruthRecord::What;
 
+namespace {
+
+/// So that a reader sees that a file has or had other names, through which it may have been written.
+constexpr mode_t kTwin = S_ISVTX;
+
+}  // namespace
+
 // `folder` is the number that `slot` had when the file was opened; by now it may be another's.
 void TruthWorker::writeTo(int file, std::uint32_t folder, Slot slot, const TruthName& name) {
   const auto before = truthClock();
@@ -67,7 +74,8 @@ void TruthWorker::changeAttributes() {
   if (oneOf(3)) {
     require(::utimensat(AT_FDCWD, path.c_str(), nullptr, 0) == 0, "utimensat", path);
   } else {
-    require(::chmod(path.c_str(), oneOf(2) ? 0600 : 0640) == 0, "chmod", path);
+    const mode_t twin = item->isTwin ? kTwin : 0;
+    require(::chmod(path.c_str(), twin | (oneOf(2) ? 0600U : 0640U)) == 0, "chmod", path);
   }
   record(What::Attributes, slot, item->name, before);
 }
@@ -114,9 +122,13 @@ void TruthWorker::linkFile() {
   auto* place = item == nullptr ? nullptr : freeItem(target);
   const auto name = anyName();
   if (place == nullptr || isTaken(target, name)) return;
+  const auto existing = pathOf(slot, item->name);
   const auto path = pathOf(target, name);
-  const auto before = truthClock();
-  require(::link(pathOf(slot, item->name).c_str(), path.c_str()) == 0, "link", path);
+  auto before = truthClock();
+  require(::chmod(existing.c_str(), kTwin | 0600U) == 0, "chmod", existing);
+  record(What::Attributes, slot, item->name, before);
+  before = truthClock();
+  require(::link(existing.c_str(), path.c_str()) == 0, "link", path);
   record(What::Made, target, name, before);
   item->isTwin = true;
   *place = {TruthItem::Kind::File, true, name};

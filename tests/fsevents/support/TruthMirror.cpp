@@ -22,7 +22,7 @@ bool TruthMirror::look(const std::string& path, Facts& facts) {
   struct stat info {};
   if (::lstat(path.c_str(), &info) != 0) return false;
   const bool isFolder = S_ISDIR(info.st_mode);
-  facts = {info.st_ino, info.st_mode, isFolder ? 0 : info.st_size, !isFolder && info.st_nlink > 1, isFolder ? timespec{} : info.st_mtim};
+  facts = {info.st_ino, info.st_mode, isFolder ? 0 : info.st_size, !isFolder && (info.st_mode & S_ISVTX) != 0, isFolder ? timespec{} : info.st_mtim};
   return true;
 }
 
@@ -51,7 +51,6 @@ void TruthMirror::visit(const std::string& path, bool whole) {
   if (!look(path, facts)) return drop(path);
   const auto known = copy_.find(path);
   const bool isSame = known != copy_.end() && known->second.inode == facts.inode;
-  if (isSame) facts.isTwin = facts.isTwin || known->second.isTwin;
   if (!isSame || whole || !S_ISDIR(facts.mode)) drop(path);
   copy_.insert_or_assign(path, facts);
   if (S_ISDIR(facts.mode) && (!isSame || whole)) read(path, copy_);

@@ -11,8 +11,8 @@
 namespace kestrine::test {
 
 /// A reader of a stream as applications are: it keeps a copy of what is at each path and looks only where an event sends it. What the copy
-/// and the disk differ in when all has been told was missed. Of a file with several names only its presence counts, since a write through
-/// one name is told under that.
+/// and the disk differ in when all has been told was missed. Of a file with several names (the workers make it "sticky") only
+/// its presence counts, since a write through one name is told under that.
 class TruthMirror {
  public:
   explicit TruthMirror(std::string root);
