@@ -96,9 +96,8 @@ std::vector<TruthChronicle::Meaning> TruthChronicle::meaningsOf(std::string_view
 
 bool TruthChronicle::existedAt(const Place& place, std::int64_t time) const {
   const auto bindings = bindings_.find(place);
-  return bindings != bindings_.end() && std::any_of(bindings->second.begin(), bindings->second.end(), [&](const Binding& binding) {
-           return binding.from <= time && time <= binding.until;
-         });
+  return bindings != bindings_.end() && std::any_of(bindings->second.begin(), bindings->second.end(),
+                                                    [&](const Binding& binding) { return binding.from <= time && time <= binding.until; });
 }
 
 const TruthChronicle::Place* TruthChronicle::placeAt(std::uint32_t folder, std::int64_t time) const {

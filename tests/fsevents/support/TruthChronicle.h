@@ -45,8 +45,8 @@ class TruthChronicle {
   /// Everything that existed at this path ("/a/b", below the watched folder) before `time`.
   [[nodiscard]] std::vector<Meaning> meaningsOf(std::string_view path, std::int64_t time) const;
   [[nodiscard]] bool existedAt(const Place& place, std::int64_t time) const;
-  /// The folder and the folders above it at that time, outermost last; ends with the watched one's number, or another where it was not below
-  /// that.
+  /// The folder and the folders above it at that time, outermost last; ends with the watched one's number, or another where it was not
+  /// below that.
   [[nodiscard]] std::vector<std::uint32_t> waysUp(std::uint32_t folder, std::int64_t time) const;
   /// Its path at that time, for people.
   [[nodiscard]] std::string pathAt(std::uint32_t folder, std::int64_t time) const;

@@ -22,7 +22,8 @@ bool TruthMirror::look(const std::string& path, Facts& facts) {
   struct stat info {};
   if (::lstat(path.c_str(), &info) != 0) return false;
   const bool isFolder = S_ISDIR(info.st_mode);
-  facts = {info.st_ino, info.st_mode, isFolder ? 0 : info.st_size, !isFolder && (info.st_mode & S_ISVTX) != 0, isFolder ? timespec{} : info.st_mtim};
+  facts = {info.st_ino, info.st_mode, isFolder ? 0 : info.st_size, !isFolder && (info.st_mode & S_ISVTX) != 0,
+           isFolder ? timespec{} : info.st_mtim};
   return true;
 }
 

@@ -19,7 +19,11 @@ constexpr int kTries = 20;
 }  // namespace
 
 TruthWorker::TruthWorker(TruthWorld& world, std::size_t number, unsigned seed, std::string watched, std::string outside)
-    : world_(world), number_(number), random_(seed + static_cast<unsigned>(number)), watched_(std::move(watched)), outside_(std::move(outside)) {}
+    : world_(world),
+      number_(number),
+      random_(seed + static_cast<unsigned>(number)),
+      watched_(std::move(watched)),
+      outside_(std::move(outside)) {}
 
 void TruthWorker::run() {
   for (;;) {
@@ -43,12 +47,12 @@ void TruthWorker::work() {
     unsigned weight;
   };
   static constexpr std::array kOperations = {
-      Weighed{&TruthWorker::createFile, 24},     Weighed{&TruthWorker::writeFile, 18},   Weighed{&TruthWorker::changeAttributes, 6},
-      Weighed{&TruthWorker::removeFile, 14},     Weighed{&TruthWorker::renameFile, 10},  Weighed{&TruthWorker::linkFile, 2},
-      Weighed{&TruthWorker::createOther, 2},     Weighed{&TruthWorker::makeChain, 4},    Weighed{&TruthWorker::changeFolderAttributes, 2},
-      Weighed{&TruthWorker::renameFolder, 6},    Weighed{&TruthWorker::dance, 1},        Weighed{&TruthWorker::swapFolders, 1},
+      Weighed{&TruthWorker::createFile, 24},     Weighed{&TruthWorker::writeFile, 18},    Weighed{&TruthWorker::changeAttributes, 6},
+      Weighed{&TruthWorker::removeFile, 14},     Weighed{&TruthWorker::renameFile, 10},   Weighed{&TruthWorker::linkFile, 2},
+      Weighed{&TruthWorker::createOther, 2},     Weighed{&TruthWorker::makeChain, 4},     Weighed{&TruthWorker::changeFolderAttributes, 2},
+      Weighed{&TruthWorker::renameFolder, 6},    Weighed{&TruthWorker::dance, 1},         Weighed{&TruthWorker::swapFolders, 1},
       Weighed{&TruthWorker::exchangeFolders, 1}, Weighed{&TruthWorker::replaceFolder, 1}, Weighed{&TruthWorker::removeTree, 3},
-      Weighed{&TruthWorker::recreate, 1},        Weighed{&TruthWorker::moveOut, 2},      Weighed{&TruthWorker::moveIn, 2},
+      Weighed{&TruthWorker::recreate, 1},        Weighed{&TruthWorker::moveOut, 2},       Weighed{&TruthWorker::moveIn, 2},
       Weighed{&TruthWorker::makeOutside, 1}};
   static const unsigned kAll = [] {
     unsigned all = 0;
