@@ -316,9 +316,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -332,9 +336,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -423,8 +431,8 @@ DEFECTS = [
     Defect(
         "folder-that-left-still-told",
         "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    if (believed && !arrive(node)) forget(node, Why::Left);\n",
-        "    static_cast<void>(believed && arrive(node));\n",
+        "    if (node != kNoNode) forget(node, Why::Left);\n",
+        "",
         "fsevents_tests",
         "*StreamRenames.Out*",
     ),
