@@ -6,26 +6,27 @@
 namespace platform::fsevents {
 
 void Unsettled::add(UnsettledPlace place) {
-  const auto same = std::find_if(places_.begin(), places_.end(), [&](const UnsettledPlace& other) {
-    return other.name == place.name && other.target == place.target && other.folder == place.folder;
-  });
-  if (same == places_.end()) {
-    places_.push_back(std::move(place));
+  std::tuple at{place.target, place.folder, place.name};
+  if (const auto same = places_.find(at); same != places_.end()) {
+    UnsettledPlace& known = same->second;
+    known.report |= place.report;
+    known.isUntold = known.isUntold || place.isUntold;
+    known.tries = std::max(known.tries, place.tries);
     return;
   }
-  same->report |= place.report;
-  same->isUntold = same->isUntold || place.isUntold;
-  // The latest word on a folder is looked at first.
-  std::rotate(same, same + 1, places_.end());
+  places_.emplace(std::move(at), std::move(place));
 }
 
 bool Unsettled::hasTarget(std::string_view key) const {
-  return std::any_of(places_.begin(), places_.end(), [&](const UnsettledPlace& place) { return place.target == key; });
+  const auto first = places_.lower_bound({std::string(key), FolderReference{}, std::string()});
+  return first != places_.end() && first->second.target == key;
 }
 
 std::vector<UnsettledPlace> Unsettled::take() {
-  std::vector<UnsettledPlace> taken = std::exchange(places_, {});
-  std::stable_sort(taken.begin(), taken.end(), [](const auto& a, const auto& b) { return a.target < b.target; });
+  std::vector<UnsettledPlace> taken;
+  taken.reserve(places_.size());
+  for (auto& [at, place] : places_) taken.push_back(std::move(place));
+  places_.clear();
   return taken;
 }
 

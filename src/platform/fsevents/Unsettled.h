@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "platform/fsevents/FSEventStreamTypes.h"
@@ -13,7 +15,7 @@ namespace platform::fsevents {
 struct FolderReference {
   std::string key;
   std::string path;
-  friend bool operator==(const FolderReference&, const FolderReference&) = default;
+  friend auto operator<=>(const FolderReference&, const FolderReference&) = default;
 };
 
 /// A place about which the kernel's queue and the disk have not agreed yet: `name` in `folder`.
@@ -40,17 +42,18 @@ struct UnsettledPlace {
 /// Threads: owned and used by one thread.
 class Unsettled {
  public:
-  /// A place that is there already, for the same target, is kept once.
+  /// A place that is there already for the same target is kept once, with what either says.
   void add(UnsettledPlace place);
   [[nodiscard]] bool empty() const { return places_.empty(); }
   [[nodiscard]] std::size_t size() const { return places_.size(); }
   [[nodiscard]] bool hasTarget(std::string_view key) const;
-  /// All of them, those of one target together, in the order in which they came; the list is empty then.
+  /// All of them, those of one target in succession, those of none first; the list is empty then.
   std::vector<UnsettledPlace> take();
   void clear() { places_.clear(); }
 
  private:
-  std::vector<UnsettledPlace> places_;
+  /// By target, folder and name.
+  std::map<std::tuple<std::string, FolderReference, std::string>, UnsettledPlace> places_;
 };
 
 }  // namespace platform::fsevents

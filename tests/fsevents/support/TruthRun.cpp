@@ -104,29 +104,32 @@ std::vector<TruthRecord> TruthRun::takeRecords() {
   return records;
 }
 
-std::vector<std::string> TruthRun::window(std::size_t changes, const TruthJudge::Rules& rules, const std::function<void()>& meanwhile) {
+std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how) {
   const auto share = static_cast<std::uint32_t>(std::max<std::size_t>(changes / workers_.size(), 1));
+  if (how.isUnread) process_->halt();
   for (std::size_t i = 0; i < workers_.size(); ++i) {
     world_->quota[i] = share;
     ::sem_post(&world_->begin[i]);
   }
-  if (meanwhile) meanwhile();
-  if (auto fault = waitForWorkers(); !fault.empty()) return {fault};
+  if (how.meanwhile) how.meanwhile();
+  const auto fault = waitForWorkers();
+  if (how.isUnread) process_->goOn();
+  if (!fault.empty()) return {fault};
   const auto events = process_->flushTimed();
   auto records = takeRecords();
   done_ += records.size();
   told_ += events.size();
-  auto faults = judge_.judge(std::move(records), events, rules);
+  auto faults = judge_.judge(std::move(records), events, how.rules);
   mirror_->follow(events);
   for (auto& line : mirror_->differences()) faults.push_back(std::move(line));
   return faults;
 }
 
-std::vector<std::string> TruthRun::windows(std::size_t changes, const TruthJudge::Rules& rules, const std::function<void()>& meanwhile) {
+std::vector<std::string> TruthRun::windows(std::size_t changes, const Window& how) {
   std::vector<std::string> faults;
   for (const auto end = done_ + changes; done_ < end && faults.empty();) {
     const auto longest = random_() % 4 == 0 ? kLongestWindow : kLongestWindow / 10;
-    faults = window(1 + random_() % longest, rules, meanwhile);
+    faults = window(1 + random_() % longest, how);
   }
   if (!faults.empty()) faults.insert(faults.begin(), "after " + std::to_string(done_) + " changes, seed " + std::to_string(seed_));
   return faults;

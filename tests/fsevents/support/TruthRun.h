@@ -40,10 +40,18 @@ class TruthRun {
   /// KESTRINE_TRUTH_OPERATIONS, or this.
   static std::size_t operations(std::size_t otherwise);
 
-  /// One window of at most so many changes; `meanwhile` runs while the workers do. Empty when nothing is wrong with it.
-  std::vector<std::string> window(std::size_t changes, const TruthJudge::Rules& rules = {}, const std::function<void()>& meanwhile = {});
+  /// What is particular about a window.
+  struct Window {
+    TruthJudge::Rules rules = {};
+    /// The stream is stopped until all is done: the kernel merges what it can.
+    bool isUnread = false;
+    /// Runs while the workers do.
+    std::function<void()> meanwhile = {};
+  };
+  /// One window of at least so many changes. Empty when nothing is wrong with it.
+  std::vector<std::string> window(std::size_t changes, const Window& how);
   /// Windows of random length until so many changes were made or something is wrong.
-  std::vector<std::string> windows(std::size_t changes, const TruthJudge::Rules& rules = {}, const std::function<void()>& meanwhile = {});
+  std::vector<std::string> windows(std::size_t changes, const Window& how);
   /// What is wrong with the marks; waits for them to become right.
   std::string differenceOfAllMarks();
   /// Changes that were made, and events that were told of them.
