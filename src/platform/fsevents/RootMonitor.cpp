@@ -80,7 +80,8 @@ bool mayBeEmpty(const std::string& path) {
 
 }  // namespace
 
-RootMonitor::RootMonitor(std::vector<std::string> paths) : paths_(std::move(paths)) {}
+RootMonitor::RootMonitor(std::vector<std::string> paths)
+    : paths_(std::move(paths)), isLooked_(paths_.size(), true), identities_(paths_.size()) {}
 
 const std::vector<RootIdentity>& RootMonitor::arm() {
   // Watch, then look: a path that changes in between is looked at again.
@@ -93,9 +94,10 @@ const std::vector<RootIdentity>& RootMonitor::arm() {
     watched_.clear();
     polled_.clear();
     identities_.assign(paths_.size(), {});
-    for (std::size_t i = 0; i < paths_.size(); ++i) armPath(i, identities_[i]);
-    isSettled_ = isSettled_ && std::equal(paths_.begin(), paths_.end(), identities_.begin(),
-                                          [](const std::string& path, const RootIdentity& seen) { return identityOf(path) == seen; });
+    for (std::size_t i = 0; i < paths_.size(); ++i) {
+      if (isLooked_[i]) armPath(i, identities_[i]);
+    }
+    for (std::size_t i = 0; i < paths_.size(); ++i) isSettled_ = isSettled_ && (!isLooked_[i] || identityOf(paths_[i]) == identities_[i]);
   }
   std::sort(polled_.begin(), polled_.end());
   polled_.erase(std::unique(polled_.begin(), polled_.end()), polled_.end());

@@ -37,8 +37,13 @@ class RootMonitor {
  public:
   explicit RootMonitor(std::vector<std::string> paths);
 
+  /// Whether a path is looked at at all; each is at first. One that is not counts as missing from the next `arm` on.
+  void setLooked(std::size_t path, bool isLooked) { isLooked_[path] = isLooked; }
+
   /// Watches every path anew as it stands now and returns what stands there.
   const std::vector<RootIdentity>& arm();
+  /// What stood at the path of this number when it was looked at last.
+  [[nodiscard]] const RootIdentity& identity(std::size_t path) const { return identities_[path]; }
   /// False when the paths changed faster than the last `arm` could look: `arm` again soon, for what was missed is told by nobody.
   [[nodiscard]] bool isSettled() const { return isSettled_; }
   /// The descriptor to wait for; -1 when everything must be polled.
@@ -63,6 +68,7 @@ class RootMonitor {
   void guard(std::size_t number, const std::string& folder);
 
   std::vector<std::string> paths_;
+  std::vector<bool> isLooked_;
   std::vector<RootIdentity> identities_;
   FileHandle queue_;
   /// Paths that a watch stands for, and names in the folder of a watch whose coming or going matters.

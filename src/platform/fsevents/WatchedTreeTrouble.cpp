@@ -26,6 +26,7 @@ constexpr std::chrono::milliseconds kPollSlice(20);
 void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error) {
   if (isCovered(error)) {
     // Something is mounted on it: that is another tree's, and what it hides is taken up when it is uncovered.
+    covered_.push_back(relativePath(parent).append("/").append(name));
     if (const NodeId node = tree_.child(parent, name); node != kNoNode) forget(node, Why::Left);
     return;
   }
