@@ -84,10 +84,11 @@ void WatchedTree::troubled(NodeId node, int error) {
 
 void WatchedTree::recovered(NodeId node) {
   const std::uint8_t flags = tree_.flags(node);
-  if ((flags & kTroubled) == 0) return;
+  Losses& losses = status_.losses();
+  // By its path and not by the node's flag, which a tree that has begun anew does not have.
+  if ((flags & kTroubled) == 0 && !losses.any()) return;
   tree_.setFlags(node, flags & static_cast<std::uint8_t>(~kTroubled));
   const std::string path = reportedPathOf(node);
-  Losses& losses = status_.losses();
   losses.end(LossKind::Rights, path);
   if (!rootIsFolder_) losses.end(LossKind::MarkLimit, path);
   // What happened in it meanwhile nobody knows.
