@@ -90,7 +90,7 @@ void WatchedTree::begin(FileHandle folder, FSEventStreamEventFlags report) {
     askForQueueAt_ = Clock::now() + queuePause_;
   }
   if (rootIsFolder_) {
-    if (!exclusions_.contain("")) crawl(kNoNode, {}, std::move(folder), report);
+    if (!exclusions_.contain("")) crawl(kNoNode, {}, std::move(folder), 0, report);
   } else {
     if (past_) {
       if (const FSEventStreamEventFlags flags = pastOf(folder.fileDescriptor(), "", true); flags != 0) reportRoot(flags);
@@ -170,13 +170,9 @@ void WatchedTree::letGo() {
   refusesSource_ = false;
   source_.reset();
   retiring_.reset();
-  displaced_.clear();
-  sightings_.clear();
-  arrivals_.clear();
-  unopened_.clear();
-  unexcluded_.clear();
+  unsettled_.clear();
+  young_.clear();
   troubles_.clear();
-  retryAt_.reset();
   askForQueueAt_.reset();
   overflowed_ = backlogDropped_ = doubted_ = false;
   closeFolders();
@@ -197,7 +193,6 @@ void WatchedTree::countMarks() {
 
 bool WatchedTree::drain() {
   bool any = false;
-  drainedAt_ = Clock::now();
   const std::uint64_t before = EventClock::now();
   const auto drainOne = [&](ChangeSource& source) {
     any |= source.drain();
@@ -213,11 +208,9 @@ bool WatchedTree::drain() {
   return any;
 }
 
-bool WatchedTree::hasBacklog() const { return !unopened_.empty() || hasUnapplied(); }
+bool WatchedTree::hasBacklog() const { return !unsettled_.empty() || hasUnapplied(); }
 
 bool WatchedTree::hasUnapplied() const { return (retiring_ && retiring_->hasBacklog()) || (source_ && source_->hasBacklog()); }
-
-bool WatchedTree::hasReadEverything() { return !hasUnapplied() && !drain(); }
 
 std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (!attached_) return std::nullopt;
@@ -228,17 +221,10 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   const auto visit = [this](const RawChange& change) { apply(change); };
   if (retiring_) sooner(retiring_->dispatch(visit));
   if (source_) sooner(source_->dispatch(visit));
+  if (!young_.empty() && !hasUnapplied()) young_.clear();
   // Not while changes wait behind the first half of a move: they may explain what is in doubt.
-  if (!again) {
-    checkSightings();
-    if (queuesWereEmpty_) resolveArrivals();
-    expireDisplaced();
-    retryUnopened();
-    for (const Displaced& item : displaced_) sooner(item.until);
-    sooner(retryAt_);
-  }
-  takeUpUncovered();
-  if (!arrivals_.empty() || !sightings_.empty()) sooner(Clock::now() + kSoon);
+  if (!again) resolveUnsettled();
+  if (!unsettled_.empty()) sooner(Clock::now() + kSoon);
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   if (doubted_) repair(0);
@@ -263,7 +249,7 @@ void WatchedTree::processAll() {
     const bool any = drain();
     const auto again = process();
     const bool isPolling = region_ && !region_->isOver(pass);
-    if (!any && !isPolling && !hasBacklog() && arrivals_.empty() && sightings_.empty() && displaced_.empty()) break;
+    if (!any && !isPolling && !hasBacklog()) break;
     if (!again) continue;
     // A move's first half waits for its second: the wait is bounded to milliseconds by the source.
     const auto now = Clock::now();

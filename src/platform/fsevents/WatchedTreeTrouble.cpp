@@ -31,9 +31,10 @@ void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::sh
     return;
   }
   if (isGone(error)) {
+    // Where it was seen in an open folder, the queue tells of its leaving; or that folder has moved on.
     const NodeId node = tree_.child(parent, name);
-    if (node != kNoNode) displace(node);  // it may be found elsewhere before its time is up
-    if (!open) seemsGone(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone);
+    if (node != kNoNode || !open)
+      unsettle(parent, name, node == kNoNode ? std::string_view{} : tree_.key(node), kFSEventStreamEventFlagItemCreated);
     return;
   }
   const NodeId node = place(parent, name);
@@ -128,7 +129,7 @@ void WatchedTree::lookAgain(NodeId node) {
     if (!opened.isOpen()) {
       troubled(node, errno);
     } else if (rootIsFolder_) {
-      crawl(kNoNode, {}, std::move(opened), 0);
+      crawl(kNoNode, {}, std::move(opened), 0, 0);
     } else {
       markFile(opened.fileDescriptor());
     }
