@@ -113,7 +113,7 @@ TEST_F(RootMonitorTest, NoticesTheRemovalOfWhatSomebodyHoldsOpen) {
 TEST_F(RootMonitorTest, NoticesTheRemovalAndTheMoveOfEachComponent) {
   fs::rename(path, folder / "a/b/elsewhere");
   EXPECT_TRUE(monitor.read());
-  EXPECT_TRUE(monitor.sawMove());
+  EXPECT_TRUE(monitor.wasMoved(0));
   EXPECT_TRUE(monitor.wasTouched(0));
   EXPECT_FALSE(monitor.arm().front().exists);
   fs::rename(folder / "a/b/elsewhere", path);
@@ -127,7 +127,7 @@ TEST_F(RootMonitorTest, NoticesTheRemovalAndTheMoveOfEachComponent) {
   EXPECT_TRUE(monitor.arm().front().exists);
   fs::remove(path);
   EXPECT_TRUE(monitor.read());
-  EXPECT_FALSE(monitor.sawMove());
+  EXPECT_FALSE(monitor.wasMoved(0));
 }
 
 TEST_F(RootMonitorTest, WaitsForAMissingNameOnly) {

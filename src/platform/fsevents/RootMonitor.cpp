@@ -186,8 +186,8 @@ bool RootMonitor::needsGuard(std::size_t path) const {
 bool RootMonitor::read() {
   bool changed = false;
   bool strayed = false;
-  sawMove_ = false;
   touched_.clear();
+  moved_.clear();
   alignas(inotify_event) std::array<char, 16384> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
   for (ssize_t count = 0; (count = ::read(queue_.fileDescriptor(), buffer.data(), buffer.size())) > 0;) {
     for (ssize_t at = 0; at < count;) {
@@ -196,10 +196,12 @@ bool RootMonitor::read() {
       if (event->len == 0) {
         // About a component itself, or about lost events.
         changed = true;
-        sawMove_ |= (event->mask & IN_MOVE_SELF) != 0;
         if (event->mask == IN_ATTRIB) continue;
         const auto [first, last] = watched_.equal_range(event->wd);
-        for (auto entry = first; entry != last; ++entry) touched_.insert(entry->second);
+        for (auto entry = first; entry != last; ++entry) {
+          touched_.insert(entry->second);
+          if ((event->mask & IN_MOVE_SELF) != 0) moved_.insert(entry->second);
+        }
         continue;
       }
       const std::string_view name(event->name, ::strnlen(event->name, event->len));

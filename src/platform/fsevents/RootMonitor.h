@@ -55,8 +55,8 @@ class RootMonitor {
   [[nodiscard]] bool needsGuard(std::size_t path) const;
   /// Whether the last `read` told of a component of the path of this number.
   [[nodiscard]] bool wasTouched(std::size_t path) const { return touched_.contains(path); }
-  /// Whether the last `read` told of a component that was moved (not removed).
-  [[nodiscard]] bool sawMove() const { return sawMove_; }
+  /// The same of a component that was moved (not removed).
+  [[nodiscard]] bool wasMoved(std::size_t path) const { return moved_.contains(path); }
   /// The components that cannot be watched; while there are any, `arm` from time to time.
   [[nodiscard]] const std::vector<std::string>& polled() const { return polled_; }
 
@@ -77,8 +77,8 @@ class RootMonitor {
   /// The guarded folders, by the numbers of their paths.
   std::multimap<std::size_t, std::string> guarded_;
   std::set<std::size_t> touched_;
+  std::set<std::size_t> moved_;
   std::vector<std::string> polled_;
-  bool sawMove_ = false;
   bool isSettled_ = true;
 };
 

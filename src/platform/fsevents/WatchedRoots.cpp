@@ -87,13 +87,16 @@ std::optional<std::string> WatchedRoots::attach(const MountFlags& told, std::opt
 }
 
 void WatchedRoots::check(const MountFlags& mounts) {
-  const bool moved = monitor_->sawMove();
   std::vector<bool> touched;
-  for (std::size_t i = 0; i < roots_.size(); ++i) touched.push_back(monitor_->wasTouched(i));
+  std::vector<bool> moved;
+  for (std::size_t i = 0; i < roots_.size(); ++i) {
+    touched.push_back(monitor_->wasTouched(i));
+    moved.push_back(monitor_->wasMoved(i));
+  }
   look();
   checkAt_.reset();
   for (std::size_t i = 0; i < roots_.size(); ++i) {
-    if (roots_[i].isHere) checkRoot(roots_[i], monitor_->identity(i), touched[i], moved, mounts[i]);
+    if (roots_[i].isHere) checkRoot(roots_[i], monitor_->identity(i), touched[i], moved[i], mounts[i]);
   }
   planCheck();
 }
