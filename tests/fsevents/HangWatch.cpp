@@ -30,10 +30,10 @@ class HangWatchTest : public testing::Test {
   /// What was told, in order: "hangs <path>" or "answers <path>".
   using Told = platform::Guarded<std::vector<std::string>>;
   std::shared_ptr<HangWatch::Watched> watched() { return watched(watch); }
-  std::shared_ptr<HangWatch::Watched> watched(HangWatch& watch) {
+  std::shared_ptr<HangWatch::Watched> watched(HangWatch& by) {
     auto made = std::make_shared<HangWatch::Watched>(
         pulse, [this](const std::string& path) { tell("hangs " + path); }, [this](const std::string& path) { tell("answers " + path); });
-    watch.add(made);
+    by.add(made);
     return made;
   }
   void tell(const std::string& text) {
