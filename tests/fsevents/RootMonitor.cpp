@@ -176,6 +176,12 @@ TEST_F(RootMonitorTest, TellsWhichOfSeveralPathsWasTouched) {
   ASSERT_TRUE(two.read());
   EXPECT_FALSE(two.wasTouched(0));
   EXPECT_TRUE(two.wasTouched(1));
+  EXPECT_FALSE(two.wasMoved(1));
+  two.arm();
+  fs::rename(path, folder / "elsewhere");
+  ASSERT_TRUE(two.read());
+  EXPECT_TRUE(two.wasMoved(0));
+  EXPECT_FALSE(two.wasMoved(1));
 }
 
 // The name that is waited for appears between the look for it and the watch, while what is below it is still missing.
