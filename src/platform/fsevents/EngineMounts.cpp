@@ -83,7 +83,9 @@ bool EngineMounts::readAnew() {
       window_.coalescer().add(number_, shown, kFSEventStreamEventFlagMustScanSubDirs, false);
     }
   }
-  if (mounts_.error() != 0) readAt_ = EngineTrees::Clock::now() + kReadAgain;
+  // Where the table differs, what stands there now is looked at first.
+  if (!differs) beginMissing();
+  if (mounts_.error() != 0 || lacksEngine_) readAt_ = EngineTrees::Clock::now() + kReadAgain;
   return differs && concerns(before);
 }
 
@@ -148,9 +150,35 @@ void EngineMounts::avoidMountPoints(WatchedRoots& roots) {
 }
 
 void EngineMounts::beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart) {
+  path.engine = beginEngine({path.options, false, told, isFromTheStart, path.avoided});
+}
+
+std::shared_ptr<StreamEngine> EngineMounts::beginEngine(EnginePlace place) {
   const auto pool = pool_.lock();
-  if (!pool) return;
-  path.engine = pool->begin({path.options, false, told, isFromTheStart, path.avoided});
+  if (!pool) return nullptr;
+  const std::string path = shownPath(place.options);
+  std::string error;
+  std::shared_ptr<StreamEngine> engine = pool->begin(std::move(place), error);
+  if (engine) status_.losses().end(LossKind::QueueLimit, path);
+  if (error.empty()) return engine;
+  // Nobody watches it until there is one.
+  lacksEngine_ = true;
+  readAt_ = EngineTrees::Clock::now() + kReadAgain;
+  if (status_.losses().begin(LossKind::QueueLimit, path, error, "end other programs, or raise the limits: ulimit -u N, ulimit -n N")) {
+    window_.coalescer().add(number_, path, kFSEventStreamEventFlagMustScanSubDirs, false);
+  }
+  return nullptr;
+}
+
+void EngineMounts::beginMissing() {
+  if (!std::exchange(lacksEngine_, false)) return;
+  for (Path& path : paths_) {
+    if (path.way.mayHang && !path.engine) beginEngine(path, kFSEventStreamEventFlagMustScanSubDirs, false);
+  }
+  for (Below& below : below_) {
+    if (below.engine || below.tree != nullptr || !policyOf(below.mount).isEntered() || !mayHang(paths_[below.path], below.mount)) continue;
+    below.engine = beginEngine({optionsOf(below), true, kFSEventStreamEventFlagMustScanSubDirs, false, below.avoided});
+  }
 }
 
 void EngineMounts::endEngine(std::shared_ptr<StreamEngine>& engine) {
@@ -299,9 +327,7 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
     return;
   }
   if (mayHang(paths_[below.path], below.mount)) {
-    if (const auto pool = pool_.lock()) {
-      below.engine = pool->begin({optionsOf(below), true, told, when == When::AtTheStart, below.avoided});
-    }
+    below.engine = beginEngine({optionsOf(below), true, told, when == When::AtTheStart, below.avoided});
     return;
   }
   below.tree = &trees_.add(optionsOf(below));

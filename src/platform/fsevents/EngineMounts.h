@@ -15,6 +15,7 @@
 namespace platform::fsevents {
 
 class EnginePool;
+struct EnginePlace;
 class StreamEngine;
 
 /// What is mounted where, as far as it concerns the watched paths of a stream: whether looking at a path may hang, so that an engine of its
@@ -38,7 +39,7 @@ class EngineMounts {
   bool read();
   /// The same for certain: folders above mount points may have been renamed, which nobody tells.
   bool readAnew();
-  /// While the table cannot be read, which is told as a loss: when to try again.
+  /// While the table cannot be read or an engine is missing, which are told as losses: when to try again.
   [[nodiscard]] std::optional<EngineTrees::Clock::time_point> readAt() const { return readAt_; }
 
   [[nodiscard]] std::vector<TreeOptions> options() const;
@@ -83,6 +84,9 @@ class EngineMounts {
   [[nodiscard]] bool concerns(const MountTable& former) const;
   [[nodiscard]] FSEventStreamEventFlags flagsOfChange(const PathMounts& before, const PathMounts& now) const;
   void beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart);
+  /// Without a thread that is a loss, and tried again.
+  std::shared_ptr<StreamEngine> beginEngine(EnginePlace place);
+  void beginMissing();
   void endEngine(std::shared_ptr<StreamEngine>& engine);
   /// Tells each tree which places below it are mount points.
   void avoidMountPoints(WatchedRoots& roots);
@@ -110,6 +114,7 @@ class EngineMounts {
   std::vector<Path> paths_;
   std::vector<Below> below_;
   std::optional<EngineTrees::Clock::time_point> readAt_;
+  bool lacksEngine_ = false;
   bool changed_ = false;
   /// Places that were taken up although the table shows no change: once each.
   std::set<std::pair<const WatchedTree*, std::string>> uncovered_;

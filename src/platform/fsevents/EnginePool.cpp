@@ -12,7 +12,12 @@ namespace platform::fsevents {
 
 bool EnginePool::start() {
   LeftThreads::collect();
-  if (!run(std::make_shared<StreamEngine>(shared_, weak_from_this()))) return false;
+  try {
+    if (!run(std::make_shared<StreamEngine>(shared_, weak_from_this()))) return false;
+  } catch (const std::system_error& error) {
+    shared_->status->setError(std::string("no thread to watch with: ") + error.what());
+    return false;
+  }
   // The first comes first, and the others are there when it stands.
   for (std::size_t i = 0; i < engines().size(); ++i) {
     const std::optional<bool> standing = engines()[i]->requests().waitStanding();
@@ -29,20 +34,18 @@ bool EnginePool::run(const std::shared_ptr<StreamEngine>& engine) {
   if (isStopped_) return false;
   collect();
   const AllSignalsBlocked blocked;
-  try {
-    running_.push_back({engine, std::thread([engine] { engine->run(); })});
-  } catch (const std::system_error& error) {
-    shared_->status->setError(std::string("no thread to watch with: ") + error.what());
-    return false;
-  }
+  running_.push_back({engine, std::thread([engine] { engine->run(); })});
   return true;
 }
 
-std::shared_ptr<StreamEngine> EnginePool::begin(EnginePlace place) {
-  const std::string path = shownPath(place.options);
-  auto engine = std::make_shared<StreamEngine>(shared_, std::move(place));
-  if (run(engine)) return engine;
-  engine->leave();
+std::shared_ptr<StreamEngine> EnginePool::begin(EnginePlace place, std::string& error) {
+  error.clear();
+  try {
+    auto engine = std::make_shared<StreamEngine>(shared_, std::move(place));
+    if (run(engine)) return engine;
+  } catch (const std::system_error& failure) {
+    error = std::string("there is no thread to watch it with: ") + failure.what();
+  }
   return nullptr;
 }
 

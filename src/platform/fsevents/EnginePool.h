@@ -29,8 +29,8 @@ class EnginePool : public std::enable_shared_from_this<EnginePool> {
   bool start();
   void stop();
 
-  /// Another engine. Nothing when the stream is being stopped, or there is no thread to be had.
-  std::shared_ptr<StreamEngine> begin(EnginePlace place);
+  /// Another engine. Nothing when the stream is being stopped, or, with `error` saying so, when there is no thread or descriptor to be had.
+  std::shared_ptr<StreamEngine> begin(EnginePlace place, std::string& error);
   /// The engine is needed no longer; does not wait for it.
   void end(const std::shared_ptr<StreamEngine>& engine);
 
@@ -48,6 +48,7 @@ class EnginePool : public std::enable_shared_from_this<EnginePool> {
     std::shared_ptr<StreamEngine> engine;
     std::thread thread;
   };
+  /// False when the stream is being stopped. Throws std::system_error where there is no thread.
   bool run(const std::shared_ptr<StreamEngine>& engine) EXCLUDES(mutex_);
   [[nodiscard]] std::vector<std::shared_ptr<StreamEngine>> engines() EXCLUDES(mutex_);
   void collect() REQUIRES(mutex_);
