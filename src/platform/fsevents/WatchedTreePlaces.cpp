@@ -150,6 +150,10 @@ bool WatchedTree::resolve(Look& look) {
     if (resolveFound(look)) return true;
   } else if (look.folder != kNoNode && !isGone(look.error)) {
     openFailed(look.folder, look.place.name, nullptr, look.error);
+  } else if (look.folder != kNoNode) {
+    // Nobody will tell the end of a folder that nobody knows by a key.
+    const NodeId there = tree_.child(look.folder, look.place.name);
+    if (there != kNoNode && tree_.key(there).empty()) forget(there, Why::Removed);
   }
   return false;
 }
