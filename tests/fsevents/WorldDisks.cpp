@@ -161,9 +161,8 @@ TEST_P(WorldDisks, WhoseServerDiesAreToldAndWatchedAgainWhenItIsBack) {
     EXPECT_TRUE(isWatched(*stream, in("disk/ok/deep"), "before"));
     disk.die();
     EXPECT_TRUE(stream->waitUntil([&](const auto& events) {
-      return std::any_of(events.begin(), events.end(), [&](const FSEvent& event) {
-        return (event.flags & kMustScan) != 0 && isAtOrBelow(event.path, in("disk"));
-      });
+      return std::any_of(events.begin(), events.end(),
+                         [&](const FSEvent& event) { return (event.flags & kMustScan) != 0 && isAtOrBelow(event.path, in("disk")); });
     })) << stream->describe();
     EXPECT_TRUE(isWatched(*stream, in("beside"), "file"));
     EXPECT_TRUE(isLasting(*stream, in("disk"))) << stream->stream().status().description();

@@ -92,9 +92,8 @@ TEST_P(WorldHanging, IsToldAsALossThatEnds) {
     disk.hang();
     EXPECT_TRUE(isSaidToHang(*stream, point));
     EXPECT_TRUE(stream->waitUntil([&](const auto& events) {
-      return std::any_of(events.begin(), events.end(), [&](const FSEvent& event) {
-        return (event.flags & kMustScan) != 0 && isAtOrBelow(event.path, point);
-      });
+      return std::any_of(events.begin(), events.end(),
+                         [&](const FSEvent& event) { return (event.flags & kMustScan) != 0 && isAtOrBelow(event.path, point); });
     })) << stream->describe();
     writeFile(backing_ + "/sub/deep/meanwhile", "text");
     disk.answer();
