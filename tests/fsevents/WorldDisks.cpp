@@ -60,7 +60,7 @@ TEST_P(WorldDisks, ThatFailAreToldOnceShownAndRecover) {
       EXPECT_TRUE(eventually([&] { return !isLasting(*stream, in("disk")); })) << stream->stream().status().description();
       // What happened meanwhile nobody knows, which is told when it is over.
       stream->flush();
-      EXPECT_GE(told(*stream, in("disk/bad"), kMustScan), 1U) << stream->describe();
+      EXPECT_EQ(told(*stream, in("disk/bad"), kMustScan), 2U) << stream->describe();
       stream->clear();
       EXPECT_TRUE(isWatched(*stream, in("disk/bad"), name));
       EXPECT_TRUE(isWatched(*stream, in("disk/bad/sub/deep"), name));
