@@ -121,7 +121,16 @@ std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how
   told_ += events.size();
   auto faults = judge_.judge(std::move(records), events, how.rules);
   mirror_->follow(events);
-  for (auto& line : mirror_->differences()) faults.push_back(std::move(line));
+  const auto differences = mirror_->differences();
+  if (differences.empty()) return faults;
+  for (const auto& line : differences) faults.push_back(line);
+  // What was told of the first of them, of what is above it, and of what has its name.
+  const auto path = differences.front().substr(0, differences.front().find(' '));
+  for (const auto& told : events) {
+    if (isAtOrBelow(path, told.event.path) || told.event.path.ends_with(path.substr(path.rfind('/')))) {
+      faults.push_back("  told " + describeEvent(told.event));
+    }
+  }
   return faults;
 }
 
