@@ -15,8 +15,12 @@ namespace {
 
 /// How long a flush waits for what cannot be applied yet: a lack of descriptors may last, and so may a storm of changes.
 constexpr std::chrono::seconds kMaximumFlush(1);
+/// The same while what must be polled is looked at.
+constexpr std::chrono::seconds kMaximumPolledFlush(30);
 /// Until the queues are looked at again when something waits for them to be empty.
 constexpr std::chrono::milliseconds kSoon(2);
+/// And when there are no descriptors to look with.
+constexpr std::chrono::milliseconds kBlindPause(50);
 /// How much earlier than the last look at an empty queue a change may be stamped that is told after it: what the kernel had stamped then
 /// and not yet queued. Larger writes in progress are told when they end.
 constexpr std::chrono::seconds kResumeSlack(1);
@@ -46,6 +50,7 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
     FileHandle opened(::open(options_.openPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     const int openError = opened.isOpen() ? 0 : errno;
     // Also for a missing path: whether it can be watched when it appears is better known now.
+    queueError_ = 0;
     source_ = makeSource(queueError_);
     if (!source_ && kernel_ != Kernel::None && !isLimitReached(queueError_)) {
       error = queueError_;
@@ -60,14 +65,15 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
       return Attached::Missing;
     }
     attached_ = true;
+    tellSource();
     emptyAt_ = EventClock::now();
+    status_.losses().end(LossKind::Rights, options_.reportedPath);
+    status_.losses().end(LossKind::InputOutput, options_.reportedPath);
     begin(std::move(opened), report);
     if (!refusesSource_) break;
     letGo();
     nextKernel();
   }
-  status_.losses().end(LossKind::Rights, options_.reportedPath);
-  status_.losses().end(LossKind::InputOutput, options_.reportedPath);
   closeFolders();
   countMarks();
   return Attached::Standing;
@@ -118,6 +124,8 @@ std::unique_ptr<ChangeSource> WatchedTree::makeSource(int& error) {
   return made;
 }
 
+void WatchedTree::tellSource() { status_.setSource(reportedPathOf(DirectoryTree::kRoot), source_ ? source_->name() : "polling"); }
+
 void WatchedTree::nextKernel() {
   // One source for all of a file system: a second one for some of its folders would lose what moves from one kind of parent to the other.
   const bool another = kernel_ == Kernel::Preferred && options_.source == FSEventStream::Source::Automatic;
@@ -142,6 +150,7 @@ void WatchedTree::askForQueue() {
   }
   // The folders are marked one by one as they are compared, so nothing is missed and nothing is told as lost.
   askForQueueAt_.reset();
+  tellSource();
   status_.losses().end(LossKind::QueueLimit, options_.reportedPath);
   if (!rootIsFolder_) lookAgain(DirectoryTree::kRoot);
 }
@@ -152,7 +161,7 @@ void WatchedTree::detach() {
 }
 
 void WatchedTree::letGo() {
-  attached_ = false;
+  if (std::exchange(attached_, false)) status_.removeSource(reportedPathOf(DirectoryTree::kRoot));
   refusesSource_ = false;
   source_.reset();
   retiring_.reset();
@@ -210,7 +219,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (!young_.empty() && !hasUnapplied()) young_.clear();
   // Not while changes wait behind the first half of a move: they may explain what is in doubt.
   if (!again) resolveUnsettled();
-  if (!unsettled_.empty()) sooner(Clock::now() + kSoon);
+  if (!unsettled_.empty()) sooner(Clock::now() + (isBlind_ ? kBlindPause : kSoon));
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   if (doubted_) repair(0);
@@ -229,7 +238,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
 }
 
 void WatchedTree::processAll() {
-  const auto end = Clock::now() + kMaximumFlush;
+  const auto end = Clock::now() + (region_ ? kMaximumPolledFlush : kMaximumFlush);
   const std::uint32_t pass = region_ ? region_->hasten() : 0;
   while (attached_ && Clock::now() < end) {
     const bool any = drain();
@@ -268,8 +277,11 @@ void WatchedTree::uncovered(std::string_view relative) {
 
 void WatchedTree::relocate(std::string reportedPath, std::string openPath) {
   if (status_.losses().any()) status_.losses().move(options_.reportedPath, reportedPath);
+  status_.removeSource(reportedPathOf(DirectoryTree::kRoot));
+  status_.removeRegion(options_.reportedPath);
   options_.reportedPath = std::move(reportedPath);
   options_.openPath = std::move(openPath);
+  if (attached_) tellSource();
   closeFolders();
   pathsChanged();
   tellRegion();
@@ -292,6 +304,12 @@ bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
   std::string path = relativePath(folder);
   if (!name.empty()) path.append("/").append(name);
   return exclusions_.contain(path);
+}
+
+bool WatchedTree::isLeftOut(NodeId folder, std::string_view name) const {
+  if (exclusions_.empty() && mountPoints_.empty()) return false;
+  const std::string path = relativePath(folder).append("/").append(name);
+  return exclusions_.contain(path) || mountPoints_.contains(path);
 }
 
 int WatchedTree::rootDescriptor() {

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -71,6 +72,9 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeRootLostItem() { return std::exchange(rootLostItem_, false); }
   /// Whether a folder has moved since the last call, so that mount points may have other paths.
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
+  /// Places ("/a/b") that a walk does not look into, since something is mounted there: before Linux 6.18 even the look that refuses to
+  /// cross a mount point has an automount mount what it stands for (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
+  void avoid(std::set<std::string, std::less<>> mountPoints) { mountPoints_ = std::move(mountPoints); }
   /// Something was mounted on the folder at `relative` ("/a/b"): what it hides is forgotten.
   void covered(std::string_view relative);
   /// The mount on the folder at `relative` is gone: the folder underneath is watched.
@@ -128,6 +132,7 @@ class WatchedTree final : private PolledRegion::Host {
   std::unique_ptr<ChangeSource> makeSource(int& error);
   void begin(FileHandle folder, FSEventStreamEventFlags report);
   void letGo();
+  void tellSource();
   void markFile(int file);
   /// The next source for a file system that refuses the one in use.
   void nextKernel();
@@ -143,6 +148,7 @@ class WatchedTree final : private PolledRegion::Host {
              std::vector<Pending>& stack);
   /// Reads the queue and says up to where.
   std::uint64_t readQueue();
+  void countMark(NodeId node);
   /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
   NodeId settle(NodeId parent, std::string_view name, std::string_view key);
   NodeId place(NodeId parent, std::string_view name);
@@ -152,7 +158,10 @@ class WatchedTree final : private PolledRegion::Host {
   FSEventStreamEventFlags pastOf(int folder, const char* name, bool amongChanged) const;
   bool tellPastOf(NodeId node, int folder);
   static bool isOwnPreferencesIn(int folder, std::string_view name);
-  bool isStillAt(NodeId node, std::string_view key);
+  /// Where a folder is that the tree has at a place; unknown while there are no descriptors to look.
+  enum class Presence { There, Elsewhere, Unknown };
+  Presence presenceOf(NodeId node);
+  bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
   void repair(FSEventStreamEventFlags dropped);
   void walkAgain();
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
@@ -218,6 +227,8 @@ class WatchedTree final : private PolledRegion::Host {
     bool isTargetThere = false;
     /// Another is there or none, in the folder that the tree has it in.
     bool isTargetGone = false;
+    /// There was a shortage: nothing was seen.
+    bool isBlind = false;
   };
   void unsettle(NodeId folder, std::string_view name, std::string_view target, FSEventStreamEventFlags report = 0, bool isUntold = false);
   void resolveUnsettled();
@@ -242,6 +253,8 @@ class WatchedTree final : private PolledRegion::Host {
   [[nodiscard]] std::string relativePath(NodeId node) const;
   [[nodiscard]] std::string reportedPathOf(NodeId node) const;
   [[nodiscard]] bool isExcluded(NodeId folder, std::string_view name) const;
+  /// Whether the folder at the place is not to be looked into.
+  [[nodiscard]] bool isLeftOut(NodeId folder, std::string_view name) const;
   FileHandle openFolder(NodeId folder, std::string_view name);
   int rootDescriptor();
   /// Lets go of every folder at the end of a batch, so that what was removed can go and what is mounted can be unmounted.
@@ -252,6 +265,7 @@ class WatchedTree final : private PolledRegion::Host {
   std::uint32_t number_;
   TreeOptions options_;
   Exclusions exclusions_;
+  std::set<std::string, std::less<>> mountPoints_;
   Coalescer& coalescer_;
   StreamStatus& status_;
 
@@ -294,6 +308,7 @@ class WatchedTree final : private PolledRegion::Host {
   /// Whether the last look found nothing in the kernel queue.
   bool queuesWereEmpty_ = true;
   Unsettled unsettled_;
+  bool isBlind_ = false;
   /// Of folders that were found ahead of the queue: up to where it had been read before the folder was opened, and after it was marked.
   /// What lies before is about what was at its place earlier, or about the folder itself where it was earlier.
   struct Youth {

@@ -117,6 +117,7 @@ void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::strin
 }
 
 void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target) {
+  if (!mountPoints_.empty() && mountPoints_.contains(relativePath(folder).append("/").append(name))) return;
   // By way of the folder, which may not be where the tree has it: then what stands at that path says nothing.
   const std::uint64_t before = readQueue();
   const FileHandle above = openFolder(folder);
@@ -223,7 +224,7 @@ bool WatchedTree::mayHaveMovedUnmarked(NodeId node) {
   const auto youth = young_.find(node);
   if (youth == young_.end()) return false;
   const std::uint64_t now = source_->position();
-  return now >= youth->second.opened && now < youth->second.marked && !isStillAt(node, tree_.key(node));
+  return now >= youth->second.opened && now < youth->second.marked && !isStillAt(node);
 }
 
 void WatchedTree::forget(NodeId node, Why why) {

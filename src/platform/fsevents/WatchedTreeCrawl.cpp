@@ -19,10 +19,14 @@ namespace {
 constexpr int kMaximumOpenParents = 128;
 /// How often the kernel queue is emptied while a crawl is under way.
 constexpr int kFoldersBetweenDrains = 64;
+constexpr int kEntriesBetweenDrains = 8192;
 /// So many names are held until it is certain that their folder was where the tree has it while it was read.
 constexpr std::size_t kHeldNames = 1000;
 /// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
 constexpr int kRenewalRatio = 1000;
+
+/// Whether a mark was refused because this source cannot serve this file system.
+bool isUnsuitable(int error) { return error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL; }
 
 std::chrono::nanoseconds processorTime() {
   timespec time{};
@@ -66,33 +70,31 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
     openFailed(parent, name, nullptr, error);
     return;
   }
-  if (error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL) {
-    refusesSource_ = true;
-    return;
-  }
+  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));
+  if (refusesSource_) return;
   const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;
   const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
-  const std::uint8_t flags = tree_.flags(node);
-  if (isMarked && (flags & kMarked) == 0) {
-    ++marked_;
-    tree_.setFlags(node, flags | kMarked);
-  }
+  if (isMarked) countMark(node);
   if (isMarked && !wasKnown) {
     if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};
   }
   tree_.setGeneration(node, generation_);
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
-  if (isPolled && !poll(node, descriptor, isMarked ? 0 : error))
-    error = errno;
-  else
-    error = list(node, std::move(folder), report, stack);
+  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);
+  error = isReadable ? list(node, std::move(folder), report, stack) : errno;
   if (error == 0) {
     recovered(node);
   } else {
     troubled(node, error);
   }
+}
+
+void WatchedTree::countMark(NodeId node) {
+  const std::uint8_t flags = tree_.flags(node);
+  if ((flags & kMarked) == 0) ++marked_;
+  tree_.setFlags(node, flags | kMarked);
 }
 
 NodeId WatchedTree::place(NodeId parent, std::string_view name) {
@@ -117,7 +119,7 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
   // A folder that is seen in two places at once is mounted twice, perhaps within itself; it keeps its first place.
   const bool above = known != kNoNode && tree_.isBelowOrSame(parent, known);
   if (above || (known != kNoNode && tree_.generation(known) == generation_ && !tree_.isDetached(known))) {
-    if (above || isStillAt(known, key)) return kNoNode;
+    if (above || isStillAt(known)) return kNoNode;
   }
   if (there != kNoNode) {
     if (known == kNoNode && (key.empty() || (tree_.flags(there) & kMarked) == 0)) {
@@ -137,12 +139,14 @@ bool WatchedTree::isOwnPreferencesIn(int folder, std::string_view name) {
   return writes.hasName(name) && ::fstat(folder, &info) == 0 && writes.isOwnWrite(info.st_dev, info.st_ino, name);
 }
 
-bool WatchedTree::isStillAt(NodeId node, std::string_view key) {
+WatchedTree::Presence WatchedTree::presenceOf(NodeId node) {
   const FileHandle opened = openFolder(node);
-  if (!opened.isOpen()) return false;
+  if (!opened.isOpen()) return isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;
+  if (!source_) return Presence::There;
   KernelKey found;
-  if (!source_) return true;
-  return source_->keyOf(opened.fileDescriptor(), found) == 0 && found.view() == key;
+  if (const int error = source_->keyOf(opened.fileDescriptor(), found); error != 0)
+    return isShortage(error) ? Presence::Unknown : Presence::Elsewhere;
+  return found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
 }
 
 FSEventStreamEventFlags WatchedTree::pastOf(int folder, const char* name, bool amongChanged) const {
@@ -184,6 +188,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
     }
     held.clear();
   };
+  int listed = 0;
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
     if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) held.emplace_back(name, flags | kind);
@@ -195,7 +200,9 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
         inherited = past & (kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRenamed);
       }
     }
-    if (kind != kFSEventStreamEventFlagItemIsDir || isExcluded(node, name)) return;
+    // A long listing must not keep the kernel queue waiting.
+    if (++listed % kEntriesBetweenDrains == 0) drain();
+    if (kind != kFSEventStreamEventFlagItemIsDir || isLeftOut(node, name)) return;
     // Moved once, since `parent` is there from then on; the descriptor stays open with it.
     if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
     stack.push_back({node, name, parent, inherited});
@@ -207,7 +214,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
 
 void WatchedTree::doubt() {
   // Where the watched folder itself has gone, that is another's to notice.
-  doubted_ = doubted_ || isStillAt(DirectoryTree::kRoot, tree_.key(DirectoryTree::kRoot));
+  doubted_ = doubted_ || isStillAt(DirectoryTree::kRoot);
 }
 
 void WatchedTree::repair(FSEventStreamEventFlags dropped) {

@@ -189,8 +189,7 @@ bool WatchedTree::tryMark(NodeId node, int folder) {
   } else if (known != node) {
     return false;  // known in another place: the queue is about to tell which
   }
-  if ((tree_.flags(node) & kMarked) == 0) ++marked_;
-  tree_.setFlags(node, tree_.flags(node) | kMarked);
+  countMark(node);
   return true;
 }
 

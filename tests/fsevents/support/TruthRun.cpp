@@ -38,6 +38,7 @@ TruthRun::TruthRun(Options options)
       judge_(watched_) {
   makeFolder(watched_);
   makeFolder(outside_);
+  makeFolder(watched_ + TruthJudge::kFlood);
   startWorkers();
   process_ = std::make_unique<StreamProcess>(StreamProcess::Options{
       .paths = {watched_}, .source = options.source, .latency = options.latency, .inNamespace = options.inNamespace});
@@ -107,6 +108,7 @@ std::vector<TruthRecord> TruthRun::takeRecords() {
 std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how) {
   const auto share = static_cast<std::uint32_t>(std::max<std::size_t>(changes / workers_.size(), 1));
   if (how.isUnread) process_->halt();
+  world_->hides = how.hides;
   for (std::size_t i = 0; i < workers_.size(); ++i) {
     world_->quota[i] = share;
     ::sem_post(&world_->begin[i]);
@@ -132,6 +134,12 @@ std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how
     }
   }
   return faults;
+}
+
+void TruthRun::flood() const {
+  // One file after the other, so that nothing can be merged with the one before.
+  constexpr int kMoreThanTheQueueHolds = 20000;
+  for (int i = 0; i < kMoreThanTheQueueHolds; ++i) writeFile(watched_ + TruthJudge::kFlood + (i % 2 == 0 ? "/0" : "/1"), "text");
 }
 
 std::vector<std::string> TruthRun::windows(std::size_t changes, const Window& how) {

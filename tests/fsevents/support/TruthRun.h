@@ -45,6 +45,8 @@ class TruthRun {
     TruthJudge::Rules rules = {};
     /// The stream is stopped until all is done: the kernel merges what it can.
     bool isUnread = false;
+    /// Folders are without any rights for moments.
+    bool hides = false;
     /// Runs while the workers do.
     std::function<void()> meanwhile = {};
   };
@@ -52,6 +54,8 @@ class TruthRun {
   std::vector<std::string> window(std::size_t changes, const Window& how);
   /// Windows of random length until so many changes were made or something is wrong.
   std::vector<std::string> windows(std::size_t changes, const Window& how);
+  /// Writes so much that no queue holds what is told of it, unless it may be without limit.
+  void flood() const;
   /// What is wrong with the marks; waits for them to become right.
   std::string differenceOfAllMarks();
   /// Changes that were made, and events that were told of them.
