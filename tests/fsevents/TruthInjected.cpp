@@ -1,4 +1,4 @@
-#include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -54,18 +54,7 @@ TEST_P(TruthInjected, OverflowsAreCovered) {
 
 TEST_P(TruthInjected, AShortageOfDescriptorsIsCovered) {
   begin();
-  const pid_t process = run_->process().pid();
-  rlimit before{};
-  ASSERT_EQ(::prlimit(process, RLIMIT_NOFILE, nullptr, &before), 0);
-  const auto starve = [&] {
-    // Below what it has open now: nothing can be opened.
-    const rlimit none{0, before.rlim_max};
-    ::prlimit(process, RLIMIT_NOFILE, &none, nullptr);
-    constexpr int kMilliseconds = 1'000'000;
-    const timespec pause{0, static_cast<long>(run_->random()() % 20) * kMilliseconds};
-    ::nanosleep(&pause, nullptr);
-    ::prlimit(process, RLIMIT_NOFILE, &before, nullptr);
-  };
+  const auto starve = [&] { run_->starve(); };
   expectFine(run_->windows(changes(), {.rules = {.maySayLost = true}, .meanwhile = starve}));
   ASSERT_FALSE(HasFatalFailure());
   expectExactAfterwards();

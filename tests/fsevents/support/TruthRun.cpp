@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -140,6 +141,18 @@ void TruthRun::flood() const {
   // One file after the other, so that nothing can be merged with the one before.
   constexpr int kMoreThanTheQueueHolds = 20000;
   for (int i = 0; i < kMoreThanTheQueueHolds; ++i) writeFile(watched_ + TruthJudge::kFlood + (i % 2 == 0 ? "/0" : "/1"), "text");
+}
+
+void TruthRun::starve() {
+  rlimit before{};
+  if (::prlimit(process_->pid(), RLIMIT_NOFILE, nullptr, &before) != 0) throw std::system_error(errno, std::generic_category(), "prlimit");
+  // Below what it has open now: nothing can be opened.
+  const rlimit none{0, before.rlim_max};
+  ::prlimit(process_->pid(), RLIMIT_NOFILE, &none, nullptr);
+  constexpr long kLongest = 20'000'000;
+  const timespec pause{0, static_cast<long>(random_() % kLongest)};
+  ::nanosleep(&pause, nullptr);
+  ::prlimit(process_->pid(), RLIMIT_NOFILE, &before, nullptr);
 }
 
 std::vector<std::string> TruthRun::windows(std::size_t changes, const Window& how) {

@@ -56,6 +56,8 @@ class TruthRun {
   std::vector<std::string> windows(std::size_t changes, const Window& how);
   /// Writes so much that no queue holds what is told of it, unless it may be without limit.
   void flood() const;
+  /// Leaves the stream's process without descriptors for a moment.
+  void starve();
   /// What is wrong with the marks; waits for them to become right.
   std::string differenceOfAllMarks();
   /// Changes that were made, and events that were told of them.
@@ -64,6 +66,7 @@ class TruthRun {
   [[nodiscard]] std::size_t scans() const { return judge_.scans(); }
   [[nodiscard]] StreamProcess& process() { return *process_; }
   [[nodiscard]] std::string watched() const { return watched_; }
+  [[nodiscard]] std::string outer() const { return outside_; }
   [[nodiscard]] std::mt19937& random() { return random_; }
 
   static constexpr std::size_t kLongestWindow = 4000;
