@@ -316,9 +316,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -332,9 +336,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -423,8 +431,8 @@ DEFECTS = [
     Defect(
         "folder-that-left-still-told",
         "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    if (believed && !arrive(node)) forget(node, Why::Left);\n",
-        "    static_cast<void>(believed && arrive(node));\n",
+        "    if (node != kNoNode) forget(node, Why::Left);\n",
+        "",
         "fsevents_tests",
         "*StreamRenames.Out*",
     ),
@@ -443,6 +451,79 @@ DEFECTS = [
         "",
         "fsevents_tests",
         "*Mapping*",
+    ),
+    # The disk ahead of the queue.
+    Defect(
+        "folder-of-a-move-not-asked-for",
+        "src/platform/fsevents/InotifySource.cpp",
+        "IN_MOVED_TO | IN_MOVE_SELF | IN_MODIFY",
+        "IN_MOVED_TO | IN_MODIFY",
+        "fsevents_tests",
+        "TruthWorkload.*/inotify",
+    ),
+    Defect(
+        "names-of-a-moving-folder-told",
+        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "    isInPlace = isInPlace && isAtItsPlace(node, descriptor);\n",
+        "    isInPlace = isInPlace && true;\n",
+        "fsevents_tests",
+        "TruthWorkload.*",
+    ),
+    Defect(
+        "older-change-taken-for-the-new-folders",
+        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "youth != young_.end() && now < youth->second.opened;",
+        "youth != young_.end() && now < 0;",
+        "fsevents_tests",
+        "TruthWorkload.*/fanotify",
+    ),
+    Defect(
+        "look-ahead-of-the-queue-believed",
+        "src/platform/fsevents/WatchedTreePlaces.cpp",
+        "if (waits || structure_ != before || ",
+        "if (waits || ",
+        "fsevents_tests",
+        "TruthWorkload.*",
+    ),
+    Defect(
+        "known-folder-moved-ahead-of-the-queue",
+        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "  if (known != kNoNode && !repairing_) {\n",
+        "  if (known != kNoNode && !repairing_ && tree_.isBelowOrSame(parent, known)) {\n",
+        "fsevents_tests",
+        "TruthWorkload.*",
+    ),
+    Defect(
+        "another-taken-for-the-new-folder",
+        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "    if (target.empty() || key.view() == target) {\n",
+        "    if (target.empty() || !key.empty()) {\n",
+        "fsevents_tests",
+        "TruthWorkload.*/fanotify:WatchedTreeAhead.*",
+    ),
+    Defect(
+        "parent-not-looked-at",
+        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "  if (!isAboveThere) {\n",
+        "  if (!isAboveThere && !above.isOpen()) {\n",
+        "fsevents_tests",
+        "TruthWorkload.*:WatchedTreeAhead.*",
+    ),
+    Defect(
+        "folder-below-a-moved-one-forgotten",
+        "src/platform/fsevents/WatchedTreePlaces.cpp",
+        "target == Presence::Elsewhere && above == Presence::There;",
+        "target == Presence::Elsewhere;",
+        "fsevents_tests",
+        "TruthWorkload.*",
+    ),
+    Defect(
+        "shortage-taken-for-absence",
+        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;",
+        "Presence::Elsewhere;",
+        "fsevents_tests",
+        "TruthInjected.AShortage*",
     ),
     # What is lost, and when it is over.
     Defect(
