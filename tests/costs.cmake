@@ -30,6 +30,8 @@ set(kestrine_costs
   concurrency_tests.RunLoopItem.SurvivesAStormOfAddSignalAndInvalidateFromManyThreads 18
   fsevents_tests.StreamOverflow.HappensAgainAndIsToldAgain/inotify 17
   foundation_tests.JSONReader.ReadsDoublesExactly 16
+  fsevents_tests.TruthSoak.GrowsInNothing/fanotify 35
+  fsevents_tests.TruthSoak.GrowsInNothing/inotify 35
   system_tests.RunScript.EndsAServiceThatIsStuck 15
   system_tests.RunScript.ShowsTheOneReportOfAWatchThatCannotStart 15
   fsevents_tests.StreamLeaks.NoDescriptorOrMarkRemainsAfterManyStreams/fanotify 14

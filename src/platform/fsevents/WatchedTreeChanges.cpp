@@ -227,7 +227,7 @@ bool WatchedTree::mayHaveMovedUnmarked(NodeId node) {
   const auto youth = young_.find(node);
   if (youth == young_.end()) return false;
   const std::uint64_t now = source_->position();
-  return now >= youth->second.opened && now < youth->second.marked && !isStillAt(node, tree_.key(node));
+  return now >= youth->second.opened && now < youth->second.marked && !isStillAt(node);
 }
 
 void WatchedTree::forget(NodeId node, Why why) {
@@ -243,8 +243,8 @@ void WatchedTree::forget(NodeId node, Why why) {
     young_.erase(gone);
     if ((tree_.flags(gone) & kMarked) == 0) return;
     --marked_;
-    // A removed folder takes its mark along; only inotify can be asked to let go of one at all.
-    if (!source_ || (why == Why::Removed && source_->knowsTargets())) return;
+    // A removed folder takes its mark along. It was empty: what the tree still has below it has gone elsewhere.
+    if (!source_ || (why == Why::Removed && gone == node && source_->knowsTargets())) return;
     source_->forget(tree_.key(gone), rootDescriptor());
     // The kernel tells the end of each mark, and its queue holds only so much.
     if (++removed % kRemovalsBetweenDrains == 0) drain();
