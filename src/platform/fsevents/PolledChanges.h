@@ -64,6 +64,7 @@ class PolledChanges {
   void pair(Change& source, Change& target) const;
   static void tellName(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags gone,
                        FSEventStreamEventFlags came);
+  void tellTree(PolledRegion::Host& host, const Look& look, std::string_view name, Change& change) const;
   void tellOne(PolledRegion::Host& host, Change& change);
   bool tellUntil(PolledRegion::Host& host, Step last, Clock::time_point end);
 

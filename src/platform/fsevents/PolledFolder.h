@@ -27,6 +27,10 @@ struct PolledFolder {
 
   const NodeId node;
   const PolledRegion::Why why;
+  /// The folder itself.
+  PolledItem self;
+  /// Another was found in its place at the last look.
+  bool wasDisplaced = false;
   /// Never changed while PolledChanges speaks of it.
   std::shared_ptr<FolderTable> table = std::make_shared<FolderTable>();
   /// What the kernel told since the table was made, by name; goes before the table.

@@ -1,5 +1,6 @@
 #include "platform/fsevents/PolledRegion.h"
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,6 +65,7 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
   if (::lseek(descriptor, 0, SEEK_SET) != 0) return false;
   const bool isListed = listing.read(Clock::time_point::max()) == FolderListing::Progress::Done && listing.finish({});
   const int error = listing.error() != 0 ? listing.error() : EOVERFLOW;
+  int ignored = 0;
   // Whoever lists it after this begins at its beginning.
   if (::lseek(descriptor, 0, SEEK_SET) != 0) return false;
   if (!isListed) {
@@ -71,6 +73,7 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
     return false;
   }
   auto fresh = std::make_shared<PolledFolder>(folder, why);
+  fresh->self = lookAt(descriptor, "", 0, DT_DIR, ignored);
   FolderTable& table = *(fresh->table = std::make_shared<FolderTable>(std::move(listing.table())));
   fresh->lookBegan = listing.began();
   fresh->lookEnded = listing.ended();
@@ -275,12 +278,26 @@ bool PolledRegion::openNext(Host& host) {
     if (!isGone(error)) lookFailed(host, *folder, error);
     return true;
   }
+  if (!isHere(*folder, opened.fileDescriptor())) return true;
   isMarked_ = folder->why == Why::MarkRefused && triesMarks_ && host.tryMark(folder->node, opened.fileDescriptor());
   triesMarks_ = triesMarks_ && (isMarked_ || folder->why != Why::MarkRefused);
   if (folder->isRemoved) return true;
   current_ = folder;
   opened_ = std::move(opened);
   listing_ = std::make_unique<FolderListing>(opened_.fileDescriptor(), StampRules{timeStep_.count(), foreign_});
+  return true;
+}
+
+bool PolledRegion::isHere(PolledFolder& folder, int descriptor) const {
+  int error = 0;
+  const PolledItem found = lookAt(descriptor, "", 0, DT_DIR, error);
+  if (error != 0) return true;
+  const bool isKnown = isSameItem(folder.self, found, {timeStep_.count(), foreign_});
+  // That another took its name is told in the folder above, and where this one is. When nobody said so by the next time, it was the file
+  // system that changed its mind about numbers; where those mean little, they say nothing at all.
+  folder.wasDisplaced = !isKnown && !folder.wasDisplaced && !foreign_;
+  if (folder.wasDisplaced) return false;
+  folder.self = found;
   return true;
 }
 

@@ -57,9 +57,10 @@ class PolledRegion {
     virtual void changed(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     /// The same of what went from a folder before the folder moved: told where it was (see `moved`).
     virtual void changedAt(std::string_view formerPlace, std::string_view name, FSEventStreamEventFlags flags) = 0;
-    /// A subfolder is not there any more, and, after all of those, another is there. With ItemRenamed the same inode was found under
-    /// another name: both are called, before anything of the pass is told, and the tree keeps its node and what is below it in between, in
-    /// the region too, and says `moved`. With ItemRemoved and ItemCreated they come after `changed` has told of them.
+    /// A subfolder is not there any more, and, after all of those, another is there. With ItemRenamed they come before anything of the pass
+    /// is told: what has left its place is likely to be found in another, so the tree keeps its node and what is below it, in the region
+    /// too, and says `moved` when it puts it there. What is not found by the end of `work` has been removed (`tellAllRemoved`). With
+    /// ItemRemoved and ItemCreated they come after `changed` has told of them.
     virtual void folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     virtual void folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     /// The folder could not be opened or listed, or one of its items could not be looked at. What is known of it is kept, and it is looked at
@@ -116,6 +117,8 @@ class PolledRegion {
   /// Whether there was another folder to come to.
   bool openNext(Host& host);
   FolderPointer nextFolder();
+  /// Whether the folder that was opened is the one that is known.
+  [[nodiscard]] bool isHere(PolledFolder& folder, int descriptor) const;
   void closeCurrent();
   void lookOn(Host& host, Clock::time_point end);
   void lookFailed(Host& host, PolledFolder& folder, int error);
