@@ -75,15 +75,17 @@ void PolledChanges::pair(Change& source, Change& target) const {
 void PolledChanges::tellName(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags gone,
                              FSEventStreamEventFlags came) {
   const NodeId folder = look.folder->node;
-  const bool isElsewhere = look.seen && !look.seen->path.empty();
-  const FormerPlace& place = isElsewhere ? *look.seen : *look.missed;
-  if (gone != 0 && !place.path.empty()) {
-    host.changedAt(place.path, name, gone);
+  if (gone != 0 && look.seen && !look.seen->path.empty()) {
+    host.changedAt(look.seen->path, name, std::exchange(gone, 0));
     // Before or after the move: whoever was told of the new place may have seen it there.
-    gone = 0;
-    if (isElsewhere && !place.isExact) host.changed(folder, {}, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
+    if (!look.seen->isExact) host.changed(folder, {}, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
   }
-  if ((gone | came) != 0) host.changed(folder, name, gone | came);
+  if ((gone | came) == 0) return;
+  if (look.missed->path.empty()) {
+    host.changed(folder, name, gone | came);
+  } else {
+    host.changedAt(look.missed->path, name, gone | came);
+  }
 }
 
 void PolledChanges::tellOne(PolledRegion::Host& host, Change& change) {
@@ -98,7 +100,7 @@ void PolledChanges::tellOne(PolledRegion::Host& host, Change& change) {
   }
 }
 
-void PolledChanges::tellTree(PolledRegion::Host& host, const Look& look, std::string_view name, Change& change) const {
+void PolledChanges::tellTree(PolledRegion::Host& host, const Look& look, std::string_view name, Change& change) {
   constexpr FSEventStreamEventFlags kMovedFolder = kFSEventStreamEventFlagItemRenamed | kFSEventStreamEventFlagItemIsDir;
   const NodeId folder = look.folder->node;
   const bool wasFolder = (change.gone & kFSEventStreamEventFlagItemIsDir) != 0;
@@ -109,7 +111,9 @@ void PolledChanges::tellTree(PolledRegion::Host& host, const Look& look, std::st
   if (step_ == Step::MovedGone && isLeaving && !std::exchange(change.isGoneMoved, true)) {
     host.folderGone(folder, name, kMovedFolder);
   } else if (step_ == Step::MovedFound && hasArrived && !std::exchange(change.isFoundMoved, true)) {
+    arriving_ = after(change).inode;
     host.folderFound(folder, name, change.came);
+    arriving_ = 0;
   } else if (step_ == Step::FoldersGone && wasFolder && !change.isGoneMoved) {
     host.folderGone(folder, name, change.gone);
   } else if (step_ == Step::FoldersFound && isFolder && !change.isFoundMoved) {

@@ -130,9 +130,11 @@ void PolledRegion::moved(NodeId folder, std::string_view formerPlace) {
   FormerPlace& place = *known->placeOfLook();
   if (!place.path.empty()) return;
   place.path = formerPlace;
-  // One that is being listed was opened before it moved.
-  place.isExact = phase_ == Phase::Moving && !known->isLeaving;
-  if (place.isExact) moved_.push_back(known);
+  if (phase_ != Phase::Moving || known->isLeaving) return;
+  // Of one that is found on the way, in a folder that is taken up, somebody may have been told already.
+  if (known->self.inode == changes_->arriving()) directlyMoved_ = changes_->arriving();
+  place.isExact = changes_->arriving() != 0 && directlyMoved_ == changes_->arriving();
+  moved_.push_back(known);
 }
 
 void PolledRegion::told(NodeId folder, int descriptor, std::string_view name, FSEventStreamEventFlags flags) {
@@ -315,16 +317,24 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
   PolledComparison comparison;
   if (progress == FolderListing::Progress::Done) {
     offset_ = std::max(offset_, listing_->offset());
-    if (!comparison.take(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
-    if (error == 0) error = listing_->itemError();
+    if (!comparison.compare(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
   }
-  const bool isLast = isMarked_ && error == 0;
+  if (error == 0 && comparison.hasDifferences() && !hasStayed(host, *folder)) {
+    closeCurrent();
+    return;
+  }
+  if (error == 0) {
+    error = listing_->itemError();
+    comparison.take(*folder, *listing_);
+  }
+  folder->isLeaving = isMarked_ && error == 0;
+  if (folder->isLeaving) leaving_.push_back(folder);
   closeCurrent();
+  tellLook(host, folder, comparison, error);
+}
+
+void PolledRegion::tellLook(Host& host, const FolderPointer& folder, const PolledComparison& comparison, int error) {
   changes_->add(folder, comparison);
-  if (isLast) {
-    folder->isLeaving = true;
-    leaving_.push_back(folder);
-  }
   const std::shared_ptr<const FolderTable> table = folder->table;
   for (const auto& [at, flags] : comparison.changed) {
     if (!folder->isRemoved) host.changed(folder->node, table->name(at), flags);
@@ -335,6 +345,15 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
   } else if (std::exchange(folder->hasFailed, false) && !folder->isRemoved) {
     host.recovered(folder->node);
   }
+}
+
+bool PolledRegion::hasStayed(Host& host, PolledFolder& folder) const {
+  // What was seen in it through its descriptor may have happened in another place, which is about to be found out.
+  const FileHandle again = host.openFolder(folder.node);
+  const bool isDisplaced = std::exchange(folder.wasDisplaced, false);
+  const bool hasStayed = again.isOpen() && !folder.isRemoved && isHere(folder, again.fileDescriptor());
+  folder.wasDisplaced = isDisplaced;
+  return hasStayed;
 }
 
 void PolledRegion::lookFailed(Host& host, PolledFolder& folder, int error) {

@@ -16,6 +16,7 @@ namespace platform::fsevents {
 
 class FolderListing;
 class PolledChanges;
+struct PolledComparison;
 struct PolledFolder;
 struct PolledItem;
 
@@ -121,6 +122,9 @@ class PolledRegion {
   [[nodiscard]] bool isHere(PolledFolder& folder, int descriptor) const;
   void closeCurrent();
   void lookOn(Host& host, Clock::time_point end);
+  void tellLook(Host& host, const FolderPointer& folder, const PolledComparison& comparison, int error);
+  /// Whether the folder that was looked at is still in its place.
+  [[nodiscard]] bool hasStayed(Host& host, PolledFolder& folder) const;
   void lookFailed(Host& host, PolledFolder& folder, int error);
   [[nodiscard]] bool isStampedElsewhere(const PolledItem& item) const;
   [[nodiscard]] bool isUnderWay(const PolledFolder& folder) const { return listing_ && current_.get() == &folder; }
@@ -146,6 +150,8 @@ class PolledRegion {
   std::unique_ptr<PolledChanges> changes_;
   /// Folders that were found in new places, to be looked at there before the pass tells anything; how often that came round.
   std::vector<FolderPointer> moved_;
+  /// The inode of the last one that was moved because it was found itself.
+  std::uint64_t directlyMoved_ = 0;
   bool isLookingAgain_ = false;
   int rounds_ = 0;
   std::vector<FolderPointer> leaving_;

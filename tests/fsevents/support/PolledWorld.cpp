@@ -150,10 +150,10 @@ bool PolledWorld::tryMark(NodeId folder, int descriptor) {
 
 void PolledWorld::told(const std::string& path, Flags flags) {
   log_.emplace_back(path, flags);
-  // As whoever is told does: a folder that was renamed is read with all below it, and of what is gone nothing is below.
+  // As whoever is told does: a folder that was renamed, or is to be scanned, is read with all below it, and of what is gone nothing is below.
   Seen seen{};
   const bool isThere = see(path, seen);
-  if (!isThere || (flags & kRenamed) != 0) {
+  if (!isThere || (flags & (kRenamed | kMustScan)) != 0) {
     const std::string below = path + "/";
     copy_.erase(copy_.lower_bound(below), copy_.lower_bound(path + static_cast<char>('/' + 1)));
   }
@@ -162,10 +162,12 @@ void PolledWorld::told(const std::string& path, Flags flags) {
     return;
   }
   copy_[path] = seen;
-  if ((flags & kRenamed) != 0 && kindAt(path) == kIsFolder) collect(path, copy_);
+  if ((flags & (kRenamed | kMustScan)) != 0 && kindAt(path) == kIsFolder) collect(path, copy_);
 }
 
-void PolledWorld::changed(NodeId folder, std::string_view name, Flags flags) { told(pathOf(folder) + "/" + std::string(name), flags); }
+void PolledWorld::changed(NodeId folder, std::string_view name, Flags flags) {
+  told(name.empty() ? pathOf(folder) : pathOf(folder) + "/" + std::string(name), flags);
+}
 
 void PolledWorld::changedAt(std::string_view formerPlace, std::string_view name, Flags flags) {
   told(std::string(formerPlace) + "/" + std::string(name), flags);
