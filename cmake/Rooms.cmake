@@ -57,7 +57,8 @@ function(kestrine_shelves room)
 endfunction()
 
 # kestrine_tests(NAME USES target... [ALONE file...] [LABELS l...]): one test program of every *.cpp in the current folder, so that no
-# test file can be left out by mistake; each test case becomes one CTest test. tests/costs.cmake says which of them go first.
+# test file can be left out by mistake; each test case becomes one CTest test. tests/costs.cmake says which of them go first, and
+# tests/timeout.cmake how they are ended sooner when they hang.
 include(GoogleTest)
 function(kestrine_tests name)
   cmake_parse_arguments(TESTS "" "" "USES;ALONE;LABELS" ${ARGN})
@@ -78,5 +79,6 @@ function(kestrine_tests name)
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES DISCOVERY_TIMEOUT 600 TEST_PREFIX "${name}."
     PROPERTIES TIMEOUT ${TESTS_TIMEOUT} ENVIRONMENT KESTRINE_TEST_ENDS_WITH_RUNNER=1 ${labels})
-  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${PROJECT_SOURCE_DIR}/tests/costs.cmake")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${PROJECT_SOURCE_DIR}/tests/costs.cmake"
+    "${PROJECT_SOURCE_DIR}/tests/timeout.cmake")
 endfunction()

@@ -3,9 +3,6 @@
 # that is no longer a test's does nothing.
 set(kestrine_costs
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/fanotify 122
-  foundation_tests.UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset 120
-  system_tests.Application.MissesNoChangeHoweverItsResetsFall 97
-  foundation_tests.UserDefaultsProcesses.ReadOnlyWholeFilesWhileAnotherWrites 78
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/inotify 64
   concurrency_tests.RunLoopItem.InvalidateEndsARunThatIsAboutToSleep 60
   fsevents_tests.StreamModel.OfManyChangesIsToldExactly/inotify 59
@@ -13,17 +10,17 @@ set(kestrine_costs
   fsevents_tests.StreamModelUnread.BelowTheQueuesLengthIsToldExactly/inotify 36
   util_tests.Base64Encoding.HasLinesOfTheWidthRoundedDownToFourAndNoBreakBehindTheLast 36
   foundation_tests.Dictionary.TakesManyEntriesInNoOrderAtTheCostOfSorting 32
-  system_tests.KilledService.LeavesFilesThatParseAndIsStartedAgain 32
   fsevents_tests.StreamModelUnread.BelowTheQueuesLengthIsToldExactly/fanotify 31
   fsevents_tests.DirectoryTree.AgreesWithAMapOfPathsUnderRandomOperations 31
   fsevents_tests.StreamModelUnread.BeyondTheQueuesLengthIsCoveredAndExactAfterwards/fanotify 31
-  xpc_tests.HostilePeer.ThatStaysSilentForTooLongIsClosed 30
   fsevents_tests.StreamNewFolders.FilesWrittenWhileTheirFolderIsRenamedMissNothing/fanotify 30
   fsevents_tests.StreamNewFolders.FilesWrittenWhileTheirFolderIsRenamedMissNothing/inotify 30
   foundation_tests.UserDefaultsProcesses.KilledAtAnyMomentLeaveAWholeFile 26
   fsevents_tests.StreamModelUnread.BeyondTheQueuesLengthIsCoveredAndExactAfterwards/inotify 25
+  system_tests.Application.MissesNoChangeHoweverItsResetsFall 28
   services_tests.KestrineCall.CallsEveryOperationThatAnswersWithARecord 24
   fsevents_tests.StreamOverflow.HappensAgainAndIsToldAgain/fanotify 21
+  foundation_tests.UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset 20
   system_tests.Sources/WatcherIdle.SleepsWhileOnlyTheFolderAboveChanges/inotify 20
   system_tests.Sources/WatcherIdle.SleepsWhileOnlyTheFolderAboveChanges/fanotify 20
   app_tests.CommandLine.RefusesWhatItDoesNotUnderstandAndSaysWhat 19
@@ -43,6 +40,7 @@ set(kestrine_costs
   system_tests.OtherLanguage.StartsTheWatcherByAnyMessageOn10_7AndPassesADescriptor 11
   system_tests.OtherLanguage.StartsTheWatcherByAnObjectLevelCallAndPassesADescriptor 11
   app_tests.Client.SaysThatTheServiceDiedAndAsksAgain 10
+  system_tests.KilledService.LeavesFilesThatParseAndIsStartedAgain 10
   fsevents_tests.WatchedTreeTest.KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves/fanotify 10
   system_tests.RunScript.ShowsTheFlagBeingRaisedAfterEachResetAndLeavesNothing 10
   xpc_tests.Lifetime.EndsASecondProcessOfTheSameService 10

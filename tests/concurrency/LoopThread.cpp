@@ -16,7 +16,7 @@
 
 #include "platform/foundation/log/Log.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/ScarceThreads.h"
+#include "tests/support/KernelFilter.h"
 
 namespace platform {
 namespace {

@@ -242,6 +242,7 @@ TEST(MainOperationQueue, TakesOperationsFromManyThreads) {
   const auto queue = OperationQueue::mainQueue();
   int ran = 0;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 200; ++i) queue->addOperationWithBlock([&] { ++ran; });

@@ -211,6 +211,7 @@ TEST(RunLoop, RunsCallbacksOnItsThreadOneAtATime) {
   const auto keeper = RunLoopSource::create([] {});
   loop->add(keeper);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       for (int each = 0; each < kEach; ++each) loop->perform(callback);

@@ -111,6 +111,7 @@ TEST(RunLoopItem, InvalidateWaitsForARunningCallbackAndItsCaptures) {
   begun.get_future().wait();
   std::atomic<int> waited = 0;
   std::vector<std::thread> waiters;
+  waiters.reserve(3);
   for (int i = 0; i < 3; ++i) {
     waiters.emplace_back([&] {
       source->invalidate();
@@ -186,6 +187,7 @@ TEST(RunLoopItem, HoldsNoLockWhileACallbackRuns) {
   std::shared_ptr<RunLoop> loops[2];
   std::promise<void> ready[2];
   std::vector<std::thread> threads;
+  threads.reserve(2);
   const int rounds = longOrShort(2000, 200);
   for (int side = 0; side < 2; ++side) {
     threads.emplace_back([&, side] {
@@ -272,6 +274,7 @@ TEST(RunLoopItem, SurvivesAStormOfAddSignalAndInvalidateFromManyThreads) {
   const int rounds = longOrShort(5000, 500);
   LoopThread loop([&](RunLoop& mine) { mine.add(keeper); });
   std::vector<std::thread> threads;
+  threads.reserve(3);
   for (int t = 0; t < 3; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < rounds; ++i) {

@@ -14,6 +14,7 @@ using platform::RunLoopItemHost;
 /// Holds one item, and writes down what it is asked.
 class Host final : public RunLoopItemHost {
  public:
+  virtual ~Host() = default;
   bool enroll(const std::shared_ptr<RunLoopItemCore>& item) override {
     asked += "enroll ";
     if (isFull) return false;

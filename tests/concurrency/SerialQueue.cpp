@@ -35,6 +35,7 @@ TEST(SerialQueue, RunsEachBlockOnceWhenManyThreadsAdd) {
   int total = 0;
   constexpr int kEach = 2000;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < kEach; ++i) queue->async([&] { ++total; });

@@ -11,7 +11,7 @@
 
 #include "platform/concurrency/queue/SerialQueue.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/ScarceThreads.h"
+#include "tests/support/KernelFilter.h"
 
 namespace kestrine::test {
 namespace {

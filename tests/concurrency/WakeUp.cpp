@@ -71,6 +71,7 @@ TEST(WakeUp, LosesNothingThatIsGivenUnderTheSleepersLock) {
   const int each = longOrShort(50000, 5000);
   constexpr int kGivers = 3;
   std::vector<std::thread> givers;
+  givers.reserve(kGivers);
   for (int i = 0; i < kGivers; ++i) {
     givers.emplace_back([&] {
       for (int n = 0; n < each; ++n) {

@@ -8,7 +8,10 @@
 namespace platform {
 namespace {
 
-TEST(ApplicationIdentifier, IsTheProgramsFileNameAtFirst) { EXPECT_EQ(applicationIdentifier(), "foundation_tests"); }
+// Before any test has set it.
+const std::string kAtFirst = applicationIdentifier();
+
+TEST(ApplicationIdentifier, IsTheProgramsFileNameAtFirst) { EXPECT_EQ(kAtFirst, "foundation_tests"); }
 
 TEST(ApplicationIdentifier, IsWhatWasSet) {
   setApplicationIdentifier("Ostrabyte.Something");

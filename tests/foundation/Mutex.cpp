@@ -67,6 +67,7 @@ TEST(Condition, EndsTheWaitOfOneAndOfAll) {
   constexpr int kThreads = 8;
   Gate gate;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) threads.emplace_back([&gate] { gate.pass(); });
   {
     MutexLock lock(gate.mutex);
@@ -101,6 +102,7 @@ TEST(Guarded, IsUsedByOneThreadAtATime) {
   std::atomic<int> inside = 0;
   std::atomic<bool> met = false;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
       for (int k = 0; k < kEach; ++k) {

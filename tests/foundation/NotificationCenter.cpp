@@ -32,6 +32,7 @@ TEST(NotificationCenter, DeliversInTheOrderOfRegistrationBeforePostReturns) {
   NotificationCenter center;
   std::vector<int> order;
   std::vector<Observation> observations;
+  observations.reserve(20);
   for (int i = 0; i < 20; ++i)
     observations.push_back(center.addObserver("n", nullptr, [&order, i](const Notification&) { order.push_back(i); }));
   center.postNotification({"n", {}});
@@ -170,6 +171,7 @@ TEST(NotificationCenter, IsSafeToUseFromManyThreads) {
   std::atomic<int> calls = 0;
   const Observation fixed = center.addObserver("n", nullptr, [&](const Notification&) { ++calls; });
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 200; ++i) {

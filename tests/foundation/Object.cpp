@@ -29,6 +29,8 @@ std::string nameOfException(Act act) {
 
 Object someFileHandle() { return std::make_shared<const FileHandle>(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
+Object copyOf(const Object& object) { return object; }
+
 TEST(Object, IsNilWhenNothingIsSaid) {
   EXPECT_EQ(Object().kind(), Kind::Nil);
   EXPECT_TRUE(Object().isNil());
@@ -161,7 +163,7 @@ TEST(Object, ComparesByValue) {
 
 TEST(Object, ComparesFileHandlesByIdentity) {
   const Object one = someFileHandle();
-  const Object copy = one;
+  const Object copy = copyOf(one);
   EXPECT_EQ(one, copy);
   EXPECT_FALSE(one == someFileHandle());
 }
@@ -174,10 +176,10 @@ TEST(Object, EqualsItsCopyEvenWhenItIsNotANumber) {
 
 TEST(Object, SharesWhatIsLarge) {
   const Object text = std::string(100, 'x');
-  const Object copy = text;
+  const Object copy = copyOf(text);
   EXPECT_EQ(&text.stringValue(), &copy.stringValue());
   const Object array = Array{text};
-  const Object arrayCopy = array;
+  const Object arrayCopy = copyOf(array);
   EXPECT_EQ(&array.arrayValue(), &arrayCopy.arrayValue());
 }
 
@@ -196,10 +198,11 @@ TEST(Object, MayBeReadThroughCopiesOnManyThreads) {
   const Object object = Dictionary{{"k", Array{"a", Object::numberWithInt(1)}}};
   std::vector<std::thread> threads;
   std::vector<int> good(4, 0);
+  threads.reserve(good.size());
   for (int& counter : good) {
     threads.emplace_back([copy = object, &counter] {
       for (int i = 0; i < 1000; ++i) {
-        const Object again = copy;
+        const Object again = copyOf(copy);
         if (again.objectForKey("k").objectAtIndex(0).stringValue() == "a") ++counter;
       }
     });

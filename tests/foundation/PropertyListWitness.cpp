@@ -17,14 +17,14 @@ using platform::Object;
 using Node = std::unique_ptr<void, void (*)(plist_t)>;
 
 Node makeNode() {
-  const plist_t root = plist_new_dict();
+  plist_t root = plist_new_dict();
   plist_dict_set_item(root, "text", plist_new_string("a <b> & \xC3\xBC"));
   plist_dict_set_item(root, "yes", plist_new_bool(1));
   plist_dict_set_item(root, "number", plist_new_uint(4711));
   plist_dict_set_item(root, "real", plist_new_real(0.25));
   plist_dict_set_item(root, "data", plist_new_data("\x01\x02\xFF\x00", 4));
   plist_dict_set_item(root, "date", plist_new_date(1000, 0));
-  const plist_t array = plist_new_array();
+  plist_t array = plist_new_array();
   for (const char* text : {"one", "two"}) plist_array_append_item(array, plist_new_string(text));
   plist_dict_set_item(root, "array", array);
   return {root, plist_free};
@@ -71,7 +71,7 @@ TEST(PropertyListWitness, ReadsTheXMLThatIsWrittenHere) {
   for (const char* key : {"text", "yes", "number", "real", "data", "date"}) {
     EXPECT_TRUE(plist_compare_node_value(plist_dict_get_item(read, key), plist_dict_get_item(node.get(), key))) << key;
   }
-  const plist_t array = plist_dict_get_item(read, "array");
+  plist_t array = plist_dict_get_item(read, "array");
   ASSERT_EQ(plist_array_get_size(array), 2U);
   char* second = nullptr;
   plist_get_string_val(plist_array_get_item(array, 1), &second);

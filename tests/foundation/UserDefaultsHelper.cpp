@@ -35,11 +35,12 @@ std::string yesOrNo(bool value) { return value ? "yes" : "no"; }
 
 Object integer(long value) { return Object::numberWithLongLong(value); }
 
-/// Writes for ever, each time a text as long as the number beside it says, so that a reader can tell half a file.
+/// Writes for ever, each time a text as long as the number beside it says, so that a reader can tell half a file. The count is the bound of
+/// the lengths.
 void writeForEver(const HelperJob& job) {
   UserDefaults defaults("killed", job.folder);
   for (long round = 0;; ++round) {
-    const long length = round * 7919 % 60000;
+    const long length = round * 7919 % job.count;
     defaults.setObject_forKey(integer(length), "length");
     defaults.setObject_forKey(std::string(static_cast<std::size_t>(length), 'x'), "text");
     defaults.synchronize();
@@ -47,7 +48,8 @@ void writeForEver(const HelperJob& job) {
   }
 }
 
-/// Raises the flag for each event, one to four times as fast as it can, and goes on when the other side has seen it.
+/// Raises the flag for each event, one to four times as fast as it can, and goes on when the other side has seen it. Each event also writes
+/// another key, so that the file changes while the other side looks for the flag.
 void raiseFlags(const HelperJob& job) {
   const int file = open((job.folder + "/rounds").c_str(), O_RDWR | O_CLOEXEC);
   auto* shared = static_cast<SharedRounds*>(mmap(nullptr, sizeof(SharedRounds), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
@@ -55,6 +57,8 @@ void raiseFlags(const HelperJob& job) {
   UserDefaults defaults("flag", job.folder);
   for (int round = 1; round <= job.count; ++round) {
     std::atomic_ref(shared->events) = round;
+    defaults.setObject_forKey(integer(round), "round");
+    if (!defaults.synchronize()) throw std::runtime_error("not written");
     for (int times = 0; times <= round % 4; ++times) {
       defaults.setObject_forKey("1", "FileWatcherStatusKey");
       if (!defaults.synchronize()) throw std::runtime_error("not written");

@@ -194,6 +194,7 @@ TEST(UserDefaultsExchange, LetsNoOtherWriterComeBetween) {
   const int each = longOrShort(300, 60);
   constexpr int kThreads = 3;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&] {
       UserDefaults defaults("domain", folder.path());

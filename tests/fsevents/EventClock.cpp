@@ -30,6 +30,7 @@ TEST(EventClock, GivesEachIdentifierOnceToAnyNumberOfThreads) {
   EventClock::Member member([] {});
   std::vector<std::vector<platform::FSEventStreamEventId>> seen(4);
   std::vector<std::thread> threads;
+  threads.reserve(seen.size());
   for (auto& mine : seen) {
     threads.emplace_back([&] {
       for (int i = 0; i < 1000; ++i) mine.push_back(EventClock::shared().reserve(member, 3, EventClock::now()));

@@ -82,6 +82,7 @@ TEST_P(StreamFlush, WithoutWaitingDeliversSoon) {
 TEST_P(StreamFlush, BySeveralThreadsAtOnceDeliversEverythingOnce) {
   const auto stream = watch({.paths = {root_}, .latency = kNever});
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < 25; ++i) {

@@ -97,6 +97,7 @@ TEST_P(StreamModel, BySeveralWritersAtOnceIsToldExactly) {
   const auto stream = watch({.paths = {root_}, .latency = 0.02});
   for (int round = 0; round < rounds; ++round) {
     std::vector<std::thread> threads;
+    threads.reserve(worlds.size());
     for (auto& world : worlds) threads.emplace_back([&world] { world->change(600); });
     for (auto& thread : threads) thread.join();
     stream->flush();

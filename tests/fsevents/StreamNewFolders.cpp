@@ -124,6 +124,7 @@ TEST_P(StreamNewFolders, MadeBySeveralThreadsAtOnceMissNothing) {
   const int repeats = longOrShort(100, 20);
   const auto stream = watchRoot();
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < repeats; ++i) {

@@ -156,6 +156,7 @@ TEST(Cancel, FromItsOwnHandlerOrFromManyThreadsIsOneEnd) {
   for (int i = 0; i < 30; ++i) {
     Running running(requestFor(server.url("/")), session);
     std::vector<std::thread> threads;
+    threads.reserve(3);
     for (int t = 0; t < 3; ++t) {
       threads.emplace_back([&, t] { t == 0 ? running.task->resume() : running.task->cancel(); });
     }

@@ -10,6 +10,7 @@ namespace kestrine::test {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 constexpr const char* kGood = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\ngood";
 
@@ -159,7 +160,7 @@ TEST(Fault, RepliesThatAreNoHTTP) {
   const std::vector<Rubbish> table = {
       {"no status line", "this is not a server of the web\r\n\r\n", -1017},
       {"zero bytes", std::string(64, '\0'), -1017},
-      {"binary", "\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03\r\n\r\n", -1017},
+      {"binary", "\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03\r\n\r\n"s, -1017},
       {"a status that is none", "HTTP/1.1 abc OK\r\n\r\n", -1017},
       {"a version that is none", "HTTP/9.9 200 OK\r\nContent-Length: 0\r\n\r\n", -1017},
       {"a length below zero", "HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\nabcde", -1017},

@@ -101,6 +101,7 @@ TEST_F(FileWatcherXpcServiceTest, EndsWithOneWatchAfterManyCallsAtOnce) {
   FileWatcherXpcService service;
   const int count = longOrShort(20, 6);
   std::vector<std::unique_ptr<Call>> calls;
+  calls.reserve(count);
   for (int index = 0; index < count; ++index) calls.push_back(std::make_unique<Call>(service));
   EXPECT_TRUE(eventually([&] { return std::ranges::count_if(calls, [](const auto& call) { return call->hasReturned(); }) == count - 1; }));
   EXPECT_THAT(statusSection("streams"), SizeIs(1));

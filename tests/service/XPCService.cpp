@@ -41,7 +41,7 @@ struct Handled {
 /// A service in this process, whose peers reach the runners as the real one's do. The runners of a test live as long as the process does,
 /// so each test is best run in its own; what they saw of an earlier test's peers is not counted.
 class XPCServiceTest : public testing::Test {
- protected:
+ public:
   XPCServiceTest() : listener_(platform::xpc::Listener::create(listenAt(path()), XPCServiceConnectionHandler)) { listener_->resume(); }
   ~XPCServiceTest() override {
     listener_->cancel();
@@ -49,6 +49,7 @@ class XPCServiceTest : public testing::Test {
     if (service_) service_->setConnectionHandler(nullptr);
   }
 
+ protected:
   const std::shared_ptr<XPCService>& runner(XPCService::ConnectionHandler handler) {
     service_ = XPCService::initWithConnectionHandler(std::move(handler));
     return service_;
@@ -143,6 +144,7 @@ TEST_F(XPCServiceTest, DeliversTheFirstMessageOfEveryConnectionToTheHandlerSetOn
     });
   });
   std::vector<FileHandle> clients;
+  clients.reserve(count);
   for (int i = 0; i < count; ++i) clients.push_back(client(commandFrame(std::to_string(i))));
   ASSERT_TRUE(runLoopUntil([&] {
     const std::lock_guard lock(mutex);

@@ -59,7 +59,7 @@ struct Received {
 /// Calls an operation, serves the main queue until nobody is left who could call the handler, and returns what it was given.
 template <class Query, class Result>
 std::shared_ptr<Received<Result>> callToTheEnd(void (*method)(const Query&, RestHandler<Result>), const Query& query) {
-  const auto received = std::make_shared<Received<Result>>();
+  auto received = std::make_shared<Received<Result>>();
   auto life = std::make_shared<int>();
   const std::weak_ptr<int> watched = life;
   method(query, [received, life = std::move(life)](const RestAnswer<Result>& answer, RestTaskStatus status) {

@@ -25,28 +25,28 @@ struct Row {
   bool network, connected, connectedDirectly;
 };
 
-constexpr bool Y = true;
-constexpr bool N = false;
+constexpr bool kY = true;
+constexpr bool kN = false;
 
 // clang-format off
 constexpr std::array<Row, 16> kTruth = {{
   // required, traffic, intervention, demand -> network, connected, connected directly
-  {N, N, N, N,  Y, Y, Y},
-  {N, N, N, Y,  Y, Y, Y},
-  {N, N, Y, N,  Y, Y, Y},
-  {N, N, Y, Y,  Y, Y, Y},
-  {N, Y, N, N,  Y, Y, Y},
-  {N, Y, N, Y,  Y, Y, Y},
-  {N, Y, Y, N,  Y, Y, Y},
-  {N, Y, Y, Y,  Y, Y, Y},
-  {Y, N, N, N,  N, N, Y},
-  {Y, N, N, Y,  Y, Y, Y},
-  {Y, N, Y, N,  N, N, Y},
-  {Y, N, Y, Y,  N, N, Y},
-  {Y, Y, N, N,  Y, Y, Y},
-  {Y, Y, N, Y,  Y, Y, Y},
-  {Y, Y, Y, N,  N, N, Y},
-  {Y, Y, Y, Y,  N, N, Y},
+  {kN, kN, kN, kN,  kY, kY, kY},
+  {kN, kN, kN, kY,  kY, kY, kY},
+  {kN, kN, kY, kN,  kY, kY, kY},
+  {kN, kN, kY, kY,  kY, kY, kY},
+  {kN, kY, kN, kN,  kY, kY, kY},
+  {kN, kY, kN, kY,  kY, kY, kY},
+  {kN, kY, kY, kN,  kY, kY, kY},
+  {kN, kY, kY, kY,  kY, kY, kY},
+  {kY, kN, kN, kN,  kN, kN, kY},
+  {kY, kN, kN, kY,  kY, kY, kY},
+  {kY, kN, kY, kN,  kN, kN, kY},
+  {kY, kN, kY, kY,  kN, kN, kY},
+  {kY, kY, kN, kN,  kY, kY, kY},
+  {kY, kY, kN, kY,  kY, kY, kY},
+  {kY, kY, kY, kN,  kN, kN, kY},
+  {kY, kY, kY, kY,  kN, kN, kY},
 }};
 // clang-format on
 
@@ -95,10 +95,10 @@ TEST(ReachabilityRules, AConnectionThatMakesItselfCountsUnlessSomebodyMustInterv
 
 TEST(ReachabilityRules, ADirectNetworkThatNeedsAConnectionIsJudgedDifferentlyByEachRule) {
   const Reachability reachability;
-  constexpr std::uint32_t flags = 0x2 | 0x4 | 0x20000;
-  EXPECT_EQ(reachability.networkStatusForFlags(flags), NetworkStatusNotReachable);
-  EXPECT_TRUE(NetWorkConnectionStatus::connectionStatusForFlags(flags));
-  EXPECT_EQ(reachability.localWiFiStatusForFlags(flags), NetworkStatusReachable);
+  constexpr std::uint32_t kFlags = 0x2 | 0x4 | 0x20000;
+  EXPECT_EQ(reachability.networkStatusForFlags(kFlags), NetworkStatusNotReachable);
+  EXPECT_TRUE(NetWorkConnectionStatus::connectionStatusForFlags(kFlags));
+  EXPECT_EQ(reachability.localWiFiStatusForFlags(kFlags), NetworkStatusReachable);
 }
 
 TEST(ReachabilityRules, DirectWithoutReachableIsNoLocalWiFi) {

@@ -50,12 +50,12 @@ bool isInMemory(const std::string& path) {
 }
 
 std::string testFolder() {
-  if (const std::string given = absoluteVariable("KESTRINE_TEST_FOLDER"); !given.empty()) {
+  if (std::string given = absoluteVariable("KESTRINE_TEST_FOLDER"); !given.empty()) {
     // Not only for oneself: some tests go on as another user.
     if (mkdir(given.c_str(), 0755) == 0) chmod(given.c_str(), 0755);
     return given;
   }
-  if (const std::string given = absoluteVariable("TMPDIR"); !given.empty()) return given;
+  if (std::string given = absoluteVariable("TMPDIR"); !given.empty()) return given;
   static const bool inMemory = memoryIsFit();
   return inMemory ? kMemory : "/tmp";
 }

@@ -16,6 +16,7 @@ inline std::vector<std::string> runLanes(int count, const std::function<std::str
   std::mutex mutex;
   std::vector<std::string> complaints;
   std::vector<std::thread> threads;
+  threads.reserve(count);
   for (int lane = 0; lane < count; ++lane) {
     threads.emplace_back([&, lane] {
       std::string complaint;

@@ -80,6 +80,7 @@ TEST_F(LegacyService, LetsTenWatchesNotStarveEachOther) {
   startService();
   constexpr int kCount = 10;
   std::vector<std::shared_ptr<XPCConnection>> connections;
+  connections.reserve(kCount);
   for (int i = 0; i < kCount; ++i) connections.push_back(connect());
   for (const auto& connection : connections) connection->sendMessage("watch");
   ASSERT_TRUE(eventuallyStanding(numbersTo(kCount)));

@@ -35,11 +35,13 @@ class Application {
 /// The whole service process with home, preferences, runtime and state folders of the test's own, and a base folder with the folder that is
 /// watched. The service description is installed, so the service also starts on demand. Ends the service when destroyed.
 class WatcherService : public testing::Test {
+ public:
+  WatcherService();
+  ~WatcherService() override;
+
  protected:
   static constexpr const char* kServiceName = "Ostrabyte.FileWatcherXpcService";
 
-  WatcherService();
-  ~WatcherService() override;
   /// Ends a service started by the test in order, and shows its log when the case failed.
   void TearDown() override;
 

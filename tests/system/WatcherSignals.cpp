@@ -33,6 +33,7 @@ INSTANTIATE_TEST_SUITE_P(Sources, WatcherSignals, testing::Values("fanotify", "i
 
 TEST_P(WatcherSignals, AreSetOnceForEachOfTenFilesAndReachTheApplicationAsOneFlag) {
   std::vector<std::string> files;
+  files.reserve(10);
   for (int index = 0; index < 10; ++index) files.push_back(in("file" + std::to_string(index)));
   for (const std::string& file : files) writeFile(file, "first");
   setBasePath(base());

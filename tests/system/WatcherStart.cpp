@@ -66,8 +66,8 @@ TEST_F(WatcherStart, NamesALimitOfTheKernelAndTellsTheApplicationToLookForItself
     GTEST_SKIP() << "left out: a kernel at its limit, because user namespaces are not to be had here";
   }
   setBasePath(base());
-  startCommand({"unshare", "-Ur", "sh", "-c", "echo 0 >/proc/sys/user/max_inotify_instances && exec " KESTRINE_SERVICE},
-               {{"KESTRINE_FSEVENTS_SOURCE", "inotify"}});
+  const std::string command = "echo 0 >/proc/sys/user/max_inotify_instances && exec " KESTRINE_SERVICE;
+  startCommand({"unshare", "-Ur", "sh", "-c", command}, {{"KESTRINE_FSEVENTS_SOURCE", "inotify"}});
   application_.callToFileWatcher();
   ASSERT_TRUE(eventuallyStanding({1}));
   EXPECT_TRUE(service().waitForErrorOutput("user.max_inotify_instances = 0"));

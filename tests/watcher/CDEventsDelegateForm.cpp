@@ -23,6 +23,7 @@ struct RecordingDelegate : CDEventsDelegate {
 
 void feed(CDEvents& events, const std::vector<std::string>& paths) {
   std::vector<platform::FSEvent> batch;
+  batch.reserve(paths.size());
   for (const std::string& path : paths) batch.push_back({path, 0, 1});
   CDEventsCallback(events, batch);
 }

@@ -7,6 +7,7 @@ namespace {
 
 std::vector<platform::URL> listOf(const std::vector<std::string>& texts) {
   std::vector<platform::URL> URLs;
+  URLs.reserve(texts.size());
   for (const std::string& text : texts) URLs.push_back(platform::URL::URLWithString(text).value());
   return URLs;
 }

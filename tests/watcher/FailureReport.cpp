@@ -7,7 +7,7 @@
 
 #include "platform/foundation/formats/JSON.h"
 #include "tests/services/ProductServer.h"
-#include "tests/support/ScarceThreads.h"
+#include "tests/support/KernelFilter.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/FileWatcherServiceXPC.h"

@@ -45,6 +45,7 @@ class FedEvents {
   /// Delivers one batch with an event for each path.
   void feed(const std::vector<std::string>& paths) {
     std::vector<platform::FSEvent> batch;
+    batch.reserve(paths.size());
     for (const std::string& path : paths) batch.push_back({path, platform::kFSEventStreamEventFlagItemModified, ++identifier_});
     CDEventsCallback(*events_, batch);
   }
@@ -62,6 +63,7 @@ class FedEvents {
  private:
   static std::vector<platform::URL> listOf(const std::vector<std::string>& texts) {
     std::vector<platform::URL> URLs;
+    URLs.reserve(texts.size());
     for (const std::string& text : texts) URLs.push_back(platform::URL::URLWithString(text).value());
     return URLs;
   }

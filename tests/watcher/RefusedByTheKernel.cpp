@@ -1,15 +1,14 @@
 // A kernel that knows neither source of changes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
-#include <thread>
+#include <functional>
+#include <vector>
 
 #include "platform/foundation/base/Exception.h"
+#include "tests/support/KernelFilter.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvents.h"
 #include "watcher/FileWatcherServiceXPC.h"
@@ -21,29 +20,13 @@ using platform::Object;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// From now on, this thread and those that it starts find that the kernel has no such calls.
-bool refuseSources() {
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fanotify_init, 1, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_inotify_init1, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter{.len = std::size(program), .filter = program};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
-
 class RefusedByTheKernel : public WatcherTest {
  protected:
   /// Runs `body` on a thread of its own for which the kernel has no source.
   static void refused(const std::function<void()>& body) {
-    bool able = false;
-    std::thread([&] {
-      able = refuseSources();
-      if (able) body();
-    }).join();
-    if (!able) GTEST_SKIP() << "left out: a kernel without sources, because this one takes no filter";
+    const std::vector<RefusedCall> sources = {{.number = SYS_fanotify_init, .error = ENOSYS},
+                                              {.number = SYS_inotify_init1, .error = ENOSYS}};
+    if (!withRefused(sources, body)) GTEST_SKIP() << "left out: a kernel without sources, because this one takes no filter";
   }
 };
 

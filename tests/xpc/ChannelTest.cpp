@@ -24,9 +24,9 @@ class ServedChannel {
   explicit ServedChannel(Channel::StatusSource status) {
     auto [client, service] = socketPair();
     client_ = std::move(client);
-    onIOThread([this, socket = std::make_shared<FileHandle>(std::move(service)), status = std::move(status)] {
+    onIOThread([this, socket = std::move(service), status = std::move(status)]() mutable {
       assertOnIOThread();
-      channel_ = Channel::create(std::move(*socket), Channel::Side::Service, status);
+      channel_ = Channel::create(std::move(socket), Channel::Side::Service, status);
       channel_->setHandlers([](const platform::xpc::Frame&) {}, [this](const std::string& reason) { end_.set_value(reason); });
       channel_->setReading(true);
     });

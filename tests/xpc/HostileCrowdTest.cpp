@@ -72,7 +72,7 @@ TEST(HostileCrowd, OfAThousandConnectionsAtOnceDoesNotDisturbAnHonestClient) {
 }
 
 TEST(HostileCrowd, BeyondTheLimitWaitsAndIsServedWhenOthersGo) {
-  InProcessService service(Bystander::answersTheFirst(), 10);
+  InProcessService service(Bystander::answersTheFirst(), {.connections = 10});
   const Bystander bystander(service);
   std::vector<FileHandle> crowd;
   for (int i = 0; i < 30; ++i) {

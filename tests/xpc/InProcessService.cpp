@@ -8,7 +8,8 @@ namespace kestrine::test {
 
 using platform::xpc::Connection;
 
-InProcessService::InProcessService(std::function<void(Peer&)> onPeer, std::size_t maximumConnections) : state_(std::make_shared<State>()) {
+InProcessService::InProcessService(std::function<void(Peer&)> onPeer, platform::xpc::ListenerLimits limits)
+    : state_(std::make_shared<State>()) {
   listener_ = platform::xpc::Listener::create(
       listenAt(path()),
       [state = state_, onPeer](const std::shared_ptr<Connection>& connection) {
@@ -21,7 +22,7 @@ InProcessService::InProcessService(std::function<void(Peer&)> onPeer, std::size_
         connection->resume();
         if (onPeer) onPeer(peer);
       },
-      maximumConnections);
+      limits);
   listener_->resume();
 }
 

@@ -20,7 +20,7 @@ class InProcessService {
     EventLog events;
   };
   /// `onPeer` runs at the end of the connection function, when the peer has been resumed.
-  explicit InProcessService(std::function<void(Peer&)> onPeer = {}, std::size_t maximumConnections = 1024);
+  explicit InProcessService(std::function<void(Peer&)> onPeer = {}, platform::xpc::ListenerLimits limits = {});
   ~InProcessService();
   InProcessService(const InProcessService&) = delete;
   InProcessService& operator=(const InProcessService&) = delete;

@@ -136,6 +136,7 @@ TEST(Launch, OfTwentyClientsAtOnceStartsOneProcess) {
   ServiceEnvironment environment;
   environment.install(kTestService);
   std::vector<std::unique_ptr<Process>> clients;
+  clients.reserve(20);
   for (int i = 0; i < 20; ++i) clients.push_back(std::make_unique<Process>(std::vector<std::string>{XPC_TEST_CLIENT, kTestService}));
   std::set<std::string> answers;
   for (const auto& client : clients) {

@@ -136,7 +136,7 @@ TEST(Listener, KeepsWhatAClientLeftThatIsGoneBeforeItIsReadButNotItsSocket) {
 }
 
 TEST(Listener, LetsFurtherClientsWaitWhenThereAreTooMany) {
-  InProcessService service({}, 2);
+  InProcessService service({}, {.connections = 2});
   FileHandle first = service.connectPeer();
   const FileHandle second = service.connectPeer();
   const FileHandle third = service.connect();

@@ -29,6 +29,7 @@ TEST(Sending, KeepsTheOrderOfEachThreadWhetherTheSocketTakesItAtOnceOrLater) {
   auto [client, service] = socketPair();
   const auto connection = Connection::createWithSocket(std::move(service));
   std::vector<std::thread> senders;
+  senders.reserve(kSenders);
   for (int sender = 0; sender < kSenders; ++sender) {
     senders.emplace_back([&connection, sender, each] {
       for (int number = 0; number < each; ++number) connection->send(command(numbered(sender, number)));

@@ -1,13 +1,18 @@
 // Who is the service, who starts it, and waiting for a lock without standing in a loop's way. The locks belong to open files, so one
 // process can play all the parts.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <optional>
+#include <vector>
 
 #include "platform/concurrency/loop/RunLoop.h"
 #include "platform/xpc/launch/ServiceLocks.h"
 #include "platform/xpc/service/LockWait.h"
+#include "tests/support/KernelFilter.h"
 #include "tests/xpc/ServiceEnvironment.h"
 
 namespace {
@@ -60,7 +65,7 @@ TEST_F(ServiceLocks, MakeOneProcessTheServiceAndNameItToTheOther) {
 
 TEST_F(ServiceLocks, BelieveNoMarkOfAProcessThatIsGone) {
   LockFile lock = openFile(kLifeLock);
-  ASSERT_EQ(lock.tryLock(), LockFile::Attempt::Taken);
+  ASSERT_EQ(lock.tryLock(), 0);
   const std::string own = std::to_string(getpid());
   for (const std::string& mark : {std::string(), std::string("no number"), own, own + " 1", std::string("-1 1"), std::string("0 0")}) {
     ASSERT_EQ(lock.setText(mark), 0);
@@ -89,64 +94,95 @@ TEST_F(ServiceLocks, TellWhyALockFileCannotBeOpened) {
   EXPECT_EQ(lock.error().reason, "the lock file " + (environment_ / "run/xpc/.Test.Service.launch") + " cannot be opened: Is a directory");
 }
 
+// A file system without locks, or a security module that forbids them: nobody holds the lock, and nobody gets it.
+TEST_F(ServiceLocks, TellARefusalOfTheSystemFromALockThatIsHeld) {
+  const std::vector<RefusedCall> refused = {{.number = SYS_fcntl, .error = ENOLCK, .secondArgument = F_OFD_SETLK},
+                                            {.number = SYS_fcntl, .error = ENOLCK, .secondArgument = F_OFD_GETLK}};
+  const std::string folder = environment_ / "run/xpc/";
+  const bool tried = withRefused(refused, [&] {
+    // Told at once: nobody is waited for.
+    const auto life = takeLifeLock(folder_, kLockedService, 1h);
+    ASSERT_FALSE(life);
+    EXPECT_EQ(life.error().kind, LaunchError::Kind::System);
+    EXPECT_EQ(life.error().reason, "the lock file " + folder + kLifeLock + " cannot be locked: No locks available");
+    const auto launch = takeLaunchLock(folder_, kLockedService, 1h);
+    ASSERT_FALSE(launch);
+    EXPECT_EQ(launch.error().kind, LaunchError::Kind::System);
+    EXPECT_EQ(launch.error().reason, "the lock file " + folder + kLaunchLock + " cannot be locked: No locks available");
+    const auto held = openFile(kLifeLock).isHeld();
+    ASSERT_FALSE(held);
+    EXPECT_EQ(held.error(), ENOLCK);
+    EXPECT_FALSE(holderOfLifeLock(folder_, kLockedService).isAlive);
+  });
+  if (!tried) GTEST_SKIP() << "left out: a kernel that refuses locks, because this one takes no filter";
+}
+
 class LockWaiting : public ServiceLocks {
  protected:
   /// A wait for the launch lock that notes its end.
   std::unique_ptr<LockWait> makeWait(std::chrono::milliseconds limit) {
-    return std::make_unique<LockWait>(openFile(kLaunchLock), limit, [this](bool taken) {
-      EXPECT_FALSE(taken_) << "told twice";
-      taken_ = taken;
-      isFreeMeanwhile_ = openFile(kLaunchLock).tryLock() == LockFile::Attempt::Taken;
+    return std::make_unique<LockWait>(openFile(kLaunchLock), limit, [this](int error) {
+      EXPECT_FALSE(end_) << "told twice";
+      end_ = error;
+      isFreeMeanwhile_ = openFile(kLaunchLock).tryLock() == 0;
     });
   }
   /// What the end was, for which the loop is served.
-  std::optional<bool> waitForEnd() {
-    while (!taken_ && !RunLoop::current()->runFor(0.01)) {
+  std::optional<int> waitForEnd() {
+    while (!end_ && !RunLoop::current()->runFor(0.01)) {
     }
-    return taken_;
+    return end_;
   }
 
   LockFile other_ = openFile(kLaunchLock);
-  std::optional<bool> taken_;
+  std::optional<int> end_;
   bool isFreeMeanwhile_ = false;
 };
 
 TEST_F(LockWaiting, EndsAtOnceWhenNobodyHasTheLock) {
   const auto wait = makeWait(0ms);
   wait->begin(*RunLoop::current());
-  EXPECT_EQ(taken_, true);
+  EXPECT_EQ(end_, 0);
   EXPECT_FALSE(isFreeMeanwhile_) << "locked while its owner is told";
-  EXPECT_EQ(other_.tryLock(), LockFile::Attempt::Taken) << "and released afterwards";
+  EXPECT_EQ(other_.tryLock(), 0) << "and released afterwards";
 }
 
 TEST_F(LockWaiting, LetsTheLoopServeOthersUntilTheLockIsFree) {
-  ASSERT_EQ(other_.tryLock(), LockFile::Attempt::Taken);
+  ASSERT_EQ(other_.tryLock(), 0);
   const auto wait = makeWait(20s);
   wait->begin(*RunLoop::current());
-  EXPECT_EQ(taken_, std::nullopt);
+  EXPECT_EQ(end_, std::nullopt);
   // Nobody would come to this if the wait kept the thread.
   RunLoop::current()->perform([this] { other_.unlock(); });
-  EXPECT_EQ(waitForEnd(), true);
+  EXPECT_EQ(waitForEnd(), 0);
   EXPECT_FALSE(isFreeMeanwhile_);
-  EXPECT_EQ(other_.tryLock(), LockFile::Attempt::Taken);
+  EXPECT_EQ(other_.tryLock(), 0);
 }
 
 TEST_F(LockWaiting, IsGivenUpAfterItsLimit) {
-  ASSERT_EQ(other_.tryLock(), LockFile::Attempt::Taken);
+  ASSERT_EQ(other_.tryLock(), 0);
   const auto wait = makeWait(20ms);
   wait->begin(*RunLoop::current());
-  EXPECT_EQ(waitForEnd(), false);
+  EXPECT_EQ(waitForEnd(), LockFile::kHeldBySomebodyElse);
   RunLoop::current()->run();  // returns, since nothing is left to be tried
 }
 
+TEST_F(LockWaiting, EndsAtOnceWhenTheSystemRefusesTheLock) {
+  const auto wait = makeWait(1h);
+  const bool tried =
+      withRefused({{.number = SYS_fcntl, .error = ENOLCK, .secondArgument = F_OFD_SETLK}}, [&wait] { wait->begin(*RunLoop::current()); });
+  if (!tried) GTEST_SKIP() << "left out: a kernel that refuses locks, because this one takes no filter";
+  EXPECT_EQ(end_, ENOLCK);
+}
+
 TEST_F(LockWaiting, EndsWithItsOwner) {
-  ASSERT_EQ(other_.tryLock(), LockFile::Attempt::Taken);
+  ASSERT_EQ(other_.tryLock(), 0);
   auto wait = makeWait(60s);
   wait->begin(*RunLoop::current());
   wait = nullptr;
   other_.unlock();
   RunLoop::current()->run();  // returns, since nothing is left to be tried
-  EXPECT_EQ(taken_, std::nullopt);
+  EXPECT_EQ(end_, std::nullopt);
 }
 
 }  // namespace

@@ -40,7 +40,11 @@ class Mapping {
   ~Mapping() { munmap(place_, size_); }
   Mapping(const Mapping&) = delete;
   Mapping& operator=(const Mapping&) = delete;
-  [[nodiscard]] char* text() const { return static_cast<char*>(place_); }
+  [[nodiscard]] const char* text() const { return static_cast<const char*>(place_); }
+  /// Puts a text and its end there.
+  void write(const std::string& text, std::size_t at = 0) const {
+    std::memcpy(static_cast<char*>(place_) + at, text.c_str(), text.size() + 1);
+  }
 
  private:
   std::size_t size_;
@@ -104,7 +108,7 @@ TEST(SharedThings, MemoryIsTheSameAtBothEnds) {
   const auto peer = service.peer(0);
   FileHandle mine = memory(8192);
   const Mapping here(mine, 8192);
-  std::strcpy(here.text(), "from the client");
+  here.write("from the client");
   ASSERT_TRUE(sendBytes(socket, memoryFrame(8192), {mine.fileDescriptor()}));
   mine.closeFile();
   const Value message = messageOf(peer.events.at(0));
@@ -113,7 +117,7 @@ TEST(SharedThings, MemoryIsTheSameAtBothEnds) {
   EXPECT_NE(fcntl(arrived.handle->fileDescriptor(), F_GETFD) & FD_CLOEXEC, 0);
   const Mapping there(*arrived.handle, 8192);
   EXPECT_STREQ(there.text(), "from the client");
-  std::strcpy(there.text() + 4096, "from the service");
+  there.write("from the service", 4096);
   EXPECT_STREQ(here.text() + 4096, "from the service");
 }
 

@@ -19,7 +19,7 @@ namespace {
 constexpr int kItemsBetweenClocks = 64;
 constexpr std::int64_t kMillisecond = 1'000'000;
 /// The kernel's clock for stamps goes on by whole ticks: 10 ms at the slowest (CONFIG_HZ=100), and may lie as much behind a finer one.
-constexpr std::int64_t kTick = 10 * kMillisecond;
+constexpr std::int64_t kStampTick = 10 * kMillisecond;
 /// A stamp further ahead than this comes from a clock that was set back; no change of today leaves the same one.
 constexpr std::int64_t kAhead = 60'000 * kMillisecond;
 
@@ -36,7 +36,7 @@ std::int64_t stampClock() {
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-std::int64_t timeStepOf(const StampRules& rules) { return rules.timeStep + kTick; }
+std::int64_t timeStepOf(const StampRules& rules) { return rules.timeStep + kStampTick; }
 
 bool isRecent(const PolledItem& item, std::int64_t lookedAt, const StampRules& rules) {
   // Of a folder whose content changed last there is nothing to tell but what its mode and owner show.

@@ -158,12 +158,13 @@ std::optional<PolledRegion::Clock::time_point> PolledRegion::due() const {
   return due_;
 }
 
-void PolledRegion::hasten() {
+std::uint32_t PolledRegion::hasten() {
   if (phase_ == Phase::Resting) {
     due_ = Clock::now();
   } else {
     isHastened_ = true;
   }
+  return pass_ + 1;
 }
 
 std::optional<PolledRegion::Clock::time_point> PolledRegion::work(Host& host, Clock::duration slice) {

@@ -98,7 +98,11 @@ class PolledRegion {
   /// When `work` has something to do; nothing while the region is empty.
   [[nodiscard]] std::optional<Clock::time_point> due() const;
   /// A pass is due now that sees everything up to now, as when somebody asks for what has happened so far.
-  void hasten();
+  /// Returns its number, for `isOver`.
+  std::uint32_t hasten();
+  [[nodiscard]] bool isOver(std::uint32_t pass) const {
+    return folders_.empty() || pass_ > pass || (pass_ == pass && phase_ == Phase::Resting);
+  }
   /// Begins the pass that is due, or goes on with the one under way, for at most about `slice` (a large folder is sorted in one go: some
   /// 0.2 s for a million items). Empty the kernel's queues in between. Returns `due()`.
   std::optional<Clock::time_point> work(Host& host, Clock::duration slice);

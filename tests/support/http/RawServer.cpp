@@ -1,6 +1,7 @@
 #include "tests/support/http/RawServer.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -60,7 +61,7 @@ std::string RawConnection::readHead() {
   while ((end = gathered_.find("\r\n\r\n")) == std::string::npos) {
     if (!receiveMore()) return std::exchange(gathered_, {});
   }
-  const auto head = gathered_.substr(0, end + 4);
+  auto head = gathered_.substr(0, end + 4);
   gathered_.erase(0, end + 4);
   return head;
 }
@@ -98,7 +99,7 @@ void RawConnection::reset() {
   setsockopt(socket_.fileDescriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
   // Connecting a socket to nothing ends its connection at once; the descriptor stays, since the server's destructor may look at it.
   const sockaddr nothing{.sa_family = AF_UNSPEC, .sa_data = {}};
-  connect(socket_.fileDescriptor(), &nothing, sizeof nothing);
+  EXPECT_EQ(connect(socket_.fileDescriptor(), &nothing, sizeof nothing), 0);
 }
 
 void RawConnection::endSending() { shutdown(socket_.fileDescriptor(), SHUT_WR); }

@@ -34,7 +34,7 @@ const ServingThread& thread() {
 
 RunLoop& networkLoop() { return thread().loop(); }
 
-void onNetworkThread(std::function<void()> block) { thread().perform(std::move(block)); }
+void onNetworkThread(Block block) { thread().perform(std::move(block)); }
 
 void assertOnNetworkThread() { assert(thread().loop().isCurrent()); }
 

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <functional>
-
+#include "platform/concurrency/loop/Block.h"
 #include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Mutex.h"
 
@@ -11,8 +10,9 @@ namespace platform::network {
 
 /// The thread's run loop.
 RunLoop& networkLoop();
-/// Runs `block` on the thread; blocks run in the order given. An exception that leaves one is logged and ends there. Any thread.
-void onNetworkThread(std::function<void()> block);
+/// Runs `block` on the thread; blocks run in the order given, and are destroyed there. An exception that leaves one is logged and ends
+/// there. Any thread.
+void onNetworkThread(Block block);
 
 /// The right to touch what only the network thread touches.
 inline ThreadRole networkThread;

@@ -36,13 +36,14 @@ Result<Encoded, WireError> encodedStatus(const Channel::StatusSource& status) {
 
 }  // namespace
 
-std::shared_ptr<Channel> Channel::create(FileHandle socket, Side side, StatusSource status) {
-  return std::shared_ptr<Channel>(new Channel(std::move(socket), side, std::move(status)));
+std::shared_ptr<Channel> Channel::create(FileHandle socket, Side side, StatusSource status, double stallSeconds) {
+  return std::shared_ptr<Channel>(new Channel(std::move(socket), side, std::move(status), stallSeconds));
 }
 
-Channel::Channel(FileHandle socket, Side side, StatusSource status)
+Channel::Channel(FileHandle socket, Side side, StatusSource status, double stallSeconds)
     : side_(side),
       status_(std::move(status)),
+      stallSeconds_(stallSeconds),
       outgoing_(std::make_shared<SendQueue>(socket.fileDescriptor())),
       state_(socket.isOpen() ? State::Open : State::Draining),
       socket_(std::move(socket)) {
@@ -205,7 +206,7 @@ void Channel::updateStallTimer(bool newFrame) {
   const bool waiting = side_ == Side::Service && state_ == State::Open && reading_ && (!hadFrame_ || reader_.isInsideFrame());
   if (stallTimer_ && (newFrame || !waiting)) std::exchange(stallTimer_, nullptr)->invalidate();
   if (!waiting || stallTimer_) return;
-  stallTimer_ = RunLoopTimer::create(kStallSeconds, 0, weakly(this, &Channel::stalled));
+  stallTimer_ = RunLoopTimer::create(stallSeconds_, 0, weakly(this, &Channel::stalled));
   ioLoop().add(stallTimer_);
 }
 

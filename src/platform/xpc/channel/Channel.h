@@ -44,8 +44,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
   /// What a status request is answered with; what it throws ends the channel.
   using StatusSource = std::function<Value()>;
 
-  /// Without a source of the status a request for it breaks the rules.
-  static std::shared_ptr<Channel> create(FileHandle socket, Side side, StatusSource status = nullptr);
+  /// Without a source of the status a request for it breaks the rules. A client must finish the frame that it began within `stallSeconds`,
+  /// and begin its first one.
+  static std::shared_ptr<Channel> create(FileHandle socket, Side side, StatusSource status = nullptr, double stallSeconds = 30);
   ~Channel();
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
@@ -69,14 +70,12 @@ class Channel : public std::enable_shared_from_this<Channel> {
   /// User and group from the start, all of it from the other side's first bytes on.
   [[nodiscard]] const Credentials& credentials() const REQUIRES(kIOThread) { return credentials_; }
 
-  /// A client must finish the frame that it began within this time, and begin its first one.
-  static constexpr double kStallSeconds = 30;
   /// Who asks for the status again while this much waits for it to be read is cut off.
   static constexpr std::size_t kMaximumQueuedStatusBytes = std::size_t{256} << 10U;
 
  private:
   enum class State { Open, Draining, Ended };
-  Channel(FileHandle socket, Side side, StatusSource status);
+  Channel(FileHandle socket, Side side, StatusSource status, double stallSeconds);
   // Called by the I/O thread's loop, and asserting that.
   void ready(unsigned events);
   void readScheduled();
@@ -98,6 +97,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
   const Side side_;
   const StatusSource status_;
+  const double stallSeconds_;
   const std::shared_ptr<SendQueue> outgoing_;
 
   State state_ GUARDED_BY(kIOThread);

@@ -18,7 +18,7 @@ const ServingThread& thread() {
 
 RunLoop& ioLoop() { return thread().loop(); }
 
-void onIOThread(std::function<void()> block) { thread().perform(std::move(block)); }
+void onIOThread(Block block) { thread().perform(std::move(block)); }
 
 bool isIOThread() { return ioLoop().isCurrent(); }
 

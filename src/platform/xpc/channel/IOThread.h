@@ -1,7 +1,6 @@
 #pragma once
 
-#include <functional>
-
+#include "platform/concurrency/loop/Block.h"
 #include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/Mutex.h"
 
@@ -13,8 +12,9 @@ inline const ThreadRole kIOThread{};
 
 /// The thread's run loop.
 RunLoop& ioLoop();
-/// Runs `block` on the thread; blocks run in the order given. An exception that leaves one is logged and ends there. Any thread.
-void onIOThread(std::function<void()> block);
+/// Runs `block` on the thread; blocks run in the order given, and are destroyed there. An exception that leaves one is logged and ends
+/// there. Any thread.
+void onIOThread(Block block);
 /// Whether the caller is that thread.
 [[nodiscard]] bool isIOThread();
 /// The first line of what the thread's loop calls, where the compiler cannot see on which thread that is.

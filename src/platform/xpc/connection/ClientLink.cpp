@@ -94,7 +94,7 @@ void ClientLink::open() {
         return connectToService(name);
       },
       [connected = weakly(&core_, [this](Connection::Core&, Outcome& socket) { opened(std::move(socket)); })](Outcome socket) {
-        onIOThread([connected, shared = std::make_shared<Outcome>(std::move(socket))] { connected(*shared); });
+        onIOThread([connected, socket = std::move(socket)]() mutable { connected(socket); });
       });
 }
 

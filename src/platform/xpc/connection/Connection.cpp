@@ -17,9 +17,9 @@ std::shared_ptr<Connection> Connection::create(std::string serviceName) {
 std::shared_ptr<Connection> Connection::createWithSocket(FileHandle socket) {
   const auto core = std::make_shared<Core>(std::nullopt);
   auto connection = Core::makeConnection(core);
-  onIOThread([core, handle = std::make_shared<FileHandle>(std::move(socket))] {
+  onIOThread([core, handle = std::move(socket)]() mutable {
     assertOnIOThread();
-    core->link().connected(Channel::create(std::move(*handle), Channel::Side::Service, statusAnswer));
+    core->link().connected(Channel::create(std::move(handle), Channel::Side::Service, statusAnswer));
     core->link().startReading();
   });
   return connection;

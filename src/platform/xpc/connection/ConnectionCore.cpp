@@ -86,9 +86,9 @@ void Connection::Core::sendBarrier(std::function<void()> block) {
 void Connection::Core::post(Outgoing outgoing) {
   const MutexLock lock(sendMutex_);
   ++posted_;
-  onIOThread([self = shared_from_this(), shared = std::make_shared<Outgoing>(std::move(outgoing))] {
+  onIOThread([self = shared_from_this(), outgoing = std::move(outgoing)]() mutable {
     assertOnIOThread();
-    self->link_->send(std::move(*shared));
+    self->link_->send(std::move(outgoing));
     const MutexLock arrived(self->sendMutex_);
     --self->posted_;
   });

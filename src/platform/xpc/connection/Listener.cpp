@@ -8,8 +8,8 @@
 
 namespace platform::xpc {
 
-std::shared_ptr<Listener> Listener::create(FileHandle socket, ConnectionFunction function, std::size_t maximumConnections) {
-  return std::shared_ptr<Listener>(new Listener(std::make_shared<Core>(std::move(socket), std::move(function), maximumConnections)));
+std::shared_ptr<Listener> Listener::create(FileHandle socket, ConnectionFunction function, ListenerLimits limits) {
+  return std::shared_ptr<Listener>(new Listener(std::make_shared<Core>(std::move(socket), std::move(function), limits)));
 }
 
 Listener::Listener(std::shared_ptr<Core> core) : core_(std::move(core)) {}

@@ -11,6 +11,14 @@
 
 namespace platform::xpc {
 
+/// What one listener takes.
+struct ListenerLimits {
+  /// Sockets that are open at once; more wait in the kernel's backlog until one closes.
+  std::size_t connections = 1024;
+  /// The time in which a client must begin its first frame, and finish each that it has begun; else its connection is closed.
+  double stallSeconds = 30;
+};
+
 /// Accepts peers on a listening stream socket.
 ///
 /// A client that only asks for the status is answered and never seen. Any other becomes a peer with its first frame: the connection
@@ -18,19 +26,17 @@ namespace platform::xpc {
 /// only after that function has returned. It sets the handler and resumes the connection; a connection that it neither keeps nor resumes is
 /// closed.
 ///
-/// At most `kMaximumConnections` sockets are open at once for a listener; more wait in the kernel's backlog until one closes. The same when
-/// the process has no descriptor left. Both are said in the log.
+/// When its limit of connections is reached, or the process has no descriptor left, it accepts no more until a socket closes, and says so
+/// in the log.
 ///
 /// Ownership: shared; destroying it stops accepting and leaves existing peers alone.
 /// Threads: any thread may call anything.
 class Listener {
  public:
   using ConnectionFunction = std::function<void(const std::shared_ptr<Connection>&)>;
-  static constexpr std::size_t kMaximumConnections = 1024;
 
   /// `socket` listens already.
-  static std::shared_ptr<Listener> create(FileHandle socket, ConnectionFunction function,
-                                          std::size_t maximumConnections = kMaximumConnections);
+  static std::shared_ptr<Listener> create(FileHandle socket, ConnectionFunction function, ListenerLimits limits = {});
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;

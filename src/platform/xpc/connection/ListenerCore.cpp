@@ -38,7 +38,7 @@ class Introduction {
       : function_(std::move(function)),
         core_(std::move(core)),
         connection_(Connection::Core::makeConnection(core_)),
-        first_(std::make_shared<Frame>(std::move(first))) {}
+        first_(std::move(first)) {}
 
   void operator()() {
     const bool accepted =
@@ -46,9 +46,9 @@ class Introduction {
     if (!accepted) connection_->cancel();
     // If nobody kept it this is its end, and it is over before the block below runs.
     connection_ = nullptr;
-    onIOThread([core = core_, first = first_] {
+    onIOThread([core = core_, first = std::move(first_)]() mutable {
       assertOnIOThread();
-      core->link().received(std::move(*first));
+      core->link().received(std::move(first));
       core->link().startReading();
     });
   }
@@ -57,16 +57,13 @@ class Introduction {
   Listener::ConnectionFunction function_;
   std::shared_ptr<Connection::Core> core_;
   std::shared_ptr<Connection> connection_;
-  std::shared_ptr<Frame> first_;
+  Frame first_;
 };
 
 }  // namespace
 
-Listener::Core::Core(FileHandle socket, ConnectionFunction function, std::size_t maximumConnections)
-    : function_(std::move(function)),
-      maximumConnections_(maximumConnections),
-      queue_(SerialQueue::create("xpc.listener")),
-      socket_(std::move(socket)) {
+Listener::Core::Core(FileHandle socket, ConnectionFunction function, ListenerLimits limits)
+    : function_(std::move(function)), limits_(limits), queue_(SerialQueue::create("xpc.listener")), socket_(std::move(socket)) {
   // Set on the socket itself, which a launcher may share; every user of a listening socket in an event loop wants the same.
   fcntl(socket_.fileDescriptor(), F_SETFL, fcntl(socket_.fileDescriptor(), F_GETFL) | O_NONBLOCK);
 }
@@ -93,7 +90,7 @@ void Listener::Core::continueAccepting() {
 void Listener::Core::acceptSome() {
   assertOnIOThread();
   for (int i = 0; i < kAcceptsPerTurn; ++i) {
-    if (openSockets_ >= maximumConnections_) {
+    if (openSockets_ >= limits_.connections) {
       return pause("there are " + std::to_string(openSockets_) + " connections, the most there may be; further ones wait");
     }
     const int error = acceptOne();
@@ -131,7 +128,7 @@ void Listener::Core::retryLater() {
 void Listener::Core::admit(FileHandle socket) {
   ++accepted_;
   ++openSockets_;
-  const auto channel = Channel::create(std::move(socket), Channel::Side::Service, statusAnswer);
+  const auto channel = Channel::create(std::move(socket), Channel::Side::Service, statusAnswer, limits_.stallSeconds);
   callers_.emplace(channel.get(), channel);
   const auto* key = channel.get();
   channel->setClosedHandler(weakly(this, [key](Core& self) { self.socketClosed(key); }));
@@ -155,7 +152,7 @@ void Listener::Core::becomePeer(const std::shared_ptr<Channel>& channel, Frame f
   peers_.emplace(channel.get(), core);
   ++peerCount_;
   core->link().connected(channel);
-  queue_->async([introduction = std::make_shared<Introduction>(function_, core, std::move(first))] { (*introduction)(); });
+  queue_->async(Introduction(function_, core, std::move(first)));
 }
 
 void Listener::Core::socketClosed(const Channel* channel) {
@@ -163,7 +160,7 @@ void Listener::Core::socketClosed(const Channel* channel) {
   --openSockets_;
   callers_.erase(channel);
   if (peers_.erase(channel) > 0) --peerCount_;
-  if (!item_ && openSockets_ < maximumConnections_) continueAccepting();
+  if (!item_ && openSockets_ < limits_.connections) continueAccepting();
 }
 
 void Listener::Core::terminate(const std::string& reason, std::function<void()> done) {

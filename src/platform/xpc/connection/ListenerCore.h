@@ -19,7 +19,7 @@ namespace platform::xpc {
 /// Made and asked for its statistics on any thread; the rest REQUIRES the I/O thread.
 class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
  public:
-  Core(FileHandle socket, ConnectionFunction function, std::size_t maximumConnections);
+  Core(FileHandle socket, ConnectionFunction function, ListenerLimits limits);
 
   void start() REQUIRES(kIOThread);
   void stop() REQUIRES(kIOThread);
@@ -41,7 +41,7 @@ class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
   void becomePeer(const std::shared_ptr<Channel>& channel, Frame first) REQUIRES(kIOThread);
 
   const ConnectionFunction function_;
-  const std::size_t maximumConnections_;
+  const ListenerLimits limits_;
   const std::shared_ptr<SerialQueue> queue_;
 
   FileHandle socket_ GUARDED_BY(kIOThread);

@@ -31,22 +31,23 @@ LockFile::~LockFile() {
   if (handle_.isOpen()) unlock();
 }
 
-LockFile::Attempt LockFile::tryLock() {
+// Of the two errors that POSIX has for a lock that is held, Linux has EAGAIN only; EACCES comes from a security module.
+int LockFile::tryLock() {
   auto whole = wholeFile(F_WRLCK);
-  if (fcntl(handle_.fileDescriptor(), F_OFD_SETLK, &whole) == 0) {
-    locked_ = true;
-    return Attempt::Taken;
-  }
-  return errno == EAGAIN || errno == EACCES || errno == EINTR ? Attempt::HeldBySomebodyElse : Attempt::Failed;
+  int result = 0;
+  do {
+    result = fcntl(handle_.fileDescriptor(), F_OFD_SETLK, &whole);
+  } while (result != 0 && errno == EINTR);
+  locked_ = locked_ || result == 0;
+  return result == 0 ? 0 : errno;
 }
 
 // Tried again and again rather than waited for: the kernel's waiting has no time limit.
-bool LockFile::lock(std::chrono::milliseconds limit) {
+int LockFile::lock(std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {
-    const Attempt attempt = tryLock();
-    if (attempt != Attempt::HeldBySomebodyElse) return attempt == Attempt::Taken;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
+    const int error = tryLock();
+    if (error != kHeldBySomebodyElse || std::chrono::steady_clock::now() >= deadline) return error;
     std::this_thread::sleep_for(kLockRetry);
   }
 }
@@ -58,9 +59,10 @@ void LockFile::unlock() {
   fcntl(handle_.fileDescriptor(), F_OFD_SETLK, &whole);
 }
 
-bool LockFile::isHeld() const {
+Result<bool, int> LockFile::isHeld() const {
   auto whole = wholeFile(F_WRLCK);
-  return fcntl(handle_.fileDescriptor(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+  if (fcntl(handle_.fileDescriptor(), F_OFD_GETLK, &whole) != 0) return errno;
+  return whole.l_type != F_UNLCK;
 }
 
 std::string LockFile::text() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -23,14 +24,15 @@ class LockFile {
   LockFile& operator=(const LockFile&) = delete;
   ~LockFile();
 
-  enum class Attempt { Taken, HeldBySomebodyElse, Failed };
+  /// What an attempt returns when somebody else holds the lock. 0 when it was had, and any other errno value when the system refused it.
+  static constexpr int kHeldBySomebodyElse = EAGAIN;
   /// Tries once, without waiting.
-  [[nodiscard]] Attempt tryLock();
-  /// Whether the lock was had within `limit`, for which the caller waits.
-  [[nodiscard]] bool lock(std::chrono::milliseconds limit);
+  [[nodiscard]] int tryLock();
+  /// Tries until `limit` has passed, for which the caller waits.
+  [[nodiscard]] int lock(std::chrono::milliseconds limit);
   void unlock();
-  /// Whether somebody else holds it.
-  [[nodiscard]] bool isHeld() const;
+  /// Whether somebody else holds it; an errno value when the system does not say.
+  [[nodiscard]] Result<bool, int> isHeld() const;
 
   /// The file's short text.
   [[nodiscard]] std::string text() const;

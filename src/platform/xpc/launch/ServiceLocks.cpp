@@ -7,6 +7,7 @@
 
 #include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/log/Log.h"
 
 namespace platform::xpc {
 
@@ -41,14 +42,21 @@ int processOfMark(const std::string& mark) {
   return pid;
 }
 
+LaunchError cannot(const std::string& what, const std::string& path, int error) {
+  return LaunchError{"the lock file " + path + " cannot be " + what + ": " + errnoText(error)};
+}
+
 }  // namespace
 
 Result<LockFile, LaunchError> takeLifeLock(const ServiceFolder& folder, const std::string& name, std::chrono::milliseconds limit) {
+  const std::string path = folder.path() + "/" + lifeLockName(name);
   auto lock = LockFile::open(folder.descriptor(), lifeLockName(name), true);
-  if (!lock) return LaunchError{"the lock file of " + name + " in " + folder.path() + " cannot be opened"};
-  if (!lock->lock(limit)) {
+  if (!lock) return cannot("opened", path, lock.error());
+  if (const int error = lock->lock(limit); error == LockFile::kHeldBySomebodyElse) {
     return LaunchError{"process " + std::to_string(processOfMark(lock->text())) + " is the service " + name + " already",
                        LaunchError::Kind::AlreadyServed};
+  } else if (error != 0) {
+    return cannot("locked", path, error);
   }
   lock->setText(ownMark());
   return std::move(*lock);
@@ -56,23 +64,30 @@ Result<LockFile, LaunchError> takeLifeLock(const ServiceFolder& folder, const st
 
 RunningService holderOfLifeLock(const ServiceFolder& folder, const std::string& name) {
   const auto lock = LockFile::open(folder.descriptor(), lifeLockName(name), false);
-  if (!lock || !lock->isHeld()) return {};
+  if (!lock) return {};
+  const auto held = lock->isHeld();
+  // Then starting it fails too, and says so to whoever wants that.
+  if (!held) NSLog("xpc: " + cannot("looked at", folder.path() + "/" + lifeLockName(name), held.error()).reason);
+  if (!held || !*held) return {};
   return {.isAlive = true, .processIdentifier = processOfMark(lock->text())};
 }
 
 Result<LockFile, LaunchError> openLaunchLock(const ServiceFolder& folder, const std::string& name) {
   auto lock = LockFile::open(folder.descriptor(), launchLockName(name), true);
   if (lock) return std::move(*lock);
-  return LaunchError{"the lock file " + folder.path() + "/" + launchLockName(name) + " cannot be opened: " + errnoText(lock.error())};
+  return cannot("opened", folder.path() + "/" + launchLockName(name), lock.error());
 }
 
 Result<LockFile, LaunchError> takeLaunchLock(const ServiceFolder& folder, const std::string& name, std::chrono::milliseconds limit) {
   auto lock = openLaunchLock(folder, name);
-  if (lock && !lock->lock(limit)) {
-    return LaunchError{
-        "somebody else has held the lock file " + folder.path() + "/" + launchLockName(name) + " for too long; find out with lslocks(8)",
-        LaunchError::Kind::Locked};
+  if (!lock) return lock;
+  const std::string path = folder.path() + "/" + launchLockName(name);
+  const int error = lock->lock(limit);
+  if (error == LockFile::kHeldBySomebodyElse) {
+    return LaunchError{"somebody else has held the lock file " + path + " for too long; find out with lslocks(8)",
+                       LaunchError::Kind::Locked};
   }
+  if (error != 0) return cannot("locked", path, error);
   return lock;
 }
 

@@ -4,7 +4,7 @@
 
 namespace platform::xpc {
 
-LockWait::LockWait(LockFile lock, std::chrono::milliseconds limit, std::function<void(bool taken)> done)
+LockWait::LockWait(LockFile lock, std::chrono::milliseconds limit, std::function<void(int error)> done)
     : lock_(std::move(lock)), deadline_(std::chrono::steady_clock::now() + limit), done_(std::move(done)) {}
 
 LockWait::~LockWait() {
@@ -19,10 +19,10 @@ void LockWait::begin(RunLoop& loop) {
 }
 
 bool LockWait::attempt() {
-  const auto result = lock_.tryLock();
-  if (result == LockFile::Attempt::HeldBySomebodyElse && std::chrono::steady_clock::now() < deadline_) return false;
+  const int error = lock_.tryLock();
+  if (error == LockFile::kHeldBySomebodyElse && std::chrono::steady_clock::now() < deadline_) return false;
   if (retry_) retry_->invalidate();
-  done_(result == LockFile::Attempt::Taken);
+  done_(error);
   lock_.unlock();
   return true;
 }

@@ -15,16 +15,15 @@ namespace platform::xpc {
 /// Threads: the loop's, all of it.
 class LockWait {
  public:
-  /// `done` is called once, on the loop's thread: with true when the lock was had, which is released when `done` has returned; with false
-  /// when somebody else held it all the time, or when it cannot be taken at all.
-  LockWait(LockFile lock, std::chrono::milliseconds limit, std::function<void(bool taken)> done);
+  /// `done` is called once, on the loop's thread, with what LockFile::lock returns. When the lock was had it is released after that.
+  LockWait(LockFile lock, std::chrono::milliseconds limit, std::function<void(int error)> done);
   ~LockWait();
   LockWait(const LockWait&) = delete;
   LockWait& operator=(const LockWait&) = delete;
 
   /// Once. Calls `done` before it returns when nobody holds the lock.
   void begin(RunLoop& loop);
-  /// The file; locked while `done` runs with true.
+  /// The file; locked while `done` runs with 0.
   [[nodiscard]] const LockFile& file() const { return lock_; }
 
  private:
@@ -33,7 +32,7 @@ class LockWait {
 
   LockFile lock_;
   const std::chrono::steady_clock::time_point deadline_;
-  const std::function<void(bool taken)> done_;
+  const std::function<void(int error)> done_;
   std::shared_ptr<RunLoopItem> retry_;
 };
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/channel/IOThread.h"
 #include "platform/xpc/launch/LaunchRecord.h"
@@ -18,6 +19,9 @@ namespace {
 constexpr std::chrono::seconds kLaunchLockLimit{1};
 /// How long handlers may take over the news that the process is about to end.
 constexpr double kHandlerSeconds = 2;
+
+/// Whoever starts the service next takes it away.
+void sayThatTheSocketStays(const std::string& why) { NSLog("xpc: the service leaves its socket behind: " + why); }
 
 [[noreturn]] void endProcess() {
   NSLog("xpc: the service ends");
@@ -35,9 +39,16 @@ void Termination::begin() {
   if (std::exchange(begun_, true)) return;
   NSLog("xpc: the service was told to end");
   auto lock = openLaunchLock(folder_, name_);
-  if (!lock) return tellPeers();
-  launchLock_.emplace(std::move(*lock), kLaunchLockLimit, [this](bool taken) {
-    if (taken) removeServiceSocket(folder_, launchLock_->file(), name_);
+  if (!lock) {
+    sayThatTheSocketStays(lock.error().reason);
+    return tellPeers();
+  }
+  launchLock_.emplace(std::move(*lock), kLaunchLockLimit, [this](int error) {
+    if (error == 0) {
+      removeServiceSocket(folder_, launchLock_->file(), name_);
+    } else {
+      sayThatTheSocketStays(error == LockFile::kHeldBySomebodyElse ? "somebody else holds the launch lock" : errnoText(error));
+    }
     tellPeers();
   });
   launchLock_->begin(ioLoop());
