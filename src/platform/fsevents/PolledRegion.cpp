@@ -91,6 +91,15 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
   return true;
 }
 
+void PolledRegion::listed(NodeId folder, std::string_view name, FSEventStreamEventFlags kind) {
+  const FolderPointer known = find(folder);
+  if (!known || !known->find(name).isAbsent) return;
+  const bool isFolder = (kind & kFSEventStreamEventFlagItemIsDir) != 0;
+  const bool isLink = (kind & kFSEventStreamEventFlagItemIsSymlink) != 0;
+  const PolledItem item = namedItem(0, isFolder ? DT_DIR : isLink ? DT_LNK : DT_REG);
+  known->told.insert_or_assign(std::string(name), item);
+}
+
 void PolledRegion::remove(NodeId folder) {
   const auto known = folders_.find(folder);
   if (known == folders_.end()) return;

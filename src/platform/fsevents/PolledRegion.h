@@ -80,6 +80,9 @@ class PolledRegion {
   /// Takes the open folder in. What is in it now is what later changes are told against, so whoever wants to tell of its content lists it
   /// after this. False and errno when it could not be listed; then it is not in the region. A folder that is in it already begins anew.
   bool add(NodeId folder, int descriptor, Why why);
+  /// Whoever lists a folder after `add` and follows or tells of what it finds says so of each name: what has come since the baseline, and is
+  /// gone again before the first look, is told as removed.
+  void listed(NodeId folder, std::string_view name, FSEventStreamEventFlags kind);
   /// Forgets the folder; nothing of it is told any more. Nothing when it is not in the region.
   void remove(NodeId folder);
   /// The folder was removed with all that it held: tells each item known in it as removed, and knows it empty from then on.
