@@ -29,7 +29,8 @@ struct PolledItem;
 /// What can be told is the difference of two looks: of what came and went between them nothing, of several changes of one item their sum.
 /// A folder whose attributes changed before something was put into it, both between two looks, is told by mode and owner only.
 ///
-/// Memory: see FolderTable. Threads: owned and used by one thread, its tree's.
+/// Memory: 35 bytes an item and its name, and about 250 a folder; measured with names of 14 bytes: 61 an item in folders of a thousand, 77 in
+/// folders of ten. Threads: owned and used by one thread, its tree's.
 class PolledRegion {
  public:
   using Clock = std::chrono::steady_clock;
