@@ -27,6 +27,10 @@ struct PolledFolder {
 
   const NodeId node;
   const PolledRegion::Why why;
+  /// The folder itself.
+  PolledItem self;
+  /// Another was found in its place at the last look.
+  bool wasDisplaced = false;
   /// Never changed while PolledChanges speaks of it.
   std::shared_ptr<FolderTable> table = std::make_shared<FolderTable>();
   /// What the kernel told since the table was made, by name; goes before the table.
@@ -73,8 +77,11 @@ struct PolledComparison {
     std::int64_t formerBegan = 0;
     bool isEarly = false;
   };
-  /// Compares and makes the new look what is known. False and EOVERFLOW where the folder is beyond all bounds; then nothing has changed.
-  bool take(PolledFolder& folder, FolderListing& listing, Judgement judgement);
+  /// False and EOVERFLOW where the folder is beyond all bounds.
+  bool compare(PolledFolder& folder, FolderListing& listing, Judgement judgement);
+  /// Makes the new look what is known.
+  void take(PolledFolder& folder, FolderListing& listing);
+  [[nodiscard]] bool hasDifferences() const { return !changed.empty() || !replaced.empty(); }
 
  private:
   void compareItem(FolderTable& table, const PolledItem& before, std::size_t at, const Judgement& judgement);
