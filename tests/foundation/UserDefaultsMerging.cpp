@@ -11,6 +11,7 @@
 
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -14,6 +14,7 @@
 #include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/StatusRegistry.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/fsevents/EventClock.h"
 #include "platform/fsevents/StreamEngine.h"
 
