@@ -8,7 +8,7 @@ namespace platform::xpc {
 
 /// What makes a process the service of a name. `main` calls `begin` before anything else and before it has a second thread. It is the
 /// process itself, so there is one for as long as that lives and no object of it. Its parts have files of their own: SocketActivation,
-/// ServiceLog, ServiceLocks, EndingSignals, StatusSections, Termination.
+/// ServiceLog, ServiceLocks, StatusSections, Termination.
 /// Threads: `begin` and `serve` on the main thread.
 class ServiceProcess {
  public:
