@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <iterator>
+#include <utility>
 
 #include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/text/UTF8.h"
@@ -76,6 +76,25 @@ void appendNumber(std::string& out, std::uint64_t number) {
   out.append(digits.data(), digits.size());
 }
 
+/// "path": "...", or "path_hex": "..." where the bytes are not UTF-8.
+void appendJsonPath(std::string& out, std::string_view path) {
+  const std::size_t before = out.size();
+  out += "\"path\": ";
+  if (appendJsonString(out, path)) return;
+  out.resize(before);
+  out += "\"path_hex\": \"";
+  for (const char c : path) appendHexadecimal(out, static_cast<unsigned char>(c));
+  out += '"';
+}
+
+/// For texts that are meant to be UTF-8: one that is not still makes valid JSON.
+void appendJsonText(std::string& out, std::string_view text) {
+  if (appendJsonString(out, text)) return;
+  std::string readable;
+  appendReadable(readable, text);
+  appendJsonString(out, readable);
+}
+
 }  // namespace
 
 bool appendJsonString(std::string& out, std::string_view text) {
@@ -134,15 +153,32 @@ void EventLineWriter::append(std::string& text, const platform::FSEvent& event) 
   appendNumber(text, event.flags);
   text += ", \"names\": [";
   text += names(event.flags);
-  const std::size_t beforePath = text.size();
-  text += "], \"path\": ";
-  if (!appendJsonString(text, event.path)) {
-    text.resize(beforePath);
-    text += "], \"path_hex\": \"";
-    for (const char c : event.path) appendHexadecimal(text, static_cast<unsigned char>(c));
-    text += '"';
-  }
+  text += "], ";
+  appendJsonPath(text, event.path);
   text += "}\n";
+}
+
+void EventLineWriter::append(std::string& text, const platform::fsevents::LossNotice& notice) const {
+  if (!json_) {
+    text += notice.begins ? "lost " : "recovered ";
+    appendReadable(text, notice.path);
+    for (const auto& [before, part] : {std::pair<std::string_view, std::string_view>(": ", notice.reason), {"; ", notice.remedy}}) {
+      if (!notice.begins || part.empty()) continue;
+      text += before;
+      appendReadable(text, part);
+    }
+    text += '\n';
+    return;
+  }
+  text += notice.begins ? "{\"loss\": {" : "{\"recovered\": {";
+  appendJsonPath(text, notice.path);
+  if (notice.begins) {
+    text += ", \"reason\": ";
+    appendJsonText(text, notice.reason);
+    text += ", \"remedy\": ";
+    appendJsonText(text, notice.remedy);
+  }
+  text += "}}\n";
 }
 
 }  // namespace kestrine

@@ -5,11 +5,12 @@
 #include <unordered_map>
 
 #include "platform/fsevents/FSEventStreamTypes.h"
+#include "platform/fsevents/LossNotices.h"
 
 namespace kestrine {
 
-/// Writes events as lines of text, for `kestrine events`. Written by hand and without an allocation per event, since a burst brings
-/// hundreds of thousands of them.
+/// Writes events, and what is lost and found again, as lines of text, for `kestrine events`. Written by hand and without an allocation per
+/// event, since a burst brings hundreds of thousands of them.
 /// Threads: one at a time.
 class EventLineWriter {
  public:
@@ -19,6 +20,9 @@ class EventLineWriter {
   /// a byte) instead of "path" where the bytes are not UTF-8. Text: identifier, names joined by commas ("-" for none) and the path with
   /// control characters, '\' and bytes that are not UTF-8 as escapes.
   void append(std::string& text, const platform::FSEvent& event);
+  /// The same for a notice. JSON: {"loss": {"path": "/a", "reason": "...", "remedy": "..."}} when a loss begins and {"recovered": {"path":
+  /// "/a"}} when it is over, with "path_hex" as above. Text: "lost /a: reason; remedy" and "recovered /a".
+  void append(std::string& text, const platform::fsevents::LossNotice& notice) const;
 
  private:
   const std::string& names(platform::FSEventStreamEventFlags flags);

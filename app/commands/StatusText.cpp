@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iterator>
 #include <string_view>
+#include <vector>
 
 #include "app/cli/TimeText.h"
 #include "platform/foundation/text/UTF8.h"
@@ -37,23 +38,73 @@ class Lines {
   std::string text_;
 };
 
-void addLosses(Lines& lines, const Object& losses) {
-  if (!losses.isArray() || losses.count() == 0) return lines.add("  losses", "none");
-  for (const Object& loss : losses.arrayValue()) {
-    if (!loss.isDictionary()) continue;
-    lines.add("  losses", fmt::format("{} times: {} ('{}')", loss.objectForKey("count").description(),
-                                      loss.objectForKey("reason").description(), loss.objectForKey("path").description()));
+/// The dictionaries of a list; what is none is left out.
+platform::Array dictionariesOf(const Object& list) {
+  platform::Array found;
+  if (!list.isArray()) return found;
+  std::ranges::copy_if(list.arrayValue(), std::back_inserter(found), &Object::isDictionary);
+  return found;
+}
+
+std::string textOf(const Object& dictionary, std::string_view key) { return dictionary.objectForKey(key).description(); }
+
+bool lasts(const Object& loss) {
+  const Object lasting = loss.objectForKey("lasting");
+  return lasting.isNumber() && lasting.boolValue();
+}
+
+/// What is lost for one reason.
+struct LostPlaces {
+  std::string reason;
+  std::vector<std::string> paths;
+};
+
+void addLosses(Lines& lines, const Object& stream) {
+  constexpr std::size_t kNamed = 8;
+  std::vector<LostPlaces> now;
+  const platform::Array losses = dictionariesOf(stream.objectForKey("losses"));
+  for (const Object& loss : losses) {
+    const std::string remedy = loss.objectForKey("remedy").isString() ? textOf(loss, "remedy") : std::string();
+    const std::string reason = textOf(loss, "reason") + (remedy.empty() ? "" : "; " + remedy);
+    if (!lasts(loss)) {
+      lines.add("  losses", fmt::format("{} times: {} ('{}')", textOf(loss, "count"), reason, textOf(loss, "path")));
+      continue;
+    }
+    auto known = std::ranges::find(now, reason, &LostPlaces::reason);
+    if (known == now.end()) known = now.insert(now.end(), LostPlaces{reason, {}});
+    known->paths.push_back("'" + textOf(loss, "path") + "'");
+  }
+  if (losses.empty()) lines.add("  losses", "none");
+  for (LostPlaces& places : now) {
+    const std::size_t more = places.paths.size() - std::min(places.paths.size(), kNamed);
+    places.paths.resize(places.paths.size() - more);
+    lines.add("  lost now",
+              fmt::format("{}{}: {}", fmt::join(places.paths, ", "), more > 0 ? fmt::format(" and {} more", more) : "", places.reason));
+  }
+  const Object notShown = stream.objectForKey("lossesNotShown");
+  if (notShown.isNumber()) lines.add("  lost now", fmt::format("{} more places", notShown.description()));
+}
+
+void addRegions(Lines& lines, const Object& stream) {
+  for (const Object& region : dictionariesOf(stream.objectForKey("regions"))) {
+    const Object interval = region.objectForKey("interval");
+    lines.add("  polled", fmt::format("'{}': {} folders every {:.1f} s: {}", textOf(region, "path"), textOf(region, "folders"),
+                                      interval.isNumber() ? interval.doubleValue() : 0.0, textOf(region, "reason")));
   }
 }
 
 void addStream(Lines& lines, const Object& stream) {
   lines.addWhereSet("  source", stream.objectForKey("source"));
+  const platform::Array trees = dictionariesOf(stream.objectForKey("trees"));
+  if (trees.size() > 1) {
+    for (const Object& tree : trees) lines.add("  served", fmt::format("'{}' by {}", textOf(tree, "path"), textOf(tree, "source")));
+  }
   lines.addWhereSet("  folders marked", stream.objectForKey("foldersMarked"));
+  addRegions(lines, stream);
+  lines.addWhereSet("  polled above", stream.objectForKey("polled"));
   lines.add("  events", fmt::format("{} in {} deliveries", stream.objectForKey("eventsDelivered").longLongValue(),
                                     stream.objectForKey("deliveries").longLongValue()));
-  addLosses(lines, stream.objectForKey("losses"));
-  lines.addWhereSet("  unreadable", stream.objectForKey("unreadable"));
-  lines.addWhereSet("  polled", stream.objectForKey("polled"));
+  addLosses(lines, stream);
   lines.addWhereSet("  error", stream.objectForKey("error"));
 }
 

@@ -50,6 +50,39 @@ TEST(EventLine, HoldsIdentifierFlagsNamesAndPath) {
   }
 }
 
+struct NoticeLine {
+  platform::fsevents::LossNotice notice;
+  std::string json;
+  std::string text;
+};
+
+const NoticeLine kNoticeLines[] = {
+    {{true, "/a", "no permission", "chmod it"},
+     R"({"loss": {"path": "/a", "reason": "no permission", "remedy": "chmod it"}})",
+     "lost /a: no permission; chmod it"},
+    {{true, "/a", "it does not answer", ""},
+     R"({"loss": {"path": "/a", "reason": "it does not answer", "remedy": ""}})",
+     "lost /a: it does not answer"},
+    {{false, "/a", "no permission", "chmod it"}, R"({"recovered": {"path": "/a"}})", "recovered /a"},
+    {{true, "/a\xff\n", "r\xff", "\"\n"},
+     R"({"loss": {"path_hex": "2f61ff0a", "reason": "r\\xff", "remedy": "\"\n"}})",
+     R"(lost /a\xff\x0a: r\xff; "\x0a)"},
+    {{false, "/a\xff", "", ""}, R"({"recovered": {"path_hex": "2f61ff"}})", R"(recovered /a\xff)"},
+};
+
+TEST(EventLine, SaysWhatIsLostWhyAndWhatHelpsAndWhenItIsOver) {
+  const EventLineWriter json(true);
+  const EventLineWriter text(false);
+  for (const NoticeLine& line : kNoticeLines) {
+    std::string out = "before\n";
+    json.append(out, line.notice);
+    EXPECT_EQ(out, "before\n" + line.json + "\n");
+    out.clear();
+    text.append(out, line.notice);
+    EXPECT_EQ(out, line.text + "\n");
+  }
+}
+
 TEST(EventLine, NeverBreaksALineWhateverTheName) {
   EventLineWriter json(true);
   EventLineWriter text(false);

@@ -97,12 +97,19 @@ ServiceStatus statusWith(const Array& streams) {
   return status;
 }
 
+Object loss(const std::string& reason, const std::string& path, std::int64_t count, bool lasting) {
+  return Dictionary{{"reason", reason},
+                    {"remedy", lasting ? "do something" : ""},
+                    {"path", path},
+                    {"count", Object::numberWithLongLong(count)},
+                    {"lasting", Object::numberWithBool(lasting)}};
+}
+
 Object stream(const std::string& path, const std::string& source) {
-  return Dictionary{
-      {"paths", Array{path}},
-      {"source", source},
-      {"losses", Array{Dictionary{{"reason", "kernel queue overflow"}, {"path", path}, {"count", Object::numberWithLongLong(3)}}}},
-      {"unreadable", Array{"/a/x", "/a/y"}}};
+  return Dictionary{{"paths", Array{path}},
+                    {"source", source},
+                    {"losses", Array{loss("kernel queue overflow", path, 3, false)}},
+                    {"polled", Array{"/", "/above"}}};
 }
 
 TEST(StatusText, GivesEachWatchItsOwnStreamAndTellsEachLoss) {
@@ -110,14 +117,53 @@ TEST(StatusText, GivesEachWatchItsOwnStreamAndTellsEachLoss) {
   EXPECT_LT(text.find("fanotify"), text.find("watch 2"));
   EXPECT_GT(text.find("inotify"), text.find("watch 2"));
   EXPECT_THAT(text, HasSubstr("losses          3 times: kernel queue overflow ('/a')"));
-  EXPECT_THAT(text, HasSubstr("unreadable      /a/x, /a/y"));
+  EXPECT_THAT(text, HasSubstr("polled above    /, /above"));
+  EXPECT_THAT(text, Not(HasSubstr("lost now")));
   EXPECT_THAT(text, HasSubstr("failed, '/b': too many watches"));
+}
+
+TEST(StatusText, NamesWhatIsLostNowByReasonWithTheRemedy) {
+  Array losses = {loss("it does not answer", "/a/far", 1, true), loss("overflow", "/a", 2, false)};
+  for (char name = '0'; name <= '9'; ++name) losses.push_back(loss("no permission", std::string("/a/") + name, 1, true));
+  Dictionary entries = stream("/a", "fanotify").dictionaryValue();
+  entries["losses"] = losses;
+  entries["lossesNotShown"] = Object::numberWithLongLong(12);
+  const std::string text = statusText(statusWith({entries}));
+  EXPECT_THAT(text, HasSubstr("lost now        '/a/far': it does not answer; do something\n"));
+  EXPECT_THAT(
+      text,
+      HasSubstr(
+          "lost now        '/a/0', '/a/1', '/a/2', '/a/3', '/a/4', '/a/5', '/a/6', '/a/7' and 2 more: no permission; do something\n"));
+  EXPECT_THAT(text, HasSubstr("lost now        12 more places\n"));
+  EXPECT_THAT(text, HasSubstr("losses          2 times: overflow ('/a')\n"));
+}
+
+TEST(StatusText, ShowsWhatIsPolledAndWhatServesEachPath) {
+  Dictionary entries = stream("/a", "fanotify+inotify").dictionaryValue();
+  entries["regions"] = Array{Dictionary{{"path", "/a/b"},
+                                        {"folders", Object::numberWithLongLong(900)},
+                                        {"interval", Object::numberWithDouble(2.25)},
+                                        {"reason", "the limit of fanotify marks is reached"}}};
+  entries["trees"] = Array{Dictionary{{"path", "/a"}, {"source", "fanotify"}}};
+  std::string text = statusText(statusWith({entries}));
+  EXPECT_THAT(text, HasSubstr("polled          '/a/b': 900 folders every 2.2 s: the limit of fanotify marks is reached\n"));
+  EXPECT_THAT(text, Not(HasSubstr("  served")));  // it has one tree only
+  entries["trees"] = Array{Dictionary{{"path", "/a"}, {"source", "fanotify"}}, Dictionary{{"path", "/a/mnt"}, {"source", "inotify"}}};
+  text = statusText(statusWith({entries}));
+  EXPECT_THAT(text, HasSubstr("served          '/a' by fanotify\n"));
+  EXPECT_THAT(text, HasSubstr("served          '/a/mnt' by inotify\n"));
 }
 
 TEST(StatusText, SurvivesValuesOfTheWrongKind) {
   const Object number = Object::numberWithLongLong(1);
   const Array streams = {Dictionary{{"paths", number}, {"losses", number}, {"source", Dictionary{}}},
-                         Dictionary{{"paths", Array{number}}, {"losses", Array{number, Dictionary{}}}}};
+                         Dictionary{{"paths", Array{number}}, {"losses", Array{number, Dictionary{}}}},
+                         Dictionary{{"paths", Array{"/a"}},
+                                    {"losses", Array{number, Dictionary{{"lasting", "yes"}, {"count", Array{}}, {"remedy", number}}}},
+                                    {"lossesNotShown", Array{}},
+                                    {"regions", Array{number, Dictionary{{"interval", "often"}}}},
+                                    {"trees", Array{number, Dictionary{}, Dictionary{{"path", number}}}},
+                                    {"polled", number}}};
   const std::string text = statusText(statusWith(streams));
   EXPECT_THAT(text, HasSubstr("watch 1"));
   EXPECT_THAT(text, Not(HasSubstr("3 times")));

@@ -308,31 +308,40 @@ DEFECTS = [
     Defect(
         "listed-before-marked",
         "src/platform/fsevents/WatchedTreeCrawl.cpp",
-        "  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {\n"
-        "    markRefused(parent, name, error);\n"
+        "  int error = source_ ? source_->mark(descriptor, true, key) : queueError_;\n"
+        "  const bool isMarked = source_ && error == 0;\n"
+        "  if (!isMarked && parent != kNoNode && (isGone(error) || isRefused(error))) {\n"
+        "    openFailed(parent, name, nullptr, error);\n"
         "    return;\n"
         "  }\n"
+        "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
+        "  if (refusesSource_) return;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
-        "  const std::uint8_t flags = tree_.flags(node);\n"
-        "  if ((flags & kSourceMask) == 0) ++marked_;\n"
-        "  if ((flags & kUnreadable) != 0) status_.removeUnreadable(options_.reportedPath + relativePath(node));\n"
-        "  tree_.setFlags(node, used);\n"
+        "  if (isMarked) countMark(node);\n"
         "  tree_.setGeneration(node, generation_);\n"
-        "  list(node, std::move(folder), report, stack);\n",
-        "  const FileHandle marked(::fcntl(folder.fileDescriptor(), F_DUPFD_CLOEXEC, 3));\n"
-        "  list(place(parent, name), std::move(folder), report, stack);\n"
-        "  if (const int error = markFolder(marked.fileDescriptor(), true, key, used); error != 0) {\n"
-        "    markRefused(parent, name, error);\n"
+        "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
+        "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
+        "  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);\n"
+        "  error = isReadable ? list(node, std::move(folder), report, stack) : errno;\n",
+        "  int error = source_ ? source_->keyOf(descriptor, key) : queueError_;\n"
+        "  const bool isMarked = source_ && error == 0;\n"
+        "  if (!isMarked && parent != kNoNode && (isGone(error) || isRefused(error))) {\n"
+        "    openFailed(parent, name, nullptr, error);\n"
         "    return;\n"
         "  }\n"
+        "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
+        "  if (refusesSource_) return;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
-        "  const std::uint8_t flags = tree_.flags(node);\n"
-        "  if ((flags & kSourceMask) == 0) ++marked_;\n"
-        "  if ((flags & kUnreadable) != 0) status_.removeUnreadable(options_.reportedPath + relativePath(node));\n"
-        "  tree_.setFlags(node, used);\n"
-        "  tree_.setGeneration(node, generation_);\n",
+        "  if (isMarked) countMark(node);\n"
+        "  tree_.setGeneration(node, generation_);\n"
+        "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
+        "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
+        "  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);\n"
+        "  error = isReadable ? list(node, std::move(folder), report, stack) : errno;\n"
+        "  if (const FileHandle late = openFolder(node, {}); late.isOpen() && source_->mark(late.fileDescriptor(), true, key) == 0)\n"
+        "    tree_.setKey(node, key.view());\n",
         "fsevents_tests",
         "StreamNewFolders.ThatAreFilledWhileTheyAreListedMissNothing/*",
     ),
@@ -394,9 +403,9 @@ DEFECTS = [
     ),
     Defect(
         "exclusion-by-prefix",
-        "src/platform/fsevents/WatchedTree.cpp",
-        "    if (path.starts_with(excluded) && (path.size() == excluded.size() || path[excluded.size()] == '/')) return true;\n",
-        "    if (path.starts_with(excluded)) return true;\n",
+        "src/platform/fsevents/Exclusions.h",
+        "      if (path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/')) return true;\n",
+        "      if (path.starts_with(place)) return true;\n",
         "fsevents_tests",
         "*Exclu*",
     ),
@@ -434,6 +443,47 @@ DEFECTS = [
         "",
         "fsevents_tests",
         "*Mapping*",
+    ),
+    # What is lost, and when it is over.
+    Defect(
+        "loss-told-once-for-ever",
+        "src/platform/fsevents/Losses.cpp",
+        "  if (auto there = known.lasting.extract(place); !there.empty()) {\n    over(place, std::move(there.mapped()));\n",
+        "  if (const auto there = known.lasting.find(place); there != known.lasting.end()) {\n",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "recovered-with-the-first-of-two",
+        "src/platform/fsevents/Losses.cpp",
+        "  if (!lastsAt(path)) notices_.add({false, path, record.reason, record.remedy});\n  const auto same",
+        "  notices_.add({false, path, record.reason, record.remedy});\n  const auto same",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "loss-beyond-the-bound-untold",
+        "src/platform/fsevents/Losses.cpp",
+        "  if (rest.members.contains(std::hash<std::string>()(path))) return false;\n",
+        "  if (!rest.members.empty()) return false;\n",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "loss-stays-where-the-folder-was",
+        "src/platform/fsevents/Losses.cpp",
+        "      place.key() = to + place.key().substr(from.size());\n",
+        "",
+        "fsevents_tests",
+        "Losses.*",
+    ),
+    Defect(
+        "recovery-left-out-for-a-slow-reader",
+        "src/platform/fsevents/LossNotices.cpp",
+        "    } else if (!open.empty()) {\n",
+        "    } else {\n",
+        "fsevents_tests",
+        "Losses.*",
     ),
     # The client of the server.
     Defect(

@@ -81,9 +81,9 @@ TEST(DirectoryTree, TellsTheKeysOfEverythingThatItForgets) {
   tree.setFlags(b, 7);
   tree.detach(detached);
   std::set<std::string> keys;
-  tree.remove(a, [&](std::string_view key, std::uint8_t flags) {
-    keys.emplace(key);
-    EXPECT_EQ(flags, key == "kb" ? 7 : 0);
+  tree.remove(a, [&](NodeId node) {
+    keys.emplace(tree.key(node));
+    EXPECT_EQ(tree.flags(node), node == b ? 7 : 0);
   });
   EXPECT_EQ(keys, (std::set<std::string>{"ka", "kb", "kc"}));
   EXPECT_EQ(tree.size(), 1U);

@@ -101,8 +101,10 @@ TEST_P(StreamLimits, OfMarksFreedAgainServeNewFolders) {
 
 TEST_P(StreamLimits, OfGroupsAreToldWithTheRemedyAndAskForARescan) {
   const auto process = start(lower(groupLimit(), 0));
-  EXPECT_EQ(process->source(), "");
+  EXPECT_EQ(process->source(), "polling");
   EXPECT_NE(test::flagsOf(process->flush(), root_) & kMustScan, 0U);
+  writeFile(in("file"), "text");
+  EXPECT_NE(test::flagsOf(process->flush(), in("file")) & kCreated, 0U);
   EXPECT_TRUE(eventually([&] { return process->log().find(groupLimit()) != std::string::npos; })) << process->log();
   expectSaidOnce(process->log(), {groupLimit(), " 0", "sysctl"});
 }

@@ -39,7 +39,8 @@ class StreamModelUnread : public StreamTest {
     number_ = std::random_device()();
     if (const char* given = std::getenv("KESTRINE_MODEL_SEED"); given != nullptr) number_ = static_cast<unsigned>(std::stoul(given));
     std::printf("the seed of this workload is %u\n", number_);
-    process_ = std::make_unique<StreamProcess>(StreamProcess::Options{.paths = {root_}, .source = sourceName(GetParam())});
+    process_ = std::make_unique<StreamProcess>(
+        StreamProcess::Options{.paths = {root_}, .source = sourceName(GetParam()), .hasOrdinaryQueue = true});
     ASSERT_EQ(process_->source(), sourceName(GetParam())) << process_->error();
     world_ = std::make_unique<ModelWorld>(root_, base_ / "outside", number_);
   }

@@ -15,7 +15,8 @@ class StreamOverflow : public StreamTest {
     StreamTest::SetUp();
     if (IsSkipped()) return;
     for (int i = 0; i < kFolders; ++i) makeFolder(folder(i));
-    process_ = std::make_unique<StreamProcess>(StreamProcess::Options{.paths = {root_}, .source = sourceName(GetParam())});
+    process_ = std::make_unique<StreamProcess>(
+        StreamProcess::Options{.paths = {root_}, .source = sourceName(GetParam()), .hasOrdinaryQueue = true});
     ASSERT_EQ(process_->source(), sourceName(GetParam())) << process_->error();
   }
   [[nodiscard]] std::string folder(int index) const { return in("folder" + std::to_string(index)); }

@@ -12,8 +12,8 @@ KESTRINE_PER_SOURCE(StreamSlowHandler);
 
 TEST_P(StreamSlowHandler, LosesNothingSilently) {
   const int changes = longOrShort(50000, 5000);
-  constexpr int kFolders = 50;
-  for (int i = 0; i < kFolders; ++i) makeFolder(in(std::to_string(i)));
+  constexpr int kStormFolders = 50;
+  for (int i = 0; i < kStormFolders; ++i) makeFolder(in(std::to_string(i)));
   std::promise<void> entered;
   std::promise<void> leave;
   std::atomic<bool> first = true;
@@ -24,7 +24,7 @@ TEST_P(StreamSlowHandler, LosesNothingSilently) {
                              }});
   touchFile(in("first"));
   entered.get_future().wait();
-  for (int i = 0; i < changes; ++i) touchFile(in(std::to_string(i % kFolders)) + "/" + std::to_string(i));
+  for (int i = 0; i < changes; ++i) touchFile(in(std::to_string(i % kStormFolders)) + "/" + std::to_string(i));
   leave.set_value();
   stream->flush();
   const auto all = stream->allFlags();
@@ -36,7 +36,7 @@ TEST_P(StreamSlowHandler, LosesNothingSilently) {
     EXPECT_GT(stream->stream().status().objectForKey("losses").count(), 0U);
   }
   int missed = 0;
-  for (int i = 0; i < changes; ++i) missed += told.contains(in(std::to_string(i % kFolders)) + "/" + std::to_string(i)) ? 0 : 1;
+  for (int i = 0; i < changes; ++i) missed += told.contains(in(std::to_string(i % kStormFolders)) + "/" + std::to_string(i)) ? 0 : 1;
   EXPECT_TRUE(missed == 0 || rescan) << missed << " files of " << changes << " are not told";
 }
 

@@ -56,7 +56,7 @@ TEST_P(WatchedTreeTest, KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves
     makeFolders(top + "/other");
     fsevents::WatchedTree tree(0, options(), coalescer_, status_);
     int error = 0;
-    ASSERT_EQ(tree.attach(0, error), fsevents::WatchedTree::Attached::Standing);
+    ASSERT_EQ(tree.attach(0, std::nullopt, error), fsevents::WatchedTree::Attached::Standing);
     makeFolders(top + "/new");
     makeFolders(top + "/place/within");
     // What keeps the walk busy while the place moves.

@@ -5,11 +5,11 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 #include <vector>
 
 #include "tests/support/Process.h"
+#include "tests/support/RunAgain.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {
@@ -20,13 +20,6 @@ namespace {
 constexpr const char* kOutside = "KESTRINE_TEST_NAMESPACE_OUTSIDE";
 
 std::string namespaceOfThisProcess() { return std::filesystem::read_symlink("/proc/self/ns/net").string(); }
-
-std::vector<std::string> wordsOf(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> words;
-  for (std::string word; stream >> word;) words.push_back(word);
-  return words;
-}
 
 std::vector<std::string> operator+(std::vector<std::string> list, const std::vector<std::string>& more) {
   list.insert(list.end(), more.begin(), more.end());
@@ -50,18 +43,6 @@ std::vector<std::string> wayIn(std::string& why) {
   return {};
 }
 
-void runAgain(const std::vector<std::string>& way) {
-  const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
-  const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
-  // One test, whatever part of them this process was given.
-  const auto command = wordsOf("env -u GTEST_TOTAL_SHARDS -u GTEST_SHARD_INDEX -u GTEST_SHARD_STATUS_FILE -u GTEST_OUTPUT") + way +
-                       std::vector<std::string>{program, fmt::format("--gtest_filter={}.{}", test.test_suite_name(), test.name())};
-  const Outcome outcome = runToEnd(command, {.environment = {{kOutside, namespaceOfThisProcess()}}}, std::chrono::seconds(240));
-  if (outcome.output.find("[  SKIPPED ] 1 test") != std::string::npos) GTEST_SKIP() << outcome.output;
-  EXPECT_EQ(outcome.status, 0) << outcome.output << outcome.errorOutput;
-  EXPECT_NE(outcome.output.find("[  PASSED  ] 1 test."), std::string::npos) << "the test did not run:\n" << outcome.output;
-}
-
 bool isInNamespace() {
   const char* outside = std::getenv(kOutside);
   return outside != nullptr && namespaceOfThisProcess() != outside;
@@ -83,7 +64,7 @@ void inNetworkNamespace(const std::function<void()>& body) {
   std::string why;
   const std::vector<std::string> way = wayIn(why);
   if (way.empty()) GTEST_SKIP() << "left out: a network namespace of its own, because the machine refuses one: " << why;
-  runAgain(way);
+  runTestAgain(way, {{kOutside, namespaceOfThisProcess()}});
 }
 
 void ip(const std::string& words) {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 namespace platform::fsevents {
 namespace {
@@ -41,7 +42,13 @@ std::optional<ChangeSource::Clock::time_point> ChangeSource::dispatch(const Visi
   while (true) {
     while (begin_ < current_.size()) {
       std::optional<Clock::time_point> wait;
+      isDispatching_ = true;
       const std::size_t used = dispatchOne(current_.data() + begin_, current_.size() - begin_, visit, wait);
+      isDispatching_ = false;
+      if (std::exchange(clearsAfterVisit_, false)) {
+        clearBacklog();
+        return std::nullopt;
+      }
       if (!wait) {
         begin_ += used;
         handedOver_ += used;
@@ -72,6 +79,11 @@ ChangeSource::Clock::time_point ChangeSource::readAt() {
 }
 
 void ChangeSource::clearBacklog() {
+  if (isDispatching_) {
+    clearAndShrink(backlog_);
+    clearsAfterVisit_ = true;
+    return;
+  }
   begin_ = 0;
   clearAndShrink(current_);
   clearAndShrink(backlog_);

@@ -59,14 +59,19 @@ class ChangeSource {
   [[nodiscard]] virtual const char* name() const = 0;
   [[nodiscard]] int descriptor() const { return queue_.fileDescriptor(); }
 
-  /// Marks the open folder (or, with `isFolder` false, file) and tells its key; marking twice is harmless. Returns 0 or errno.
+  /// Marks the open folder (or, with `isFolder` false, file) and tells its key; marking twice is harmless. Returns 0 or errno; the key is
+  /// told all the same where the source knows it without a mark.
   [[nodiscard]] virtual int mark(int descriptor, bool isFolder, KernelKey& key) = 0;
+  /// The key that the open folder is marked by. It leaves no mark behind: of a folder that is not marked it is the key that a mark would
+  /// have, or empty. Returns 0 or errno.
+  [[nodiscard]] virtual int keyOf(int folder, KernelKey& key) = 0;
   /// Holds no folder open any longer.
   virtual void leaveFolders() {}
   /// The key of a folder that cannot be opened, where the source can tell it without a mark; empty otherwise.
   virtual void identify(int parent, const char* name, KernelKey& key) const = 0;
-  /// The owner has forgotten the folder of this key. Its changes may still arrive for a while.
-  virtual void forget(std::string_view key) = 0;
+  /// The owner has forgotten the folder of this key, on the file system that `onFileSystem` is open on (-1 when it is not at hand). Its
+  /// changes may still arrive for a while.
+  virtual void forget(std::string_view key, int onFileSystem) = 0;
   /// Marks that the kernel still holds for folders which the owner has forgotten, and which only a new queue gets rid of.
   [[nodiscard]] virtual std::size_t orphans() const = 0;
   /// An empty queue of the same kind whose keys mean the same; nothing where the source needs none or the kernel refuses.
@@ -80,7 +85,7 @@ class ChangeSource {
   /// time is returned by which to call again.
   [[nodiscard]] std::optional<Clock::time_point> dispatch(const Visitor& visit);
   [[nodiscard]] bool hasBacklog() const { return begin_ < current_.size() || !backlog_.empty(); }
-  /// Throws the backlog away, as when it grows beyond its bound.
+  /// Throws the backlog away, as when it grows beyond its bound. While a visitor is at work what it looks at stays until it returns.
   void clearBacklog();
   [[nodiscard]] bool isBacklogFull() const { return backlog_.size() + current_.size() - begin_ > kMaximumBacklog; }
 
@@ -102,6 +107,8 @@ class ChangeSource {
   /// own views.
   std::vector<char> current_;
   std::size_t begin_ = 0;
+  bool isDispatching_ = false;
+  bool clearsAfterVisit_ = false;
   std::vector<char> backlog_;
 
   /// When what was read, in bytes since the beginning.

@@ -120,7 +120,7 @@ void DirectoryTree::move(NodeId node, NodeId newParent, std::string_view newName
   byPlace_.insert(placeHash(node), node);
 }
 
-void DirectoryTree::remove(NodeId top, const std::function<void(std::string_view key, std::uint8_t flags)>& forgotten) {
+void DirectoryTree::remove(NodeId top, const std::function<void(NodeId node)>& forgotten) {
   // Leaves first, without recursion: a tree may be deeper than any stack.
   NodeId node = top;
   while (true) {
@@ -129,10 +129,8 @@ void DirectoryTree::remove(NodeId top, const std::function<void(std::string_view
       continue;
     }
     const NodeId above = at(node).parent;
-    if (!key(node).empty()) {
-      if (forgotten) forgotten(key(node), at(node).flags);
-      byKey_.erase(keyHash(node), node);
-    }
+    if (forgotten) forgotten(node);
+    if (!key(node).empty()) byKey_.erase(keyHash(node), node);
     if (node == kRoot) {
       setText(node, "", "");
       at(node).flags = 0;

@@ -35,8 +35,8 @@ class DirectoryTree {
   void move(NodeId node, NodeId newParent, std::string_view newName);
   /// Frees the folder's place for another while the folder itself stays known by its key (and its path stays what it was).
   void detach(NodeId node);
-  /// Forgets the folder and everything below it; `forgotten` is told each key. The root stays, without key and children.
-  void remove(NodeId node, const std::function<void(std::string_view key, std::uint8_t flags)>& forgotten);
+  /// Forgets the folder and everything below it; `forgotten` is told each before it goes. The root stays, without key and children.
+  void remove(NodeId node, const std::function<void(NodeId node)>& forgotten);
 
   [[nodiscard]] NodeId findByKey(std::string_view key) const;
   [[nodiscard]] NodeId child(NodeId parent, std::string_view name) const;

@@ -48,9 +48,12 @@ struct HandleBuffer {
   file_handle* operator->() { return reinterpret_cast<file_handle*>(bytes.data()); }
 };
 
+/// Without limits of its own where the user may have that (CAP_SYS_ADMIN).
 FileHandle openQueue(int& error) {
   constexpr unsigned kFlags = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME | FAN_REPORT_FID | FAN_REPORT_TARGET_FID;
-  FileHandle queue(::fanotify_init(kFlags, O_RDONLY | O_CLOEXEC | O_LARGEFILE));
+  constexpr unsigned kUnlimited = FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;
+  FileHandle queue(::fanotify_init(kFlags | kUnlimited, O_RDONLY | O_CLOEXEC | O_LARGEFILE));
+  if (!queue.isOpen()) queue = FileHandle(::fanotify_init(kFlags, O_RDONLY | O_CLOEXEC | O_LARGEFILE));
   if (!queue.isOpen()) error = errno;
   return queue;
 }
@@ -64,9 +67,15 @@ class FanotifySource final : public ChangeSource {
   [[nodiscard]] const char* name() const override { return "fanotify"; }
   [[nodiscard]] bool knowsTargets() const override { return true; }
   [[nodiscard]] std::size_t orphans() const override { return orphans_; }
-  // A mark is removed through the folder, and nobody can tell where the folder went; the kernel removes it with the folder.
-  void forget(std::string_view key) override {
-    if (!key.empty()) ++orphans_;
+  // A mark is removed through the folder, and only who may open files by their handles (CAP_DAC_READ_SEARCH) can tell where it went; the
+  // kernel removes it with the folder.
+  void forget(std::string_view key, int onFileSystem) override {
+    if (!key.empty() && !unmark(key, onFileSystem)) ++orphans_;
+  }
+
+  int keyOf(int folder, KernelKey& key) override {
+    key.clear();
+    return makeKey(folder, "", AT_EMPTY_PATH, key);
   }
 
   [[nodiscard]] std::unique_ptr<ChangeSource> renewed() const override {
@@ -114,6 +123,21 @@ class FanotifySource final : public ChangeSource {
   }
 
  private:
+  bool unmark(std::string_view key, int onFileSystem) {
+    if (onFileSystem < 0 || !mayOpenByHandle_ || identificationOnly_ != 0 || key.size() < 2) return false;
+    HandleBuffer handle;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the next lines
+    handle->handle_bytes = static_cast<unsigned>(key.size() - 2);
+    handle->handle_type = static_cast<unsigned char>(key[1]);
+    key.substr(2).copy(reinterpret_cast<char*>(handle->f_handle), key.size() - 2);
+    const FileHandle folder(::open_by_handle_at(onFileSystem, handle.operator->(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+    if (!folder.isOpen()) {
+      mayOpenByHandle_ = errno != EPERM;
+      return errno == ESTALE;  // removed, and its mark with it
+    }
+    return ::fanotify_mark(descriptor(), FAN_MARK_REMOVE | FAN_MARK_ONLYDIR, kFolderMask, folder.fileDescriptor(), nullptr) == 0 ||
+           errno == ENOENT;
+  }
+
   int makeKey(int folder, const char* name, int flags, KernelKey& key) {
     HandleBuffer handle;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
     handle->handle_bytes = MAX_HANDLE_SZ;
@@ -188,6 +212,7 @@ class FanotifySource final : public ChangeSource {
 
   pid_t self_;
   std::size_t orphans_ = 0;
+  bool mayOpenByHandle_ = true;
   int identificationOnly_ = 0;
   int lastMountId_ = -1;
   unsigned char lastFileSystem_ = 0;

@@ -4,6 +4,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -51,7 +52,7 @@ class InotifySource final : public ChangeSource {
     if (std::exchange(isInFolder_, false)) static_cast<void>(::chdir("/"));
   }
 
-  void forget(std::string_view key) override {
+  void forget(std::string_view key, int /*onFileSystem*/) override {
     int watch = -1;
     if (key.size() != sizeof watch) return;
     std::memcpy(&watch, key.data(), sizeof watch);
@@ -63,7 +64,23 @@ class InotifySource final : public ChangeSource {
     key.clear();
     const int watch = addWatch(descriptor, isFolder);
     if (watch < 0) return errno;
+    newest_ = std::max(newest_, watch);
     key.append(&watch, sizeof watch);
+    return 0;
+  }
+
+  // The kernel tells the number of a watch only to who adds it. It counts them upwards (and would need two thousand million of them to come
+  // round), so a higher number than any before is that of a folder without a watch.
+  int keyOf(int folder, KernelKey& key) override {
+    key.clear();
+    const int watch = addWatch(folder, true);
+    if (watch < 0) return errno == ENOSPC ? 0 : errno;
+    if (watch > newest_) {
+      newest_ = watch;
+      static_cast<void>(::inotify_rm_watch(descriptor(), watch));
+    } else {
+      key.append(&watch, sizeof watch);
+    }
     return 0;
   }
 
@@ -132,6 +149,8 @@ class InotifySource final : public ChangeSource {
   }
 
   bool isInFolder_ = false;
+  /// The highest number of a watch so far.
+  int newest_ = 0;
 };
 
 }  // namespace

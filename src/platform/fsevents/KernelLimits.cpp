@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <optional>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/SystemError.h"
 
 namespace platform::fsevents {
 namespace {
@@ -51,7 +51,7 @@ std::string sysctlName(std::string name) {
 }
 
 template <std::size_t N>
-std::string explainLimit(const Limit (&table)[N], std::string_view source) {  // NOLINT(modernize-avoid-c-arrays)
+Explanation explainLimit(const Limit (&table)[N], std::string_view source) {  // NOLINT(modernize-avoid-c-arrays)
   for (const Limit& limit : table) {
     if (limit.source != source) continue;
     const char* name = limit.machine;
@@ -63,9 +63,9 @@ std::string explainLimit(const Limit (&table)[N], std::string_view source) {  //
     }
     const std::string text = sysctlName(name);
     const std::string shown = value ? fmt::format("{}", *value) : "unknown";
-    return fmt::format("the limit of {} is reached: {} = {}; raise it with: sysctl {}=N", limit.what, text, shown, text);
+    return {fmt::format("the limit of {} is reached: {} = {}", limit.what, text, shown), fmt::format("raise it with: sysctl {}=N", text)};
   }
-  return std::string(source) + ": unknown limit";
+  return {std::string(source) + ": unknown limit", ""};
 }
 
 bool isOutOfDescriptors() {
@@ -73,30 +73,61 @@ bool isOutOfDescriptors() {
   return !probe.isOpen();
 }
 
-std::string describe(std::string_view source, std::string_view what, int error) {
-  return fmt::format("{}: {}: {}", source, what, std::strerror(error));  // NOLINT(concurrency-mt-unsafe): glibc's is safe for known codes
+Explanation describe(std::string_view source, std::string_view what, int error) {
+  return {fmt::format("{}: {}: {}", source, what, errnoText(error)), ""};
 }
+
+Explanation explainOpenFiles() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return {fmt::format("the limit of open files is reached: RLIMIT_NOFILE = {}", limit.rlim_cur), "raise it with: ulimit -n N"};
+}
+
+/// What to do about errors of a file system that people can do something about.
+struct RemedyRow {
+  int error;
+  const char* remedy;
+};
+constexpr RemedyRow kRemedies[] = {
+    // NOLINT(modernize-avoid-c-arrays): a table
+    {EACCES, "give the user the rights to read and to enter it: chmod u+rx FOLDER"},
+    {EPERM, "give the user the rights to read and to enter it: chmod u+rx FOLDER"},
+    {EIO, "look into the kernel's log (dmesg) and check the disk"},
+    {EUCLEAN, "the file system is damaged: unmount it and run fsck(8)"},
+    {ENOTCONN, "the program that serves this mount has ended: umount it and mount it again"},
+    {ESTALE, "the server no longer knows this folder: umount it and mount it again"},
+    {ETIMEDOUT, "see that the server of this mount can be reached"},
+    {EHOSTDOWN, "see that the server of this mount can be reached"},
+};
 
 }  // namespace
 
-std::string explainMarkFailure(std::string_view source, int error) {
+bool isLimitReached(int error) { return error == EMFILE || error == ENFILE || error == ENOSPC || error == ENOMEM; }
+
+Explanation explainMarkFailure(std::string_view source, int error) {
   if (error == ENOSPC) return explainLimit(kMarks, source);
   if (error == EMFILE) return explainQueueFailure(source, error);
   return describe(source, "a folder cannot be watched", error);
 }
 
-std::string explainQueueFailure(std::string_view source, int error) {
-  if (error == EMFILE && isOutOfDescriptors()) {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    return fmt::format("the limit of open files is reached: RLIMIT_NOFILE = {}; raise it with: ulimit -n N", limit.rlim_cur);
-  }
+Explanation explainQueueFailure(std::string_view source, int error) {
+  if (error == EMFILE && isOutOfDescriptors()) return explainOpenFiles();
   if (error == EMFILE || error == ENOSPC) return explainLimit(kQueues, source);
   return describe(source, "the kernel offers no queue", error);
 }
 
-std::string explainOverflow(std::string_view source) {
-  return "changes were lost and the tree is walked again: " + explainLimit(kQueueLengths, source);
+Explanation explainOverflow(std::string_view source) {
+  Explanation limit = explainLimit(kQueueLengths, source);
+  limit.reason = "changes were lost and the tree is walked again: " + limit.reason;
+  return limit;
+}
+
+Explanation explainFolderFailure(int error) {
+  if (error == EMFILE && isOutOfDescriptors()) return explainOpenFiles();
+  for (const RemedyRow& row : kRemedies) {
+    if (row.error == error) return {"a folder cannot be read: " + errnoText(error), row.remedy};
+  }
+  return {"a folder cannot be read: " + errnoText(error), ""};
 }
 
 }  // namespace platform::fsevents

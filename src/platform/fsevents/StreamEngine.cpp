@@ -135,9 +135,9 @@ bool StreamEngine::attachAll() {
   knownEmpty_ = EventClock::now();
   for (std::size_t i = 0; i < trees_.size(); ++i) {
     int error = 0;
-    if (trees_[i]->attach(0, error) == WatchedTree::Attached::Refused) {
+    if (trees_[i]->attach(0, std::nullopt, error) == WatchedTree::Attached::Refused) {
       if (!isLimit(error)) {
-        status_.setError(explainQueueFailure(lastSource(), error));
+        status_.setError(explainQueueFailure(lastSource(), error).text());
         return false;
       }
       refused(i, error);
@@ -252,7 +252,7 @@ void StreamEngine::attachTree(std::size_t index, FSEventStreamEventFlags report,
   WatchedTree& tree = *trees_[index];
   int error = 0;
   const bool wasRefused = refusedTold_.contains(index);
-  switch (tree.attach(wasRefused ? 0 : report, error)) {
+  switch (tree.attach(wasRefused ? 0 : report, std::nullopt, error)) {
     case WatchedTree::Attached::Standing:
       refusedTold_.erase(index);
       tree.reportRoot(rootFlags | tree.rootKind() |
@@ -274,7 +274,7 @@ void StreamEngine::refused(std::size_t index, int error) {
   if (const auto told = refusedTold_.find(index); told != refusedTold_.end() && told->second + kRefusedInterval > now) return;
   refusedTold_[index] = now;
   const WatchedTree& tree = *trees_[index];
-  status_.addLoss(explainQueueFailure(lastSource(), error), tree.options().reportedPath);
+  status_.addLoss(explainQueueFailure(lastSource(), error).text(), tree.options().reportedPath);
   trees_[index]->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
 }
 
@@ -346,7 +346,7 @@ void StreamEngine::sleep() {
   std::vector<pollfd> queues{{wake_.fileDescriptor(), POLLIN, 0}, {monitor_->descriptor(), POLLIN, 0}};
   if (!pauseUntil_) {
     for (const auto& tree : trees_) {
-      for (const auto& source : tree->sources()) queues.push_back({source->descriptor(), POLLIN, 0});
+      queues.push_back({tree->descriptor(), POLLIN, 0});
     }
   }
   std::optional<Clock::time_point> until = again_;

@@ -1,6 +1,7 @@
 #include "platform/fsevents/StreamStatus.h"
 
-#include <algorithm>
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "platform/foundation/log/Log.h"
@@ -9,12 +10,7 @@
 namespace platform::fsevents {
 namespace {
 
-/// How many different losses and unreadable folders are remembered by path and said in the log; more are counted together.
-constexpr std::size_t kRememberedLosses = 64;
-constexpr std::size_t kRememberedFolders = 1024;
-constexpr std::size_t kLoggedFolders = 16;
-/// The character after the separator: what is below a folder sorts before the folder's path and this.
-constexpr char kAfterSlash = '/' + 1;
+constexpr const char* kNoPermission = "no permission to read this folder; it is skipped until its mode changes";
 
 Object texts(const auto& list) {
   Array array;
@@ -22,92 +18,101 @@ Object texts(const auto& list) {
   return Object(std::move(array));
 }
 
+/// The watched path "/" is reported as the empty text.
+std::string pathOf(const std::string& path) { return path.empty() ? "/" : path; }
+
+double seconds(std::chrono::milliseconds time) { return std::chrono::duration<double>(time).count(); }
+
 }  // namespace
 
 void StreamStatus::addLoss(const std::string& reason, const std::string& path) {
-  bool first = false;
-  {
-    const std::lock_guard lock(mutex_);
-    first = std::none_of(losses_.begin(), losses_.end(), [&](const Loss& loss) { return loss.reason == reason; });
-    auto known = std::find_if(losses_.begin(), losses_.end(), [&](const Loss& loss) { return loss.reason == reason && loss.path == path; });
-    if (known == losses_.end() && losses_.size() >= kRememberedLosses) {
-      known = std::find_if(losses_.begin(), losses_.end(), [&](const Loss& loss) { return loss.reason == reason; });
-    }
-    if (known == losses_.end()) known = losses_.insert(losses_.end(), Loss{reason, path, 0});
-    ++known->count;
-  }
-  if (first) NSLog("FSEventStream: " + reason + " (" + path + ")");
+  losses_.begin(LossKind::Unexplained, path, reason, "");
+  losses_.end(LossKind::Unexplained, path);
 }
 
-void StreamStatus::addUnreadable(const std::string& path) {
-  std::size_t count = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    if (unreadable_.size() >= kRememberedFolders || !unreadable_.insert(path).second) return;
-    count = unreadableCount_ = unreadable_.size();
-  }
-  if (count <= kLoggedFolders) NSLog("FSEventStream: no permission to read " + path + "; it is skipped until its mode changes");
-}
-
-void StreamStatus::removeUnreadable(const std::string& path) {
-  const std::lock_guard lock(mutex_);
-  unreadable_.erase(path);
-  unreadable_.erase(unreadable_.lower_bound(path + "/"), unreadable_.lower_bound(path + kAfterSlash));
-  unreadableCount_ = unreadable_.size();
-}
-
-void StreamStatus::moveUnreadable(const std::string& from, const std::string& to) {
-  const std::lock_guard lock(mutex_);
-  std::vector<std::string> moved;
-  if (unreadable_.erase(from) > 0) moved.push_back(to);
-  const auto begin = unreadable_.lower_bound(from + "/");
-  const auto end = unreadable_.lower_bound(from + kAfterSlash);
-  for (auto path = begin; path != end; ++path) moved.push_back(to + path->substr(from.size()));
-  unreadable_.erase(begin, end);
-  unreadable_.insert(moved.begin(), moved.end());
-  unreadableCount_ = unreadable_.size();
-}
+void StreamStatus::addUnreadable(const std::string& path) { losses_.begin(LossKind::Rights, path, kNoPermission, ""); }
+void StreamStatus::removeUnreadable(const std::string& path) { losses_.forget(path); }
+void StreamStatus::moveUnreadable(const std::string& from, const std::string& to) { losses_.move(from, to); }
 
 void StreamStatus::setPolled(std::vector<std::string> paths) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   polled_ = std::move(paths);
 }
 
+void StreamStatus::setRegion(const std::string& path, std::size_t folders, std::chrono::milliseconds interval, const std::string& reason) {
+  bool isNew = false;
+  {
+    const MutexLock lock(mutex_);
+    Region& region = regions_[pathOf(path)];
+    isNew = region.reason != reason;
+    region = {folders, interval, reason};
+  }
+  if (!isNew) return;
+  NSLog(fmt::format("FSEventStream: {} folders at {} are compared every {:.0f} s at least: {}", folders, pathOf(path), seconds(interval),
+                    reason));
+}
+
+void StreamStatus::removeRegion(const std::string& path) {
+  bool wasThere = false;
+  {
+    const MutexLock lock(mutex_);
+    wasThere = regions_.erase(pathOf(path)) > 0;
+  }
+  if (wasThere) NSLog("FSEventStream: no folder at " + pathOf(path) + " is compared any more");
+}
+
+void StreamStatus::setSource(const std::string& path, const std::string& name) {
+  const MutexLock lock(mutex_);
+  sourceOf_[pathOf(path)] = name;
+}
+
+void StreamStatus::removeSource(const std::string& path) {
+  const MutexLock lock(mutex_);
+  sourceOf_.erase(pathOf(path));
+}
+
 void StreamStatus::addSource(const std::string& name) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   sources_.insert(name);
 }
 
 std::string StreamStatus::sources() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
+  std::set<std::string> all = sources_;
+  for (const auto& [path, name] : sourceOf_) all.insert(name);
   std::string text;
-  for (const std::string& name : sources_) text += (text.empty() ? "" : "+") + name;
+  for (const std::string& name : all) text += (text.empty() ? "" : "+") + name;
   return text;
 }
 
 void StreamStatus::setError(const std::string& text) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   error_ = text;
 }
 
 std::string StreamStatus::error() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return error_;
 }
 
 void StreamStatus::describe(Dictionary& entries) const {
   entries["source"] = sources();
-  const std::lock_guard lock(mutex_);
-  Array losses;
-  for (const Loss& loss : losses_) {
-    losses.emplace_back(
-        Dictionary{{"reason", loss.reason}, {"path", loss.path}, {"count", Object::numberWithUnsignedLongLong(loss.count)}});
-  }
   entries["foldersMarked"] = Object::numberWithLongLong(foldersMarked.load());
   entries["eventsDelivered"] = Object::numberWithUnsignedLongLong(eventsDelivered.load());
   entries["deliveries"] = Object::numberWithUnsignedLongLong(deliveries.load());
-  entries["losses"] = std::move(losses);
-  entries["unreadable"] = texts(unreadable_);
+  losses_.describe(entries);
+  const MutexLock lock(mutex_);
+  Array regions;
+  for (const auto& [path, region] : regions_) {
+    regions.emplace_back(Dictionary{{"path", path},
+                                    {"folders", Object::numberWithUnsignedLongLong(region.folders)},
+                                    {"interval", Object::numberWithDouble(seconds(region.interval))},
+                                    {"reason", region.reason}});
+  }
+  Array trees;
+  for (const auto& [path, name] : sourceOf_) trees.emplace_back(Dictionary{{"path", path}, {"source", name}});
+  entries["regions"] = std::move(regions);
+  entries["trees"] = std::move(trees);
   entries["polled"] = texts(polled_);
   if (!error_.empty()) entries["error"] = error_;
 }

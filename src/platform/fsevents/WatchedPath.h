@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/fsevents/WatchedTree.h"
+#include "platform/fsevents/TreeOptions.h"
 
 namespace platform::fsevents {
 

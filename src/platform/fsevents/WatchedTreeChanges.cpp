@@ -11,6 +11,9 @@
 namespace platform::fsevents {
 namespace {
 
+/// A sixteenth of the shortest queue that the kernel has by itself.
+constexpr int kRemovalsBetweenDrains = 1024;
+
 struct FlagRow {
   std::uint32_t raw;
   FSEventStreamEventFlags flag;
@@ -62,18 +65,17 @@ void WatchedTree::apply(const RawChange& change) {
   if (isFolder) flags |= kFSEventStreamEventFlagItemIsDir;
   if (isFile) flags |= kFSEventStreamEventFlagItemIsFile;
   if (!silent) report(folder, name, flags, !isFile && !isFolder);
+  updatePolled(folder, name, flags);
 
   if (!isFolder) return;
   if ((change.bits & RawChange::kCreated) != 0) folderCreated(folder, name, kFSEventStreamEventFlagItemCreated);
   if ((change.bits & RawChange::kRemoved) != 0) folderRemoved(folder, name, change.target);
-  if ((change.bits & RawChange::kAttributes) != 0) {
-    const NodeId node = name.empty() ? folder : tree_.child(folder, name);
-    if (node != kNoNode && (tree_.flags(node) & kUnreadable) != 0) {
-      if (FileHandle opened = openFolder(node); opened.isOpen() && node != DirectoryTree::kRoot) {
-        crawl(tree_.parent(node), std::string(tree_.name(node)), std::move(opened), kFSEventStreamEventFlagItemCreated);
-      }
-    }
-  }
+  if ((change.bits & RawChange::kAttributes) != 0) attributesChanged(name.empty() ? folder : tree_.child(folder, name));
+}
+
+void WatchedTree::attributesChanged(NodeId node) {
+  // A folder's new mode decides about the folder itself and about what is in it.
+  if (node != kNoNode && status_.losses().any()) lookAgainAt(node);
 }
 
 bool WatchedTree::isGhost(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) const {
@@ -86,7 +88,7 @@ bool WatchedTree::isGhost(NodeId folder, std::string_view name, FSEventStreamEve
 
 bool WatchedTree::isOwnPreferences(NodeId folder, std::string_view name) const {
   PreferencesWrites& writes = PreferencesWrites::shared();
-  if (name.empty() || sources_.front()->knowsTargets() || !writes.hasName(name)) return false;
+  if (name.empty() || !source_ || source_->knowsTargets() || !writes.hasName(name)) return false;
   struct stat info {};
   const std::string path = options_.openPath + relativePath(folder);
   return ::stat(path.c_str(), &info) == 0 && writes.isOwnWrite(info.st_dev, info.st_ino, name);
@@ -104,6 +106,8 @@ void WatchedTree::applyRename(const RawChange& change, bool silent) {
   };
   reportSide(from, change.name);
   reportSide(to, change.newName);
+  updatePolled(from, change.name, flags);
+  updatePolled(to, change.newName, flags);
   if (change.isDirectory) folderRenamed(from, change.name, to, change.newName, change.target, silent);
 }
 
@@ -113,6 +117,7 @@ void WatchedTree::folderCreated(NodeId folder, std::string_view name, FSEventStr
 }
 
 void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
+  if (!mountPoints_.empty() && mountPoints_.contains(relativePath(folder).append("/").append(name))) return;
   FileHandle opened = openFolder(folder, name);
   if (!opened.isOpen()) {
     const int error = errno;
@@ -124,21 +129,21 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
     return;
   }
   KernelKey key;
-  std::uint8_t used = 0;
-  if (const int error = markFolder(opened.fileDescriptor(), true, key, used); error != 0) {
-    markRefused(folder, name, error);
-    return;
-  }
+  // Asked without a mark: the crawl marks, and says what a refusal means.
+  if (source_ && source_->keyOf(opened.fileDescriptor(), key) != 0) key.clear();
   const NodeId known = tree_.findByKey(key.view());
   if (known == kNoNode) {
     crawl(folder, name, std::move(opened), report);
     return;
   }
   const NodeId there = tree_.child(folder, name);
-  if (known == there) return;
+  if (known == there) {
+    if ((tree_.flags(known) & kTroubled) != 0) crawl(folder, name, std::move(opened), report);
+    return;
+  }
   // Known in another place. Where that place still holds it, or the change that brings it here is still in the queue, nothing is to be
   // done.
-  if (!tree_.isDetached(known) && (sources_.front()->knowsTargets() || isStillAt(known, key.view()))) return;
+  if (!tree_.isDetached(known) && (source_->knowsTargets() || isStillAt(known, key.view()))) return;
   if (tree_.isBelowOrSame(folder, known)) return;
   if (there != kNoNode) displace(there);
   moveNode(known, folder, name);
@@ -156,13 +161,12 @@ void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::strin
   const FileHandle opened = openFolder(folder, name);
   if (opened.isOpen()) {
     KernelKey key;
-    std::uint8_t used = 0;
-    if (markFolder(opened.fileDescriptor(), true, key, used) == 0 && key.view() == tree_.key(node)) return;
+    if (source_ && source_->keyOf(opened.fileDescriptor(), key) == 0 && key.view() == tree_.key(node)) return;
     forget(node, Why::Removed);
     takeUp(folder, name, kFSEventStreamEventFlagItemCreated);
     return;
   }
-  const bool keptByKernel = sources_.front()->knowsTargets();
+  const bool keptByKernel = source_ && source_->knowsTargets();
   forget(node, Why::Removed);
   if (!keptByKernel) retryLater(folder, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone - 1);
 }
@@ -209,16 +213,22 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
 
 void WatchedTree::forget(NodeId node, Why why) {
   pathsChanged();
-  if (status_.hasUnreadable() && !tree_.isDetached(node)) status_.removeUnreadable(options_.reportedPath + relativePath(node));
-  tree_.remove(node, [&](std::string_view key, std::uint8_t flags) {
-    const std::size_t index = flags & kSourceMask;
-    if (index == 0) return;
+  if (status_.losses().any() && !tree_.isDetached(node)) status_.losses().forget(reportedPathOf(node));
+  const bool wasRegion = region_ != nullptr;
+  int removed = 0;
+  tree_.remove(node, [&](NodeId gone) {
+    if (why == Why::Removed && region_ && region_->contains(gone)) region_->tellAllRemoved(gone, *this);
+    pollNoLonger(gone);
+    if ((tree_.flags(gone) & kMarked) == 0) return;
     --marked_;
-    if (index > sources_.size()) return;
-    ChangeSource& source = *sources_[index - 1];
     // A removed folder takes its mark along; only inotify can be asked to let go of one at all.
-    if (why == Why::Left || !source.knowsTargets()) source.forget(key);
+    if (!source_ || (why == Why::Removed && source_->knowsTargets())) return;
+    source_->forget(tree_.key(gone), rootDescriptor());
+    // The kernel tells the end of each mark, and its queue holds only so much.
+    if (++removed % kRemovalsBetweenDrains == 0) drain();
   });
+  pathsChanged();
+  if (wasRegion) tellRegion();
 }
 
 }  // namespace platform::fsevents

@@ -1,13 +1,13 @@
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <ctime>
 #include <utility>
 
 #include "platform/foundation/preferences/PreferencesWrites.h"
+#include "platform/fsevents/FolderScan.h"
 #include "platform/fsevents/KernelLimits.h"
 #include "platform/fsevents/PathOpener.h"
 #include "platform/fsevents/WatchedTree.h"
@@ -17,70 +17,36 @@ namespace {
 
 /// Parents kept open while their folders are entered; beyond that folders are opened by their path.
 constexpr int kMaximumOpenParents = 128;
-/// How often the kernel queues are emptied while a crawl is under way.
+/// How often the kernel queue is emptied while a crawl is under way.
 constexpr int kFoldersBetweenDrains = 64;
-/// Until a folder is looked for again that could not be opened: for want of descriptors or memory, and because it was gone.
-constexpr std::chrono::milliseconds kRetryPause(100);
+constexpr int kEntriesBetweenDrains = 8192;
+/// Until a folder is looked for again that was gone.
 constexpr std::chrono::milliseconds kGonePause(3);
-constexpr std::size_t kListingSize = std::size_t{32} << 10U;
+/// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
+constexpr int kRenewalRatio = 1000;
 
-bool isRefused(int error) { return error == EACCES || error == EPERM; }
+/// Whether a mark was refused because this source cannot serve this file system.
+bool isUnsuitable(int error) { return error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL; }
 
-FSEventStreamEventFlags kindOfEntry(const dirent64& entry, int folder) {
-  if (entry.d_type == DT_UNKNOWN) {
-    struct stat info {};
-    return ::fstatat(folder, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 ? kindOfMode(info.st_mode) : FSEventStreamEventFlags{0};
-  }
-  if (entry.d_type == DT_DIR) return kFSEventStreamEventFlagItemIsDir;
-  return entry.d_type == DT_LNK ? kFSEventStreamEventFlagItemIsSymlink : kFSEventStreamEventFlagItemIsFile;
+std::chrono::nanoseconds processorTime() {
+  timespec time{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 }  // namespace
-
-ChangeSource* WatchedTree::source(std::size_t index) {
-  using Source = FSEventStream::Source;
-  if (index < sources_.size()) return sources_[index].get();
-  if (index > 1 || (index == 1 && (options_.source != Source::Automatic || !sources_.front()->knowsTargets()))) return nullptr;
-  int error = 0;
-  std::unique_ptr<ChangeSource> made;
-  if (index == 0 && options_.source != Source::Inotify) made = makeFanotifySource(error);
-  if (!made && options_.source != Source::Fanotify) made = makeInotifySource(error);
-  if (!made) {
-    errno = error;
-    return nullptr;
-  }
-  status_.addSource(made->name());
-  sources_.push_back(std::move(made));
-  return sources_.back().get();
-}
-
-int WatchedTree::markFolder(int folder, bool isFolder, KernelKey& key, std::uint8_t& sourceNumber) {
-  int error = 0;
-  for (std::size_t index = 0; index < 2; ++index) {
-    ChangeSource* candidate = source(index);
-    if (candidate == nullptr) break;
-    const int refused = candidate->mark(folder, isFolder, key);
-    if (refused == 0) {
-      sourceNumber = static_cast<std::uint8_t>(index + 1);
-      return 0;
-    }
-    error = error == 0 ? refused : error;
-    if (isRefused(refused) || isGone(refused)) break;
-  }
-  return error;
-}
 
 void WatchedTree::crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report) {
   if (++generation_ == 0) ++generation_;
   std::vector<Pending> stack;
   enter(parent, name, std::move(folder), report, stack);
-  for (int entered = 1; !stack.empty(); ++entered) {
+  for (int entered = 1; !stack.empty() && !isStopped() && !refusesSource_; ++entered) {
     const Pending next = std::move(stack.back());
     stack.pop_back();
     FileHandle opened =
         next.open ? openFolderIn(next.open->handle.fileDescriptor(), next.name.c_str()) : openFolder(next.parent, next.name);
     if (opened.isOpen()) {
-      enter(next.parent, next.name, std::move(opened), report, stack);
+      enter(next.parent, next.name, std::move(opened), next.report, stack);
     } else {
       openFailed(next.parent, next.name, next.open, errno);
     }
@@ -90,20 +56,36 @@ void WatchedTree::crawl(NodeId parent, std::string_view name, FileHandle folder,
 
 void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report,
                         std::vector<Pending>& stack) {
+  ++options_.pulse->steps;
+  const int descriptor = folder.fileDescriptor();
   KernelKey key;
-  std::uint8_t used = 0;
-  if (const int error = markFolder(folder.fileDescriptor(), true, key, used); error != 0) {
-    markRefused(parent, name, error);
+  int error = source_ ? source_->mark(descriptor, true, key) : queueError_;
+  const bool isMarked = source_ && error == 0;
+  if (!isMarked && parent != kNoNode && (isGone(error) || isRefused(error))) {
+    openFailed(parent, name, nullptr, error);
     return;
   }
+  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));
+  if (refusesSource_) return;
   const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
-  const std::uint8_t flags = tree_.flags(node);
-  if ((flags & kSourceMask) == 0) ++marked_;
-  if ((flags & kUnreadable) != 0) status_.removeUnreadable(options_.reportedPath + relativePath(node));
-  tree_.setFlags(node, used);
+  if (isMarked) countMark(node);
   tree_.setGeneration(node, generation_);
-  list(node, std::move(folder), report, stack);
+  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
+  const bool isPolled = !isMarked || options_.policy.isForeign();
+  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);
+  error = isReadable ? list(node, std::move(folder), report, stack) : errno;
+  if (error == 0) {
+    recovered(node);
+  } else {
+    troubled(node, error);
+  }
+}
+
+void WatchedTree::countMark(NodeId node) {
+  const std::uint8_t flags = tree_.flags(node);
+  if ((flags & kMarked) == 0) ++marked_;
+  tree_.setFlags(node, flags | kMarked);
 }
 
 NodeId WatchedTree::place(NodeId parent, std::string_view name) {
@@ -131,8 +113,8 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     }
   }
   if (there != kNoNode) {
-    if (known == kNoNode && (tree_.flags(there) & kSourceMask) == 0) {
-      tree_.setKey(there, key);
+    if (known == kNoNode && (key.empty() || (tree_.flags(there) & kMarked) == 0)) {
+      if (!key.empty()) tree_.setKey(there, key);
       return there;
     }
     displace(there);  // another folder stands where this one was
@@ -155,64 +137,56 @@ bool WatchedTree::isOwnPreferencesIn(int folder, std::string_view name) {
 
 bool WatchedTree::isStillAt(NodeId node, std::string_view key) {
   const FileHandle opened = openFolder(node);
+  if (!opened.isOpen()) return false;
   KernelKey found;
-  std::uint8_t used = 0;
-  if (!opened.isOpen() || markFolder(opened.fileDescriptor(), true, found, used) != 0) return false;
-  if (found.view() == key) return true;
-  // Another stands there. It is not for this question to mark it.
-  if (ChangeSource& asked = *sources_[used - 1U]; !asked.knowsTargets() && tree_.findByKey(found.view()) == kNoNode)
-    asked.forget(found.view());
-  return false;
+  if (!source_) return true;
+  return source_->keyOf(opened.fileDescriptor(), found) == 0 && found.view() == key;
 }
 
-void WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags flags, std::vector<Pending>& stack) {
+FSEventStreamEventFlags WatchedTree::pastOf(int folder, const char* name, bool amongChanged) const {
+  struct statx info {};
+  const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (name[0] == '\0' ? AT_EMPTY_PATH : 0);
+  if (::statx(folder, name, flags, PastChanges::kMask, &info) == 0) return past_->of(info, amongChanged);
+  // Gone since it was listed, or nobody can tell: then it is told.
+  return isGone(errno) ? 0 : kFSEventStreamEventFlagItemModified;
+}
+
+bool WatchedTree::tellPastOf(NodeId node, int folder) {
+  struct statx info {};
+  const bool changed = ::statx(folder, "", AT_EMPTY_PATH, PastChanges::kMask, &info) != 0 || past_->entriesChanged(info);
+  if (changed) report(node, {}, kFSEventStreamEventFlagItemModified | kFSEventStreamEventFlagItemIsDir, false);
+  return changed;
+}
+
+int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags flags, std::vector<Pending>& stack) {
   const int descriptor = folder.fileDescriptor();
   std::shared_ptr<OpenParent> parent;
-  alignas(dirent64) std::array<char, kListingSize> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
-  for (ssize_t count = 0; (count = ::getdents64(descriptor, buffer.data(), buffer.size())) > 0;) {
-    for (ssize_t at = 0; at < count;) {
-      const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
-      at += entry->d_reclen;
-      const char* name = entry->d_name;
-      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      if (flags == 0 && entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) continue;
-      const FSEventStreamEventFlags kind = kindOfEntry(*entry, descriptor);
-      if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) report(node, name, flags | kind, false);
-      if (kind != kFSEventStreamEventFlagItemIsDir || isExcluded(node, name)) continue;
-      // NOLINTNEXTLINE(bugprone-use-after-move): moved once, since `parent` is there from then on
-      if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
-      stack.push_back({node, name, parent});
+  const bool tellsPast = flags == 0 && past_;
+  const bool isChanged = tellsPast && tellPastOf(node, descriptor);
+  const bool foldersOnly = flags == 0 && !tellsPast;
+  int listed = 0;
+  const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
+    FSEventStreamEventFlags inherited = flags;
+    if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) report(node, name, flags | kind, false);
+    if (tellsPast) {
+      if (const FSEventStreamEventFlags past = pastOf(descriptor, name, isChanged); past != 0) {
+        report(node, name, past, false);
+        // A folder that came from elsewhere has brought everything in it along.
+        inherited = past & (kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRenamed);
+      }
     }
-  }
-}
-
-void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error) {
-  if (isGone(error)) {
-    const NodeId node = tree_.child(parent, name);
-    if (node != kNoNode) displace(node);  // it may be found elsewhere before its time is up
-    if (!open) seemsGone(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone);
-    return;
-  }
-  if (!isRefused(error)) {
-    // Out of descriptors or memory for the moment.
-    retryLater(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone);
-    retryAt_ = Clock::now() + kRetryPause;
-    return;
-  }
-  const NodeId node = place(parent, name);
-  tree_.setFlags(node, tree_.flags(node) | kUnreadable);
-  tree_.setGeneration(node, generation_);
-  status_.addUnreadable(options_.reportedPath + relativePath(node));
-  const FileHandle above = open ? FileHandle() : openFolder(parent);
-  const int folder = open ? open->handle.fileDescriptor() : above.fileDescriptor();
-  if (folder < 0 || !tree_.key(node).empty()) return;
-  KernelKey key;
-  sources_.front()->identify(folder, std::string(name).c_str(), key);
-  if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
+    // A long listing must not keep the kernel queue waiting.
+    if (++listed % kEntriesBetweenDrains == 0) drain();
+    if (kind != kFSEventStreamEventFlagItemIsDir || isLeftOut(node, name)) return;
+    // Moved once, since `parent` is there from then on; the descriptor stays open with it.
+    if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
+    stack.push_back({node, name, parent, inherited});
+  });
+  return error;
 }
 
 void WatchedTree::retryLater(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
-  unopened_.push_back({std::string(tree_.key(folder)), std::string(name), report, attempts});
+  unopened_.push_back({whereIs(folder), std::string(name), report, attempts});
   if (!retryAt_) retryAt_ = Clock::now() + kGonePause;
 }
 
@@ -238,33 +212,29 @@ void WatchedTree::retryUnopened() {
   if (!retryAt_ || *retryAt_ > Clock::now()) return;
   retryAt_.reset();
   for (const Retry& retry : std::exchange(unopened_, {})) {
-    const NodeId folder = tree_.findByKey(retry.folder);
+    const NodeId folder = find(retry.folder);
     if (folder != kNoNode) takeUp(folder, retry.name, retry.report, retry.attempts);
   }
-}
-
-void WatchedTree::markRefused(NodeId parent, std::string_view name, int error) {
-  if (parent != kNoNode && (isGone(error) || isRefused(error))) {
-    openFailed(parent, name, nullptr, error);
-    return;
-  }
-  const NodeId node = place(parent, name);
-  const std::string path = options_.reportedPath + relativePath(node);
-  tree_.setGeneration(node, generation_);
-  status_.addLoss(explainMarkFailure(sources_.back()->name(), error), path.empty() ? "/" : path);
-  report(node, {}, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir, false);
 }
 
 void WatchedTree::repair(FSEventStreamEventFlags dropped) {
   if (dropped == kFSEventStreamEventFlagKernelDropped) overflowed_ = false;
   if (dropped == kFSEventStreamEventFlagUserDropped) backlogDropped_ = false;
   if (dropped == 0) doubted_ = false;
-  status_.addLoss(dropped == kFSEventStreamEventFlagKernelDropped ? explainOverflow(sources_.front()->name())
-                  : dropped == kFSEventStreamEventFlagUserDropped
-                      ? "more changes came than could be remembered; the tree is walked again"
-                      : "the changes told do not explain what is on the disk; the tree is walked again",
-                  options_.reportedPath);
+  const LossKind kind = dropped == kFSEventStreamEventFlagKernelDropped ? LossKind::QueueOverflow
+                        : dropped == kFSEventStreamEventFlagUserDropped ? LossKind::OwnBound
+                                                                        : LossKind::Unexplained;
+  const Explanation why = kind == LossKind::QueueOverflow ? explainOverflow(sourceName())
+                          : kind == LossKind::OwnBound
+                              ? Explanation{"more changes came than could be remembered; the tree is walked again", ""}
+                              : Explanation{"the changes told do not explain what is on the disk; the tree is walked again", ""};
+  static_cast<void>(status_.losses().begin(kind, reportedPathOf(DirectoryTree::kRoot), why.reason, why.remedy));
   reportRoot(kFSEventStreamEventFlagMustScanSubDirs | dropped | rootKind());
+  walkAgain();
+  if (!isStopped()) status_.losses().end(kind, reportedPathOf(DirectoryTree::kRoot));
+}
+
+void WatchedTree::walkAgain() {
   if (!rootIsFolder_) return;
   rootLostItem_ = true;
   FileHandle opened = openFolder(DirectoryTree::kRoot);
@@ -276,6 +246,7 @@ void WatchedTree::repair(FSEventStreamEventFlags dropped) {
   repairing_ = true;
   crawl(kNoNode, {}, std::move(opened), 0);
   repairing_ = false;
+  if (isStopped() || refusesSource_) return;
   std::vector<NodeId> stale;
   tree_.forEach([&](NodeId node) {
     if (node == DirectoryTree::kRoot || tree_.generation(node) == generation_) return;
@@ -288,48 +259,61 @@ void WatchedTree::repair(FSEventStreamEventFlags dropped) {
   }
 }
 
-bool WatchedTree::needsTidying() const { return isAttached() && !retiring_ && sources_.front()->orphans() > 0; }
+bool WatchedTree::needsTidying() const { return source_ && !retiring_ && source_->orphans() > 0; }
 
 void WatchedTree::tidy() {
   // A folder that has no place at the moment would be passed over.
   const bool isAtRest = displaced_.empty() && arrivals_.empty() && sightings_.empty() && unopened_.empty() && !hasUnapplied();
-  if (isAtRest && needsTidying()) renewQueue();
+  if (!isAtRest || !needsTidying() || Clock::now() < renewNotBefore_) return;
+  const auto before = processorTime();
+  renewQueue();
+  renewNotBefore_ = Clock::now() + (processorTime() - before) * kRenewalRatio;
 }
 
 void WatchedTree::renewQueue() {
-  std::unique_ptr<ChangeSource> fresh = sources_.front()->renewed();
-  if (!fresh || !remark(*fresh)) return;
+  std::unique_ptr<ChangeSource> fresh = source_->renewed();
+  if (!fresh) return;
+  const int refused = remark(*fresh);
+  if (isLimitReached(refused)) {
+    // There is no room for both queues: the marks of the old one are freed first, and what happens meanwhile is found by its time.
+    fresh.reset();
+    if (!drain() && !hasUnapplied()) resume(emptyAt_);
+    return;
+  }
+  if (refused != 0) return;
   // Every folder is marked in both queues now. The old one is emptied once more; what both tell is told twice at worst.
-  retiring_ = std::exchange(sources_.front(), std::move(fresh));
+  retiring_ = std::exchange(source_, std::move(fresh));
   drain();
   process();
   retiring_.reset();
 }
 
-bool WatchedTree::remark(ChangeSource& fresh) {
+int WatchedTree::remark(ChangeSource& fresh) {
   struct Folder {
     NodeId node;
     std::shared_ptr<OpenParent> open;
   };
   std::vector<Folder> stack{{DirectoryTree::kRoot, nullptr}};
-  bool complete = true;
-  for (int entered = 1; !stack.empty() && complete; ++entered) {
+  int refused = 0;
+  for (int entered = 1; !stack.empty() && refused == 0; ++entered) {
     const Folder next = std::move(stack.back());
     stack.pop_back();
     FileHandle opened =
         next.open ? openFolderIn(next.open->handle.fileDescriptor(), std::string(tree_.name(next.node)).c_str()) : openFolder(next.node);
-    if ((tree_.flags(next.node) & kSourceMask) == 1) {
+    if ((tree_.flags(next.node) & kMarked) != 0) {
       KernelKey key;
+      refused = opened.isOpen() ? fresh.mark(opened.fileDescriptor(), true, key) : ENOENT;
       // A folder that is not in its place is about to be told of: not the time for this.
-      complete = opened.isOpen() && fresh.mark(opened.fileDescriptor(), true, key) == 0 && key.view() == tree_.key(next.node);
+      if (refused == 0 && key.view() != tree_.key(next.node)) refused = ENOENT;
     }
     std::shared_ptr<OpenParent> open;
     if (opened.isOpen() && openParents_ < kMaximumOpenParents) open = std::make_shared<OpenParent>(std::move(opened), openParents_);
     tree_.forEachChild(next.node, [&](NodeId child) { stack.push_back({child, open}); });
     if (entered % kFoldersBetweenDrains == 0) drain();
+    if (isStopped()) refused = EINTR;
   }
   closeFolders();
-  return complete;
+  return refused;
 }
 
 }  // namespace platform::fsevents

@@ -13,9 +13,26 @@ constexpr std::chrono::milliseconds kPatience(10);
 
 // Where the queue and the disk disagree about the place of a folder: what may be believed, and when.
 
+WatchedTree::Where WatchedTree::whereIs(NodeId node) const {
+  const std::string_view key = tree_.key(node);
+  return key.empty() ? Where{{}, relativePath(node)} : Where{std::string(key), {}};
+}
+
+NodeId WatchedTree::find(const Where& where) const { return where.key.empty() ? findByPath(where.path) : tree_.findByKey(where.key); }
+
+NodeId WatchedTree::findByPath(std::string_view relative) const {
+  NodeId node = DirectoryTree::kRoot;
+  while (!relative.empty() && node != kNoNode) {
+    const std::size_t end = std::min(relative.find('/', 1), relative.size());
+    node = tree_.child(node, relative.substr(1, end - 1));
+    relative.remove_prefix(end);
+  }
+  return node;
+}
+
 void WatchedTree::sight(std::string_view target, NodeId folder, std::string_view name) {
   if (folder == kNoNode || isExcluded(folder, name)) return;
-  sightings_.push_back({std::string(target), std::string(tree_.key(folder)), std::string(name), Clock::now() + kPatience});
+  sightings_.push_back({std::string(target), whereIs(folder), std::string(name), Clock::now() + kPatience});
 }
 
 void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report) {
@@ -24,8 +41,7 @@ void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view 
   const FileHandle opened = openFolder(node);
   if (!opened.isOpen()) return;  // moved on: the queue will tell
   KernelKey key;
-  std::uint8_t used = 0;
-  if (markFolder(opened.fileDescriptor(), true, key, used) != 0 || key.view() == tree_.key(node)) return;
+  if (!source_ || source_->keyOf(opened.fileDescriptor(), key) != 0 || key.view() == tree_.key(node)) return;
   const std::string former(formerName);
   displace(node);
   takeUp(parent, name, report);
@@ -64,12 +80,11 @@ void WatchedTree::settleSightings(std::vector<Sighting>& sightings) {
 }
 
 bool WatchedTree::placeAt(const Sighting& sighting, NodeId node) {
-  const NodeId folder = tree_.findByKey(sighting.folder);
+  const NodeId folder = find(sighting.folder);
   if (folder == kNoNode || (node != kNoNode && tree_.isBelowOrSame(folder, node))) return false;
   const FileHandle opened = openFolder(folder, sighting.name);
   KernelKey key;
-  std::uint8_t used = 0;
-  if (!opened.isOpen() || markFolder(opened.fileDescriptor(), true, key, used) != 0 || key.view() != sighting.target) return false;
+  if (!opened.isOpen() || source_->keyOf(opened.fileDescriptor(), key) != 0 || key.view() != sighting.target) return false;
   if (node == kNoNode) {
     takeUp(folder, sighting.name, kFSEventStreamEventFlagItemRenamed);
     return true;
@@ -80,7 +95,7 @@ bool WatchedTree::placeAt(const Sighting& sighting, NodeId node) {
 }
 
 void WatchedTree::expectArrival(std::string_view key, NodeId folder, std::string_view name) {
-  arrivals_.insert_or_assign(std::string(key), Sighting{std::string(key), std::string(tree_.key(folder)), std::string(name), {}});
+  arrivals_.insert_or_assign(std::string(key), Sighting{std::string(key), whereIs(folder), std::string(name), {}});
 }
 
 bool WatchedTree::arrive(NodeId node) {
@@ -88,7 +103,7 @@ bool WatchedTree::arrive(NodeId node) {
   if (arrival == arrivals_.end()) return false;
   const Sighting place = std::move(arrival->second);
   arrivals_.erase(arrival);
-  const NodeId folder = tree_.findByKey(place.folder);
+  const NodeId folder = find(place.folder);
   if (folder == kNoNode || tree_.isBelowOrSame(folder, node)) return false;
   // It may have been outside in between, where its changes could not be followed: it is taken up like any other that moves in.
   forget(node, Why::Left);
@@ -99,7 +114,7 @@ bool WatchedTree::arrive(NodeId node) {
 void WatchedTree::resolveArrivals() {
   for (auto& [key, place] : std::exchange(arrivals_, {})) {
     const NodeId node = tree_.findByKey(key);
-    const NodeId folder = tree_.findByKey(place.folder);
+    const NodeId folder = find(place.folder);
     if (folder == kNoNode) continue;
     if (node != kNoNode) {
       if (isStillAt(node, key)) continue;
@@ -120,9 +135,37 @@ void WatchedTree::resolveArrivals() {
 
 void WatchedTree::moveNode(NodeId node, NodeId newParent, std::string_view newName) {
   pathsChanged();
-  const std::string from = status_.hasUnreadable() && !tree_.isDetached(node) ? options_.reportedPath + relativePath(node) : std::string();
+  movedFolders_ = true;
+  const bool hasLosses = status_.losses().any();
+  const std::string from = !exclusions_.empty() || hasLosses || region_ ? relativePath(node) : std::string();
+  const bool wasDetached = tree_.isDetached(node);
   tree_.move(node, newParent, newName);
-  if (!from.empty()) status_.moveUnreadable(from, options_.reportedPath + relativePath(node));
+  if (hasLosses && !wasDetached) status_.losses().move(options_.reportedPath + from, reportedPathOf(node));
+  if (region_) polledMoved(node, from);
+  if (!exclusions_.empty()) exclusionsMoved(node, from);
+}
+
+void WatchedTree::exclusionsMoved(NodeId node, std::string_view formerPath) {
+  const std::string path = relativePath(node);
+  if (path == formerPath) return;
+  // What is left out belongs to the path: it is watched under the folder's new name, and what has come under it is not.
+  for (const std::string& part : exclusions_.partsBelow(path)) {
+    if (const NodeId hidden = findByPath(path + part); hidden != kNoNode) forget(hidden, Why::Left);
+  }
+  for (const std::string& part : exclusions_.partsBelow(formerPath)) {
+    if (exclusions_.contain(path + part)) continue;
+    const std::size_t slash = part.rfind('/');
+    const NodeId parent = findByPath(path + part.substr(0, slash));
+    if (parent == kNoNode) continue;
+    unexcluded_.push_back({whereIs(parent), part.substr(slash + 1), kFSEventStreamEventFlagItemRenamed, kAttemptsWhenGone});
+  }
+}
+
+void WatchedTree::takeUpUncovered() {
+  for (const Retry& place : std::exchange(unexcluded_, {})) {
+    const NodeId folder = find(place.folder);
+    if (folder != kNoNode && !isExcluded(folder, place.name)) takeUp(folder, place.name, place.report, place.attempts);
+  }
 }
 
 void WatchedTree::displace(NodeId node) {
@@ -131,7 +174,7 @@ void WatchedTree::displace(NodeId node) {
     return;
   }
   pathsChanged();
-  if (status_.hasUnreadable()) status_.removeUnreadable(options_.reportedPath + relativePath(node));
+  if (status_.losses().any()) status_.losses().forget(reportedPathOf(node));
   tree_.detach(node);
   displaced_.push_back({node, std::string(tree_.key(node)), Clock::now() + kPatience});
 }

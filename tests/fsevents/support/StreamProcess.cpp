@@ -28,6 +28,7 @@ std::string helperProgram() { return std::filesystem::read_symlink("/proc/self/e
 
 std::vector<std::string> argumentsOf(const StreamProcess::Options& options) {
   std::vector<std::string> arguments;
+  if (options.hasOrdinaryQueue && ::geteuid() == 0) arguments = {"setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"};
   if (!options.inNamespace.empty()) {
     arguments = {"unshare", "-Ur", "sh", "-c", options.inNamespace + "\nexec \"$@\"", "sh"};
   }

@@ -25,6 +25,8 @@ class StreamProcess {
     double latency = 0.03;
     /// Lines of shell that run before the program in a user namespace of its own, as its root; empty for none.
     std::string inNamespace = {};
+    /// Without the right to kernel queues of any length, which root has.
+    bool hasOrdinaryQueue = false;
   };
   explicit StreamProcess(const Options& options);
   ~StreamProcess();

@@ -1,12 +1,11 @@
 #!/bin/sh
-# Runs a program, together with the helper beside it, as a user without any rights, from copies that such a user can reach.
-#   unprivileged.sh PROGRAM HELPER [ARGUMENT...]
+# Runs a program, together with the helpers beside it, as a user without any rights, from copies that such a user can reach.
+#   unprivileged.sh PROGRAM [ARGUMENT...]
 # UNPRIVILEGED_TESTS: a filter of GoogleTest's, for a run in short. Long cases are shortened, since they run in full with rights;
 # an empty KESTRINE_SHORTENED lets them be long here too.
 set -eu
 program=$1
-helper=$2
-shift 2
+shift
 if [ -n "${UNPRIVILEGED_TESTS-}" ]; then
   set -- "--gtest_filter=$UNPRIVILEGED_TESTS" "$@"
   echo "shortened under the sanitizer: the run without rights has only the suites that depend on them"
@@ -20,7 +19,7 @@ done
 folder=$(mktemp -d "$base/kestrine-XXXXXX")
 trap 'chmod -R u+rwx "$folder"; rm -rf "$folder"' EXIT
 mkdir "$folder/bin" "$folder/tmp" "$folder/home"
-cp "$program" "$helper" "$folder/bin/"
+cp "$program" "$(dirname "$program")"/*_helper "$folder/bin/"
 chmod -R a+rX "$folder"
 chown 65534:65534 "$folder/tmp" "$folder/home"
 cd "$folder"

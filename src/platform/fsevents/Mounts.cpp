@@ -1,0 +1,68 @@
+#include "platform/fsevents/Mounts.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/base/DescriptorIO.h"
+
+namespace platform::fsevents {
+namespace {
+
+/// The calling thread's: that of the process cannot be opened once its first thread has ended.
+constexpr const char* kTableFile = "/proc/thread-self/mountinfo";
+/// A change must fall into each reading of the table, which takes less than a millisecond for a hundred mounts.
+constexpr int kAttempts = 10;
+
+}  // namespace
+
+Mounts::Mounts() { read(); }
+
+bool Mounts::changedSinceAsked() const {
+  pollfd poller{file_.fileDescriptor(), POLLPRI, 0};
+  return ::poll(&poller, 1, 0) == 1 && (poller.revents & POLLPRI) != 0;
+}
+
+/// The kernel hands the table over in pieces of a page or less, and only while it makes one piece does the table stand still.
+bool Mounts::readOnce(std::vector<Mount>& mounts) {
+  error_ = 0;
+  if (!file_.isOpen()) file_ = FileHandle(::open(kTableFile, O_RDONLY | O_CLOEXEC));
+  if (!file_.isOpen() || ::lseek(file_.fileDescriptor(), 0, SEEK_SET) != 0) {
+    error_ = errno;
+    return false;
+  }
+  const Result<std::string, int> text = readAll(file_.fileDescriptor(), std::numeric_limits<std::size_t>::max());
+  if (!text) {
+    error_ = text.error();
+    return false;
+  }
+  mounts = parseMounts(*text);
+  serials_.read();
+  for (Mount& mount : mounts) mount.serial = serials_.of(mount.id);
+  return true;
+}
+
+bool Mounts::read() {
+  std::vector<Mount> mounts;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    // Takes the notice of what this reading will see. After the last reading nothing is taken, so that the owner gets the notice.
+    if (changedSinceAsked() || attempt == 0) {
+      mounts.clear();
+      if (!readOnce(mounts)) return false;
+    } else {
+      break;
+    }
+  }
+  MountTable table(std::move(mounts));
+  if (table == table_) return false;
+  table_ = std::move(table);
+  return true;
+}
+
+}  // namespace platform::fsevents

@@ -1,0 +1,128 @@
+#include "platform/fsevents/PolledChanges.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace platform::fsevents {
+namespace {
+
+/// Changes told between two looks at the clock.
+constexpr std::size_t kChangesBetweenClocks = 64;
+
+/// An inode that left or came, and the change that says so.
+struct Sighting {
+  std::uint64_t inode;
+  std::uint32_t change;
+};
+
+bool isBefore(const Sighting& one, const Sighting& other) {
+  return one.inode != other.inode ? one.inode < other.inode : one.change < other.change;
+}
+
+}  // namespace
+
+void PolledChanges::add(const std::shared_ptr<PolledFolder>& folder, const PolledComparison& comparison) {
+  if (comparison.replaced.empty()) return;
+  const auto look = static_cast<std::uint32_t>(looks_.size());
+  looks_.push_back({folder, comparison.formerPlace, comparison.former, folder->table});
+  for (const auto& [gone, came] : comparison.replaced) {
+    Change change{look, gone, came, 0, 0};
+    if (gone != PolledComparison::kNone) change.gone = kFSEventStreamEventFlagItemRemoved | flagOf(before(change).kind);
+    if (came != PolledComparison::kNone) change.came = kFSEventStreamEventFlagItemCreated | flagOf(after(change).kind);
+    changes_.push_back(change);
+  }
+  folder->isWaitedFor = true;
+}
+
+std::string_view PolledChanges::nameOf(const Change& change) const {
+  const Look& look = looks_[change.look];
+  return change.before != PolledComparison::kNone ? look.before->name(change.before) : look.after->name(change.after);
+}
+
+void PolledChanges::arrange() {
+  std::vector<Sighting> gone;
+  std::vector<Sighting> came;
+  for (std::uint32_t at = 0; at < changes_.size(); ++at) {
+    const Change& change = changes_[at];
+    if (change.gone != 0) gone.push_back({before(change).inode, at});
+    if (change.came != 0) came.push_back({after(change).inode, at});
+  }
+  std::sort(gone.begin(), gone.end(), isBefore);
+  std::sort(came.begin(), came.end(), isBefore);
+  auto from = gone.begin();
+  for (const Sighting& to : came) {
+    while (from != gone.end() && from->inode < to.inode) ++from;
+    if (from == gone.end()) return;
+    if (from->inode != to.inode || to.inode == 0) continue;
+    pair(changes_[from->change], changes_[to.change]);
+    ++from;
+  }
+}
+
+void PolledChanges::pair(Change& source, Change& target) const {
+  const PolledItem was = before(source);
+  const PolledItem is = after(target);
+  // Another item may have got the number of one that is gone.
+  if (was.kind != is.kind || (was.birth != is.birth && was.birth != 0 && is.birth != 0)) return;
+  source.gone = kFSEventStreamEventFlagItemRenamed | flagOf(was.kind);
+  target.came = kFSEventStreamEventFlagItemRenamed | flagOf(is.kind);
+  // The change time says nothing: the renaming moved it.
+  if (was.content != is.content) target.came |= changeOf(was, is);
+}
+
+void PolledChanges::tellGone(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags flags,
+                             FSEventStreamEventFlags besides) const {
+  const auto place = look.place ? look.place : look.folder->formerPlace;
+  const NodeId folder = look.folder->node;
+  if (flags != 0 && place) host.changedAt(*place, name, std::exchange(flags, 0));
+  if ((flags | besides) != 0) host.changed(folder, name, flags | besides);
+}
+
+void PolledChanges::tellOne(PolledRegion::Host& host, Change& change) {
+  const Look& look = looks_[change.look];
+  const std::string_view name = nameOf(change);
+  // What the kernel told of the name since is the later word.
+  if (look.folder->isRemoved || look.folder->told.contains(name)) change.gone = change.came = 0;
+  if (step_ == Step::Names) {
+    tellGone(host, look, name, change.gone, change.came);
+  } else if (step_ == Step::FoldersGone && (change.gone & kFSEventStreamEventFlagItemIsDir) != 0) {
+    host.folderGone(look.folder->node, name, change.gone);
+  } else if (step_ == Step::FoldersFound && (change.came & kFSEventStreamEventFlagItemIsDir) != 0) {
+    host.folderFound(look.folder->node, name, change.came);
+  }
+}
+
+bool PolledChanges::tell(PolledRegion::Host& host, Clock::time_point end) {
+  while (step_ != Step::Over) {
+    for (std::size_t told = 1; next_ < changes_.size(); ++told) {
+      tellOne(host, changes_[next_++]);
+      if (told % kChangesBetweenClocks == 0 && Clock::now() >= end) return false;
+    }
+    next_ = 0;
+    step_ = static_cast<Step>(static_cast<int>(step_) + 1);
+  }
+  clear();
+  return true;
+}
+
+void PolledChanges::tellRemoved(PolledFolder& folder, PolledRegion::Host& host) {
+  if (!std::exchange(folder.isWaitedFor, false)) return;
+  for (std::size_t at = 0; at < changes_.size(); ++at) {
+    Change& change = changes_[at];
+    if (looks_[change.look].folder.get() != &folder) continue;
+    const FSEventStreamEventFlags gone = std::exchange(change.gone, 0);
+    change.came = 0;  // what is there now is told as removed by the owner
+    const bool isTold = step_ != Step::Names || at < next_ || folder.told.contains(nameOf(change));
+    if (!isTold) tellGone(host, looks_[change.look], nameOf(change), gone, 0);
+  }
+}
+
+void PolledChanges::clear() {
+  for (const Look& look : looks_) look.folder->isWaitedFor = false;
+  looks_ = {};
+  changes_ = {};
+  step_ = Step::Names;
+  next_ = 0;
+}
+
+}  // namespace platform::fsevents

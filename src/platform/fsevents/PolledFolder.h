@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/fsevents/FolderListing.h"
+#include "platform/fsevents/FolderTable.h"
+#include "platform/fsevents/PolledRegion.h"
+
+namespace platform::fsevents {
+
+/// What a region knows of one folder. Shared with what is under way when the folder is removed from the region meanwhile.
+struct PolledFolder {
+  PolledFolder(NodeId number, PolledRegion::Why reason) : node(number), why(reason) {}
+
+  const NodeId node;
+  const PolledRegion::Why why;
+  /// Never changed while PolledChanges speaks of it.
+  std::shared_ptr<FolderTable> table = std::make_shared<FolderTable>();
+  /// What the kernel told since the table was made, by name; goes before the table.
+  std::map<std::string, PolledItem, std::less<>> told;
+  /// Where the folder was at the last look, when it has moved since.
+  std::shared_ptr<const std::string> formerPlace;
+  /// The clock of stamps when the last look began and ended.
+  std::int64_t lookBegan = 0;
+  std::int64_t lookEnded = 0;
+  /// The pass that was under way, or the last one, when it came into the region.
+  std::uint32_t addedIn = 0;
+  /// PolledChanges may have something to tell of it.
+  bool isWaitedFor = false;
+  bool isRemoved = false;
+  bool hasFailed = false;
+
+  [[nodiscard]] PolledItem find(std::string_view name) const {
+    const auto known = told.find(name);
+    return known != told.end() ? known->second : table->find(name);
+  }
+};
+
+/// The difference between what is known of a folder and a new look at it.
+struct PolledComparison {
+  static constexpr std::uint32_t kNone = 0xFFFFFFFF;
+  /// Items that stayed and changed: their place in the new table, and how.
+  std::vector<std::pair<std::uint32_t, FSEventStreamEventFlags>> changed;
+  /// Names whose item went, came, or was replaced by another: their places in the former table and in the new one.
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> replaced;
+  std::shared_ptr<const FolderTable> former;
+  /// PolledFolder::formerPlace, which is over now.
+  std::shared_ptr<const std::string> formerPlace;
+
+  /// What one look is judged by.
+  struct Judgement {
+    StampRules rules;
+    /// No other look follows, so what is not certain yet is told.
+    bool isLast;
+    /// What is known of the stamping clock (FolderListing::offset).
+    std::int64_t offset;
+    /// When the former look began, and whether this one came so soon after it that what was not certain still is not.
+    std::int64_t formerBegan = 0;
+    bool isEarly = false;
+  };
+  /// Compares and makes the new look what is known. False and EOVERFLOW where the folder is beyond all bounds; then nothing has changed.
+  bool take(PolledFolder& folder, FolderListing& listing, Judgement judgement);
+
+ private:
+  void compareItem(FolderTable& table, const PolledItem& before, std::size_t at, const Judgement& judgement);
+};
+
+}  // namespace platform::fsevents

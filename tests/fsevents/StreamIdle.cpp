@@ -1,0 +1,128 @@
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "tests/fsevents/support/MountNamespace.h"
+#include "tests/fsevents/support/StreamTest.h"
+
+#if defined(__SANITIZE_THREAD__)
+#define KESTRINE_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KESTRINE_THREAD_SANITIZER 1
+#endif
+#endif
+
+// What wakes a stream in whose folders nothing happens.
+
+namespace kestrine::test {
+namespace {
+
+/// How often each thread but the calling one went to sleep so far. A thread that comes or goes shows, too.
+std::map<std::string, long> sleepsOfOthers() {
+  std::map<std::string, long> sleeps;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() == std::to_string(::gettid())) continue;
+    std::ifstream status(task.path() / "status");
+    std::string name;
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("Name:")) name = line.substr(6) + " ";
+      if (line.starts_with("voluntary_ctxt_switches:")) {
+        sleeps[name + task.path().filename().string()] = std::stol(line.substr(line.find(':') + 1));
+      }
+    }
+  }
+  return sleeps;
+}
+
+/// What `later` has more, in all and told by thread.
+struct WakeUps {
+  long count = 0;
+  std::string text;
+};
+WakeUps difference(const std::map<std::string, long>& before, const std::map<std::string, long>& later) {
+  WakeUps all;
+  for (const auto& [thread, sleeps] : later) {
+    const auto former = before.find(thread);
+    const long more = sleeps - (former == before.end() ? 0 : former->second);
+    all.count += more;
+    if (more != 0) all.text += thread + ": " + std::to_string(more) + "\n";
+  }
+  return all;
+}
+
+/// Waits until no thread has woken for a second.
+std::map<std::string, long> sleepsAtRest() {
+  std::map<std::string, long> sleeps;
+  EXPECT_TRUE(eventually([&] {
+    sleeps = sleepsOfOthers();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    return sleepsOfOthers() == sleeps;
+  })) << "it never came to rest";
+  return sleeps;
+}
+
+class StreamIdle : public StreamTest {
+ protected:
+  void makeFolders() const {
+    constexpr int kEach = 100;
+    const int outer = longOrShort(100, 5);
+    for (int i = 0; i < outer; ++i) {
+      makeFolder(in(std::to_string(i)));
+      for (int j = 1; j < kEach; ++j) makeFolder(in(std::to_string(i) + "/" + std::to_string(j)));
+    }
+  }
+};
+KESTRINE_PER_SOURCE(StreamIdle);
+
+TEST_P(StreamIdle, WakesForWhatIsMountedElsewhereAFewTimesAndForNothingElse) {
+#ifdef KESTRINE_THREAD_SANITIZER
+  GTEST_SKIP() << "left out: sleep of all threads, because the thread sanitizer has one of its own that wakes";
+#endif
+  inMountNamespace([this] {
+    makeFolders();
+    const TemporaryDirectory elsewhere;
+    makeFolder(elsewhere / "point");
+    makeFolder(elsewhere / "busy");
+    const auto stream = watchRoot();
+    ASSERT_TRUE(stream->started());
+    const std::map<std::string, long> before = sleepsAtRest();
+    EXPECT_FALSE(before.empty());
+
+    constexpr int kMounts = 100;
+    constexpr std::chrono::milliseconds kPause(50);
+    const auto disturb = [&](int round) {
+      const std::string name = elsewhere / ("busy/" + std::to_string(round));
+      writeFile(name, "text");
+      std::filesystem::rename(name, name + ".moved");
+      makeFolder(name);
+      std::this_thread::sleep_for(kPause);
+    };
+    for (int i = 0; i < kMounts; ++i) disturb(i);
+    EXPECT_EQ(difference(before, sleepsOfOthers()).text, "") << "for changes in other folders";
+
+    for (int i = 0; i < kMounts; ++i) {
+      mountAt(elsewhere / "point", "tmpfs");
+      disturb(kMounts + i);
+      unmountAt(elsewhere / "point");
+      disturb(2 * kMounts + i);
+    }
+    // Each comes and goes; for each of these the stream may look at the table, and at most be interrupted by another thread in doing so.
+    constexpr long kWakeUpsEach = 2;
+    const WakeUps woken = difference(before, sleepsAtRest());
+    EXPECT_LE(woken.count, 2 * kMounts * kWakeUpsEach) << woken.text;
+    RecordProperty("wakeUps", static_cast<int>(woken.count));
+    EXPECT_TRUE(stream->events().empty()) << stream->describe();
+
+    // It was asleep, not dead.
+    writeFile(in("3/file"), "text");
+    EXPECT_TRUE(stream->waitFor(in("3/file"), kCreated)) << stream->describe();
+  });
+}
+
+}  // namespace
+}  // namespace kestrine::test

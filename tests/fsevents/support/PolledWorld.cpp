@@ -1,0 +1,240 @@
+#include "tests/fsevents/support/PolledWorld.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+
+#include <cerrno>
+#include <ctime>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace kestrine::test {
+
+using platform::FileHandle;
+using platform::fsevents::kNoNode;
+
+namespace {
+
+std::uint64_t nanoseconds(const timespec& time) {
+  return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000U + static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+/// The names in a folder; none when it is not there.
+std::vector<std::string> namesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, int (*)(DIR*)> list(::opendir(folder.c_str()), ::closedir);
+  while (const dirent* entry = list ? ::readdir(list.get()) : nullptr) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  return names;
+}
+
+/// ItemIsFile, ItemIsDir or ItemIsSymlink; 0 when nothing is there.
+FSEventStreamEventFlags kindAt(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return 0;
+  return S_ISDIR(status.st_mode) ? kIsFolder : S_ISLNK(status.st_mode) ? kIsLink : kIsFile;
+}
+
+std::uint64_t inodeAt(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+}  // namespace
+
+PolledWorld::PolledWorld(std::string root, Options options)
+    : root_(std::move(root)), options_(options), region_(options.timeStep, options.foreign) {
+  nodes_[next_] = {kNoNode, "", inodeAt(root_)};
+  addBelow(next_++, root_, 0);
+  copy_.clear();
+  collect(root_, copy_);
+}
+
+void PolledWorld::pass(const std::function<void()>& between) {
+  region_.hasten();
+  const auto before = region_.due();
+  while (region_.due() == before && !region_.empty()) {
+    region_.work(*this, options_.slice);
+    if (between) between();
+  }
+}
+
+void PolledWorld::letStampsGoOn() { std::this_thread::sleep_for(std::chrono::milliseconds(45)); }
+
+std::map<std::string, PolledWorld::Flags> PolledWorld::take() {
+  std::map<std::string, Flags> told;
+  for (const auto& [path, flags] : log_) told[path] |= flags;
+  log_.clear();
+  return told;
+}
+
+PolledWorld::Flags PolledWorld::flagsOf(const std::string& path) const {
+  Flags together = 0;
+  for (const auto& [told, flags] : log_) together |= told == path ? flags : 0;
+  return together;
+}
+
+PolledWorld::NodeId PolledWorld::nodeOf(const std::string& path) const {
+  for (const auto& [node, about] : nodes_) {
+    if (!detached_.contains(node) && pathOf(node) == path) return node;
+  }
+  throw std::runtime_error("no node of " + path);
+}
+
+std::string PolledWorld::pathOf(NodeId node) const {
+  const Node& about = nodes_.at(node);
+  return about.parent == kNoNode ? root_ : pathOf(about.parent) + "/" + about.name;
+}
+
+bool PolledWorld::see(const std::string& path, Seen& seen) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return false;
+  const bool isFolder = S_ISDIR(status.st_mode);
+  seen = {status.st_ino, isFolder ? status.st_mode : nanoseconds(status.st_ctim), isFolder ? 0 : static_cast<std::uint64_t>(status.st_size)};
+  return true;
+}
+
+void PolledWorld::collect(const std::string& folder, std::map<std::string, Seen>& seen) {
+  for (const auto& name : namesIn(folder)) {
+    const std::string path = folder + "/" + name;
+    if (see(path, seen[path]) && kindAt(path) == kIsFolder) collect(path, seen);
+  }
+}
+
+std::vector<std::string> PolledWorld::differences() const {
+  std::map<std::string, Seen> disk;
+  collect(root_, disk);
+  std::vector<std::string> lines;
+  for (const auto& [path, seen] : disk) {
+    const auto known = copy_.find(path);
+    if (known == copy_.end()) {
+      lines.push_back("not told: there is " + path);
+    } else if (known->second != seen) {
+      lines.push_back("not told: change of " + path);
+    }
+  }
+  for (const auto& [path, seen] : copy_) {
+    if (!disk.contains(path)) lines.push_back("not told: gone is " + path);
+  }
+  return lines;
+}
+
+FileHandle PolledWorld::openFolder(NodeId folder) {
+  const std::string path = pathOf(folder);
+  const auto refused = refusals.find(path);
+  if (refused != refusals.end() || detached_.contains(folder)) {
+    errno = refused != refusals.end() ? refused->second : ENOENT;
+    return FileHandle();
+  }
+  return FileHandle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+bool PolledWorld::tryMark(NodeId folder, int descriptor) {
+  EXPECT_GE(descriptor, 0);
+  marked.push_back(pathOf(folder));
+  return marks(marked.back());
+}
+
+void PolledWorld::told(const std::string& path, Flags flags) {
+  log_.emplace_back(path, flags);
+  Seen seen{};
+  if (see(path, seen)) {
+    copy_[path] = seen;
+  } else {
+    copy_.erase(path);
+  }
+}
+
+void PolledWorld::changed(NodeId folder, std::string_view name, Flags flags) { told(pathOf(folder) + "/" + std::string(name), flags); }
+
+void PolledWorld::changedAt(std::string_view formerPlace, std::string_view name, Flags flags) {
+  told(std::string(formerPlace) + "/" + std::string(name), flags);
+}
+
+PolledWorld::NodeId PolledWorld::childOf(NodeId parent, const std::string& name) const {
+  const auto place = places_.find({parent, name});
+  return place == places_.end() ? kNoNode : place->second;
+}
+
+std::vector<PolledWorld::NodeId> PolledWorld::subtree(NodeId node) const {
+  std::vector<NodeId> nodes{node};
+  for (std::size_t at = 0; at < nodes.size(); ++at) {
+    for (const auto& [other, about] : nodes_) {
+      if (about.parent == nodes[at]) nodes.push_back(other);
+    }
+  }
+  return nodes;
+}
+
+void PolledWorld::forget(NodeId node) {
+  for (const NodeId each : subtree(node)) {
+    region_.remove(each);
+    const Node about = nodes_.at(each);
+    if (childOf(about.parent, about.name) == each) places_.erase({about.parent, about.name});
+    detached_.erase(each);
+    nodes_.erase(each);
+  }
+}
+
+void PolledWorld::folderGone(NodeId folder, std::string_view name, Flags flags) {
+  const NodeId node = childOf(folder, std::string(name));
+  if (node == kNoNode) return;
+  if ((flags & kRenamed) != 0) {
+    places_.erase({folder, std::string(name)});
+    detached_.insert(node);
+    return;
+  }
+  for (const NodeId each : subtree(node)) region_.tellAllRemoved(each, *this);
+  forget(node);
+}
+
+void PolledWorld::folderFound(NodeId folder, std::string_view name, Flags flags) {
+  const std::string path = pathOf(folder) + "/" + std::string(name);
+  if (onFound) onFound(path);
+  takeUp(folder, std::string(name), flags & (kCreated | kRenamed));
+}
+
+void PolledWorld::takeUp(NodeId parent, const std::string& name, Flags report) {
+  const std::string path = pathOf(parent) + "/" + name;
+  const std::uint64_t inode = inodeAt(path);
+  if (const NodeId there = childOf(parent, name); there != kNoNode) {
+    if (nodes_.at(there).inode == inode) return;
+    forget(there);
+  }
+  for (const NodeId node : detached_) {
+    if (nodes_.at(node).inode != inode) continue;
+    const std::string from = pathOf(node);
+    for (const NodeId each : subtree(node)) region_.moved(each, pathOf(each));
+    detached_.erase(node);
+    nodes_[node].parent = parent;
+    nodes_[node].name = name;
+    places_[{parent, name}] = node;
+    // What was below it has gone with it.
+    std::map<std::string, Seen> moved;
+    for (auto item = copy_.lower_bound(from + "/"); item != copy_.end() && item->first.starts_with(from + "/"); item = copy_.erase(item))
+      moved[path + item->first.substr(from.size())] = item->second;
+    copy_.merge(moved);
+    return;
+  }
+  const NodeId node = next_++;
+  nodes_[node] = {parent, name, inode};
+  places_[{parent, name}] = node;
+  addBelow(node, path, report);
+}
+
+void PolledWorld::addBelow(NodeId node, const std::string& path, Flags report) {
+  const FileHandle folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder.isOpen() || !region_.add(node, folder.fileDescriptor(), options_.why)) return;
+  for (const auto& name : namesIn(path)) {
+    const std::string item = path + "/" + name;
+    const Flags kind = kindAt(item);
+    if (kind == 0) continue;
+    if (report != 0) told(item, report | kind);
+    if (kind == kIsFolder) takeUp(node, name, report);
+  }
+}
+
+}  // namespace kestrine::test
