@@ -1,5 +1,6 @@
 // Several writers of one domain: nothing of theirs is lost, and a write that changes nothing is none.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
