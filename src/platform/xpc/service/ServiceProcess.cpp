@@ -31,12 +31,11 @@ namespace platform::xpc {
 
 namespace {
 
-/// How long the former process of this service may take to be gone.
-constexpr std::chrono::seconds kFormerProcessLimit{10};
-
 /// What lives as long as the process.
 struct Service {
   std::string name;
+  /// How long the former process of this service may take to be gone.
+  std::chrono::milliseconds formerProcessLimit;
   ServiceFolder folder;
   LockFile lifeLock;
   FileHandle handedOverSocket;
@@ -81,12 +80,12 @@ void raiseDescriptorLimit() {
 
 FileHandle takeSocket(Service& own) {
   if (own.handedOverSocket.isOpen()) return std::move(own.handedOverSocket);
-  return orGiveUp(makeOwnSocket(own.folder, own.name, kFormerProcessLimit));
+  return orGiveUp(makeOwnSocket(own.folder, own.name, own.formerProcessLimit));
 }
 
 }  // namespace
 
-void ServiceProcess::begin(const std::string& identifier) {
+void ServiceProcess::begin(const std::string& identifier, std::chrono::milliseconds formerProcessLimit) {
   setApplicationIdentifier(identifier);
   prepareSignals();
   raiseDescriptorLimit();
@@ -95,8 +94,9 @@ void ServiceProcess::begin(const std::string& identifier) {
   openServiceLog();
   if (const auto refused = refuseName(identifier)) giveUp(*refused);
   auto folder = orGiveUp(ServiceFolder::open(true));
-  auto lifeLock = orGiveUp(takeLifeLock(folder, identifier, kFormerProcessLimit));
+  auto lifeLock = orGiveUp(takeLifeLock(folder, identifier, formerProcessLimit));
   service() = new Service{.name = identifier,
+                          .formerProcessLimit = formerProcessLimit,
                           .folder = std::move(folder),
                           .lifeLock = std::move(lifeLock),
                           .handedOverSocket = std::move(socket),
