@@ -812,6 +812,22 @@ DEFECTS = [
     ),
     # Starting a service, and its end.
     Defect(
+        "refused-lock-taken-for-a-held-one",
+        "src/platform/xpc/launch/LockFile.cpp",
+        "  return result == 0 ? 0 : errno;\n",
+        "  return result == 0 ? 0 : kHeldBySomebodyElse;\n",
+        "xpc_tests",
+        "LockWaiting.EndsAtOnceWhenTheSystemRefusesTheLock",
+    ),
+    Defect(
+        "idle-peer-taken-for-a-silent-one",
+        "src/platform/xpc/channel/Channel.cpp",
+        "reading_ && (!hadFrame_ || reader_.isInsideFrame());\n",
+        "reading_;\n",
+        "xpc_tests",
+        "HostileSilence.IsEndedAndAnIdlePeerIsNot",
+    ),
+    Defect(
         "loop-waits-for-a-lock",
         "src/platform/xpc/service/LockWait.cpp",
         "  const int error = lock_.tryLock();\n",
