@@ -21,8 +21,8 @@ struct Mount {
   /// "ext4", "fuse.sshfs"
   std::string type;
   std::string source;
-  /// A number that no other mount of this machine has or had since it started; 0 where the kernel tells none (before 6.8). Without it
-  /// something that was unmounted and mounted again between two looks at the table may not be told from what it was.
+  /// Differs between two mounts that are alike in everything else, as when something is unmounted and mounted again: the kernel gives ids
+  /// and devices a second time at once. 0 in a table that was made from text alone; see `Mounts::attend`.
   std::uint64_t serial = 0;
 
   friend bool operator==(const Mount&, const Mount&) = default;

@@ -43,10 +43,13 @@ bool Mounts::readOnce(std::vector<Mount>& mounts) {
     return false;
   }
   mounts = parseMounts(*text);
-  serials_.read();
-  for (Mount& mount : mounts) mount.serial = serials_.of(mount.id);
+  hasSerials_ = serials_.read();
+  witnesses_.look();
+  for (Mount& mount : mounts) mount.serial = hasSerials_ ? serials_.of(mount.id) : witnesses_.generationOf(mount.id) + 1;
   return true;
 }
+
+int Mounts::attend(const std::vector<Mount>& mounts) { return hasSerials_ ? 0 : witnesses_.attend(mounts); }
 
 bool Mounts::read() {
   std::vector<Mount> mounts;
