@@ -16,6 +16,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -346,6 +347,25 @@ TEST_P(MountsOf, WithoutSerialsAreNotTakenForOthersWhileTheyStand) {
       EXPECT_TRUE(mounts.read());
       EXPECT_EQ(typeAt(mounts, folder / "a"), "tmpfs");
       EXPECT_EQ(mounts.table().covering(folder / "a")->point, folder.path());
+    });
+  });
+}
+
+TEST_P(MountsOf, WithoutSerialsAreToldApartAndStayTheSameWhenTheyMove) {
+  inside([](const TemporaryDirectory& folder) {
+    withoutSerials([&folder] {
+      for (const char* const name : {"a", "b", "c"}) makeFolder(folder / name);
+      mountAt(folder / "a", "tmpfs");
+      bindAt(folder / "b", folder / "a");
+      Mounts mounts;
+      std::set<std::uint64_t> serials;
+      for (const Mount& mount : mounts.table().all()) serials.insert(mount.serial);
+      EXPECT_EQ(serials.size(), mounts.table().all().size());
+      EXPECT_FALSE(serials.contains(0));
+      const std::uint64_t before = mounts.table().covering(folder / "b")->serial;
+      moveMount(folder / "b", folder / "c");
+      EXPECT_TRUE(mounts.read());
+      EXPECT_EQ(mounts.table().covering(folder / "c")->serial, before);
     });
   });
 }

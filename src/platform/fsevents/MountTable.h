@@ -21,8 +21,9 @@ struct Mount {
   /// "ext4", "fuse.sshfs"
   std::string type;
   std::string source;
-  /// Differs between two mounts that are alike in everything else, as when something is unmounted and mounted again: the kernel gives ids
-  /// and devices a second time at once. 0 in a table that was made from text alone; see `Mounts::attend`.
+  /// Stays as it is as long as the mount is there, moved or not, and differs from that of a mount which came in its place and is alike in
+  /// all that the table tells: the kernel gives ids and devices a second time at once. See `Mounts::attend`. 0 in a table that was made
+  /// from text alone.
   std::uint64_t serial = 0;
 
   friend bool operator==(const Mount&, const Mount&) = default;
