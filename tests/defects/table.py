@@ -765,8 +765,8 @@ DEFECTS = [
     Defect(
         "mounts-told-apart-by-their-ids",
         "src/platform/fsevents/Mounts.cpp",
-        "mount.serial = hasSerials_ ? serials_.of(mount.id) :",
-        "mount.serial = hasSerials_ ? 1 :",
+        "mount.serial = hasSerials_ ? serials_.of(mount.id) : 0;",
+        "mount.serial = 0;",
         "fsevents_tests",
         "MountsOf.ThatAreReplacedBetweenTwoLooks*",
     ),

@@ -55,7 +55,10 @@ bool Mounts::readOnce(std::vector<Mount>& mounts) {
   mounts = parseMounts(*text);
   hasSerials_ = serials_.read();
   witnesses_.look();
-  for (Mount& mount : mounts) mount.serial = hasSerials_ ? serials_.of(mount.id) : madeUpSerial(mount, witnesses_.generationOf(mount.id));
+  for (Mount& mount : mounts) {
+    mount.serial = hasSerials_ ? serials_.of(mount.id) : 0;
+    if (mount.serial == 0) mount.serial = madeUpSerial(mount, witnesses_.generationOf(mount.id));
+  }
   return true;
 }
 
