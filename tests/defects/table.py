@@ -316,9 +316,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -332,9 +336,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -423,8 +431,8 @@ DEFECTS = [
     Defect(
         "folder-that-left-still-told",
         "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    if (believed && !arrive(node)) forget(node, Why::Left);\n",
-        "    static_cast<void>(believed && arrive(node));\n",
+        "    if (node != kNoNode) forget(node, Why::Left);\n",
+        "",
         "fsevents_tests",
         "*StreamRenames.Out*",
     ),
@@ -445,6 +453,55 @@ DEFECTS = [
         "*Mapping*",
     ),
     # What is lost, and when it is over.
+    # The world under a watch.
+    Defect(
+        "exclusion-that-moves-along",
+        "src/platform/fsevents/WatchedTreePlaces.cpp",
+        "  if (!exclusions_.empty()) exclusionsMoved(node, from);\n",
+        "",
+        "fsevents_tests",
+        "WorldExclusions.EndBelowAFolderThatIsRenamed/*",
+    ),
+    Defect(
+        "unlimited-queue-not-asked-for",
+        "src/platform/fsevents/FanotifySource.cpp",
+        "  constexpr unsigned kUnlimited = FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;\n",
+        "  constexpr unsigned kUnlimited = 0;\n",
+        "fsevents_tests",
+        "WorldOverflows.AreNotForAStreamWithRootsRights/fanotify",
+    ),
+    Defect(
+        "marks-not-freed-near-the-limit",
+        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "    if (!drain() && !hasUnapplied()) resume(emptyAt_);\n",
+        "",
+        "fsevents_tests",
+        "WorldOverflows.OfTheLimitAreNotNeededToFreeMarks/fanotify",
+    ),
+    Defect(
+        "each-departure-marks-everything",
+        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "constexpr int kRenewalRatio = 1000;\n",
+        "constexpr int kRenewalRatio = 0;\n",
+        "fsevents_tests",
+        "WorldOverflows.OfWorkDoNotFollowFromFoldersThatMoveOutOneByOne/fanotify",
+    ),
+    Defect(
+        "removed-watches-fill-the-queue",
+        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "    if (++removed % kRemovalsBetweenDrains == 0) drain();\n",
+        "    ++removed;\n",
+        "fsevents_tests",
+        "WorldOverflows.AreNotMadeByALargeTreeThatMovesOut/inotify",
+    ),
+    Defect(
+        "folder-that-may-not-be-entered-forgotten",
+        "src/platform/fsevents/WatchedTreeTrouble.cpp",
+        "    if ((tree_.flags(child) & kTroubled) != 0 && !tree_.isDetached(child)) names.emplace_back(tree_.name(child));\n",
+        "    static_cast<void>(child);\n",
+        "fsevents_tests",
+        "WorldRights.ToEnterAreMissedWhereReadingIsAllowed/*",
+    ),
     Defect(
         "loss-told-once-for-ever",
         "src/platform/fsevents/Losses.cpp",
