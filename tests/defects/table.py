@@ -911,10 +911,18 @@ DEFECTS = [
     Defect(
         "mounts-told-apart-by-their-ids",
         "src/platform/fsevents/Mounts.cpp",
-        "  for (Mount& mount : mounts) mount.serial = serials_.of(mount.id);\n",
-        "",
+        "mount.serial = hasSerials_ ? serials_.of(mount.id) : 0;",
+        "mount.serial = 0;",
         "fsevents_tests",
         "MountsOf.ThatAreReplacedBetweenTwoLooks*",
+    ),
+    Defect(
+        "mount-witnesses-not-asked",
+        "src/platform/fsevents/Mounts.cpp",
+        "  witnesses_.look();\n",
+        "",
+        "fsevents_tests",
+        "MountsOf.*Witness*:MountsOf.*WithoutSerials*",
     ),
     Defect(
         "mount-point-still-escaped",
