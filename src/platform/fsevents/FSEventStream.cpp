@@ -64,7 +64,8 @@ class FSEventStream::Impl final : public std::enable_shared_from_this<FSEventStr
       : stream_(stream),
         callback_(std::move(callback)),
         configuration_(std::move(configuration)),
-        mailbox_(std::make_shared<StreamMailbox>(status_, [signal = signal_] { signal->call(); })) {}
+        mailbox_(std::make_shared<StreamMailbox>([signal = signal_] { signal->call(); },
+                                                 [status = status_] { return status->losses().takeNotices(); })) {}
 
   void schedule(const std::shared_ptr<RunLoop>& runLoop) EXCLUDES(mutex_);
   bool start() EXCLUDES(control_, mutex_);

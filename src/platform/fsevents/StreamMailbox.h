@@ -15,7 +15,6 @@
 #include "platform/fsevents/EventClock.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
 #include "platform/fsevents/LossNotices.h"
-#include "platform/fsevents/StreamStatus.h"
 
 namespace platform::fsevents {
 
@@ -23,7 +22,7 @@ namespace platform::fsevents {
 struct StreamBatch {
   /// Without identifiers until it enters the mailbox.
   std::vector<FSEvent> events;
-  /// What the losses of the whole stream have to say, since it enters the mailbox.
+  /// What the mailbox adds: the notices of the whole stream.
   std::vector<LossNotice> losses;
   /// When the kernel queues of the engine were last known empty (EventClock::now); what is told is not older.
   std::uint64_t knownEmpty = 0;
@@ -43,10 +42,10 @@ class StreamMailbox {
  public:
   using EngineNumber = std::uint64_t;
 
-  /// `signal` is called when there is something to handle. Whichever batch comes in takes the notices of the status's losses along, so that
-  /// they stay in their order although engines work side by side.
-  StreamMailbox(std::shared_ptr<StreamStatus> status, std::function<void()> signal)
-      : status_(std::move(status)), signal_(std::move(signal)) {}
+  /// `signal` is called when there is something to handle. Whichever batch comes in takes along what `notices` returns
+  /// (Losses::takeNotices), so that they stay in their order although engines work side by side.
+  explicit StreamMailbox(std::function<void()> signal, std::function<std::vector<LossNotice>()> notices = {})
+      : signal_(std::move(signal)), notices_(std::move(notices)) {}
   StreamMailbox(const StreamMailbox&) = delete;
   StreamMailbox& operator=(const StreamMailbox&) = delete;
 
@@ -103,8 +102,8 @@ class StreamMailbox {
   void enter(EngineNumber engine, const EventClock::Member& member, StreamBatch batch) REQUIRES(mutex_);
   [[nodiscard]] bool isHistoryComplete() const REQUIRES(mutex_);
 
-  const std::shared_ptr<StreamStatus> status_;
   const std::function<void()> signal_;
+  const std::function<std::vector<LossNotice>()> notices_;
   mutable Mutex mutex_;
   Condition changed_;
   std::map<EngineNumber, Slot> slots_ GUARDED_BY(mutex_);
