@@ -160,6 +160,11 @@ void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::strin
   if (!target.empty()) {
     const NodeId node = tree_.findByKey(target);
     if (node != kNoNode && node != DirectoryTree::kRoot) forget(node, Why::Removed);
+    // One that could not be read may be without a key: whatever stands in its place is taken up.
+    const NodeId there = node == kNoNode && !name.empty() ? tree_.child(folder, name) : kNoNode;
+    if (there == kNoNode || !tree_.key(there).empty()) return;
+    forget(there, Why::Removed);
+    takeUp(folder, name, kFSEventStreamEventFlagItemCreated);
     return;
   }
   const NodeId node = name.empty() ? kNoNode : tree_.child(folder, name);
