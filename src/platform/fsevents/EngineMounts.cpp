@@ -308,7 +308,7 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
   below.tree->avoid(below.avoided);
   int error = 0;
   const FSEventStreamEventFlags report = when == When::Later && !isNew ? kFSEventStreamEventFlagItemCreated : 0;
-  const WatchedTree::Attached attached = trees_.attach(*below.tree, report, since, error);
+  const WatchedTree::Attached attached = trees_.attachMount(*below.tree, report, since, error);
   // Everything that has happened on it until its folders were marked is covered by this.
   if (isNew) tell(below, told);
   if (attached == WatchedTree::Attached::Refused) {

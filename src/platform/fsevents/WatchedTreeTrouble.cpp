@@ -39,27 +39,32 @@ void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::sh
   }
   const NodeId node = place(parent, name);
   tree_.setGeneration(node, generation_);
-  if (!isRefused(error)) {
-    troubled(node, error);
-    return;
-  }
   const FileHandle above = open ? FileHandle() : openFolder(parent);
-  refusedFolder(node, parent, open ? open->handle.fileDescriptor() : above.fileDescriptor(), name);
+  const int parentFolder = open ? open->handle.fileDescriptor() : above.fileDescriptor();
+  if (isRefused(error)) {
+    refusedFolder(node, parent, parentFolder, name);
+  } else {
+    troubled(node, error);
+  }
+  identify(node, parentFolder, name);
+}
+
+void WatchedTree::identify(NodeId node, int parentFolder, std::string_view name) {
+  if (parentFolder < 0 || !source_ || !tree_.key(node).empty()) return;
+  KernelKey key;
+  source_->identify(parentFolder, std::string(name).c_str(), key);
+  if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
 }
 
 void WatchedTree::refusedFolder(NodeId node, NodeId parent, int parentFolder, std::string_view name) {
   tree_.setFlags(node, tree_.flags(node) | kTroubled);
   struct stat info {};
-  const std::string text(name);
-  const bool isEntered = parentFolder >= 0 && ::fstatat(parentFolder, text.c_str(), &info, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
+  const bool isEntered =
+      parentFolder >= 0 && ::fstatat(parentFolder, std::string(name).c_str(), &info, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
   // Where the folder above may be read and not entered, that one is what to tell of, once for everything in it.
   const NodeId culprit = isEntered || parentFolder < 0 ? node : parent;
   tree_.setFlags(culprit, tree_.flags(culprit) | kTroubled);
   reportLoss(LossKind::Rights, culprit, explainFolderFailure(EACCES));
-  if (!isEntered || !source_ || !tree_.key(node).empty()) return;
-  KernelKey key;
-  source_->identify(parentFolder, text.c_str(), key);
-  if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
 }
 
 void WatchedTree::troubled(NodeId node, int error) {
