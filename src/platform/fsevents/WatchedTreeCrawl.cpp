@@ -122,7 +122,8 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     if (above || isStillAt(known)) return kNoNode;
   }
   if (there != kNoNode) {
-    if (known == kNoNode && (key.empty() || (tree_.flags(there) & kMarked) == 0)) {
+    // A folder whose key nobody can tell is not marked, and so none that is.
+    if (known == kNoNode && (tree_.key(there).empty() || (tree_.flags(there) & kMarked) == 0)) {
       if (!key.empty()) tree_.setKey(there, key);
       return there;
     }
