@@ -33,7 +33,11 @@ constexpr std::chrono::seconds kLastQueuePause(60);
 WatchedTree::WatchedTree(std::uint32_t number, TreeOptions options, Coalescer& coalescer, StreamStatus& status)
     : number_(number), options_(std::move(options)), exclusions_(options_.exclusions), coalescer_(coalescer), status_(status) {}
 
-WatchedTree::~WatchedTree() { detach(); }
+WatchedTree::~WatchedTree() {
+  // Also of one that was never attached: a path without rights. Nobody looks at it again.
+  status_.losses().forget(options_.reportedPath);
+  letGo();
+}
 
 WatchedTree::Attached WatchedTree::attach(FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error) {
   detach();
@@ -138,6 +142,9 @@ void WatchedTree::resume(std::uint64_t since) {
   int error = 0;
   static_cast<void>(attachFrom(0, error));  // what stands at the path no longer is the root monitor's to notice
   past_.reset();
+  // Begun by what was let go of, and by nobody since.
+  if (!limitTold_) status_.losses().end(LossKind::MarkLimit, options_.reportedPath);
+  if (source_) status_.losses().end(LossKind::QueueLimit, options_.reportedPath);
 }
 
 void WatchedTree::askForQueue() {

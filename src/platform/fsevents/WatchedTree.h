@@ -72,6 +72,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeRootLostItem() { return std::exchange(rootLostItem_, false); }
   /// Whether a folder has moved since the last call, so that mount points may have other paths.
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
+  /// The places of folders ("/a/b") that could not be entered because something is mounted there, since the last call.
+  [[nodiscard]] std::vector<std::string> takeCovered() { return std::exchange(covered_, {}); }
   /// Places ("/a/b") that a walk does not look into, since something is mounted there: before Linux 6.18 even the look that refuses to
   /// cross a mount point has an automount mount what it stands for (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
   void avoid(std::set<std::string, std::less<>> mountPoints) { mountPoints_ = std::move(mountPoints); }
@@ -305,6 +307,7 @@ class WatchedTree final : private PolledRegion::Host {
   bool doubted_ = false;
   bool rootLostItem_ = false;
   bool movedFolders_ = false;
+  std::vector<std::string> covered_;
   /// Whether the last look found nothing in the kernel queue.
   bool queuesWereEmpty_ = true;
   Unsettled unsettled_;

@@ -229,6 +229,8 @@ bool WatchedTree::mayHaveMovedUnmarked(NodeId node) {
 
 void WatchedTree::forget(NodeId node, Why why) {
   pathsChanged();
+  // What is mounted in it went with it.
+  movedFolders_ = movedFolders_ || why == Why::Left;
   if (status_.losses().any() && !tree_.isDetached(node)) status_.losses().forget(reportedPathOf(node));
   const bool wasRegion = region_ != nullptr;
   int removed = 0;

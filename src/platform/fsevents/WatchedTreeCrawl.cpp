@@ -179,6 +179,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool tellsPast = flags == 0 && past_;
   const bool isChanged = tellsPast && tellPastOf(node, descriptor);
   const bool foldersOnly = flags == 0 && !tellsPast;
+  int listed = 0;
   std::vector<std::pair<std::string, FSEventStreamEventFlags>> held;
   bool isInPlace = true;
   const auto tellHeld = [&] {
@@ -189,7 +190,6 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
     }
     held.clear();
   };
-  int listed = 0;
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
     if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) held.emplace_back(name, flags | kind);

@@ -26,6 +26,7 @@ constexpr std::chrono::milliseconds kPollSlice(20);
 void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error) {
   if (isCovered(error)) {
     // Something is mounted on it: that is another tree's, and what it hides is taken up when it is uncovered.
+    covered_.push_back(relativePath(parent).append("/").append(name));
     if (const NodeId node = tree_.child(parent, name); node != kNoNode) forget(node, Why::Left);
     return;
   }
@@ -83,10 +84,11 @@ void WatchedTree::troubled(NodeId node, int error) {
 
 void WatchedTree::recovered(NodeId node) {
   const std::uint8_t flags = tree_.flags(node);
-  if ((flags & kTroubled) == 0) return;
+  Losses& losses = status_.losses();
+  // By its path and not by the node's flag, which a tree that has begun anew does not have.
+  if ((flags & kTroubled) == 0 && !losses.any()) return;
   tree_.setFlags(node, flags & static_cast<std::uint8_t>(~kTroubled));
   const std::string path = reportedPathOf(node);
-  Losses& losses = status_.losses();
   losses.end(LossKind::Rights, path);
   if (!rootIsFolder_) losses.end(LossKind::MarkLimit, path);
   // What happened in it meanwhile nobody knows.
