@@ -122,7 +122,8 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     if (above || isStillAt(known)) return kNoNode;
   }
   if (there != kNoNode) {
-    if (known == kNoNode && (key.empty() || (tree_.flags(there) & kMarked) == 0)) {
+    // A folder whose key nobody can tell is not marked, and so none that is.
+    if (known == kNoNode && (tree_.key(there).empty() || (tree_.flags(there) & kMarked) == 0)) {
       if (!key.empty()) tree_.setKey(there, key);
       return there;
     }
@@ -179,6 +180,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool isChanged = tellsPast && tellPastOf(node, descriptor);
   const bool foldersOnly = flags == 0 && !tellsPast;
   const bool isPolled = region_ && (tree_.flags(node) & kPolled) != 0;
+  int listed = 0;
   std::vector<std::pair<std::string, FSEventStreamEventFlags>> held;
   bool isInPlace = true;
   const auto tellHeld = [&] {
@@ -189,7 +191,6 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
     }
     held.clear();
   };
-  int listed = 0;
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
     if (isPolled) region_->listed(node, name, kind);
