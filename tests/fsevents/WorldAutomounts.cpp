@@ -34,8 +34,8 @@ class AutomountPoint {
     }
     ::setpgid(owner_, owner_);
     try {
-      mountAt(point, "autofs",
-              "fd=" + std::to_string(ends[1]) + ",pgrp=" + std::to_string(owner_) + ",minproto=5,maxproto=5,direct", "test");
+      mountAt(point, "autofs", "fd=" + std::to_string(ends[1]) + ",pgrp=" + std::to_string(owner_) + ",minproto=5,maxproto=5,direct",
+              "test");
     } catch (...) {
       end();
       throw;

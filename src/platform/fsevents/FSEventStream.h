@@ -42,8 +42,9 @@ class FSEventStream {
  public:
   /// `events` is valid during the call only. Events of one path are in the order in which they happened.
   using Callback = std::function<void(FSEventStream& stream, std::span<const FSEvent> events)>;
-  /// What cannot be told at the moment, and where that is over: a loss begins with an event (MustScanSubDirs) that comes before its notice
-  /// or with it, and lasts until a notice says otherwise. In order with the events. `notices` is valid during the call only.
+  /// What cannot be told at the moment, and where that is over: a loss begins, of which an event with MustScanSubDirs tells too, a little
+  /// before or after, and lasts until a notice says otherwise. In order, and never while events are handed over. `notices` is valid during
+  /// the call only.
   using LossNotice = fsevents::LossNotice;
   using LossCallback = std::function<void(FSEventStream& stream, std::span<const LossNotice> notices)>;
 

@@ -15,6 +15,7 @@
 #include "platform/fsevents/EventClock.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
 #include "platform/fsevents/LossNotices.h"
+#include "platform/fsevents/StreamStatus.h"
 
 namespace platform::fsevents {
 
@@ -22,6 +23,7 @@ namespace platform::fsevents {
 struct StreamBatch {
   /// Without identifiers until it enters the mailbox.
   std::vector<FSEvent> events;
+  /// What the losses of the whole stream have to say, since it enters the mailbox.
   std::vector<LossNotice> losses;
   /// When the kernel queues of the engine were last known empty (EventClock::now); what is told is not older.
   std::uint64_t knownEmpty = 0;
@@ -41,8 +43,10 @@ class StreamMailbox {
  public:
   using EngineNumber = std::uint64_t;
 
-  /// `signal` is called when there is something to handle.
-  explicit StreamMailbox(std::function<void()> signal) : signal_(std::move(signal)) {}
+  /// `signal` is called when there is something to handle. Whichever batch comes in takes the notices of the status's losses along, so that
+  /// they stay in their order although engines work side by side.
+  StreamMailbox(std::shared_ptr<StreamStatus> status, std::function<void()> signal)
+      : status_(std::move(status)), signal_(std::move(signal)) {}
   StreamMailbox(const StreamMailbox&) = delete;
   StreamMailbox& operator=(const StreamMailbox&) = delete;
 
@@ -99,6 +103,7 @@ class StreamMailbox {
   void enter(EngineNumber engine, const EventClock::Member& member, StreamBatch batch) REQUIRES(mutex_);
   [[nodiscard]] bool isHistoryComplete() const REQUIRES(mutex_);
 
+  const std::shared_ptr<StreamStatus> status_;
   const std::function<void()> signal_;
   mutable Mutex mutex_;
   Condition changed_;
