@@ -15,6 +15,15 @@ struct Sighting {
   std::uint32_t change;
 };
 
+/// Whether the kernel has told since what a look would tell now. That an item was written to does not say that it is new.
+template <class Change>
+bool isOutdone(const PolledFolder& folder, std::string_view name, const Change& change) {
+  constexpr FSEventStreamEventFlags kArrived = kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRenamed;
+  const auto told = folder.told.find(name);
+  if (told == folder.told.end()) return false;
+  return change.came == 0 || told->second.item.isAbsent || (told->second.flags & kArrived) != 0;
+}
+
 bool isBefore(const Sighting& one, const Sighting& other) {
   return one.inode != other.inode ? one.inode < other.inode : one.change < other.change;
 }
@@ -92,7 +101,7 @@ void PolledChanges::tellOne(PolledRegion::Host& host, Change& change) {
   const Look& look = looks_[change.look];
   const std::string_view name = nameOf(change);
   // What the kernel told of the name since is the later word.
-  if (look.folder->isRemoved || look.folder->told.contains(name)) change.gone = change.came = 0;
+  if (look.folder->isRemoved || isOutdone(*look.folder, name, change)) change.gone = change.came = 0;
   if (step_ == Step::Names) {
     tellName(host, look, name, change.gone, change.came);
   } else {
@@ -146,9 +155,9 @@ void PolledChanges::tellRemoved(PolledFolder& folder, PolledRegion::Host& host) 
   for (std::size_t at = 0; at < changes_.size(); ++at) {
     Change& change = changes_[at];
     if (looks_[change.look].folder.get() != &folder) continue;
+    const bool isTold = step_ > Step::Names || (step_ == Step::Names && at < next_) || isOutdone(folder, nameOf(change), change);
     const FSEventStreamEventFlags gone = std::exchange(change.gone, 0);
     change.came = 0;  // what is there now is told as removed by the owner
-    const bool isTold = step_ > Step::Names || (step_ == Step::Names && at < next_) || folder.told.contains(nameOf(change));
     if (!isTold) tellName(host, looks_[change.look], nameOf(change), gone, 0);
   }
 }

@@ -10,8 +10,8 @@ namespace {
 /// The kernel has said more than the table knows.
 bool bringUpToDate(PolledFolder& folder) {
   if (folder.told.empty()) return true;
-  for (const auto& [name, item] : folder.told) {
-    if (!folder.table->append(name, item)) return false;
+  for (const auto& [name, told] : folder.told) {
+    if (!folder.table->append(name, told.item)) return false;
   }
   folder.table->arrange();
   folder.told.clear();

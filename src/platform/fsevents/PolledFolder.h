@@ -21,6 +21,12 @@ struct FormerPlace {
   bool isExact = false;
 };
 
+/// What the kernel told of an item, and what the disk showed then.
+struct ToldItem {
+  PolledItem item;
+  FSEventStreamEventFlags flags = 0;
+};
+
 /// What a region knows of one folder. Shared with what is under way when the folder is removed from the region meanwhile.
 struct PolledFolder {
   PolledFolder(NodeId number, PolledRegion::Why reason) : node(number), why(reason) {}
@@ -34,7 +40,7 @@ struct PolledFolder {
   /// Never changed while PolledChanges speaks of it.
   std::shared_ptr<FolderTable> table = std::make_shared<FolderTable>();
   /// What the kernel told since the table was made, by name; goes before the table.
-  std::map<std::string, PolledItem, std::less<>> told;
+  std::map<std::string, ToldItem, std::less<>> told;
   /// Of the last look; made when somebody asks.
   std::shared_ptr<FormerPlace> place;
   /// The clock of stamps when the last look began and ended.
@@ -51,7 +57,7 @@ struct PolledFolder {
   std::shared_ptr<FormerPlace> placeOfLook() { return place ? place : place = std::make_shared<FormerPlace>(); }
   [[nodiscard]] PolledItem find(std::string_view name) const {
     const auto known = told.find(name);
-    return known != told.end() ? known->second : table->find(name);
+    return known != told.end() ? known->second.item : table->find(name);
   }
 };
 

@@ -97,7 +97,7 @@ void PolledRegion::listed(NodeId folder, std::string_view name, FSEventStreamEve
   const bool isFolder = (kind & kFSEventStreamEventFlagItemIsDir) != 0;
   const bool isLink = (kind & kFSEventStreamEventFlagItemIsSymlink) != 0;
   const PolledItem item = namedItem(0, isFolder ? DT_DIR : isLink ? DT_LNK : DT_REG);
-  known->told.insert_or_assign(std::string(name), item);
+  known->told.insert_or_assign(std::string(name), ToldItem{item, 0});
 }
 
 void PolledRegion::remove(NodeId folder) {
@@ -128,8 +128,8 @@ void PolledRegion::tellAllRemoved(NodeId folder, Host& host) {
   for (std::size_t at = 0; at < table.size(); ++at) {
     if (!told.contains(table.name(at))) tellOne(table.name(at), table.item(at));
   }
-  for (const auto& [name, item] : told) {
-    if (!item.isAbsent) tellOne(name, item);
+  for (const auto& [name, last] : told) {
+    if (!last.item.isAbsent) tellOne(name, last.item);
   }
 }
 
@@ -159,7 +159,8 @@ void PolledRegion::told(NodeId folder, int descriptor, std::string_view name, FS
   if (rest == 0 || (rest & ~coveredBy(flags)) != 0) return;
   // Somebody else's change right after it may leave the same stamp.
   item.looks = isStampedElsewhere(item) || isRecent(item, now, rules) ? PolledItem::kTold : 0;
-  known->told.insert_or_assign(std::string(name), item);
+  ToldItem& told = known->told[std::string(name)];
+  told = {item, told.flags | flags};
 }
 
 std::optional<PolledRegion::Clock::time_point> PolledRegion::due() const {

@@ -188,6 +188,8 @@ class WatchedTree final : private PolledRegion::Host {
   void tellRegion();
   void updatePolled(NodeId folder, std::string_view name, FSEventStreamEventFlags flags);
   void polledMoved(NodeId top, const std::string& formerPath);
+  /// Tells everything that is known in the polled folders at and below `top` as removed.
+  void tellPolledRemoved(NodeId top);
   std::optional<Clock::time_point> workOnRegion();
   FileHandle openFolder(NodeId folder) override { return openFolder(folder, {}); }
   bool tryMark(NodeId node, int folder) override;
