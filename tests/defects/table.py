@@ -981,6 +981,14 @@ DEFECTS = [
         "MountsOf.*Witness*:MountsOf.*WithoutSerials*",
     ),
     Defect(
+        "mounts-not-attended",
+        "src/platform/fsevents/EngineMounts.cpp",
+        "  attend();\n",
+        "",
+        "fsevents_tests",
+        "WorldReplacedMounts.BelowTheWatchedPathAreWatchedOnAnOlderKernel/fanotify",
+    ),
+    Defect(
         "mount-point-still-escaped",
         "src/platform/fsevents/MountTable.cpp",
         "  mount.point = unescaped(nextField(line));\n",
