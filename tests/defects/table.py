@@ -316,9 +316,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -332,9 +336,13 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
+        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
         "  if (isMarked) countMark(node);\n"
+        "  if (isMarked && !wasKnown) {\n"
+        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
+        "  }\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -423,8 +431,8 @@ DEFECTS = [
     Defect(
         "folder-that-left-still-told",
         "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    if (believed && !arrive(node)) forget(node, Why::Left);\n",
-        "    static_cast<void>(believed && arrive(node));\n",
+        "    if (node != kNoNode) forget(node, Why::Left);\n",
+        "",
         "fsevents_tests",
         "*StreamRenames.Out*",
     ),
@@ -445,6 +453,55 @@ DEFECTS = [
         "*Mapping*",
     ),
     # What is lost, and when it is over.
+    # The world under a watch.
+    Defect(
+        "exclusion-that-moves-along",
+        "src/platform/fsevents/WatchedTreePlaces.cpp",
+        "  if (!exclusions_.empty()) exclusionsMoved(node, from);\n",
+        "",
+        "fsevents_tests",
+        "WorldExclusions.EndBelowAFolderThatIsRenamed/*",
+    ),
+    Defect(
+        "unlimited-queue-not-asked-for",
+        "src/platform/fsevents/FanotifySource.cpp",
+        "  constexpr unsigned kUnlimited = FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;\n",
+        "  constexpr unsigned kUnlimited = 0;\n",
+        "fsevents_tests",
+        "WorldOverflows.AreNotForAStreamWithRootsRights/fanotify",
+    ),
+    Defect(
+        "marks-not-freed-near-the-limit",
+        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "    if (!drain() && !hasUnapplied()) resume(emptyAt_);\n",
+        "",
+        "fsevents_tests",
+        "WorldOverflows.OfTheLimitAreNotNeededToFreeMarks/fanotify",
+    ),
+    Defect(
+        "each-departure-marks-everything",
+        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "constexpr int kRenewalRatio = 1000;\n",
+        "constexpr int kRenewalRatio = 0;\n",
+        "fsevents_tests",
+        "WorldOverflows.OfWorkDoNotFollowFromFoldersThatMoveOutOneByOne/fanotify",
+    ),
+    Defect(
+        "removed-watches-fill-the-queue",
+        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "    if (++removed % kRemovalsBetweenDrains == 0) drain();\n",
+        "    ++removed;\n",
+        "fsevents_tests",
+        "WorldOverflows.AreNotMadeByALargeTreeThatMovesOut/inotify",
+    ),
+    Defect(
+        "folder-that-may-not-be-entered-forgotten",
+        "src/platform/fsevents/WatchedTreeTrouble.cpp",
+        "    if ((tree_.flags(child) & kTroubled) != 0 && !tree_.isDetached(child)) names.emplace_back(tree_.name(child));\n",
+        "    static_cast<void>(child);\n",
+        "fsevents_tests",
+        "WorldRights.ToEnterAreMissedWhereReadingIsAllowed/*",
+    ),
     Defect(
         "loss-told-once-for-ever",
         "src/platform/fsevents/Losses.cpp",
@@ -760,5 +817,70 @@ DEFECTS = [
         "const bool nothingToWaitFor = false;",
         "concurrency_tests",
         "RunLoopItem.InvalidateEndsARunThatIsAbout*",
+    ),
+    # What is mounted.
+    Defect(
+        "mounts-read-once",
+        "src/platform/fsevents/Mounts.cpp",
+        "constexpr int kAttempts = 10;",
+        "constexpr int kAttempts = 1;",
+        "fsevents_tests",
+        "MountsOf.ThatReplaceOneAnother*",
+    ),
+    Defect(
+        "mounts-forgotten-with-their-table",
+        "src/platform/fsevents/Mounts.cpp",
+        "      if (!readOnce(mounts)) return false;\n",
+        "      if (!readOnce(mounts)) break;\n",
+        "fsevents_tests",
+        "MountsOf.AreKnownAsTheyWere*",
+    ),
+    Defect(
+        "mounts-told-apart-by-their-ids",
+        "src/platform/fsevents/Mounts.cpp",
+        "  for (Mount& mount : mounts) mount.serial = serials_.of(mount.id);\n",
+        "",
+        "fsevents_tests",
+        "MountsOf.ThatAreReplacedBetweenTwoLooks*",
+    ),
+    Defect(
+        "mount-point-still-escaped",
+        "src/platform/fsevents/MountTable.cpp",
+        "  mount.point = unescaped(nextField(line));\n",
+        "  mount.point = nextField(line);\n",
+        "fsevents_tests",
+        "MountTable.*:MountsOf.WithStrangeNames*",
+    ),
+    Defect(
+        "hidden-mount-seen",
+        "src/platform/fsevents/MountTable.cpp",
+        "      if (last && isBelow(mounts_[sibling].point, mounts_[*last].point)) continue;\n",
+        "      static_cast<void>(isBelow);\n",
+        "fsevents_tests",
+        "MountTable.*:MountsOf.ShowTheOneOnTop*",
+    ),
+    Defect(
+        "mount-upon-the-root-reached",
+        "src/platform/fsevents/MountTable.cpp",
+        """        } else if (mounts_[mount].point != "/") {\n""",
+        "        } else {\n",
+        "fsevents_tests",
+        "MountTable.*",
+    ),
+    Defect(
+        "sysfs-entered",
+        "src/platform/fsevents/FileSystems.cpp",
+        '"sysfs",',
+        "",
+        "fsevents_tests",
+        "FileSystems.*",
+    ),
+    Defect(
+        "whole-seconds-trusted",
+        "src/platform/fsevents/FileSystems.cpp",
+        "constexpr nanoseconds kWholeSeconds = seconds(1) + kTick;",
+        "constexpr nanoseconds kWholeSeconds = kTick;",
+        "fsevents_tests",
+        "FileSystems.*:FileSystemAbilitiesOf.*ext4small",
     ),
 ]

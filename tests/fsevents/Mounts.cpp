@@ -228,6 +228,21 @@ TEST_P(MountsOf, AreTheSameAsTheKernelReachesByTheirPaths) {
   });
 }
 
+TEST_P(MountsOf, UponTheRootAreReachedByNoPath) {
+  inside([](const TemporaryDirectory& folder) {
+    Mounts mounts;
+    const Mount before = *mounts.table().covering("/");
+    mountAt("/", "tmpfs");
+    EXPECT_TRUE(mounts.read());
+    EXPECT_EQ(*mounts.table().covering("/"), before);
+    EXPECT_EQ(mounts.table().covering(folder.path())->point, folder.path());
+    makeFolder(folder / "a");
+    mountAt(folder / "a", "tmpfs");
+    mounts.read();
+    EXPECT_THAT(pointsBelow(mounts, folder.path()), ElementsAre(folder / "a"));
+  });
+}
+
 TEST_P(MountsOf, ChangeTheirPlaceUntoldWhenAFolderAboveThemIsRenamed) {
   inside([](const TemporaryDirectory& folder) {
     makeFolder(folder / "a");

@@ -113,7 +113,7 @@ TEST_F(RootMonitorTest, NoticesTheRemovalOfWhatSomebodyHoldsOpen) {
 TEST_F(RootMonitorTest, NoticesTheRemovalAndTheMoveOfEachComponent) {
   fs::rename(path, folder / "a/b/elsewhere");
   EXPECT_TRUE(monitor.read());
-  EXPECT_TRUE(monitor.sawMove());
+  EXPECT_TRUE(monitor.wasMoved(0));
   EXPECT_TRUE(monitor.wasTouched(0));
   EXPECT_FALSE(monitor.arm().front().exists);
   fs::rename(folder / "a/b/elsewhere", path);
@@ -127,7 +127,7 @@ TEST_F(RootMonitorTest, NoticesTheRemovalAndTheMoveOfEachComponent) {
   EXPECT_TRUE(monitor.arm().front().exists);
   fs::remove(path);
   EXPECT_TRUE(monitor.read());
-  EXPECT_FALSE(monitor.sawMove());
+  EXPECT_FALSE(monitor.wasMoved(0));
 }
 
 TEST_F(RootMonitorTest, WaitsForAMissingNameOnly) {
@@ -176,6 +176,12 @@ TEST_F(RootMonitorTest, TellsWhichOfSeveralPathsWasTouched) {
   ASSERT_TRUE(two.read());
   EXPECT_FALSE(two.wasTouched(0));
   EXPECT_TRUE(two.wasTouched(1));
+  EXPECT_FALSE(two.wasMoved(1));
+  two.arm();
+  fs::rename(path, folder / "elsewhere");
+  ASSERT_TRUE(two.read());
+  EXPECT_TRUE(two.wasMoved(0));
+  EXPECT_FALSE(two.wasMoved(1));
 }
 
 // The name that is waited for appears between the look for it and the watch, while what is below it is still missing.

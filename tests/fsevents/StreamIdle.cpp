@@ -1,13 +1,13 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
 
 #include "tests/fsevents/support/MountNamespace.h"
 #include "tests/fsevents/support/StreamTest.h"
+#include "tests/support/Sleep.h"
 
 #if defined(__SANITIZE_THREAD__)
 #define KESTRINE_THREAD_SANITIZER 1
@@ -21,23 +21,6 @@
 
 namespace kestrine::test {
 namespace {
-
-/// How often each thread but the calling one went to sleep so far. A thread that comes or goes shows, too.
-std::map<std::string, long> sleepsOfOthers() {
-  std::map<std::string, long> sleeps;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (task.path().filename() == std::to_string(::gettid())) continue;
-    std::ifstream status(task.path() / "status");
-    std::string name;
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("Name:")) name = line.substr(6) + " ";
-      if (line.starts_with("voluntary_ctxt_switches:")) {
-        sleeps[name + task.path().filename().string()] = std::stol(line.substr(line.find(':') + 1));
-      }
-    }
-  }
-  return sleeps;
-}
 
 /// What `later` has more, in all and told by thread.
 struct WakeUps {
@@ -53,17 +36,6 @@ WakeUps difference(const std::map<std::string, long>& before, const std::map<std
     if (more != 0) all.text += thread + ": " + std::to_string(more) + "\n";
   }
   return all;
-}
-
-/// Waits until no thread has woken for a second.
-std::map<std::string, long> sleepsAtRest() {
-  std::map<std::string, long> sleeps;
-  EXPECT_TRUE(eventually([&] {
-    sleeps = sleepsOfOthers();
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    return sleepsOfOthers() == sleeps;
-  })) << "it never came to rest";
-  return sleeps;
 }
 
 class StreamIdle : public StreamTest {
@@ -90,8 +62,10 @@ TEST_P(StreamIdle, WakesForWhatIsMountedElsewhereAFewTimesAndForNothingElse) {
     makeFolder(elsewhere / "busy");
     const auto stream = watchRoot();
     ASSERT_TRUE(stream->started());
-    const std::map<std::string, long> before = sleepsAtRest();
-    EXPECT_FALSE(before.empty());
+    std::string why;
+    const auto before = sleepsAtRest(::getpid(), why);
+    ASSERT_TRUE(before) << "it never came to rest: " << why;
+    EXPECT_FALSE(before->empty());
 
     constexpr int kMounts = 100;
     constexpr std::chrono::milliseconds kPause(50);
@@ -103,7 +77,7 @@ TEST_P(StreamIdle, WakesForWhatIsMountedElsewhereAFewTimesAndForNothingElse) {
       std::this_thread::sleep_for(kPause);
     };
     for (int i = 0; i < kMounts; ++i) disturb(i);
-    EXPECT_EQ(difference(before, sleepsOfOthers()).text, "") << "for changes in other folders";
+    EXPECT_EQ(difference(*before, sleepsOf(::getpid())).text, "") << "for changes in other folders";
 
     for (int i = 0; i < kMounts; ++i) {
       mountAt(elsewhere / "point", "tmpfs");
@@ -113,9 +87,10 @@ TEST_P(StreamIdle, WakesForWhatIsMountedElsewhereAFewTimesAndForNothingElse) {
     }
     // Each comes and goes; for each of these the stream may look at the table, and at most be interrupted by another thread in doing so.
     constexpr long kWakeUpsEach = 2;
-    const WakeUps woken = difference(before, sleepsAtRest());
+    const auto after = sleepsAtRest(::getpid(), why);
+    ASSERT_TRUE(after) << "it never came to rest again: " << why;
+    const WakeUps woken = difference(*before, *after);
     EXPECT_LE(woken.count, 2 * kMounts * kWakeUpsEach) << woken.text;
-    RecordProperty("wakeUps", static_cast<int>(woken.count));
     EXPECT_TRUE(stream->events().empty()) << stream->describe();
 
     // It was asleep, not dead.

@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
@@ -24,12 +27,25 @@ constexpr int kOpenFolder = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
 
-/// The folder on `name` in `parent`, given all permissions first when it refuses.
+/// The folder on `name` in `parent`, but not what is mounted there: that belongs to others.
+platform::FileHandle openUnmounted(int parent, const char* name) {
+  open_how how{};
+  how.flags = kOpenFolder;
+  how.resolve = RESOLVE_NO_XDEV;
+  platform::FileHandle folder(static_cast<int>(syscall(SYS_openat2, parent, name, &how, sizeof how)));
+  if (folder.isOpen() || (errno != ENOSYS && errno != EPERM)) return folder;
+  folder = platform::FileHandle(openat(parent, name, kOpenFolder));
+  struct stat above {};
+  struct stat status {};
+  const bool isMounted =
+      folder.isOpen() && fstat(parent, &above) == 0 && fstat(folder.fileDescriptor(), &status) == 0 && above.st_dev != status.st_dev;
+  return isMounted ? platform::FileHandle() : std::move(folder);
+}
+
+/// The same, given all permissions first when it refuses.
 platform::FileHandle openFolder(int parent, const char* name) {
-  platform::FileHandle folder(openat(parent, name, kOpenFolder));
-  if (!folder.isOpen() && errno == EACCES && fchmodat(parent, name, 0700, 0) == 0) {
-    folder = platform::FileHandle(openat(parent, name, kOpenFolder));
-  }
+  platform::FileHandle folder = openUnmounted(parent, name);
+  if (!folder.isOpen() && errno == EACCES && fchmodat(parent, name, 0700, 0) == 0) folder = openUnmounted(parent, name);
   return folder;
 }
 
@@ -114,7 +130,10 @@ TemporaryDirectory::TemporaryDirectory() {
 TemporaryDirectory::~TemporaryDirectory() { removeFolder(path_); }
 
 void removeFolder(const std::string& path) {
-  platform::FileHandle folder = openFolder(AT_FDCWD, path.c_str());
+  const std::size_t cut = path.rfind('/');
+  const platform::FileHandle above(
+      open(cut == std::string::npos ? "." : path.substr(0, cut + 1).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  platform::FileHandle folder = openFolder(above.fileDescriptor(), path.c_str() + (cut == std::string::npos ? 0 : cut + 1));
   if (folder.isOpen()) emptyFolder(std::move(folder));
   rmdir(path.c_str());
 }

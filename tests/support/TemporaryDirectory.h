@@ -21,7 +21,8 @@ class TemporaryDirectory {
   std::string path_;
 };
 
-/// Removes the folder and what is in it as far as the system allows; what is not a folder stays.
+/// Removes the folder and what is in it as far as the system allows; what is not a folder stays, and so does what is mounted there, with
+/// the folders on the way to it.
 void removeFolder(const std::string& path);
 
 /// These throw std::runtime_error when the system refuses; reading a file that does not exist is such a refusal.

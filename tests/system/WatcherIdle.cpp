@@ -1,15 +1,12 @@
 // A watch costs nothing while nothing happens.
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 
-#include <array>
+#include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <map>
-#include <optional>
-#include <sstream>
+#include <string>
 #include <thread>
 
+#include "tests/support/Sleep.h"
 #include "tests/system/WatcherFixture.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -22,80 +19,6 @@
 
 namespace kestrine::test {
 namespace {
-
-/// How often each thread of the process was switched to so far, by thread; a thread that came or went shows too.
-std::map<std::string, long> contextSwitches(pid_t pid) {
-  std::map<std::string, long> switches;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-    std::ifstream status(task.path() / "status");
-    std::string name;
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("Name:")) name = line.substr(6) + " ";
-      if (line.find("voluntary_ctxt_switches:") != std::string::npos) {
-        switches[name + task.path().filename().string()] += std::stol(line.substr(line.find(':') + 1));
-      }
-    }
-  }
-  return switches;
-}
-
-/// Which argument of a system call says how long it waits at most, and whether as a number (-1: without end) or a pointer (none: without
-/// end).
-struct WaitingCall {
-  long number;
-  enum class Limit { None, Number, Pointer } kind;
-  std::size_t argument;
-};
-
-constexpr std::array kWaitingCalls = {
-    WaitingCall{SYS_futex, WaitingCall::Limit::Pointer, 3},
-    WaitingCall{SYS_epoll_pwait, WaitingCall::Limit::Number, 3},
-    WaitingCall{SYS_ppoll, WaitingCall::Limit::Pointer, 2},
-    WaitingCall{SYS_pselect6, WaitingCall::Limit::Pointer, 4},
-    WaitingCall{SYS_rt_sigtimedwait, WaitingCall::Limit::Pointer, 2},
-    WaitingCall{SYS_read, WaitingCall::Limit::None, 0},
-#ifdef SYS_epoll_wait
-    WaitingCall{SYS_epoll_wait, WaitingCall::Limit::Number, 3},
-#endif
-#ifdef SYS_poll
-    WaitingCall{SYS_poll, WaitingCall::Limit::Number, 2},
-#endif
-};
-
-/// Whether a thread in this system call, as /proc/<pid>/task/<thread>/syscall tells it, waits until something happens and not for time.
-bool waitsWithoutEnd(const std::string& call) {
-  std::istringstream words(call);
-  long number = -1;
-  if (!(words >> number)) return false;
-  std::array<unsigned long long, 6> values{};
-  for (auto& value : values) words >> std::hex >> value;
-  for (const WaitingCall& known : kWaitingCalls) {
-    if (known.number != number) continue;
-    if (known.kind == WaitingCall::Limit::Pointer) return values[known.argument] == 0;
-    return known.kind == WaitingCall::Limit::None || static_cast<int>(values[known.argument]) == -1;
-  }
-  return false;
-}
-
-/// What would wake the process by the mere passing of time: threads that wait with a limit, and timers that are set. Nothing where the
-/// kernel does not tell what others wait for.
-std::optional<std::string> timeThatWakes(pid_t pid) {
-  const std::string process = "/proc/" + std::to_string(pid);
-  std::string found;
-  for (const auto& task : std::filesystem::directory_iterator(process + "/task")) {
-    std::ifstream file(task.path() / "syscall");
-    std::string call;
-    if (!std::getline(file, call)) return std::nullopt;
-    if (!waitsWithoutEnd(call)) found += "thread " + task.path().filename().string() + " in " + call + "\n";
-  }
-  for (const auto& descriptor : std::filesystem::directory_iterator(process + "/fdinfo")) {
-    std::ifstream file(descriptor.path());
-    for (std::string line; std::getline(file, line);) {
-      if (line.starts_with("it_value:") && line.find("(0, 0)") == std::string::npos) found += "a timer: " + line + "\n";
-    }
-  }
-  return found;
-}
 
 class WatcherIdle : public WatcherService, public testing::WithParamInterface<std::string> {};
 
@@ -118,15 +41,9 @@ TEST_P(WatcherIdle, SleepsWhileOnlyTheFolderAboveChanges) {
   application.callToFileWatcher();
   ASSERT_TRUE(eventuallyStanding({1}));
 
-  std::map<std::string, long> before;
-  ASSERT_TRUE(eventually(
-      [&] {
-        before = contextSwitches(service().pid());
-        std::this_thread::sleep_for(std::chrono::seconds(2));
-        return contextSwitches(service().pid()) == before;
-      },
-      std::chrono::seconds(60)))
-      << "it never came to rest";
+  std::string why;
+  const auto before = sleepsAtRest(service().pid(), why);
+  ASSERT_TRUE(before) << "it never came to rest: " << why;
 
   // No thread waits for time and no timer is set: it would sleep for ever. Where that cannot be seen, a minute must do.
   const auto wakes = timeThatWakes(service().pid());
@@ -142,7 +59,7 @@ TEST_P(WatcherIdle, SleepsWhileOnlyTheFolderAboveChanges) {
     std::filesystem::remove(name);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  EXPECT_EQ(contextSwitches(service().pid()), before);
+  EXPECT_EQ(sleepsOf(service().pid()), *before);
   EXPECT_EQ(timeThatWakes(service().pid()), wakes);
   EXPECT_TRUE(flag().isNil());
 

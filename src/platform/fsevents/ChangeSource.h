@@ -40,7 +40,7 @@ struct RawChange {
   std::string_view name;
   std::string_view newFolder;
   std::string_view newName;
-  /// The item's own key where the kernel tells it (fanotify only).
+  /// The item's own key where the kernel tells it: always with fanotify; with inotify of a folder that was moved, if it is watched.
   std::string_view target;
 };
 
@@ -84,6 +84,9 @@ class ChangeSource {
   /// Hands over the backlog in order; the visitor may call `drain`. A change whose second half has not arrived holds up the rest: then the
   /// time is returned by which to call again.
   [[nodiscard]] std::optional<Clock::time_point> dispatch(const Visitor& visit);
+  /// Positions in the queue, as bytes since its beginning: up to where it was read, and where the change begins that is being handed over.
+  [[nodiscard]] std::uint64_t readUpTo() const { return read_; }
+  [[nodiscard]] std::uint64_t position() const { return handedOver_; }
   [[nodiscard]] bool hasBacklog() const { return begin_ < current_.size() || !backlog_.empty(); }
   /// Throws the backlog away, as when it grows beyond its bound. While a visitor is at work what it looks at stays until it returns.
   void clearBacklog();

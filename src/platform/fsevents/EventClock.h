@@ -2,9 +2,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <set>
+#include <string>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
 
 namespace platform::fsevents {
@@ -20,14 +21,17 @@ namespace platform::fsevents {
 /// Threads: any thread may call anything.
 class EventClock {
  public:
-  /// A stream's part: when it last knew that nothing was waiting for it.
-  /// Threads: one thread tells, any thread may make and destroy it; destruction waits for a running `refresh`.
+  /// An engine's part: when it last knew that nothing was waiting for it.
+  /// Threads: one thread tells, any thread may make it, have it leave and destroy it.
   class Member {
    public:
-    /// `refresh` makes the stream look at its queue now and tell; it is called without the clock's lock and must return within a short
+    /// `refresh` makes the engine look at its queue now and tell; it is called without the clock's lock and must return within a short
     /// time.
     explicit Member(std::function<void()> refresh);
     ~Member();
+    /// Takes no part any longer, and what it tells from now on counts for nothing: for an engine that is left behind while it hangs.
+    /// Waits for a running `refresh`.
+    void leave();
     Member(const Member&) = delete;
     Member& operator=(const Member&) = delete;
     /// `time` was read before the look that found the queue empty, and all that was in it then has been delivered.
@@ -37,7 +41,8 @@ class EventClock {
 
    private:
     friend class EventClock;
-    std::function<void()> refresh_;
+    const std::function<void()> refresh_;
+    /// Both belong to the clock's mutex.
     std::uint64_t time_;
     bool waiting_ = false;
   };
@@ -47,20 +52,25 @@ class EventClock {
   static std::uint64_t now();
 
   /// Reserves `count` identifiers in a row for `member`, whose queue was known empty at `time`, and returns the first.
-  FSEventStreamEventId reserve(const Member& member, std::size_t count, std::uint64_t time);
+  FSEventStreamEventId reserve(const Member& member, std::size_t count, std::uint64_t time) EXCLUDES(mutex_);
   /// What every identifier given out later is above, and what no undelivered change is before.
-  FSEventStreamEventId current();
+  FSEventStreamEventId current() EXCLUDES(membership_, mutex_);
+  /// The milliseconds that an identifier was made from.
+  static std::uint64_t timeOf(FSEventStreamEventId id);
+  /// Why nobody can tell what has changed since the identifier, for people; empty when somebody can.
+  static std::string faultOf(FSEventStreamEventId id);
 
  private:
   EventClock() = default;
-  [[nodiscard]] std::uint64_t oldestLocked() const;
+  [[nodiscard]] std::uint64_t oldestLocked() const REQUIRES(mutex_);
 
-  /// Held while members are refreshed; taken before `mutex_`.
-  std::mutex membership_;
-  std::mutex mutex_;
-  std::set<Member*> members_;
-  FSEventStreamEventId last_ = 0;
-  FSEventStreamEventId told_ = 0;
+  /// Held while members are refreshed.
+  Mutex membership_ ACQUIRED_BEFORE(mutex_);
+  Mutex mutex_;
+  /// Nobody joins or leaves without the membership.
+  std::set<Member*> members_ GUARDED_BY(mutex_);
+  FSEventStreamEventId last_ GUARDED_BY(mutex_) = 0;
+  FSEventStreamEventId told_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace platform::fsevents

@@ -3,27 +3,28 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <optional>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 #include "platform/concurrency/loop/RunLoop.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/StatusRegistry.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "platform/fsevents/EnginePool.h"
 #include "platform/fsevents/EventClock.h"
-#include "platform/fsevents/StreamEngine.h"
 
 namespace platform {
 namespace {
 
-using fsevents::BatchReceiver;
 using fsevents::EngineConfiguration;
-using fsevents::StreamEngine;
+using fsevents::EnginePool;
+using fsevents::EngineShared;
+using fsevents::HangWatch;
+using fsevents::StreamBatch;
+using fsevents::StreamMailbox;
 using fsevents::StreamStatus;
 
 /// How often a flush from another thread looks whether the run loop that it waits for still runs.
@@ -56,62 +57,79 @@ const char* nameOf(State state) {
 
 }  // namespace
 
-/// Joins the engine's thread, which offers batches, and the run loop's, which handles them: one batch at a time goes across.
-class FSEventStream::Impl final : public BatchReceiver, public std::enable_shared_from_this<FSEventStream::Impl> {
+/// The stream's state and its run loop. What the engines offer comes through the mailbox, one batch at a time.
+class FSEventStream::Impl final : public std::enable_shared_from_this<FSEventStream::Impl> {
  public:
   Impl(FSEventStream& stream, Callback callback, EngineConfiguration configuration)
-      : stream_(stream), callback_(std::move(callback)), configuration_(std::move(configuration)) {}
+      : stream_(stream),
+        callback_(std::move(callback)),
+        configuration_(std::move(configuration)),
+        mailbox_(std::make_shared<StreamMailbox>([signal = signal_] { signal->call(); })) {}
 
-  void schedule(const std::shared_ptr<RunLoop>& runLoop);
-  bool start();
+  void schedule(const std::shared_ptr<RunLoop>& runLoop) EXCLUDES(mutex_);
+  bool start() EXCLUDES(control_, mutex_);
   void stop() { end(State::Stopped); }
   void invalidate();
   void flushSync();
   FSEventStreamEventId flushAsync();
   bool setExclusionPaths(std::vector<std::string> paths);
+  void setLossCallback(LossCallback callback);
   [[nodiscard]] Object status() const;
   [[nodiscard]] std::string description() const;
   [[nodiscard]] const EngineConfiguration& configuration() const { return configuration_; }
-  [[nodiscard]] FSEventStreamEventId latestId() const;
+  [[nodiscard]] FSEventStreamEventId latestId() const { return mailbox_->latestId(); }
 
   void registerStatus() {
     registration_ = StatusRegistry::shared().add("streams", [this] { return status(); });
   }
   void unregisterStatus() { registration_ = {}; }
 
-  bool isFree() override;
-  void offer(std::vector<FSEvent> batch) override;
-
  private:
-  void end(State next);
+  /// Has the run loop deliver; engines may outlive the stream, so it is not the stream's own.
+  class Signal {
+   public:
+    void set(std::shared_ptr<RunLoopSource> source) {
+      source_.with([&](std::shared_ptr<RunLoopSource>& current) { current = std::move(source); });
+    }
+    void call() const {
+      // Held until the signal is given: a loop lets go of a source without asking anybody.
+      const auto source = source_.with([](const std::shared_ptr<RunLoopSource>& current) { return current; });
+      if (source) source->signal();
+    }
+
+   private:
+    Guarded<std::shared_ptr<RunLoopSource>> source_;
+  };
+
+  void end(State next) EXCLUDES(control_, mutex_);
   void deliver();
-  [[nodiscard]] bool isDelivering() const { return deliverer_ == std::this_thread::get_id(); }
+  [[nodiscard]] std::shared_ptr<EnginePool> engines() const EXCLUDES(mutex_);
+  [[nodiscard]] bool mayStart() EXCLUDES(mutex_);
 
   FSEventStream& stream_;
   const Callback callback_;
+  LossCallback lossCallback_;
+  /// Changed before the start only.
   EngineConfiguration configuration_;
-  StreamStatus status_;
-
-  /// Held while the stream is started and stopped; never while a batch is handled.
-  std::mutex control_;
-  std::shared_ptr<StreamEngine> engine_;
+  const std::shared_ptr<Signal> signal_ = std::make_shared<Signal>();
+  const std::shared_ptr<StreamMailbox> mailbox_;
+  const std::shared_ptr<StreamStatus> status_ = std::make_shared<StreamStatus>();
   StatusRegistry::Registration registration_;
 
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  State state_ = State::Created;
-  std::shared_ptr<RunLoop> runLoop_;
-  std::shared_ptr<RunLoopSource> source_;
-  std::optional<std::vector<FSEvent>> waiting_;
-  std::thread::id deliverer_;
-  FSEventStreamEventId latestId_ = 0;
+  /// Held while the stream is started and stopped; never while a batch is handled.
+  Mutex control_ ACQUIRED_BEFORE(mutex_);
+  mutable Mutex mutex_;
+  State state_ GUARDED_BY(mutex_) = State::Created;
+  std::shared_ptr<EnginePool> engines_ GUARDED_BY(mutex_);
+  std::shared_ptr<RunLoop> runLoop_ GUARDED_BY(mutex_);
+  std::shared_ptr<RunLoopSource> source_ GUARDED_BY(mutex_);
 };
 
 void FSEventStream::Impl::schedule(const std::shared_ptr<RunLoop>& runLoop) {
   std::shared_ptr<RunLoopSource> former;
   std::shared_ptr<RunLoopSource> source;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (state_ == State::Invalid || !runLoop) return;
     // The source may outlive the stream by the moment in which the loop lets go of it.
     source = RunLoopSource::create([weak = weak_from_this()] {
@@ -119,148 +137,125 @@ void FSEventStream::Impl::schedule(const std::shared_ptr<RunLoop>& runLoop) {
     });
     former = std::exchange(source_, source);
     runLoop_ = runLoop;
+    signal_->set(source);
   }
   if (former) former->invalidate();
   runLoop->add(source);
-  const std::lock_guard lock(mutex_);
-  if (waiting_) source->signal();
+  // What came in meanwhile has signalled the former.
+  if (mailbox_->hasWaiting()) source->signal();
+}
+
+bool FSEventStream::Impl::mayStart() {
+  const MutexLock lock(mutex_);
+  if (source_ && !configuration_.paths.empty()) return true;
+  status_->setError(configuration_.paths.empty() ? "no path to watch was given" : "the stream is not scheduled on a run loop");
+  return false;
 }
 
 bool FSEventStream::Impl::start() {
-  const std::lock_guard control(control_);
+  const MutexLock control(control_);
   {
-    const std::lock_guard lock(mutex_);
-    if (state_ == State::Started) return true;
-    if (state_ == State::Invalid) return false;
-    if (!source_ || configuration_.paths.empty()) {
-      status_.setError(configuration_.paths.empty() ? "no path to watch was given" : "the stream is not scheduled on a run loop");
-      NSLog("FSEventStream: cannot start: " + status_.error());
-      return false;
-    }
+    const MutexLock lock(mutex_);
+    if (state_ == State::Started || state_ == State::Invalid) return state_ == State::Started;
   }
-  auto engine = std::make_shared<StreamEngine>(configuration_, status_, *this);
-  if (!engine->start()) {
-    NSLog("FSEventStream: cannot start: " + status_.error());
+  auto shared = std::make_shared<EngineShared>(EngineShared{configuration_, status_, mailbox_, std::make_shared<HangWatch>()});
+  auto engines = std::make_shared<EnginePool>(std::move(shared));
+  if (configuration_.asksForHistory() && !configuration_.paths.empty()) mailbox_->expectHistory(configuration_.paths.front());
+  if (!mayStart() || !engines->start()) {
+    mailbox_->close();
+    NSLog("FSEventStream: cannot start: " + status_->error());
     return false;
   }
-  status_.setError("");
-  NSLog(fmt::format("FSEventStream: watching {} folders by {}", status_.foldersMarked.load(), status_.sources()));
-  const std::lock_guard lock(mutex_);
-  engine_ = std::move(engine);
+  status_->setError("");
+  NSLog(fmt::format("FSEventStream: watching {} folders by {}", status_->foldersMarked.load(), status_->sources()));
+  const MutexLock lock(mutex_);
+  engines_ = std::move(engines);
   state_ = State::Started;
   return true;
 }
 
 void FSEventStream::Impl::end(State next) {
-  const std::lock_guard control(control_);
-  std::shared_ptr<StreamEngine> engine;
+  const MutexLock control(control_);
+  std::shared_ptr<EnginePool> engines;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (state_ == State::Started || next == State::Invalid) state_ = next;
-    engine = std::exchange(engine_, nullptr);
+    engines = std::exchange(engines_, nullptr);
   }
-  if (engine) engine->stop();
-  std::unique_lock lock(mutex_);
-  waiting_.reset();
-  // Woken flushes find the stream stopped.
-  changed_.notify_all();
-  changed_.wait(lock, [this] { return deliverer_ == std::thread::id() || isDelivering(); });
+  if (engines) engines->stop();
+  mailbox_->close();
+  mailbox_->waitHandled();
 }
 
 void FSEventStream::Impl::invalidate() {
   end(State::Invalid);
   std::shared_ptr<RunLoopSource> source;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     source = std::exchange(source_, nullptr);
+    signal_->set(nullptr);
     runLoop_.reset();
   }
   if (source) source->invalidate();
 }
 
-bool FSEventStream::Impl::isFree() {
-  const std::lock_guard lock(mutex_);
-  return !waiting_ && deliverer_ == std::thread::id();
-}
-
-void FSEventStream::Impl::offer(std::vector<FSEvent> batch) {
-  const std::lock_guard lock(mutex_);
-  waiting_ = std::move(batch);
-  if (source_) source_->signal();
-  changed_.notify_all();
+std::shared_ptr<EnginePool> FSEventStream::Impl::engines() const {
+  const MutexLock lock(mutex_);
+  return engines_;
 }
 
 void FSEventStream::Impl::deliver() {
-  std::vector<FSEvent> batch;
-  {
-    const std::lock_guard lock(mutex_);
-    if (!waiting_ || deliverer_ != std::thread::id()) return;
-    batch = *std::exchange(waiting_, std::nullopt);
-    deliverer_ = std::this_thread::get_id();
-    latestId_ = batch.back().id;
-  }
-  status_.eventsDelivered += batch.size();
-  ++status_.deliveries;
   // The callback may destroy the stream, and may throw: the next batch must find the way free either way.
   const auto self = shared_from_this();
+  const std::optional<StreamBatch> batch = mailbox_->take();
+  if (!batch) return;
   struct Done {
-    Impl& impl;
-    ~Done() {
-      std::shared_ptr<StreamEngine> engine;
-      {
-        const std::lock_guard lock(impl.mutex_);
-        impl.deliverer_ = std::thread::id();
-        engine = impl.engine_;
-        impl.changed_.notify_all();
-      }
-      if (engine) engine->engineMayOffer();
-    }
-  } const done{*self};
-  callback_(stream_, batch);
+    StreamMailbox& mailbox;
+    ~Done() { mailbox.handled(); }
+  } const done{*mailbox_};
+  if (!batch->events.empty()) {
+    status_->eventsDelivered += batch->events.size();
+    ++status_->deliveries;
+    callback_(stream_, batch->events);
+  }
+  // Nothing follows the end of the stream, though the callback be what ended it.
+  if (!batch->losses.empty() && lossCallback_ && engines()) lossCallback_(stream_, batch->losses);
 }
 
 void FSEventStream::Impl::flushSync() {
-  std::shared_ptr<StreamEngine> engine;
+  const std::shared_ptr<EnginePool> engines = this->engines();
+  if (!engines || mailbox_->isHandling()) return;
   std::shared_ptr<RunLoop> runLoop;
   {
-    const std::lock_guard lock(mutex_);
-    engine = engine_;
+    const MutexLock lock(mutex_);
     runLoop = runLoop_;
-    if (!engine || isDelivering()) return;
   }
-  const std::uint64_t ticket = engine->requestFlush();
+  const std::vector<EnginePool::Flush> flushes = engines->requestFlush();
   const bool here = runLoop && runLoop->isCurrent();
   while (true) {
-    const bool flushed = engine->waitFlushed(ticket, here ? std::chrono::milliseconds(1) : kFlushLook);
+    const bool flushed = EnginePool::waitFlushed(flushes, here ? std::chrono::milliseconds(1) : kFlushLook);
     if (here) deliver();
-    std::unique_lock lock(mutex_);
-    const bool idle = !waiting_ && deliverer_ == std::thread::id();
-    if (engine_ != engine || (flushed && idle)) return;
-    if (!here && !runLoop->isRunning()) return;
-    if (flushed && !here) changed_.wait_for(lock, kFlushLook);
+    if (this->engines() != engines || (flushed && mailbox_->isIdle())) return;
+    if (!here && (!runLoop || !runLoop->isRunning())) return;
+    if (flushed && !here) mailbox_->waitIdle(kFlushLook);
   }
 }
 
 FSEventStreamEventId FSEventStream::Impl::flushAsync() {
-  std::shared_ptr<StreamEngine> engine;
-  {
-    const std::lock_guard lock(mutex_);
-    engine = engine_;
-  }
-  if (engine) engine->requestFlush();
+  if (const auto engines = this->engines()) engines->requestFlush();
   return latestId();
 }
 
+void FSEventStream::Impl::setLossCallback(LossCallback callback) {
+  const MutexLock lock(mutex_);
+  if (state_ == State::Created) lossCallback_ = std::move(callback);
+}
+
 bool FSEventStream::Impl::setExclusionPaths(std::vector<std::string> paths) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (state_ != State::Created) return false;
   configuration_.exclusions = std::move(paths);
   return true;
-}
-
-FSEventStreamEventId FSEventStream::Impl::latestId() const {
-  const std::lock_guard lock(mutex_);
-  return latestId_;
 }
 
 Object FSEventStream::Impl::status() const {
@@ -268,19 +263,20 @@ Object FSEventStream::Impl::status() const {
   for (const std::string& path : configuration_.paths) paths.emplace_back(path);
   Dictionary entries{{"paths", std::move(paths)}};
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     entries["state"] = nameOf(state_);
   }
-  status_.describe(entries);
+  status_->describe(entries);
   return entries;
 }
 
 std::string FSEventStream::Impl::description() const {
   std::string paths;
   for (const std::string& path : configuration_.paths) paths += "\n    \"" + path + "\"";
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return fmt::format("FSEventStream {{ state = {}, latestEventId = {}, latency = {:.3f}, flags = {:#010x}, paths = ({}\n) }}",
-                     nameOf(state_), latestId_, std::chrono::duration<double>(configuration_.latency).count(), configuration_.flags, paths);
+                     nameOf(state_), mailbox_->latestId(), std::chrono::duration<double>(configuration_.latency).count(),
+                     configuration_.flags, paths);
 }
 
 FSEventStream::FSEventStream(Callback callback, std::vector<std::string> pathsToWatch, FSEventStreamEventId sinceWhen, double latency,
@@ -304,6 +300,7 @@ FSEventStream::~FSEventStream() {
 
 void FSEventStream::scheduleWithRunLoop(const std::shared_ptr<RunLoop>& runLoop) { impl_->schedule(runLoop); }
 bool FSEventStream::start() { return impl_->start(); }
+void FSEventStream::setLossCallback(LossCallback callback) { impl_->setLossCallback(std::move(callback)); }
 void FSEventStream::stop() { impl_->stop(); }
 void FSEventStream::invalidate() { impl_->invalidate(); }
 void FSEventStream::flushSync() { impl_->flushSync(); }

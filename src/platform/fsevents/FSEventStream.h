@@ -8,6 +8,7 @@
 
 #include "platform/foundation/value/Object.h"
 #include "platform/fsevents/FSEventStreamTypes.h"
+#include "platform/fsevents/LossNotices.h"
 
 namespace platform {
 
@@ -36,11 +37,15 @@ FSEventStreamEventId FSEventsGetCurrentEventId();
 ///
 /// Threads: any thread may call anything. The callback runs on the thread of the run loop that the stream is scheduled on. `stop`,
 /// `invalidate` and destruction wait for a running callback, except when called from inside it, and end that run loop when nothing else is
-/// on it.
+/// on it. They wait two seconds at most for a file system that does not answer: what hangs there is left behind and ends when it can.
 class FSEventStream {
  public:
   /// `events` is valid during the call only. Events of one path are in the order in which they happened.
   using Callback = std::function<void(FSEventStream& stream, std::span<const FSEvent> events)>;
+  /// What cannot be told at the moment, and where that is over: a loss begins with an event (MustScanSubDirs) that comes before its notice
+  /// or with it, and lasts until a notice says otherwise. In order with the events. `notices` is valid during the call only.
+  using LossNotice = fsevents::LossNotice;
+  using LossCallback = std::function<void(FSEventStream& stream, std::span<const LossNotice> notices)>;
 
   /// Which part of the kernel tells the changes. Automatic prefers fanotify and uses inotify for what fanotify refuses; the others use
   /// nothing else. Automatic obeys the environment variable KESTRINE_FSEVENTS_SOURCE ("fanotify", "inotify") when it is set.
@@ -56,7 +61,10 @@ class FSEventStream {
 
   /// Names the run loop to deliver on; it keeps running while the stream is scheduled on it and valid.
   void scheduleWithRunLoop(const std::shared_ptr<RunLoop>& runLoop);
-  /// Begins watching and returns when the watch stands. False, with the reason in the log and in `status()`, when the kernel offers no
+  /// Who is told of losses, on the run loop, like the events. Before `start` only.
+  void setLossCallback(LossCallback callback);
+  /// Begins watching and returns when the watch stands. A file system that does not answer is not waited for: the stream starts without it,
+  /// and tells of it as a loss until it answers. False, with the reason in the log and in `status()`, when the kernel offers no
   /// source at all (or not the one asked for), when no path was given or when the stream is not scheduled.
   [[nodiscard]] bool start();
   /// Ends watching and forgets what was not delivered; the stream stays scheduled.

@@ -17,13 +17,15 @@ namespace {
 
 /// IN_MASK_ADD, although the mask is always the same: without it the kernel empties the mask of a folder that is watched already before it
 /// fills it again, and a change that another processor makes in that moment is lost.
-constexpr std::uint32_t kFolderMask =
-    IN_MASK_ADD | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_EXCL_UNLINK;
+constexpr std::uint32_t kFolderMask = IN_MASK_ADD | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MOVE_SELF | IN_MODIFY |
+                                      IN_CLOSE_WRITE | IN_ATTRIB | IN_EXCL_UNLINK;
 constexpr std::uint32_t kFileMask = IN_MASK_ADD | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
 /// How long the second half of a folder's move may be behind the first.
 constexpr std::chrono::milliseconds kPatience(10);
 /// The halves of a move are queued by one system call: only what other processors did in that moment can stand between them.
 constexpr int kSearchedEvents = 4096;
+/// And what the folder itself tells of its move follows the halves in the same way.
+constexpr int kSearchedForItself = 64;
 
 struct BitRow {
   std::uint32_t kernel;
@@ -96,41 +98,77 @@ class InotifySource final : public ChangeSource {
     }
     if (change.bits == 0) return used;
     change.isDirectory = (event->mask & IN_ISDIR) != 0;
-    const std::string_view folder(reinterpret_cast<const char*>(&event->wd), sizeof event->wd);
-    const std::string_view name(event->name, event->len == 0 ? 0 : ::strnlen(event->name, event->len));
+    const std::string_view folder = keyIn(*event);
+    const std::string_view name = nameIn(*event);
     if ((event->mask & IN_MOVED_TO) != 0) {
       change.newFolder = folder;
       change.newName = name;
     } else {
       change.folder = folder;
       change.name = name;
-      if ((event->mask & IN_MOVED_FROM) != 0 && change.isDirectory && !findSecondHalf(bytes + used, count - used, event->cookie, change)) {
-        if (const auto until = readAt() + kPatience; hasMore() || Clock::now() < until) {
-          wait = until;
-          return 0;
-        }
+    }
+    if (change.isDirectory && (change.bits & RawChange::kRenamed) != 0) {
+      const Rest rest = restOf(bytes + used, count - used, *event);
+      if (const auto until = readAt() + kPatience; !rest.isComplete && (hasMore() || Clock::now() < until)) {
+        wait = until;
+        return 0;
       }
+      take(rest, change);
     }
     visit(change);
     return used;
   }
 
  private:
-  static bool findSecondHalf(char* bytes, std::size_t count, std::uint32_t cookie, RawChange& change) {
-    for (int i = 0; i < kSearchedEvents && count >= sizeof(inotify_event); ++i) {
+  static std::string_view keyIn(const inotify_event& event) { return {reinterpret_cast<const char*>(&event.wd), sizeof event.wd}; }
+  static std::string_view nameIn(const inotify_event& event) { return {event.name, event.len == 0 ? 0 : ::strnlen(event.name, event.len)}; }
+
+  /// What follows the first event of a folder's move: its second half, then that of the folder itself, which says which one it was.
+  struct Rest {
+    inotify_event* secondHalf = nullptr;
+    inotify_event* itself = nullptr;
+    /// Nothing that is still to come belongs to the move.
+    bool isComplete = false;
+  };
+  static Rest restOf(char* bytes, std::size_t count, const inotify_event& first) {
+    Rest rest;
+    bool isHalf = (first.mask & IN_MOVED_FROM) != 0;
+    // What a folder tells of its move after another's halves belongs to those.
+    bool isAnothers = false;
+    int left = kSearchedEvents;
+    while (--left > 0 && count >= sizeof(inotify_event)) {
       auto* event = reinterpret_cast<inotify_event*>(bytes);
       const std::size_t used = sizeof *event + event->len;
-      if (used > count) return false;
-      if ((event->mask & IN_MOVED_TO) != 0 && event->cookie == cookie) {
-        change.newFolder = {reinterpret_cast<const char*>(&event->wd), sizeof event->wd};
-        change.newName = {event->name, ::strnlen(event->name, event->len)};
-        event->mask = 0;
-        return true;
+      if (used > count) return rest;
+      if (isHalf && (event->mask & IN_MOVED_TO) != 0 && event->cookie == first.cookie) {
+        rest = Rest{event, nullptr, false};
+        isHalf = isAnothers = false;
+        left = kSearchedForItself;
+      } else if ((event->mask & IN_MOVE_SELF) != 0 && rest.itself == nullptr && !isAnothers) {
+        rest.itself = event;
+        // A half without another, unless that follows at once: then this was somebody else's.
+        left = isHalf ? std::min(left, kSearchedForItself) : 0;
+      } else if ((event->mask & IN_ISDIR) != 0 && (event->mask & (IN_MOVED_FROM | IN_MOVED_TO)) != 0) {
+        isAnothers = true;
+        if (!isHalf || rest.itself != nullptr) left = 0;
       }
       bytes += used;
       count -= used;
     }
-    return false;
+    rest.isComplete = left <= 0;
+    return rest;
+  }
+
+  static void take(const Rest& rest, RawChange& change) {
+    if (rest.secondHalf != nullptr) {
+      change.newFolder = keyIn(*rest.secondHalf);
+      change.newName = nameIn(*rest.secondHalf);
+      rest.secondHalf->mask = 0;
+    }
+    if (rest.itself != nullptr) {
+      change.target = keyIn(*rest.itself);
+      rest.itself->mask = 0;
+    }
   }
 
   int addWatch(int folder, bool isFolder) {

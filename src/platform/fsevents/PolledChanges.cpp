@@ -24,9 +24,9 @@ bool isBefore(const Sighting& one, const Sighting& other) {
 void PolledChanges::add(const std::shared_ptr<PolledFolder>& folder, const PolledComparison& comparison) {
   if (comparison.replaced.empty()) return;
   const auto look = static_cast<std::uint32_t>(looks_.size());
-  looks_.push_back({folder, comparison.formerPlace, comparison.former, folder->table});
+  looks_.push_back({folder, comparison.formerPlace, folder->placeOfLook(), comparison.former, folder->table});
   for (const auto& [gone, came] : comparison.replaced) {
-    Change change{look, gone, came, 0, 0};
+    Change change{look, gone, came, 0, 0, false, false};
     if (gone != PolledComparison::kNone) change.gone = kFSEventStreamEventFlagItemRemoved | flagOf(before(change).kind);
     if (came != PolledComparison::kNone) change.came = kFSEventStreamEventFlagItemCreated | flagOf(after(change).kind);
     changes_.push_back(change);
@@ -40,12 +40,14 @@ std::string_view PolledChanges::nameOf(const Change& change) const {
 }
 
 void PolledChanges::arrange() {
+  step_ = Step::MovedGone;
+  next_ = 0;
   std::vector<Sighting> gone;
   std::vector<Sighting> came;
   for (std::uint32_t at = 0; at < changes_.size(); ++at) {
     const Change& change = changes_[at];
-    if (change.gone != 0) gone.push_back({before(change).inode, at});
-    if (change.came != 0) came.push_back({after(change).inode, at});
+    if ((change.gone & kFSEventStreamEventFlagItemRemoved) != 0) gone.push_back({before(change).inode, at});
+    if ((change.came & kFSEventStreamEventFlagItemCreated) != 0) came.push_back({after(change).inode, at});
   }
   std::sort(gone.begin(), gone.end(), isBefore);
   std::sort(came.begin(), came.end(), isBefore);
@@ -70,12 +72,18 @@ void PolledChanges::pair(Change& source, Change& target) const {
   if (was.content != is.content) target.came |= changeOf(was, is);
 }
 
-void PolledChanges::tellGone(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags flags,
-                             FSEventStreamEventFlags besides) const {
-  const auto place = look.place ? look.place : look.folder->formerPlace;
+void PolledChanges::tellName(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags gone,
+                             FSEventStreamEventFlags came) {
   const NodeId folder = look.folder->node;
-  if (flags != 0 && place) host.changedAt(*place, name, std::exchange(flags, 0));
-  if ((flags | besides) != 0) host.changed(folder, name, flags | besides);
+  const bool isElsewhere = look.seen && !look.seen->path.empty();
+  const FormerPlace& place = isElsewhere ? *look.seen : *look.missed;
+  if (gone != 0 && !place.path.empty()) {
+    host.changedAt(place.path, name, gone);
+    // Before or after the move: whoever was told of the new place may have seen it there.
+    gone = 0;
+    if (isElsewhere && !place.isExact) host.changed(folder, {}, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
+  }
+  if ((gone | came) != 0) host.changed(folder, name, gone | came);
 }
 
 void PolledChanges::tellOne(PolledRegion::Host& host, Change& change) {
@@ -83,17 +91,22 @@ void PolledChanges::tellOne(PolledRegion::Host& host, Change& change) {
   const std::string_view name = nameOf(change);
   // What the kernel told of the name since is the later word.
   if (look.folder->isRemoved || look.folder->told.contains(name)) change.gone = change.came = 0;
+  const bool isGone = step_ == Step::MovedGone || step_ == Step::FoldersGone;
+  const FSEventStreamEventFlags flags = isGone ? change.gone : change.came;
+  const bool isOfMoved = (flags & kFSEventStreamEventFlagItemRenamed) != 0;
   if (step_ == Step::Names) {
-    tellGone(host, look, name, change.gone, change.came);
-  } else if (step_ == Step::FoldersGone && (change.gone & kFSEventStreamEventFlagItemIsDir) != 0) {
-    host.folderGone(look.folder->node, name, change.gone);
-  } else if (step_ == Step::FoldersFound && (change.came & kFSEventStreamEventFlagItemIsDir) != 0) {
-    host.folderFound(look.folder->node, name, change.came);
+    tellName(host, look, name, change.gone, change.came);
+  } else if ((flags & kFSEventStreamEventFlagItemIsDir) == 0 || isOfMoved != (step_ < Step::Names)) {
+    return;
+  } else if (isGone) {
+    if (!isOfMoved || !std::exchange(change.isGoneMoved, true)) host.folderGone(look.folder->node, name, flags);
+  } else {
+    if (!isOfMoved || !std::exchange(change.isFoundMoved, true)) host.folderFound(look.folder->node, name, flags);
   }
 }
 
-bool PolledChanges::tell(PolledRegion::Host& host, Clock::time_point end) {
-  while (step_ != Step::Over) {
+bool PolledChanges::tellUntil(PolledRegion::Host& host, Step last, Clock::time_point end) {
+  while (step_ != last) {
     for (std::size_t told = 1; next_ < changes_.size(); ++told) {
       tellOne(host, changes_[next_++]);
       if (told % kChangesBetweenClocks == 0 && Clock::now() >= end) return false;
@@ -101,6 +114,13 @@ bool PolledChanges::tell(PolledRegion::Host& host, Clock::time_point end) {
     next_ = 0;
     step_ = static_cast<Step>(static_cast<int>(step_) + 1);
   }
+  return true;
+}
+
+bool PolledChanges::moveFolders(PolledRegion::Host& host, Clock::time_point end) { return tellUntil(host, Step::Names, end); }
+
+bool PolledChanges::tell(PolledRegion::Host& host, Clock::time_point end) {
+  if (!tellUntil(host, Step::Over, end)) return false;
   clear();
   return true;
 }
@@ -112,8 +132,8 @@ void PolledChanges::tellRemoved(PolledFolder& folder, PolledRegion::Host& host) 
     if (looks_[change.look].folder.get() != &folder) continue;
     const FSEventStreamEventFlags gone = std::exchange(change.gone, 0);
     change.came = 0;  // what is there now is told as removed by the owner
-    const bool isTold = step_ != Step::Names || at < next_ || folder.told.contains(nameOf(change));
-    if (!isTold) tellGone(host, looks_[change.look], nameOf(change), gone, 0);
+    const bool isTold = step_ > Step::Names || (step_ == Step::Names && at < next_) || folder.told.contains(nameOf(change));
+    if (!isTold) tellName(host, looks_[change.look], nameOf(change), gone, 0);
   }
 }
 
@@ -121,7 +141,7 @@ void PolledChanges::clear() {
   for (const Look& look : looks_) look.folder->isWaitedFor = false;
   looks_ = {};
   changes_ = {};
-  step_ = Step::Names;
+  step_ = Step::MovedGone;
   next_ = 0;
 }
 

@@ -12,9 +12,10 @@
 namespace platform::fsevents {
 
 /// What came and went in a pass, held back until every folder was looked at: an inode that left one name and came under another was renamed.
-/// Told in an order that a tree can follow: every name, then the subfolders that are gone, then those that are there.
+/// Folders that were renamed are moved first, so that they can be looked at in their new places; then every name is told, then the
+/// subfolders that are gone, then those that are there.
 ///
-/// Memory: 20 bytes a change, and the former tables of the folders concerned. Threads: as its owner's.
+/// Memory: 24 bytes a change, and the former tables of the folders concerned. Threads: as its owner's.
 class PolledChanges {
  public:
   using Clock = PolledRegion::Clock;
@@ -23,8 +24,10 @@ class PolledChanges {
   void add(const std::shared_ptr<PolledFolder>& folder, const PolledComparison& comparison);
   /// More are not held back; what belongs together across this bound is told as removed and created.
   [[nodiscard]] bool isFull() const { return changes_.size() >= kMaximum; }
-  /// Finds out what was renamed. After the last `add`, before `tell`.
+  /// Finds out what was renamed. After the last `add`, before `moveFolders`.
   void arrange();
+  /// Has the renamed folders moved; more may be added afterwards, and then it goes round again. False when the time has come first.
+  bool moveFolders(PolledRegion::Host& host, Clock::time_point end);
   /// True when all was told and forgotten; false when the time has come first.
   bool tell(PolledRegion::Host& host, Clock::time_point end);
   /// Tells what waits of this folder as removed, and no more than that, since the folder itself is gone.
@@ -36,8 +39,9 @@ class PolledChanges {
  private:
   struct Look {
     std::shared_ptr<PolledFolder> folder;
-    /// Where the folder was when what is gone was last seen, if that is elsewhere.
-    std::shared_ptr<const std::string> place;
+    /// Where the folder was when what is gone was last seen, and when it was missed, if that is elsewhere now.
+    std::shared_ptr<const FormerPlace> seen;
+    std::shared_ptr<const FormerPlace> missed;
     std::shared_ptr<const FolderTable> before;
     std::shared_ptr<const FolderTable> after;
   };
@@ -48,20 +52,24 @@ class PolledChanges {
     std::uint32_t after;
     FSEventStreamEventFlags gone;
     FSEventStreamEventFlags came;
+    /// Of a renamed folder: its moving has begun, and ended.
+    bool isGoneMoved;
+    bool isFoundMoved;
   };
-  enum class Step { Names, FoldersGone, FoldersFound, Over };
+  enum class Step { MovedGone, MovedFound, Names, FoldersGone, FoldersFound, Over };
 
   [[nodiscard]] std::string_view nameOf(const Change& change) const;
   [[nodiscard]] PolledItem before(const Change& change) const { return looks_[change.look].before->item(change.before); }
   [[nodiscard]] PolledItem after(const Change& change) const { return looks_[change.look].after->item(change.after); }
   void pair(Change& source, Change& target) const;
-  void tellGone(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags flags,
-                FSEventStreamEventFlags besides) const;
+  static void tellName(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags gone,
+                       FSEventStreamEventFlags came);
   void tellOne(PolledRegion::Host& host, Change& change);
+  bool tellUntil(PolledRegion::Host& host, Step last, Clock::time_point end);
 
   std::vector<Look> looks_;
   std::vector<Change> changes_;
-  Step step_ = Step::Names;
+  Step step_ = Step::MovedGone;
   std::size_t next_ = 0;
 };
 

@@ -57,7 +57,7 @@ bool PolledComparison::take(PolledFolder& folder, FolderListing& listing, Judgem
                           a == FolderTable::kNone ? kNone : static_cast<std::uint32_t>(a));
   });
   former = std::exchange(folder.table, std::make_shared<FolderTable>(std::move(table)));
-  formerPlace = std::exchange(folder.formerPlace, nullptr);
+  formerPlace = std::exchange(folder.place, nullptr);
   folder.lookBegan = listing.began();
   folder.lookEnded = listing.ended();
   return true;

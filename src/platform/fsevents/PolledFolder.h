@@ -13,6 +13,14 @@
 
 namespace platform::fsevents {
 
+/// Where a folder was when it was looked at, once it is elsewhere.
+struct FormerPlace {
+  /// Empty as long as it has not moved.
+  std::string path;
+  /// It was looked at in its new place before anybody was told of that.
+  bool isExact = false;
+};
+
 /// What a region knows of one folder. Shared with what is under way when the folder is removed from the region meanwhile.
 struct PolledFolder {
   PolledFolder(NodeId number, PolledRegion::Why reason) : node(number), why(reason) {}
@@ -23,8 +31,8 @@ struct PolledFolder {
   std::shared_ptr<FolderTable> table = std::make_shared<FolderTable>();
   /// What the kernel told since the table was made, by name; goes before the table.
   std::map<std::string, PolledItem, std::less<>> told;
-  /// Where the folder was at the last look, when it has moved since.
-  std::shared_ptr<const std::string> formerPlace;
+  /// Of the last look; made when somebody asks.
+  std::shared_ptr<FormerPlace> place;
   /// The clock of stamps when the last look began and ended.
   std::int64_t lookBegan = 0;
   std::int64_t lookEnded = 0;
@@ -34,7 +42,9 @@ struct PolledFolder {
   bool isWaitedFor = false;
   bool isRemoved = false;
   bool hasFailed = false;
+  bool isLeaving = false;
 
+  std::shared_ptr<FormerPlace> placeOfLook() { return place ? place : place = std::make_shared<FormerPlace>(); }
   [[nodiscard]] PolledItem find(std::string_view name) const {
     const auto known = told.find(name);
     return known != told.end() ? known->second : table->find(name);
@@ -49,8 +59,8 @@ struct PolledComparison {
   /// Names whose item went, came, or was replaced by another: their places in the former table and in the new one.
   std::vector<std::pair<std::uint32_t, std::uint32_t>> replaced;
   std::shared_ptr<const FolderTable> former;
-  /// PolledFolder::formerPlace, which is over now.
-  std::shared_ptr<const std::string> formerPlace;
+  /// PolledFolder::place of the former look; nothing when nobody had asked.
+  std::shared_ptr<FormerPlace> formerPlace;
 
   /// What one look is judged by.
   struct Judgement {

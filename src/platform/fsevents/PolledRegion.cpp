@@ -20,6 +20,8 @@ constexpr std::chrono::milliseconds kShortestInterval(1000);
 constexpr int kShare = 100;
 /// For how long a slow file system is left alone at most for being slow.
 constexpr std::chrono::seconds kLongestCourtesy(60);
+/// How often moved folders are looked at again within one pass, in which more moves may be found.
+constexpr int kMostRounds = 8;
 
 std::chrono::nanoseconds processorTime() {
   timespec now{};
@@ -102,13 +104,13 @@ void PolledRegion::tellAllRemoved(NodeId folder, Host& host) {
   const auto kept = std::exchange(known->table, std::make_shared<FolderTable>());
   const FolderTable& table = *kept;
   const auto told = std::exchange(known->told, {});
-  const auto place = known->formerPlace;
+  const std::string place = known->place ? known->place->path : std::string();
   const auto tellOne = [&](std::string_view name, const PolledItem& item) {
     const FSEventStreamEventFlags flags = kFSEventStreamEventFlagItemRemoved | flagOf(item.kind);
-    if (place) {
-      host.changedAt(*place, name, flags);
-    } else {
+    if (place.empty()) {
       host.changed(folder, name, flags);
+    } else {
+      host.changedAt(place, name, flags);
     }
   };
   for (std::size_t at = 0; at < table.size(); ++at) {
@@ -121,7 +123,13 @@ void PolledRegion::tellAllRemoved(NodeId folder, Host& host) {
 
 void PolledRegion::moved(NodeId folder, std::string_view formerPlace) {
   const FolderPointer known = find(folder);
-  if (known && !known->formerPlace) known->formerPlace = std::make_shared<const std::string>(formerPlace);
+  if (!known) return;
+  FormerPlace& place = *known->placeOfLook();
+  if (!place.path.empty()) return;
+  place.path = formerPlace;
+  // One that is being listed was opened before it moved.
+  place.isExact = phase_ == Phase::Moving && !known->isLeaving;
+  if (place.isExact) moved_.push_back(known);
 }
 
 void PolledRegion::told(NodeId folder, int descriptor, std::string_view name, FSEventStreamEventFlags flags) {
@@ -161,8 +169,8 @@ std::optional<PolledRegion::Clock::time_point> PolledRegion::work(Host& host, Cl
   if (phase_ == Phase::Resting) beginPass();
   const auto end = begin + slice;
   while (phase_ != Phase::Resting) {
-    const bool isOver = phase_ == Phase::Looking ? !look(host, end) : !tell(host, end);
-    if (isOver) break;
+    const bool isInTime = phase_ == Phase::Looking ? look(host, end) : phase_ == Phase::Moving ? move(host, end) : tell(host, end);
+    if (!isInTime) break;
   }
   return due();
 }
@@ -172,6 +180,8 @@ void PolledRegion::beginPass() {
   phase_ = Phase::Looking;
   reached_.reset();
   hasReachedAll_ = false;
+  isLookingAgain_ = false;
+  rounds_ = 0;
   triesMarks_ = true;
   cost_ = {};
   elapsed_ = {};
@@ -181,6 +191,7 @@ void PolledRegion::dropPass() {
   closeCurrent();
   changes_->clear();
   leaving_.clear();
+  moved_.clear();
   phase_ = Phase::Resting;
 }
 
@@ -203,21 +214,35 @@ bool PolledRegion::look(Host& host, Clock::time_point end) {
   const auto cost = processorTime();
   const auto begin = Clock::now();
   bool isInTime = true;
-  while (isInTime && !hasReachedAll_ && !changes_->isFull()) {
-    if (!listing_) hasReachedAll_ = !openNext(host);
+  bool isOver = false;
+  while (isInTime && !isOver) {
+    if (!listing_) isOver = !openNext(host);
     if (listing_) lookOn(host, end);
+    isOver = isOver || (!isLookingAgain_ && changes_->isFull());
     isInTime = Clock::now() < end;
   }
   cost_ += processorTime() - cost;
   elapsed_ += Clock::now() - begin;
-  if (!hasReachedAll_ && !changes_->isFull()) return false;
+  if (!isOver) return false;
   changes_->arrange();
-  phase_ = Phase::Telling;
+  phase_ = Phase::Moving;
   return isInTime;
+}
+
+bool PolledRegion::move(Host& host, Clock::time_point end) {
+  if (!changes_->moveFolders(host, end)) return false;
+  // What happened in them is told of the places where it happened, if it is looked at before the move is told.
+  isLookingAgain_ = !moved_.empty() && ++rounds_ < kMostRounds;
+  if (!isLookingAgain_) {
+    for (const FolderPointer& folder : std::exchange(moved_, {})) folder->placeOfLook()->isExact = false;
+  }
+  phase_ = isLookingAgain_ ? Phase::Looking : Phase::Telling;
+  return true;
 }
 
 bool PolledRegion::tell(Host& host, Clock::time_point end) {
   if (!changes_->tell(host, end)) return false;
+  rounds_ = 0;
   if (hasReachedAll_) {
     endPass(host);
   } else {
@@ -226,12 +251,24 @@ bool PolledRegion::tell(Host& host, Clock::time_point end) {
   return true;
 }
 
-bool PolledRegion::openNext(Host& host) {
+PolledRegion::FolderPointer PolledRegion::nextFolder() {
+  if (isLookingAgain_) {
+    if (moved_.empty()) return nullptr;
+    FolderPointer folder = std::move(moved_.back());
+    moved_.pop_back();
+    return folder;
+  }
   const auto next = reached_ ? folders_.upper_bound(*reached_) : folders_.begin();
-  if (next == folders_.end()) return false;
+  hasReachedAll_ = next == folders_.end();
+  if (hasReachedAll_) return nullptr;
   reached_ = next->first;
-  const FolderPointer folder = next->second;
-  if (folder->addedIn == pass_) return true;
+  return next->second;
+}
+
+bool PolledRegion::openNext(Host& host) {
+  const FolderPointer folder = nextFolder();
+  if (!folder) return false;
+  if (folder->isRemoved || (folder->addedIn == pass_ && !isLookingAgain_)) return true;
   FileHandle opened = host.openFolder(folder->node);
   const int error = errno;
   if (folder->isRemoved) return true;
@@ -268,7 +305,10 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
   const bool isLast = isMarked_ && error == 0;
   closeCurrent();
   changes_->add(folder, comparison);
-  if (isLast) leaving_.push_back(folder);
+  if (isLast) {
+    folder->isLeaving = true;
+    leaving_.push_back(folder);
+  }
   const std::shared_ptr<const FolderTable> table = folder->table;
   for (const auto& [at, flags] : comparison.changed) {
     if (!folder->isRemoved) host.changed(folder->node, table->name(at), flags);

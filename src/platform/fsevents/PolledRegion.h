@@ -52,13 +52,14 @@ class PolledRegion {
     virtual bool tryMark(NodeId folder, int descriptor) = 0;
     virtual void left(NodeId folder) = 0;
     /// ItemCreated, ItemRemoved, ItemRenamed, ItemModified or ItemInodeMetaMod, several where a name had several changes, with the item's
-    /// kind (of both kinds where one replaced the other). For subfolders too.
+    /// kind (of both kinds where one replaced the other). For subfolders too. With an empty name MustScanSubDirs of the folder itself: it
+    /// moved, and where things were that went from it cannot be known.
     virtual void changed(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
-    /// The same of what was in a folder before the folder moved, and is not there after: told where it was (see `moved`).
+    /// The same of what went from a folder before the folder moved: told where it was (see `moved`).
     virtual void changedAt(std::string_view formerPlace, std::string_view name, FSEventStreamEventFlags flags) = 0;
-    /// After `changed` has told of them, at the end of a pass: a subfolder is not there any more, and, after all of those, another is there.
-    /// With ItemRenamed instead of ItemRemoved and ItemCreated the same inode was found under another name: both are called then, and the
-    /// tree may keep its node and what is below it in between.
+    /// A subfolder is not there any more, and, after all of those, another is there. With ItemRenamed the same inode was found under
+    /// another name: both are called, before anything of the pass is told, and the tree keeps its node and what is below it in between, in
+    /// the region too, and says `moved`. With ItemRemoved and ItemCreated they come after `changed` has told of them.
     virtual void folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     virtual void folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     /// The folder could not be opened or listed, or one of its items could not be looked at. What is known of it is kept, and it is looked at
@@ -81,8 +82,8 @@ class PolledRegion {
   void remove(NodeId folder);
   /// The folder was removed with all that it held: tells each item known in it as removed, and knows it empty from then on.
   void tellAllRemoved(NodeId folder, Host& host);
-  /// The folder, or one above it, is in another place now than at the last look: what is then found missing in it is told by `changedAt`
-  /// with this place (the first of several), since it may never have been in the new one.
+  /// The folder, or one above it, is in another place now than at the last look (the first of several places counts): what is then found
+  /// missing in it was there, and may never have been in the new one. To be said of each folder at and below the one that moved.
   void moved(NodeId folder, std::string_view formerPlace);
   /// The kernel has told of this change with these flags. What the disk shows of the item by now is not told again, as far as the flags
   /// cover it; the rest is told by the next pass. `descriptor` is the folder, opened. One statx(2).
@@ -106,17 +107,19 @@ class PolledRegion {
 
  private:
   using FolderPointer = std::shared_ptr<PolledFolder>;
-  enum class Phase { Resting, Looking, Telling };
+  enum class Phase { Resting, Looking, Moving, Telling };
 
   [[nodiscard]] FolderPointer find(NodeId folder) const;
   void beginPass();
   void endPass(Host& host);
   void dropPass();
-  /// Both: false when the slice is over first.
+  /// All three: false when the slice is over first.
   bool look(Host& host, Clock::time_point end);
+  bool move(Host& host, Clock::time_point end);
   bool tell(Host& host, Clock::time_point end);
   /// Whether there was another folder to come to.
   bool openNext(Host& host);
+  FolderPointer nextFolder();
   void closeCurrent();
   void lookOn(Host& host, Clock::time_point end);
   void lookFailed(Host& host, PolledFolder& folder, int error);
@@ -142,6 +145,10 @@ class PolledRegion {
   std::unique_ptr<FolderListing> listing_;
   bool isMarked_ = false;
   std::unique_ptr<PolledChanges> changes_;
+  /// Folders that were found in new places, to be looked at there before the pass tells anything; how often that came round.
+  std::vector<FolderPointer> moved_;
+  bool isLookingAgain_ = false;
+  int rounds_ = 0;
   std::vector<FolderPointer> leaving_;
   /// How far the clock that stamps is behind ours at most (FolderListing::offset).
   std::int64_t offset_;

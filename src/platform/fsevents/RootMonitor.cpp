@@ -80,7 +80,8 @@ bool mayBeEmpty(const std::string& path) {
 
 }  // namespace
 
-RootMonitor::RootMonitor(std::vector<std::string> paths) : paths_(std::move(paths)) {}
+RootMonitor::RootMonitor(std::vector<std::string> paths)
+    : paths_(std::move(paths)), isLooked_(paths_.size(), true), identities_(paths_.size()) {}
 
 const std::vector<RootIdentity>& RootMonitor::arm() {
   // Watch, then look: a path that changes in between is looked at again.
@@ -93,9 +94,10 @@ const std::vector<RootIdentity>& RootMonitor::arm() {
     watched_.clear();
     polled_.clear();
     identities_.assign(paths_.size(), {});
-    for (std::size_t i = 0; i < paths_.size(); ++i) armPath(i, identities_[i]);
-    isSettled_ = isSettled_ && std::equal(paths_.begin(), paths_.end(), identities_.begin(),
-                                          [](const std::string& path, const RootIdentity& seen) { return identityOf(path) == seen; });
+    for (std::size_t i = 0; i < paths_.size(); ++i) {
+      if (isLooked_[i]) armPath(i, identities_[i]);
+    }
+    for (std::size_t i = 0; i < paths_.size(); ++i) isSettled_ = isSettled_ && (!isLooked_[i] || identityOf(paths_[i]) == identities_[i]);
   }
   std::sort(polled_.begin(), polled_.end());
   polled_.erase(std::unique(polled_.begin(), polled_.end()), polled_.end());
@@ -184,7 +186,7 @@ bool RootMonitor::needsGuard(std::size_t path) const {
 bool RootMonitor::read() {
   bool changed = false;
   bool strayed = false;
-  sawMove_ = false;
+  moved_.clear();
   touched_.clear();
   alignas(inotify_event) std::array<char, 16384> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
   for (ssize_t count = 0; (count = ::read(queue_.fileDescriptor(), buffer.data(), buffer.size())) > 0;) {
@@ -194,10 +196,12 @@ bool RootMonitor::read() {
       if (event->len == 0) {
         // About a component itself, or about lost events.
         changed = true;
-        sawMove_ |= (event->mask & IN_MOVE_SELF) != 0;
         if (event->mask == IN_ATTRIB) continue;
         const auto [first, last] = watched_.equal_range(event->wd);
-        for (auto entry = first; entry != last; ++entry) touched_.insert(entry->second);
+        for (auto entry = first; entry != last; ++entry) {
+          touched_.insert(entry->second);
+          if ((event->mask & IN_MOVE_SELF) != 0) moved_.insert(entry->second);
+        }
         continue;
       }
       const std::string_view name(event->name, ::strnlen(event->name, event->len));

@@ -37,8 +37,13 @@ class RootMonitor {
  public:
   explicit RootMonitor(std::vector<std::string> paths);
 
+  /// Whether a path is looked at at all; each is at first. One that is not counts as missing from the next `arm` on.
+  void setLooked(std::size_t path, bool isLooked) { isLooked_[path] = isLooked; }
+
   /// Watches every path anew as it stands now and returns what stands there.
   const std::vector<RootIdentity>& arm();
+  /// What stood at the path of this number when it was looked at last.
+  [[nodiscard]] const RootIdentity& identity(std::size_t path) const { return identities_[path]; }
   /// False when the paths changed faster than the last `arm` could look: `arm` again soon, for what was missed is told by nobody.
   [[nodiscard]] bool isSettled() const { return isSettled_; }
   /// The descriptor to wait for; -1 when everything must be polled.
@@ -50,8 +55,8 @@ class RootMonitor {
   [[nodiscard]] bool needsGuard(std::size_t path) const;
   /// Whether the last `read` told of a component of the path of this number.
   [[nodiscard]] bool wasTouched(std::size_t path) const { return touched_.contains(path); }
-  /// Whether the last `read` told of a component that was moved (not removed).
-  [[nodiscard]] bool sawMove() const { return sawMove_; }
+  /// Whether the last `read` told that a component of the path of this number was moved (not removed).
+  [[nodiscard]] bool wasMoved(std::size_t path) const { return moved_.contains(path); }
   /// The components that cannot be watched; while there are any, `arm` from time to time.
   [[nodiscard]] const std::vector<std::string>& polled() const { return polled_; }
 
@@ -63,6 +68,7 @@ class RootMonitor {
   void guard(std::size_t number, const std::string& folder);
 
   std::vector<std::string> paths_;
+  std::vector<bool> isLooked_;
   std::vector<RootIdentity> identities_;
   FileHandle queue_;
   /// Paths that a watch stands for, and names in the folder of a watch whose coming or going matters.
@@ -71,8 +77,8 @@ class RootMonitor {
   /// The guarded folders, by the numbers of their paths.
   std::multimap<std::size_t, std::string> guarded_;
   std::set<std::size_t> touched_;
+  std::set<std::size_t> moved_;
   std::vector<std::string> polled_;
-  bool sawMove_ = false;
   bool isSettled_ = true;
 };
 

@@ -2,17 +2,12 @@
 
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <set>
 #include <utility>
 
-#include "platform/foundation/base/AllSignalsBlocked.h"
-#include "platform/fsevents/KernelLimits.h"
-#include "platform/fsevents/PathOpener.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/fsevents/WatchedPath.h"
 
 namespace platform::fsevents {
@@ -20,344 +15,238 @@ namespace {
 
 /// In a storm wake-ups cost more than the work: the queue is read at most this often, which is far below the time in which it fills.
 constexpr std::chrono::milliseconds kStormPause(20);
-/// How often is looked at what the kernel cannot tell of: components that cannot be watched, a queue that was refused.
-constexpr std::chrono::milliseconds kPollInterval(1000);
-/// The first pause before a watched path that changed while it was looked at is looked at again.
-constexpr std::chrono::milliseconds kShortestSettling(2);
-/// How often a rescan is asked for while the kernel refuses to watch at all.
-constexpr std::chrono::seconds kRefusedInterval(30);
-/// How long everything must have been quiet before kernel queues are renewed, and how much longer per folder.
-constexpr std::chrono::milliseconds kQuiet(500);
-constexpr std::chrono::microseconds kQuietPerFolder(50);
-constexpr std::chrono::milliseconds kLongestBackoff(60'000);
-constexpr std::chrono::milliseconds kRefreshPatience(200);
-
-bool isLimit(int error) { return error == EMFILE || error == ENFILE || error == ENOSPC || error == ENOMEM; }
+/// What a tree does again within this time belongs to changes that were read already; what it looks at less often belongs to none.
+constexpr std::chrono::milliseconds kSettling(100);
 
 }  // namespace
 
-StreamEngine::StreamEngine(EngineConfiguration configuration, StreamStatus& status, BatchReceiver& receiver)
-    : configuration_(std::move(configuration)), status_(status), receiver_(receiver), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+StreamEngine::StreamEngine(std::shared_ptr<EngineShared> shared, std::weak_ptr<EnginePool> pool)
+    : StreamEngine(std::move(shared), std::nullopt, std::move(pool)) {}
 
-StreamEngine::~StreamEngine() { stop(); }
+StreamEngine::StreamEngine(std::shared_ptr<EngineShared> shared, EnginePlace place)
+    : StreamEngine(std::move(shared), std::optional(std::move(place)), {}) {}
 
-bool StreamEngine::start() {
-  clock_ = std::make_unique<EventClock::Member>([this] { refreshClock(); });
-  {
-    const AllSignalsBlocked blocked;
-    thread_ = std::thread([this] { run(); });
-  }
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return standing_.has_value(); });
-  return *standing_;
+StreamEngine::StreamEngine(std::shared_ptr<EngineShared> shared, std::optional<EnginePlace> place, std::weak_ptr<EnginePool> pool)
+    : shared_(std::move(shared)),
+      pool_(std::move(pool)),
+      watched_(std::make_shared<HangWatch::Watched>(
+          pulse_, [this](const std::string& path) { hangs(path); }, [this](const std::string& path) { answers(path); })),
+      window_(
+          shared_->configuration, shared_->status, shared_->mailbox,
+          shared_->configuration.asksForHistory() && (!place || place->isFromTheStart), [requests = requests_] { requests->refresh(); },
+          [requests = requests_] { requests->wake(); }),
+      trees_(window_, *shared_->status, *shared_->watch, *watched_),
+      place_(std::move(place)) {}
+
+void StreamEngine::requestStop() {
+  pulse_->stop = true;
+  requests_->requestStop();
 }
 
-void StreamEngine::stop() {
-  {
-    const std::lock_guard lock(mutex_);
-    stop_ = true;
-  }
-  wake();
-  if (thread_.joinable()) thread_.join();
-  clock_.reset();
-}
-
-void StreamEngine::wake() const {
-  const std::uint64_t one = 1;
-  // A full counter means that it is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake_.fileDescriptor(), &one, sizeof one);
-}
-
-void StreamEngine::engineMayOffer() { wake(); }
-
-std::uint64_t StreamEngine::requestFlush() {
-  std::uint64_t ticket = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    ticket = ++flushRequested_;
-  }
-  wake();
-  return ticket;
-}
-
-bool StreamEngine::waitFlushed(std::uint64_t ticket, std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, limit, [&] { return flushDone_ >= ticket || stop_; });
-}
-
-void StreamEngine::refreshClock() {
-  std::unique_lock lock(mutex_);
-  if (stop_ || std::this_thread::get_id() == thread_.get_id()) return;
-  const std::uint64_t ticket = ++refreshRequested_;
-  wake();
-  changed_.wait_for(lock, kRefreshPatience, [&] { return refreshDone_ >= ticket || stop_; });
+void StreamEngine::leave() {
+  shared_->watch->remove(watched_);
+  window_.leave();
 }
 
 void StreamEngine::run() {
   ::pthread_setname_np(::pthread_self(), "fsevents");
-  const bool standing = attachAll();
-  {
-    const std::lock_guard lock(mutex_);
-    standing_ = standing;
-  }
-  changed_.notify_all();
-  while (standing) {
-    {
-      const std::lock_guard lock(mutex_);
-      if (stop_) break;
-    }
+  requests_->begin();
+  shared_->watch->add(watched_);
+  const bool standing = place_ ? attachPlace() : attachPaths();
+  requests_->stands(standing);
+  while (standing && !requests_->isStopRequested()) {
     turn();
     sleep();
   }
+  mounts_.reset();
+  roots_.reset();
   trees_.clear();
-  monitor_.reset();
-  const std::lock_guard lock(mutex_);
-  stop_ = true;
-  changed_.notify_all();
+  requests_->ended();
 }
 
-bool StreamEngine::attachAll() {
-  std::vector<std::string> openPaths;
+bool StreamEngine::attachPaths() {
+  const EngineConfiguration& configuration = shared_->configuration;
+  std::vector<TreeOptions> paths;
   std::set<std::string> known;
-  for (const std::string& path : configuration_.paths) {
-    TreeOptions options = watchedPath(path, configuration_.exclusions);
+  const MountTable table = Mounts().table();
+  for (const std::string& path : configuration.paths) {
+    TreeOptions options = watchedPath(path, configuration.exclusions, table);
     if (!known.insert(options.reportedPath).second) continue;  // given twice
-    options.fileEvents = (configuration_.flags & kFSEventStreamCreateFlagFileEvents) != 0;
-    options.ignoreSelf = (configuration_.flags & kFSEventStreamCreateFlagIgnoreSelf) != 0;
-    options.source = configuration_.source;
-    openPaths.push_back(options.openPath);
-    trees_.push_back(std::make_unique<WatchedTree>(static_cast<std::uint32_t>(trees_.size()), std::move(options), coalescer_, status_));
+    options.fileEvents = configuration.has(kFSEventStreamCreateFlagFileEvents);
+    options.ignoreSelf = configuration.has(kFSEventStreamCreateFlagIgnoreSelf);
+    options.source = configuration.source;
+    options.pulse = pulse_;
+    paths.push_back(std::move(options));
   }
-  monitor_ = std::make_unique<RootMonitor>(std::move(openPaths));
-  // The monitor looks before the trees do: what changes in between is in its queue.
-  identities_ = monitor_->arm();
-  status_.setPolled(monitor_->polled());
-  knownEmpty_ = EventClock::now();
-  for (std::size_t i = 0; i < trees_.size(); ++i) {
-    int error = 0;
-    if (trees_[i]->attach(0, std::nullopt, error) == WatchedTree::Attached::Refused) {
-      if (!isLimit(error)) {
-        status_.setError(explainQueueFailure(lastSource(), error).text());
-        return false;
-      }
-      refused(i, error);
-    } else if (trees_[i]->isAttached() && configuration_.sinceWhen != kFSEventStreamEventIdSinceNow) {
-      trees_[i]->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | trees_[i]->rootKind());
-    }
+  mounts_ = std::make_unique<EngineMounts>(configuration, std::move(paths), trees_, window_, *shared_->status, pool_);
+  roots_ = std::make_unique<WatchedRoots>(configuration, mounts_->options(), mounts_->isLocal(), trees_, *shared_->status, *shared_->watch,
+                                          *watched_);
+  const std::optional<std::uint64_t> since = pastToTell();
+  // Others first: what may hang begins while this looks at what does not.
+  mounts_->begin(*roots_, since);
+  return attachRoots(std::vector<FSEventStreamEventFlags>(mounts_->options().size()), since);
+}
+
+bool StreamEngine::attachPlace() {
+  place_->options.pulse = pulse_;
+  const std::optional<std::uint64_t> since = place_->isFromTheStart ? pastToTell() : std::nullopt;
+  if (!place_->isMount) {
+    roots_ = std::make_unique<WatchedRoots>(shared_->configuration, std::vector{place_->options}, std::vector{true}, trees_,
+                                            *shared_->status, *shared_->watch, *watched_);
+    roots_->avoid(0, place_->avoided);
+    return attachRoots({place_->told}, since) || !place_->isFromTheStart;
   }
-  planCheck();
-  historyPending_ = configuration_.sinceWhen != kFSEventStreamEventIdSinceNow;
+  placeTree_ = &trees_.add(place_->options);
+  placeTree_->avoid(place_->avoided);
+  int error = 0;
+  const WatchedTree::Attached attached = trees_.attach(*placeTree_, 0, since, error);
+  FSEventStreamEventFlags told = place_->told;
+  if (attached == WatchedTree::Attached::Refused) {
+    const bool isNew = shared_->status->losses().begin(LossKind::QueueLimit, shownPath(place_->options),
+                                                       "the kernel offers no queue for it: " + errnoText(error), "");
+    if (isNew) told |= kFSEventStreamEventFlagMustScanSubDirs;
+  }
+  if (told != 0) placeTree_->reportRoot(told | kFSEventStreamEventFlagItemIsDir);
+  endPast();
   return true;
 }
 
-void StreamEngine::turn() {
-  std::uint64_t flush = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    flush = flushRequested_;
+bool StreamEngine::attachRoots(const WatchedRoots::MountFlags& told, std::optional<std::uint64_t> since) {
+  if (const auto error = roots_->attach(told, since)) {
+    shared_->status->setError(*error);
+    return false;
   }
-  if (monitor_->read() || (checkRootsAt_ && *checkRootsAt_ <= Clock::now())) checkRoots();
+  endPast();
+  return true;
+}
+
+std::optional<std::uint64_t> StreamEngine::pastToTell() {
+  const EngineConfiguration& configuration = shared_->configuration;
+  if (!configuration.asksForHistory()) return std::nullopt;
+  pastFault_ = EventClock::faultOf(configuration.sinceWhen);
+  return pastFault_.empty() ? std::optional(EventClock::timeOf(configuration.sinceWhen)) : std::nullopt;
+}
+
+void StreamEngine::endPast() {
+  if (const std::string fault = std::exchange(pastFault_, {}); !fault.empty()) {
+    trees_.forEach([&](WatchedTree& tree) {
+      if (!tree.isAttached()) return;
+      const std::string& path = shownPath(tree.options());
+      shared_->status->losses().begin(LossKind::Clock, path, fault, "");
+      tree.reportRoot(kFSEventStreamEventFlagMustScanSubDirs | tree.rootKind());
+      // With the rescan that is told it is over.
+      shared_->status->losses().end(LossKind::Clock, path);
+    });
+  }
+  window_.endHistory();
+}
+
+void StreamEngine::turn() {
+  for (const auto& task : requests_->takeTasks()) task();
+  const std::uint64_t flush = requests_->flushRequested();
+  const bool mounts = mounts_ && mounts_->read();
+  const bool isDue = roots_ && roots_->checkAt() && *roots_->checkAt() <= Clock::now();
+  if (roots_ && (roots_->read() || isDue)) {
+    checkRoots();
+  } else if (mounts) {
+    // A rename that is still to be read may be why a mount is elsewhere.
+    trees_.drain();
+    trees_.process();
+    followMounts(trees_.takeMovedFolders());
+  }
   const bool paused = pauseUntil_ && *pauseUntil_ > Clock::now() && flush == flushDone_;
   if (!paused) drainAndProcess();
   guardRoots();
-  if (flush != flushDone_) {
-    for (const auto& tree : trees_) tree->processAll();
-    guardRoots();
-    if (hasSomething() && receiver_.isFree()) offer();
-    const bool settled = monitor_->isSettled() || settleBackoff_ >= kPollInterval;
-    if (settled && !hasSomething()) {
-      const std::lock_guard lock(mutex_);
-      flushDone_ = flush;
-      changed_.notify_all();
-    }
-  }
-  if (coalescer_.isFull()) giveUpWindow();
-  tidyTrees();
-  offerIfDue();
+  if (flush != flushDone_) finishFlush(flush);
+  tellAnswered();
+  window_.collect();
+  trees_.tidyIfQuiet();
+  if (window_.isDue()) offer();
   answerRefresh();
 }
 
 void StreamEngine::drainAndProcess() {
   pauseUntil_.reset();
-  again_.reset();
   const std::uint64_t before = EventClock::now();
-  bool any = false;
-  bool left = false;
-  for (const auto& tree : trees_) {
-    any |= tree->drain();
-    if (const auto time = tree->process(); time && (!again_ || *time < *again_)) again_ = time;
-    left |= tree->hasBacklog();
-  }
-  if (!left) knownEmpty_ = before;
+  const bool any = trees_.drain();
+  trees_.process();
+  if (mounts_) followMovedFolders();
+  const bool left = trees_.hasBacklog();
+  if (!left) window_.setKnownEmpty(before);
   if (!any) return;
-  const auto now = Clock::now();
-  if (hasSomething() || left) pauseUntil_ = now + std::min<std::chrono::nanoseconds>(kStormPause, configuration_.latency);
-  tidyAt_ = now + kQuiet + status_.foldersMarked.load() * kQuietPerFolder;
+  if (window_.hasSomething() || left) {
+    pauseUntil_ = Clock::now() + std::min<std::chrono::nanoseconds>(kStormPause, shared_->configuration.latency);
+  }
+  trees_.notQuiet();
 }
 
-void StreamEngine::checkRoots() {
+void StreamEngine::checkRoots(bool foldersWereRenamed) {
   // What was told before the path changed its meaning is applied first.
-  for (const auto& tree : trees_) {
-    tree->drain();
-    tree->processAll();
+  trees_.drain();
+  trees_.processAll();
+  // Nothing is looked at that may hang: such a path is another engine's from here on.
+  WatchedRoots::MountFlags mounts(1);
+  if (mounts_) mounts = mounts_->assign(*roots_);
+  roots_->check(mounts);
+  if (mounts_) mounts_->follow(*roots_, trees_.takeMovedFolders() || foldersWereRenamed);
+}
+
+void StreamEngine::followMovedFolders() {
+  const bool renamed = trees_.takeMovedFolders();
+  const std::vector<EngineTrees::Covered> covered = trees_.takeCovered();
+  if (!renamed && covered.empty()) return;
+  if (mounts_->readAnew()) followMounts(renamed);
+  mounts_->uncover(*roots_, covered);
+}
+
+void StreamEngine::followMounts(bool foldersWereRenamed) {
+  if (mounts_->pathsLeadElsewhere()) {
+    checkRoots(foldersWereRenamed);
+  } else {
+    mounts_->follow(*roots_, foldersWereRenamed);
   }
-  const bool moved = monitor_->sawMove();
-  std::vector<bool> touched;
-  for (std::size_t i = 0; i < trees_.size(); ++i) touched.push_back(monitor_->wasTouched(i));
-  const std::vector<RootIdentity> now = monitor_->arm();
-  checkRootsAt_.reset();
-  for (std::size_t i = 0; i < trees_.size(); ++i) {
-    const RootIdentity before = std::exchange(identities_[i], now[i]);
-    WatchedTree& tree = *trees_[i];
-    const bool watchRoot = (configuration_.flags & kFSEventStreamCreateFlagWatchRoot) != 0;
-    const FSEventStreamEventFlags changed = watchRoot ? kFSEventStreamEventFlagRootChanged : 0;
-    const FSEventStreamEventFlags gone = moved ? kFSEventStreamEventFlagItemRenamed : kFSEventStreamEventFlagItemRemoved;
-    if (before == now[i] && (tree.isAttached() || !now[i].exists)) {
-      // The way to it was touched and leads to the same place again.
-      if (touched[i] && before.exists && watchRoot) tree.reportRoot(changed);
-      continue;
-    }
-    FSEventStreamEventFlags flags = 0;
-    if (tree.isAttached()) flags |= changed | gone | tree.rootKind();
-    tree.detach();
-    if (now[i].exists) {
-      attachTree(i, kFSEventStreamEventFlagItemCreated, flags | changed);
-    } else if (flags != 0) {
-      tree.reportRoot(flags);
-    }
-  }
-  planCheck();
-  status_.setPolled(monitor_->polled());
 }
 
 void StreamEngine::guardRoots() {
-  bool needed = false;
-  for (std::size_t i = 0; i < trees_.size(); ++i) needed |= trees_[i]->takeRootLostItem() && monitor_->needsGuard(i);
-  if (needed) checkRoots();
+  if (roots_ && roots_->needsCheck()) checkRoots();
 }
 
-void StreamEngine::planCheck() {
-  bool later = !monitor_->polled().empty();
-  for (std::size_t i = 0; i < trees_.size(); ++i) later |= !trees_[i]->isAttached() && identities_[i].exists;
-  // A path that keeps changing is looked at again at once, and less and less often where it never comes to rest.
-  settleBackoff_ = monitor_->isSettled() ? std::chrono::milliseconds(0) : std::clamp(settleBackoff_ * 2, kShortestSettling, kPollInterval);
-  if (settleBackoff_.count() > 0) {
-    checkRootsAt_ = Clock::now() + settleBackoff_;
-  } else if (later) {
-    checkRootsAt_ = Clock::now() + kPollInterval;
-  }
-}
-
-void StreamEngine::attachTree(std::size_t index, FSEventStreamEventFlags report, FSEventStreamEventFlags rootFlags) {
-  WatchedTree& tree = *trees_[index];
-  int error = 0;
-  const bool wasRefused = refusedTold_.contains(index);
-  switch (tree.attach(wasRefused ? 0 : report, std::nullopt, error)) {
-    case WatchedTree::Attached::Standing:
-      refusedTold_.erase(index);
-      tree.reportRoot(rootFlags | tree.rootKind() |
-                      (wasRefused ? kFSEventStreamEventFlagMustScanSubDirs : kFSEventStreamEventFlagItemCreated));
-      break;
-    case WatchedTree::Attached::Refused:
-      refused(index, error);
-      break;
-    case WatchedTree::Attached::Missing:
-      break;
-  }
-}
-
-const char* StreamEngine::lastSource() const { return configuration_.source == FSEventStream::Source::Fanotify ? "fanotify" : "inotify"; }
-
-void StreamEngine::refused(std::size_t index, int error) {
-  // Whatever changes while nothing watches is told by nobody: from time to time a rescan is asked for instead.
-  const auto now = Clock::now();
-  if (const auto told = refusedTold_.find(index); told != refusedTold_.end() && told->second + kRefusedInterval > now) return;
-  refusedTold_[index] = now;
-  const WatchedTree& tree = *trees_[index];
-  status_.addLoss(explainQueueFailure(lastSource(), error).text(), tree.options().reportedPath);
-  trees_[index]->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
-}
-
-void StreamEngine::giveUpWindow() {
-  static_cast<void>(coalescer_.take());
-  for (const auto& tree : trees_) {
-    if (!tree->isAttached()) continue;
-    status_.addLoss("more paths changed than could be remembered while the handler was busy", tree->options().reportedPath);
-    tree->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagUserDropped | tree->rootKind());
-  }
-}
-
-void StreamEngine::tidyTrees() {
-  if (!tidyAt_) return;
-  const bool needed = std::any_of(trees_.begin(), trees_.end(), [](const auto& tree) { return tree->needsTidying(); });
-  if (!needed) {
-    tidyAt_.reset();
-    return;
-  }
-  if (*tidyAt_ > Clock::now()) return;
-  tidyAt_.reset();
-  for (const auto& tree : trees_) {
-    tree->tidy();
-    if (tree->needsTidying()) tidyAt_ = Clock::now();
-  }
-  tidyBackoff_ = tidyAt_ ? std::clamp(tidyBackoff_ * 2, kQuiet, kLongestBackoff) : std::chrono::milliseconds(0);
-  if (tidyAt_) *tidyAt_ += tidyBackoff_;
-}
-
-StreamEngine::Clock::time_point StreamEngine::dueTime() const {
-  if (historyPending_) return Clock::time_point::min();
-  const bool noDefer = (configuration_.flags & kFSEventStreamCreateFlagNoDefer) != 0;
-  if (!noDefer) return coalescer_.opened() + configuration_.latency;
-  if (!offeredOnce_ || lastOffer_ + configuration_.latency <= coalescer_.opened()) return coalescer_.opened();
-  return lastOffer_ + configuration_.latency;
-}
-
-void StreamEngine::offerIfDue() {
-  if (hasSomething() && dueTime() <= Clock::now() && receiver_.isFree()) offer();
+void StreamEngine::finishFlush(std::uint64_t ticket) {
+  trees_.processAll();
+  if (mounts_) followMovedFolders();
+  guardRoots();
+  tellAnswered();
+  window_.collect();
+  if (window_.hasSomething() && window_.isFree()) offer();
+  if ((roots_ && !roots_->isSettled()) || window_.hasSomething()) return;
+  flushDone_ = ticket;
+  requests_->flushed(ticket);
 }
 
 void StreamEngine::offer() {
-  std::vector<PendingEvent> pending = coalescer_.take();
-  std::vector<FSEvent> batch;
-  batch.reserve(pending.size() + 1);
-  FSEventStreamEventId id = EventClock::shared().reserve(*clock_, pending.size() + (historyPending_ ? 1 : 0), knownEmpty_);
-  std::size_t count = 0;
-  for (PendingEvent& event : pending) {
-    if (event.needsKind) {
-      const TreeOptions& options = trees_[event.tree]->options();
-      const FSEventStreamEventFlags kind = kindOfItem(options.openPath + event.path.substr(options.reportedPath.size()));
-      // Of what is gone nothing can be seen any more: most items are files.
-      event.flags |= kind != 0 || (event.flags & kAnyItemKind) != 0 ? kind : kFSEventStreamEventFlagItemIsFile;
-      if (++count % 1024 == 0) {
-        for (const auto& tree : trees_) tree->drain();
-      }
-    }
-    batch.push_back({std::move(event.path), event.flags, id++});
-  }
-  if (std::exchange(historyPending_, false)) {
-    batch.push_back({configuration_.paths.front(), kFSEventStreamEventFlagHistoryDone, id});
-  }
-  lastOffer_ = Clock::now();
-  offeredOnce_ = true;
-  receiver_.offer(std::move(batch));
+  const HangWatch::Inside inside(*shared_->watch, *watched_, trees_.firstPath());
+  window_.offer(*pulse_, [this] { trees_.drain(); });
 }
 
 void StreamEngine::sleep() {
-  std::vector<pollfd> queues{{wake_.fileDescriptor(), POLLIN, 0}, {monitor_->descriptor(), POLLIN, 0}};
-  if (!pauseUntil_) {
-    for (const auto& tree : trees_) {
-      queues.push_back({tree->descriptor(), POLLIN, 0});
-    }
-  }
-  std::optional<Clock::time_point> until = again_;
+  std::vector<pollfd> queues{{requests_->descriptor(), POLLIN, 0}};
+  if (roots_) queues.push_back({roots_->descriptor(), POLLIN, 0});
+  if (mounts_) queues.push_back({mounts_->descriptor(), POLLPRI, 0});
+  std::optional<Clock::time_point> until;
   const auto sooner = [&until](std::optional<Clock::time_point> time) {
     if (time && (!until || *time < *until)) until = time;
   };
-  sooner(pauseUntil_);
-  sooner(checkRootsAt_);
-  sooner(tidyAt_);
+  if (pauseUntil_) {
+    sooner(pauseUntil_);
+  } else {
+    trees_.addDescriptors(queues);
+    sooner(trees_.due());
+  }
+  if (roots_) sooner(roots_->checkAt());
+  if (mounts_) sooner(mounts_->readAt());
+  sooner(trees_.tidyAt());
   // A busy receiver wakes the engine itself.
-  if (hasSomething() && receiver_.isFree()) sooner(dueTime());
+  if (window_.hasSomething() && window_.isFree()) sooner(window_.dueTime());
   timespec timeout{};
   if (until) {
     const auto left =
@@ -366,28 +255,61 @@ void StreamEngine::sleep() {
     timeout.tv_nsec = static_cast<long>(left.count() % 1'000'000'000);
   }
   ::ppoll(queues.data(), queues.size(), until ? &timeout : nullptr, nullptr);
-  std::uint64_t wakes = 0;
-  [[maybe_unused]] const ssize_t count = ::read(wake_.fileDescriptor(), &wakes, sizeof wakes);
+  requests_->clearWakes();
+  // Told to the first who waits, and not again.
+  if (mounts_)
+    mounts_->changed(std::any_of(queues.begin(), queues.end(), [](const pollfd& queue) { return (queue.revents & POLLPRI) != 0; }));
 }
 
 void StreamEngine::answerRefresh() {
-  std::uint64_t ticket = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    ticket = refreshRequested_;
+  const std::uint64_t ticket = requests_->refreshRequested();
+  const std::optional<Clock::time_point> due = trees_.due();
+  window_.tellClock(trees_.hasBacklog() || (due && *due < Clock::now() + kSettling));
+  requests_->refreshed(ticket);
+}
+
+void StreamEngine::hangs(const std::string& path) {
+  const bool isNew = shared_->status->losses().begin(LossKind::Hang, path, "the file system does not answer",
+                                                     "see to the server or the program behind it; to be rid of it: umount -l");
+  StreamBatch batch;
+  if (isNew) batch.events.push_back({path, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir, 0});
+  batch.losses = shared_->status->losses().takeNotices();
+  batch.knownEmpty = EventClock::now();
+  window_.mailbox().tell(window_.number(), std::move(batch));
+  window_.mailbox().excuse(window_.number());
+  requests_->setHanging(true);
+}
+
+void StreamEngine::answers(const std::string& path) {
+  requests_->setHanging(false);
+  answered_.push_back(path);
+}
+
+void StreamEngine::tellAnswered() {
+  for (const std::string& path : std::exchange(answered_, {})) {
+    trees_.forEach([&](WatchedTree& tree) {
+      if (shownPath(tree.options()) == path) tree.reportRoot(kFSEventStreamEventFlagMustScanSubDirs | tree.rootKind());
+    });
+    shared_->status->losses().end(LossKind::Hang, path);
   }
-  const bool waiting = hasSomething() || !receiver_.isFree() || again_;
-  if (!waiting) {
-    deliveredUpTo_ = knownEmpty_;
-    clock_->everythingDelivered(deliveredUpTo_);
-  } else if (!waitingTold_) {
-    clock_->deliveredUpTo(deliveredUpTo_);
-  }
-  waitingTold_ = waiting;
-  const std::lock_guard lock(mutex_);
-  if (refreshDone_ == ticket) return;
-  refreshDone_ = ticket;
-  changed_.notify_all();
+}
+
+void StreamEngine::avoid(std::set<std::string, std::less<>> mountPoints) {
+  requests_->post([weak = weak_from_this(), points = std::move(mountPoints)] {
+    const auto engine = weak.lock();
+    if (!engine) return;
+    if (engine->roots_) engine->roots_->avoid(0, points);
+    if (engine->placeTree_ != nullptr) engine->placeTree_->avoid(points);
+  });
+}
+
+void StreamEngine::coverChanged(const std::string& relative, bool isCovered) {
+  WatchedTree* const tree = roots_ ? roots_->standing(0) : placeTree_;
+  if (tree != nullptr) trees_.coverChanged(*tree, relative, isCovered);
+}
+
+void StreamEngine::relocatePlace(const std::string& reportedPath, const std::string& openPath) {
+  if (placeTree_ != nullptr) trees_.relocate(*placeTree_, reportedPath, openPath);
 }
 
 }  // namespace platform::fsevents

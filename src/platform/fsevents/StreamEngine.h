@@ -1,128 +1,122 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
+#include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "platform/foundation/base/FileHandle.h"
-#include "platform/fsevents/Coalescer.h"
-#include "platform/fsevents/EventClock.h"
-#include "platform/fsevents/FSEventStream.h"
-#include "platform/fsevents/RootMonitor.h"
+#include "platform/fsevents/EngineConfiguration.h"
+#include "platform/fsevents/EngineMounts.h"
+#include "platform/fsevents/EngineRequests.h"
+#include "platform/fsevents/EngineTrees.h"
+#include "platform/fsevents/EngineWindow.h"
+#include "platform/fsevents/HangWatch.h"
+#include "platform/fsevents/StreamMailbox.h"
 #include "platform/fsevents/StreamStatus.h"
-#include "platform/fsevents/WatchedTree.h"
+#include "platform/fsevents/WatchedRoots.h"
 
 namespace platform::fsevents {
 
-/// What a stream was created with.
-struct EngineConfiguration {
-  std::vector<std::string> paths;
-  std::vector<std::string> exclusions;
-  FSEventStreamEventId sinceWhen = kFSEventStreamEventIdSinceNow;
-  std::chrono::nanoseconds latency{0};
-  FSEventStreamCreateFlags flags = 0;
-  FSEventStream::Source source = FSEventStream::Source::Automatic;
+class EnginePool;
+
+/// What the engines of a stream have in common. Held by each, since one may outlive the stream.
+struct EngineShared {
+  EngineConfiguration configuration;
+  std::shared_ptr<StreamStatus> status;
+  std::shared_ptr<StreamMailbox> mailbox;
+  std::shared_ptr<HangWatch> watch;
 };
 
-/// Where the engine's batches go: room for one, so that what comes while the handler is busy keeps merging.
-class BatchReceiver {
- public:
-  virtual ~BatchReceiver() = default;
-  /// False while a batch waits or is being handled; `engineMayOffer` of the engine is called when that ends.
-  virtual bool isFree() = 0;
-  virtual void offer(std::vector<FSEvent> batch) = 0;
+/// One place that an engine has for itself, because looking at it may hang.
+struct EnginePlace {
+  TreeOptions options;
+  /// What is mounted below a watched path: it stays while the mount does, and nobody waits for the path to mean something else.
+  bool isMount = false;
+  /// What is told of it when it stands; 0 for nothing.
+  FSEventStreamEventFlags told = 0;
+  /// It was there when the stream started: its past is part of the stream's, and what cannot be watched there is an error of the start.
+  bool isFromTheStart = false;
+  /// WatchedTree::avoid
+  std::set<std::string, std::less<>> avoided = {};
 };
 
-/// The thread that empties the kernel's queues, keeps the trees of all watched paths true, and makes batches of what changed. It never
-/// waits for the handler, and while nothing happens it sleeps without a time-out. Threads: any thread may call anything; the constructor's
-/// caller owns it. `stop` must not be called on the engine's own thread.
-class StreamEngine {
+/// The work of one thread: it empties the kernel's queues, keeps the trees of its watched paths true, and makes batches of what changed. It
+/// never waits for the handler, and while nothing happens it sleeps without a time-out.
+///
+/// A stream has one engine for all that is local, the first, which also follows what is mounted where; and one for each place on a file
+/// system that may hang, so that it holds up nobody else.
+///
+/// Threads: `run` is called once, on a thread of its own that holds the engine; `requests` and `leave` by any thread.
+class StreamEngine : public std::enable_shared_from_this<StreamEngine> {
  public:
-  StreamEngine(EngineConfiguration configuration, StreamStatus& status, BatchReceiver& receiver);
-  ~StreamEngine();
+  /// The first engine of a stream; `pool` makes the others.
+  StreamEngine(std::shared_ptr<EngineShared> shared, std::weak_ptr<EnginePool> pool);
+  StreamEngine(std::shared_ptr<EngineShared> shared, EnginePlace place);
+  ~StreamEngine() { leave(); }
   StreamEngine(const StreamEngine&) = delete;
   StreamEngine& operator=(const StreamEngine&) = delete;
 
-  /// Begins to watch and returns when the watch stands; false, with the reason in the status, when it cannot.
-  bool start();
-  /// Ends the thread and lets go of everything.
-  void stop();
-
-  /// The receiver is free again.
-  void engineMayOffer();
-  /// Asks for everything that has changed until now; returns a ticket for `isFlushed`.
-  std::uint64_t requestFlush();
-  /// Whether everything asked for by the ticket has been offered. Waits for that, or for `limit`.
-  bool waitFlushed(std::uint64_t ticket, std::chrono::milliseconds limit);
+  void run();
+  EngineRequests& requests() { return *requests_; }
+  /// Ends a walk that is under way, and then the thread.
+  void requestStop();
+  /// What the engine tells from now on counts for nothing. It may hang and be left behind then.
+  void leave();
+  /// What the tree of the engine's one place must not look into.
+  void avoid(std::set<std::string, std::less<>> mountPoints);
+  /// On the engine's thread, of the tree of its one place: something was mounted in it at `relative` or is no longer; it is elsewhere now.
+  void coverChanged(const std::string& relative, bool isCovered);
+  void relocatePlace(const std::string& reportedPath, const std::string& openPath);
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  void run();
-  bool attachAll();
+  StreamEngine(std::shared_ptr<EngineShared> shared, std::optional<EnginePlace> place, std::weak_ptr<EnginePool> pool);
+  bool attachPaths();
+  bool attachPlace();
+  bool attachRoots(const WatchedRoots::MountFlags& told, std::optional<std::uint64_t> since);
+  /// From which time on the past is to be told; nothing when the stream asks for none, or when nobody can tell it (`pastFault_`).
+  std::optional<std::uint64_t> pastToTell();
+  void endPast();
   void turn();
   void sleep();
   void drainAndProcess();
-  void checkRoots();
+  void checkRoots(bool foldersWereRenamed = false);
+  void followMovedFolders();
+  void followMounts(bool foldersWereRenamed);
   void guardRoots();
-  void planCheck();
-  void attachTree(std::size_t index, FSEventStreamEventFlags report, FSEventStreamEventFlags rootFlags);
-  void refused(std::size_t index, int error);
-  [[nodiscard]] const char* lastSource() const;
-  void giveUpWindow();
-  void tidyTrees();
-  void offerIfDue();
+  void finishFlush(std::uint64_t ticket);
   void offer();
   void answerRefresh();
-  [[nodiscard]] Clock::time_point dueTime() const;
-  [[nodiscard]] bool hasSomething() const { return historyPending_ || !coalescer_.empty(); }
-  void refreshClock();
-  void wake() const;
+  /// The first is called by the watching thread.
+  void hangs(const std::string& path);
+  void answers(const std::string& path);
+  void tellAnswered();
 
-  EngineConfiguration configuration_;
-  StreamStatus& status_;
-  BatchReceiver& receiver_;
-  FileHandle wake_;
-  std::thread thread_;
+  const std::shared_ptr<EngineShared> shared_;
+  const std::weak_ptr<EnginePool> pool_;
+  const std::shared_ptr<TreePulse> pulse_ = std::make_shared<TreePulse>();
+  const std::shared_ptr<EngineRequests> requests_ = std::make_shared<EngineRequests>();
+  const std::shared_ptr<HangWatch::Watched> watched_;
+  EngineWindow window_;
 
   // Of the engine's thread alone.
-  Coalescer coalescer_;
-  std::vector<std::unique_ptr<WatchedTree>> trees_;
-  std::unique_ptr<RootMonitor> monitor_;
-  std::vector<RootIdentity> identities_;
-  /// When a path that the kernel refuses to watch was last told of.
-  std::map<std::size_t, Clock::time_point> refusedTold_;
-  bool historyPending_ = false;
-  /// When all queues were last known empty and applied, and up to when everything has been handled by the receiver.
-  std::uint64_t knownEmpty_ = 0;
-  std::uint64_t deliveredUpTo_ = 0;
-  bool waitingTold_ = false;
-  std::optional<Clock::time_point> again_;
+  EngineTrees trees_;
+  std::optional<EnginePlace> place_;
+  WatchedTree* placeTree_ = nullptr;
+  /// Of the watched paths; none for a mount.
+  std::unique_ptr<WatchedRoots> roots_;
+  /// Of the first engine.
+  std::unique_ptr<EngineMounts> mounts_;
   std::optional<Clock::time_point> pauseUntil_;
-  std::optional<Clock::time_point> checkRootsAt_;
-  std::chrono::milliseconds settleBackoff_{0};
-  std::optional<Clock::time_point> tidyAt_;
-  std::chrono::milliseconds tidyBackoff_{0};
-  Clock::time_point lastOffer_{};
-  bool offeredOnce_ = false;
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool stop_ = false;
-  std::optional<bool> standing_;
-  std::uint64_t flushRequested_ = 0;
   std::uint64_t flushDone_ = 0;
-  std::uint64_t refreshRequested_ = 0;
-  std::uint64_t refreshDone_ = 0;
-
-  std::unique_ptr<EventClock::Member> clock_;
+  std::string pastFault_;
+  /// Paths at which the file system has answered again.
+  std::vector<std::string> answered_;
 };
 
 }  // namespace platform::fsevents

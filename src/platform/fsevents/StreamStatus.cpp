@@ -34,9 +34,13 @@ void StreamStatus::addUnreadable(const std::string& path) { losses_.begin(LossKi
 void StreamStatus::removeUnreadable(const std::string& path) { losses_.forget(path); }
 void StreamStatus::moveUnreadable(const std::string& from, const std::string& to) { losses_.move(from, to); }
 
-void StreamStatus::setPolled(std::vector<std::string> paths) {
+void StreamStatus::setPolled(const void* owner, std::vector<std::string> paths) {
   const MutexLock lock(mutex_);
-  polled_ = std::move(paths);
+  if (paths.empty()) {
+    polled_.erase(owner);
+  } else {
+    polled_.insert_or_assign(owner, std::move(paths));
+  }
 }
 
 void StreamStatus::setRegion(const std::string& path, std::size_t folders, std::chrono::milliseconds interval, const std::string& reason) {
@@ -113,7 +117,9 @@ void StreamStatus::describe(Dictionary& entries) const {
   for (const auto& [path, name] : sourceOf_) trees.emplace_back(Dictionary{{"path", path}, {"source", name}});
   entries["regions"] = std::move(regions);
   entries["trees"] = std::move(trees);
-  entries["polled"] = texts(polled_);
+  std::set<std::string> polled;
+  for (const auto& [owner, paths] : polled_) polled.insert(paths.begin(), paths.end());
+  entries["polled"] = texts(polled);
   if (!error_.empty()) entries["error"] = error_;
 }
 

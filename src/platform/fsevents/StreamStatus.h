@@ -35,8 +35,8 @@ class StreamStatus {
   void moveUnreadable(const std::string& from, const std::string& to);
   [[nodiscard]] bool hasUnreadable() const { return losses_.any(); }
 
-  /// The components on the way to watched paths that are looked at from time to time, since the kernel does not watch them.
-  void setPolled(std::vector<std::string> paths);
+  /// The components on the way to watched paths that `owner` looks at from time to time, since the kernel does not watch them.
+  void setPolled(const void* owner, std::vector<std::string> paths);
   /// So many folders at and below this path are compared once in an interval, and why. Said in the log when it begins and when it ends.
   void setRegion(const std::string& path, std::size_t folders, std::chrono::milliseconds interval, const std::string& reason);
   void removeRegion(const std::string& path);
@@ -60,7 +60,7 @@ class StreamStatus {
   };
   Losses losses_;
   mutable Mutex mutex_;
-  std::vector<std::string> polled_ GUARDED_BY(mutex_);
+  std::map<const void*, std::vector<std::string>> polled_ GUARDED_BY(mutex_);
   std::map<std::string, Region> regions_ GUARDED_BY(mutex_);
   std::map<std::string, std::string> sourceOf_ GUARDED_BY(mutex_);
   std::set<std::string> sources_ GUARDED_BY(mutex_);

@@ -1,9 +1,9 @@
 #include "platform/fsevents/WatchedPath.h"
 
-#include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <system_error>
+
+#include "platform/fsevents/PathMounts.h"
 
 namespace platform::fsevents {
 namespace {
@@ -30,11 +30,6 @@ std::string plain(const std::string& path) {
   return text;
 }
 
-std::string resolved(const std::string& path) {
-  const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
-  return real ? plain(real.get()) : plain(path);
-}
-
 void addExclusion(const std::string& root, const std::string& excluded, std::vector<std::string>& list) {
   if (root == excluded || root.starts_with(excluded + "/")) {
     list.emplace_back();
@@ -45,7 +40,8 @@ void addExclusion(const std::string& root, const std::string& excluded, std::vec
 
 }  // namespace
 
-TreeOptions watchedPath(const std::string& given, const std::vector<std::string>& excluded) {
+TreeOptions watchedPath(const std::string& given, const std::vector<std::string>& excluded, const MountTable& mounts) {
+  const auto resolved = [&](const std::string& path) { return plain(followPath(mounts, path).real); };
   TreeOptions options;
   options.reportedPath = given;
   dropTrailingSeparators(options.reportedPath);

@@ -3,12 +3,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/fsevents/MountTable.h"
 #include "platform/fsevents/TreeOptions.h"
 
 namespace platform::fsevents {
 
 /// Where a path given by a caller is opened, under which text it is reported, and which of the excluded paths concern it. A relative path
-/// is taken from the current directory of this moment.
-TreeOptions watchedPath(const std::string& given, const std::vector<std::string>& excluded);
+/// is taken from the current directory of this moment. Symbolic links are followed as far as no file system that may hang is looked at.
+TreeOptions watchedPath(const std::string& given, const std::vector<std::string>& excluded, const MountTable& mounts = {});
 
 }  // namespace platform::fsevents

@@ -31,7 +31,11 @@ constexpr std::chrono::seconds kLastQueuePause(60);
 WatchedTree::WatchedTree(std::uint32_t number, TreeOptions options, Coalescer& coalescer, StreamStatus& status)
     : number_(number), options_(std::move(options)), exclusions_(options_.exclusions), coalescer_(coalescer), status_(status) {}
 
-WatchedTree::~WatchedTree() { detach(); }
+WatchedTree::~WatchedTree() {
+  // Also of one that was never attached: a path without rights. Nobody looks at it again.
+  status_.losses().forget(options_.reportedPath);
+  letGo();
+}
 
 WatchedTree::Attached WatchedTree::attach(FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error) {
   detach();
@@ -86,7 +90,7 @@ void WatchedTree::begin(FileHandle folder, FSEventStreamEventFlags report) {
     askForQueueAt_ = Clock::now() + queuePause_;
   }
   if (rootIsFolder_) {
-    if (!exclusions_.contain("")) crawl(kNoNode, {}, std::move(folder), report);
+    if (!exclusions_.contain("")) crawl(kNoNode, {}, std::move(folder), 0, report);
   } else {
     if (past_) {
       if (const FSEventStreamEventFlags flags = pastOf(folder.fileDescriptor(), "", true); flags != 0) reportRoot(flags);
@@ -136,6 +140,9 @@ void WatchedTree::resume(std::uint64_t since) {
   int error = 0;
   static_cast<void>(attachFrom(0, error));  // what stands at the path no longer is the root monitor's to notice
   past_.reset();
+  // Begun by what was let go of, and by nobody since.
+  if (!limitTold_) status_.losses().end(LossKind::MarkLimit, options_.reportedPath);
+  if (source_) status_.losses().end(LossKind::QueueLimit, options_.reportedPath);
 }
 
 void WatchedTree::askForQueue() {
@@ -163,13 +170,9 @@ void WatchedTree::letGo() {
   refusesSource_ = false;
   source_.reset();
   retiring_.reset();
-  displaced_.clear();
-  sightings_.clear();
-  arrivals_.clear();
-  unopened_.clear();
-  unexcluded_.clear();
+  unsettled_.clear();
+  young_.clear();
   troubles_.clear();
-  retryAt_.reset();
   askForQueueAt_.reset();
   overflowed_ = backlogDropped_ = doubted_ = false;
   closeFolders();
@@ -190,7 +193,6 @@ void WatchedTree::countMarks() {
 
 bool WatchedTree::drain() {
   bool any = false;
-  drainedAt_ = Clock::now();
   const std::uint64_t before = EventClock::now();
   const auto drainOne = [&](ChangeSource& source) {
     any |= source.drain();
@@ -206,11 +208,9 @@ bool WatchedTree::drain() {
   return any;
 }
 
-bool WatchedTree::hasBacklog() const { return !unopened_.empty() || hasUnapplied(); }
+bool WatchedTree::hasBacklog() const { return !unsettled_.empty() || hasUnapplied(); }
 
 bool WatchedTree::hasUnapplied() const { return (retiring_ && retiring_->hasBacklog()) || (source_ && source_->hasBacklog()); }
-
-bool WatchedTree::hasReadEverything() { return !hasUnapplied() && !drain(); }
 
 std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (!attached_) return std::nullopt;
@@ -221,17 +221,10 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   const auto visit = [this](const RawChange& change) { apply(change); };
   if (retiring_) sooner(retiring_->dispatch(visit));
   if (source_) sooner(source_->dispatch(visit));
+  if (!young_.empty() && !hasUnapplied()) young_.clear();
   // Not while changes wait behind the first half of a move: they may explain what is in doubt.
-  if (!again) {
-    checkSightings();
-    if (queuesWereEmpty_) resolveArrivals();
-    expireDisplaced();
-    retryUnopened();
-    for (const Displaced& item : displaced_) sooner(item.until);
-    sooner(retryAt_);
-  }
-  takeUpUncovered();
-  if (!arrivals_.empty() || !sightings_.empty()) sooner(Clock::now() + kSoon);
+  if (!again) resolveUnsettled();
+  if (!unsettled_.empty()) sooner(Clock::now() + kSoon);
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   if (doubted_) repair(0);
@@ -256,7 +249,7 @@ void WatchedTree::processAll() {
     const bool any = drain();
     const auto again = process();
     const bool isPolling = region_ && !region_->isOver(pass);
-    if (!any && !isPolling && !hasBacklog() && arrivals_.empty() && sightings_.empty() && displaced_.empty()) break;
+    if (!any && !isPolling && !hasBacklog()) break;
     if (!again) continue;
     // A move's first half waits for its second: the wait is bounded to milliseconds by the source.
     const auto now = Clock::now();

@@ -23,6 +23,7 @@
 #include "platform/fsevents/PolledRegion.h"
 #include "platform/fsevents/StreamStatus.h"
 #include "platform/fsevents/TreeOptions.h"
+#include "platform/fsevents/Unsettled.h"
 
 namespace platform::fsevents {
 
@@ -71,6 +72,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeRootLostItem() { return std::exchange(rootLostItem_, false); }
   /// Whether a folder has moved since the last call, so that mount points may have other paths.
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
+  /// The places of folders ("/a/b") that could not be entered because something is mounted there, since the last call.
+  [[nodiscard]] std::vector<std::string> takeCovered() { return std::exchange(covered_, {}); }
   /// Places ("/a/b") that a walk does not look into, since something is mounted there: before Linux 6.18 even the look that refuses to
   /// cross a mount point has an automount mount what it stands for (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
   void avoid(std::set<std::string, std::less<>> mountPoints) { mountPoints_ = std::move(mountPoints); }
@@ -97,8 +100,6 @@ class WatchedTree final : private PolledRegion::Host {
   static constexpr std::uint8_t kPolled = 0x8;
   /// It is polled because it could not be marked.
   static constexpr std::uint8_t kRefused = 0x10;
-  /// How often a folder that seems gone is looked for again, after the changes that may have moved it have been read.
-  static constexpr int kAttemptsWhenGone = 3;
 
   struct OpenParent {
     OpenParent(FileHandle folder, int& count) : handle(std::move(folder)), count_(count) { ++count_; }
@@ -118,31 +119,7 @@ class WatchedTree final : private PolledRegion::Host {
     std::shared_ptr<OpenParent> open;
     FSEventStreamEventFlags report;
   };
-  /// By what a folder is found again later: its key, or its path where it has none.
-  struct Where {
-    std::string key;
-    std::string path;
-  };
-  struct Displaced {
-    NodeId node;
-    std::string key;
-    Clock::time_point until;
-  };
-  /// A place where a folder was said to be.
-  struct Sighting {
-    std::string target;
-    Where folder;
-    std::string name;
-    /// When the kernel has told all that the disk showed at the time of the sighting.
-    Clock::time_point until;
-  };
-  /// A folder that could not be opened: a folder above it had moved on before the queue told so.
-  struct Retry {
-    Where folder;
-    std::string name;
-    FSEventStreamEventFlags report;
-    int attempts;
-  };
+  using Where = FolderReference;
   /// A folder that could not be read, looked at again ever less often.
   struct Trouble {
     Where folder;
@@ -168,12 +145,17 @@ class WatchedTree final : private PolledRegion::Host {
 
   // WatchedTreeCrawl.cpp: marking and listing.
   /// `parent` is kNoNode for the watched folder itself.
-  void crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report);
-  void enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
+  void crawl(NodeId parent, std::string_view name, FileHandle folder, std::uint64_t openedAt, FSEventStreamEventFlags report);
+  void enter(NodeId parent, std::string_view name, FileHandle folder, std::uint64_t openedAt, FSEventStreamEventFlags report,
+             std::vector<Pending>& stack);
+  /// Reads the queue and says up to where.
+  std::uint64_t readQueue();
   void countMark(NodeId node);
   /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
   NodeId settle(NodeId parent, std::string_view name, std::string_view key);
   NodeId place(NodeId parent, std::string_view name);
+  /// Whether the open folder is where the tree has the node at this moment.
+  bool isAtItsPlace(NodeId node, int folder);
   int list(NodeId node, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
   FSEventStreamEventFlags pastOf(int folder, const char* name, bool amongChanged) const;
   bool tellPastOf(NodeId node, int folder);
@@ -181,15 +163,9 @@ class WatchedTree final : private PolledRegion::Host {
   bool isStillAt(NodeId node, std::string_view key);
   void repair(FSEventStreamEventFlags dropped);
   void walkAgain();
-  void retryLater(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts);
-  void seemsGone(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts);
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
   void doubt();
-  /// Whether the kernel queue and the backlog are empty at this moment. What contradicts the disk then was seen before the look, so that no
-  /// change to come explains it.
-  bool hasReadEverything();
   [[nodiscard]] bool hasUnapplied() const;
-  void retryUnopened();
   void renewQueue();
   int remark(ChangeSource& fresh);
 
@@ -221,30 +197,48 @@ class WatchedTree final : private PolledRegion::Host {
   // WatchedTreeChanges.cpp: applying what the kernel tells.
   void apply(const RawChange& change);
   void applyRename(const RawChange& change, bool silent);
-  void folderCreated(NodeId folder, std::string_view name, FSEventStreamEventFlags report);
+  void folderCreated(NodeId folder, std::string_view name, std::string_view target);
   void folderRemoved(NodeId folder, std::string_view name, std::string_view target);
   void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
-  void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts = kAttemptsWhenGone);
+  void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target = {});
   void attributesChanged(NodeId node);
+
+  /// The node of this key, unless the change that is being applied is older than its being known.
+  [[nodiscard]] NodeId findOf(std::string_view key);
+  [[nodiscard]] bool mayHaveMovedUnmarked(NodeId node);
 
   // WatchedTreePlaces.cpp: settling where a folder is.
   [[nodiscard]] Where whereIs(NodeId node) const;
   [[nodiscard]] NodeId find(const Where& where) const;
   [[nodiscard]] NodeId findByPath(std::string_view relative) const;
-  void checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report);
-  void sight(std::string_view target, NodeId folder, std::string_view name);
-  void checkSightings();
-  /// Leaves in the list what could not be settled yet.
-  void settleSightings(std::vector<Sighting>& sightings);
-  bool placeAt(const Sighting& sighting, NodeId node);
-  void expectArrival(std::string_view key, NodeId folder, std::string_view name);
-  bool arrive(NodeId node);
-  void resolveArrivals();
+  /// What was seen at a place, before the queue was read to its end once more.
+  struct Look {
+    UnsettledPlace place;
+    NodeId folder = kNoNode;
+    /// The folder of the place is where the tree has it.
+    bool isFolderThere = false;
+    FileHandle opened;
+    std::uint64_t openedAt = 0;
+    int error = 0;
+    KernelKey key;
+    /// The folder of that key, known in another place, is there too; and the target, where it is known.
+    bool isKnownThere = false;
+    bool isTargetThere = false;
+    /// Another is there or none, in the folder that the tree has it in.
+    bool isTargetGone = false;
+  };
+  void unsettle(NodeId folder, std::string_view name, std::string_view target, FSEventStreamEventFlags report = 0, bool isUntold = false);
+  void resolveUnsettled();
+  bool lookAt(Look& look);
+  std::vector<Look> lookAtUnsettled();
+  /// True when a folder was moved in the tree, so that what was seen elsewhere must be seen anew.
+  bool resolve(Look& look);
+  bool resolveFound(Look& look);
+  void resolveMissing(Look& look);
   void moveNode(NodeId node, NodeId newParent, std::string_view newName);
   void displace(NodeId node);
   void expireDisplaced();
   void exclusionsMoved(NodeId node, std::string_view formerPath);
-  void takeUpUncovered();
 
   enum class Why { Removed, Left };
   void forget(NodeId node, Why why);
@@ -308,21 +302,22 @@ class WatchedTree final : private PolledRegion::Host {
   bool doubted_ = false;
   bool rootLostItem_ = false;
   bool movedFolders_ = false;
+  std::vector<std::string> covered_;
   /// Whether the last look found nothing in the kernel queue.
   bool queuesWereEmpty_ = true;
-  /// When the last look at the kernel queue began.
-  Clock::time_point drainedAt_{};
-  std::vector<Displaced> displaced_;
-  std::vector<Sighting> sightings_;
-  /// Known folders that a listing found in another place, by their keys.
-  std::map<std::string, Sighting, std::less<>> arrivals_;
+  Unsettled unsettled_;
+  /// Of folders that were found ahead of the queue: up to where it had been read before the folder was opened, and after it was marked.
+  /// What lies before is about what was at its place earlier, or about the folder itself where it was earlier.
+  struct Youth {
+    std::uint64_t opened;
+    std::uint64_t marked;
+  };
+  std::map<NodeId, Youth> young_;
+  /// Grows with every folder that came, went or moved, as the queue tells it.
+  std::uint64_t structure_ = 0;
   bool repairing_ = false;
-  std::vector<Retry> unopened_;
-  std::optional<Clock::time_point> retryAt_;
   /// By their places.
   std::map<std::string, Trouble> troubles_;
-  /// Places that are no longer excluded, since the folder around them has another name.
-  std::vector<Retry> unexcluded_;
   Clock::time_point renewNotBefore_{};
 
   // The path that was reported last, which the next change is usually about too.

@@ -35,7 +35,7 @@ void WatchedTree::apply(const RawChange& change) {
     overflowed_ = true;
     return;
   }
-  NodeId folder = tree_.findByKey(change.folder);
+  NodeId folder = findOf(change.folder);
   if ((change.bits & RawChange::kForgotten) != 0) {
     if (folder != kNoNode && folder != DirectoryTree::kRoot) forget(folder, Why::Removed);
     return;
@@ -68,7 +68,7 @@ void WatchedTree::apply(const RawChange& change) {
   updatePolled(folder, name, flags);
 
   if (!isFolder) return;
-  if ((change.bits & RawChange::kCreated) != 0) folderCreated(folder, name, kFSEventStreamEventFlagItemCreated);
+  if ((change.bits & RawChange::kCreated) != 0) folderCreated(folder, name, change.target);
   if ((change.bits & RawChange::kRemoved) != 0) folderRemoved(folder, name, change.target);
   if ((change.bits & RawChange::kAttributes) != 0) attributesChanged(name.empty() ? folder : tree_.child(folder, name));
 }
@@ -95,8 +95,8 @@ bool WatchedTree::isOwnPreferences(NodeId folder, std::string_view name) const {
 }
 
 void WatchedTree::applyRename(const RawChange& change, bool silent) {
-  const NodeId from = tree_.findByKey(change.folder);
-  const NodeId to = tree_.findByKey(change.newFolder);
+  const NodeId from = findOf(change.folder);
+  const NodeId to = findOf(change.newFolder);
   if (from == DirectoryTree::kRoot) rootLostItem_ = true;
   const FSEventStreamEventFlags flags =
       kFSEventStreamEventFlagItemRenamed | (change.isDirectory ? kFSEventStreamEventFlagItemIsDir : FSEventStreamEventFlags{0});
@@ -111,45 +111,52 @@ void WatchedTree::applyRename(const RawChange& change, bool silent) {
   if (change.isDirectory) folderRenamed(from, change.name, to, change.newName, change.target, silent);
 }
 
-void WatchedTree::folderCreated(NodeId folder, std::string_view name, FSEventStreamEventFlags report) {
-  if (name.empty() || isExcluded(folder, name)) return;
-  takeUp(folder, name, report);
+void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::string_view target) {
+  ++structure_;
+  if (!name.empty() && !isExcluded(folder, name)) takeUp(folder, name, kFSEventStreamEventFlagItemCreated, target);
 }
 
-void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
+void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target) {
   if (!mountPoints_.empty() && mountPoints_.contains(relativePath(folder).append("/").append(name))) return;
-  FileHandle opened = openFolder(folder, name);
+  // By way of the folder, which may not be where the tree has it: then what stands at that path says nothing.
+  const std::uint64_t before = readQueue();
+  const FileHandle above = openFolder(folder);
+  KernelKey key;
+  const bool isAboveThere =
+      above.isOpen() &&
+      (tree_.key(folder).empty() || (source_ && source_->keyOf(above.fileDescriptor(), key) == 0 && key.view() == tree_.key(folder)));
+  if (!isAboveThere) {
+    unsettle(folder, name, target, report);
+    return;
+  }
+  FileHandle opened = openFolderIn(above.fileDescriptor(), std::string(name).c_str());
   if (!opened.isOpen()) {
     const int error = errno;
-    if (!isGone(error)) {
-      openFailed(folder, name, nullptr, error);
+    if (isGone(error)) {
+      unsettle(folder, name, target, report);
     } else {
-      seemsGone(folder, name, report, attempts);
+      openFailed(folder, name, nullptr, error);
     }
     return;
   }
-  KernelKey key;
   // Asked without a mark: the crawl marks, and says what a refusal means.
-  if (source_ && source_->keyOf(opened.fileDescriptor(), key) != 0) key.clear();
+  if (!source_ || source_->keyOf(opened.fileDescriptor(), key) != 0) key.clear();
   const NodeId known = tree_.findByKey(key.view());
   if (known == kNoNode) {
-    crawl(folder, name, std::move(opened), report);
-    return;
+    if (target.empty() || key.view() == target) {
+      crawl(folder, name, std::move(opened), before, report);
+    } else {
+      unsettle(folder, name, target, report);
+    }
+  } else if (known != tree_.child(folder, name)) {
+    unsettle(folder, name, key.view(), report);
+  } else if ((tree_.flags(known) & kTroubled) != 0) {
+    crawl(folder, name, std::move(opened), before, report);
   }
-  const NodeId there = tree_.child(folder, name);
-  if (known == there) {
-    if ((tree_.flags(known) & kTroubled) != 0) crawl(folder, name, std::move(opened), report);
-    return;
-  }
-  // Known in another place. Where that place still holds it, or the change that brings it here is still in the queue, nothing is to be
-  // done.
-  if (!tree_.isDetached(known) && (source_->knowsTargets() || isStillAt(known, key.view()))) return;
-  if (tree_.isBelowOrSame(folder, known)) return;
-  if (there != kNoNode) displace(there);
-  moveNode(known, folder, name);
 }
 
 void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::string_view target) {
+  ++structure_;
   if (!target.empty()) {
     const NodeId node = tree_.findByKey(target);
     if (node != kNoNode && node != DirectoryTree::kRoot) forget(node, Why::Removed);
@@ -157,68 +164,80 @@ void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::strin
   }
   const NodeId node = name.empty() ? kNoNode : tree_.child(folder, name);
   if (node == kNoNode) return;
-  // The name may already belong to a new folder, which must not be forgotten for the old one's sake.
-  const FileHandle opened = openFolder(folder, name);
-  if (opened.isOpen()) {
-    KernelKey key;
-    if (source_ && source_->keyOf(opened.fileDescriptor(), key) == 0 && key.view() == tree_.key(node)) return;
+  // The name may already belong to a new folder, which must not be forgotten for the old one's sake: the end of the watch tells.
+  if (tree_.key(node).empty()) {
     forget(node, Why::Removed);
     takeUp(folder, name, kFSEventStreamEventFlagItemCreated);
-    return;
+  } else {
+    unsettle(folder, name, tree_.key(node), kFSEventStreamEventFlagItemCreated);
   }
-  const bool keptByKernel = source_ && source_->knowsTargets();
-  forget(node, Why::Removed);
-  if (!keptByKernel) retryLater(folder, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone - 1);
 }
 
 void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target,
                                 bool silent) {
-  const bool exact = !target.empty();
-  NodeId node = exact ? tree_.findByKey(target) : kNoNode;
-  if (!exact && from != kNoNode) node = tree_.child(from, oldName);
-  if (exact) {
-    // The queue is not the last word on where the folder is: unread renames of one folder merge, and a listing may have been ahead of the
-    // queue.
-    if (node != kNoNode && node != DirectoryTree::kRoot) {
-      sight(target, tree_.parent(node), tree_.name(node));
-      // A listing was ahead: what the queue tells until it has come that far leads back to where the listing found the folder.
-      const bool isAhead = !tree_.isDetached(node) && (tree_.parent(node) != from || tree_.name(node) != oldName);
-      if (isAhead && !arrivals_.contains(target)) expectArrival(target, tree_.parent(node), std::string(tree_.name(node)));
-    }
-    sight(target, from, oldName);
-    sight(target, to, newName);
-  }
-  if (to == kNoNode || isExcluded(to, newName)) {
-    // It left. Unless the tree knows it in another place by now: then a listing was faster than the queue.
-    const bool believed = node != kNoNode && tree_.parent(node) == from && tree_.name(node) == oldName;
-    if (believed && !arrive(node)) forget(node, Why::Left);
-    return;
-  }
+  ++structure_;
   const FSEventStreamEventFlags flags = silent ? 0 : kFSEventStreamEventFlagItemRenamed;
+  NodeId node = findOf(target);
+  if (node == kNoNode && tree_.findByKey(target) != kNoNode) return;  // it is known where it went
+  if (target.empty() && from != kNoNode) {
+    // Of a folder that is not watched the kernel tells the names only. One that is known under that name all the same is another, that came
+    // after it; or it moved after it had been opened and before it was marked.
+    const NodeId namesake = tree_.child(from, oldName);
+    if (namesake != kNoNode && (tree_.key(namesake).empty() || mayHaveMovedUnmarked(namesake))) {
+      node = namesake;
+    } else if (namesake != kNoNode) {
+      unsettle(from, oldName, tree_.key(namesake), flags);
+    }
+  }
+  if (node == DirectoryTree::kRoot) return;
+  if (to == kNoNode || isExcluded(to, newName)) {
+    if (node != kNoNode) forget(node, Why::Left);
+    return;
+  }
   if (node == kNoNode) {
-    takeUp(to, newName, flags);
+    takeUp(to, newName, flags, target);
     return;
   }
-  if (tree_.isBelowOrSame(to, node)) {
-    doubted_ = doubted_ || !exact;
-    return;
+  // Unread renames of one folder may have been merged into an earlier one: where it was and is now must be looked at.
+  if (!target.empty()) {
+    if (!tree_.isDetached(node)) unsettle(tree_.parent(node), tree_.name(node), target, flags);
+    unsettle(from, oldName, target, flags);
+    unsettle(to, newName, target, flags);
   }
+  if (tree_.isBelowOrSame(to, node)) return;
   const NodeId occupant = tree_.child(to, newName);
-  if (occupant != node) {
-    if (occupant != kNoNode) displace(occupant);
-    moveNode(node, to, newName);
-  }
-  if (!exact) checkPlace(node, from, oldName, flags);
+  if (occupant == node) return;
+  if (occupant != kNoNode) displace(occupant);
+  moveNode(node, to, newName);
+}
+
+NodeId WatchedTree::findOf(std::string_view key) {
+  const NodeId node = tree_.findByKey(key);
+  if (node == kNoNode || young_.empty()) return node;
+  const std::uint64_t now = source_->position();
+  const auto youth = young_.find(node);
+  const bool isOlder = youth != young_.end() && now < youth->second.opened;
+  return isOlder ? kNoNode : node;
+}
+
+bool WatchedTree::mayHaveMovedUnmarked(NodeId node) {
+  const auto youth = young_.find(node);
+  if (youth == young_.end()) return false;
+  const std::uint64_t now = source_->position();
+  return now >= youth->second.opened && now < youth->second.marked && !isStillAt(node, tree_.key(node));
 }
 
 void WatchedTree::forget(NodeId node, Why why) {
   pathsChanged();
+  // What is mounted in it went with it.
+  movedFolders_ = movedFolders_ || why == Why::Left;
   if (status_.losses().any() && !tree_.isDetached(node)) status_.losses().forget(reportedPathOf(node));
   const bool wasRegion = region_ != nullptr;
   int removed = 0;
   tree_.remove(node, [&](NodeId gone) {
     if (why == Why::Removed && region_ && region_->contains(gone)) region_->tellAllRemoved(gone, *this);
     pollNoLonger(gone);
+    young_.erase(gone);
     if ((tree_.flags(gone) & kMarked) == 0) return;
     --marked_;
     // A removed folder takes its mark along; only inotify can be asked to let go of one at all.

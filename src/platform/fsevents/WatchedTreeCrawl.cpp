@@ -20,8 +20,8 @@ constexpr int kMaximumOpenParents = 128;
 /// How often the kernel queue is emptied while a crawl is under way.
 constexpr int kFoldersBetweenDrains = 64;
 constexpr int kEntriesBetweenDrains = 8192;
-/// Until a folder is looked for again that was gone.
-constexpr std::chrono::milliseconds kGonePause(3);
+/// So many names are held until it is certain that their folder was where the tree has it while it was read.
+constexpr std::size_t kHeldNames = 1000;
 /// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
 constexpr int kRenewalRatio = 1000;
 
@@ -36,25 +36,30 @@ std::chrono::nanoseconds processorTime() {
 
 }  // namespace
 
-void WatchedTree::crawl(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report) {
+std::uint64_t WatchedTree::readQueue() {
+  drain();
+  return source_ ? source_->readUpTo() : 0;
+}
+
+void WatchedTree::crawl(NodeId parent, std::string_view name, FileHandle folder, std::uint64_t openedAt, FSEventStreamEventFlags report) {
   if (++generation_ == 0) ++generation_;
   std::vector<Pending> stack;
-  enter(parent, name, std::move(folder), report, stack);
-  for (int entered = 1; !stack.empty() && !isStopped() && !refusesSource_; ++entered) {
+  enter(parent, name, std::move(folder), openedAt, report, stack);
+  while (!stack.empty() && !isStopped() && !refusesSource_) {
     const Pending next = std::move(stack.back());
     stack.pop_back();
+    const std::uint64_t before = readQueue();
     FileHandle opened =
         next.open ? openFolderIn(next.open->handle.fileDescriptor(), next.name.c_str()) : openFolder(next.parent, next.name);
     if (opened.isOpen()) {
-      enter(next.parent, next.name, std::move(opened), next.report, stack);
+      enter(next.parent, next.name, std::move(opened), before, next.report, stack);
     } else {
       openFailed(next.parent, next.name, next.open, errno);
     }
-    if (entered % kFoldersBetweenDrains == 0) drain();
   }
 }
 
-void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder, FSEventStreamEventFlags report,
+void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder, std::uint64_t openedAt, FSEventStreamEventFlags report,
                         std::vector<Pending>& stack) {
   ++options_.pulse->steps;
   const int descriptor = folder.fileDescriptor();
@@ -67,9 +72,13 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   }
   refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));
   if (refusesSource_) return;
+  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;
   const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
   if (isMarked) countMark(node);
+  if (isMarked && !wasKnown) {
+    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};
+  }
   tree_.setGeneration(node, generation_);
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
@@ -102,15 +111,15 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     if (known == kNoNode) tree_.setKey(there, key);
     return known == kNoNode ? there : kNoNode;
   }
+  if (known != kNoNode && !repairing_) {
+    // It has its mark. Changes that were made in its old place may still be in the queue, and the one that brings it here.
+    unsettle(parent, name, key, kFSEventStreamEventFlagItemRenamed);
+    return kNoNode;
+  }
   // A folder that is seen in two places at once is mounted twice, perhaps within itself; it keeps its first place.
   const bool above = known != kNoNode && tree_.isBelowOrSame(parent, known);
   if (above || (known != kNoNode && tree_.generation(known) == generation_ && !tree_.isDetached(known))) {
-    if (isStillAt(known, key)) return kNoNode;
-    if (above) {
-      // Or what was below it has left it and taken it in, which the queue is about to tell.
-      if (!repairing_) expectArrival(key, parent, name);
-      return kNoNode;
-    }
+    if (above || isStillAt(known, key)) return kNoNode;
   }
   if (there != kNoNode) {
     if (known == kNoNode && (key.empty() || (tree_.flags(there) & kMarked) == 0)) {
@@ -120,11 +129,6 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
     displace(there);  // another folder stands where this one was
   }
   if (known == kNoNode) return tree_.add(parent, name, key);
-  if (!repairing_ && !tree_.isDetached(known)) {
-    // It has its mark. Changes that were made in its old place may still be in the queue: the one that tells of its leaving brings it here.
-    expectArrival(key, parent, name);
-    return kNoNode;
-  }
   moveNode(known, parent, name);
   return known;
 }
@@ -158,6 +162,14 @@ bool WatchedTree::tellPastOf(NodeId node, int folder) {
   return changed;
 }
 
+bool WatchedTree::isAtItsPlace(NodeId node, int folder) {
+  const FileHandle there = openFolder(node);
+  struct stat expected {};
+  struct stat found {};
+  return there.isOpen() && ::fstat(folder, &expected) == 0 && ::fstat(there.fileDescriptor(), &found) == 0 &&
+         expected.st_ino == found.st_ino && expected.st_dev == found.st_dev;
+}
+
 int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags flags, std::vector<Pending>& stack) {
   const int descriptor = folder.fileDescriptor();
   std::shared_ptr<OpenParent> parent;
@@ -165,9 +177,20 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool isChanged = tellsPast && tellPastOf(node, descriptor);
   const bool foldersOnly = flags == 0 && !tellsPast;
   int listed = 0;
+  std::vector<std::pair<std::string, FSEventStreamEventFlags>> held;
+  bool isInPlace = true;
+  const auto tellHeld = [&] {
+    // A folder that moves while it is read is read again when it has been told where it is: its names belong to no other place.
+    isInPlace = isInPlace && isAtItsPlace(node, descriptor);
+    if (isInPlace) {
+      for (const auto& [name, found] : held) report(node, name, found, false);
+    }
+    held.clear();
+  };
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
-    if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) report(node, name, flags | kind, false);
+    if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) held.emplace_back(name, flags | kind);
+    if (held.size() >= kHeldNames) tellHeld();
     if (tellsPast) {
       if (const FSEventStreamEventFlags past = pastOf(descriptor, name, isChanged); past != 0) {
         report(node, name, past, false);
@@ -182,39 +205,14 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
     if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
     stack.push_back({node, name, parent, inherited});
   });
+  if (!held.empty()) tellHeld();
+  if (!isInPlace && node != DirectoryTree::kRoot) unsettle(tree_.parent(node), tree_.name(node), tree_.key(node), flags, true);
   return error;
-}
-
-void WatchedTree::retryLater(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
-  unopened_.push_back({whereIs(folder), std::string(name), report, attempts});
-  if (!retryAt_) retryAt_ = Clock::now() + kGonePause;
-}
-
-void WatchedTree::seemsGone(NodeId folder, std::string_view name, FSEventStreamEventFlags report, int attempts) {
-  // Or a folder above it has moved on, and a change further down the queue tells where to look: until that has been read no attempt counts.
-  const bool certain = isStillAt(folder, tree_.key(folder));
-  const bool counts = certain || (!tree_.isDetached(folder) && hasReadEverything());
-  if (!counts) {
-    retryLater(folder, name, report, attempts);
-  } else if (attempts > 0) {
-    retryLater(folder, name, report, attempts - 1);
-  } else if (!certain) {
-    doubt();
-  }
 }
 
 void WatchedTree::doubt() {
   // Where the watched folder itself has gone, that is another's to notice.
   doubted_ = doubted_ || isStillAt(DirectoryTree::kRoot, tree_.key(DirectoryTree::kRoot));
-}
-
-void WatchedTree::retryUnopened() {
-  if (!retryAt_ || *retryAt_ > Clock::now()) return;
-  retryAt_.reset();
-  for (const Retry& retry : std::exchange(unopened_, {})) {
-    const NodeId folder = find(retry.folder);
-    if (folder != kNoNode) takeUp(folder, retry.name, retry.report, retry.attempts);
-  }
 }
 
 void WatchedTree::repair(FSEventStreamEventFlags dropped) {
@@ -242,9 +240,9 @@ void WatchedTree::walkAgain() {
   // So that no folder seems to have been seen by a crawl whose number has come round again.
   tree_.forEach([&](NodeId node) { tree_.setGeneration(node, 0); });
   generation_ = 0;
-  arrivals_.clear();
+  unsettled_.clear();
   repairing_ = true;
-  crawl(kNoNode, {}, std::move(opened), 0);
+  crawl(kNoNode, {}, std::move(opened), 0, 0);
   repairing_ = false;
   if (isStopped() || refusesSource_) return;
   std::vector<NodeId> stale;
@@ -263,7 +261,7 @@ bool WatchedTree::needsTidying() const { return source_ && !retiring_ && source_
 
 void WatchedTree::tidy() {
   // A folder that has no place at the moment would be passed over.
-  const bool isAtRest = displaced_.empty() && arrivals_.empty() && sightings_.empty() && unopened_.empty() && !hasUnapplied();
+  const bool isAtRest = unsettled_.empty() && !hasUnapplied();
   if (!isAtRest || !needsTidying() || Clock::now() < renewNotBefore_) return;
   const auto before = processorTime();
   renewQueue();

@@ -1,13 +1,16 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/fsevents/PathOpener.h"
 #include "platform/fsevents/WatchedTree.h"
 
 namespace platform::fsevents {
 namespace {
 
-/// How long the kernel may take to tell what the disk shows already.
-constexpr std::chrono::milliseconds kPatience(10);
+/// So many folders are held open at most while the queue is read.
+constexpr std::size_t kMaximumLooks = 64;
+/// How often a place is looked at whose folder is not where the tree has it, although nothing is left to be read.
+constexpr int kMaximumTries = 100;
 
 }  // namespace
 
@@ -30,106 +33,167 @@ NodeId WatchedTree::findByPath(std::string_view relative) const {
   return node;
 }
 
-void WatchedTree::sight(std::string_view target, NodeId folder, std::string_view name) {
-  if (folder == kNoNode || isExcluded(folder, name)) return;
-  sightings_.push_back({std::string(target), whereIs(folder), std::string(name), Clock::now() + kPatience});
+void WatchedTree::unsettle(NodeId folder, std::string_view name, std::string_view target, FSEventStreamEventFlags report, bool isUntold) {
+  if (folder == kNoNode || name.empty() || isExcluded(folder, name)) return;
+  unsettled_.add({whereIs(folder), std::string(name), std::string(target), report, isUntold, 0});
 }
 
-void WatchedTree::checkPlace(NodeId node, NodeId formerParent, std::string_view formerName, FSEventStreamEventFlags report) {
-  const NodeId parent = tree_.parent(node);
-  const std::string name(tree_.name(node));
-  const FileHandle opened = openFolder(node);
-  if (!opened.isOpen()) return;  // moved on: the queue will tell
-  KernelKey key;
-  if (!source_ || source_->keyOf(opened.fileDescriptor(), key) != 0 || key.view() == tree_.key(node)) return;
-  const std::string former(formerName);
-  displace(node);
-  takeUp(parent, name, report);
-  // Whoever was taken for the other is likely to be where the other came from.
-  if (formerParent != kNoNode && tree_.isDetached(node)) takeUp(formerParent, former, report);
-}
-
-void WatchedTree::checkSightings() {
-  std::vector<Sighting> unsettled = std::exchange(sightings_, {});
-  std::stable_sort(unsettled.begin(), unsettled.end(), [](const Sighting& a, const Sighting& b) { return a.target < b.target; });
-  // One folder's place may depend on another's.
-  for (std::size_t before = 0; !unsettled.empty() && before != unsettled.size();) {
-    before = unsettled.size();
-    settleSightings(unsettled);
+void WatchedTree::resolveUnsettled() {
+  for (bool again = !unsettled_.empty(); again && !isStopped();) {
+    again = false;
+    std::vector<Look> looks = lookAtUnsettled();
+    if (looks.empty()) return;
+    // Everything that had happened before the look has been read now. If no folder came, went or moved, what was seen holds.
+    const std::uint64_t before = structure_;
+    drain();
+    bool waits = false;
+    if (source_) waits = source_->dispatch([this](const RawChange& change) { apply(change); }).has_value();
+    if (waits || structure_ != before || overflowed_ || backlogDropped_) {
+      for (Look& look : looks) unsettled_.add(std::move(look.place));
+      return;
+    }
+    std::vector<Look*> missing;
+    for (Look& look : looks) {
+      // What was seen by way of a folder that has got another place in the tree meanwhile is seen anew.
+      if (again) {
+        unsettled_.add(std::move(look.place));
+      } else if (look.folder == kNoNode || (look.isFolderThere && look.key.view() != look.place.target)) {
+        missing.push_back(&look);
+        again = look.opened.isOpen() && resolve(look);
+      } else {
+        again = resolve(look);
+      }
+    }
+    for (Look* look : missing) {
+      if (again) {
+        unsettled_.add(look->place);
+      } else if (std::none_of(looks.begin(), looks.end(), [&](const Look& other) {
+                   return other.place.target == look->place.target && other.key.view() == other.place.target;
+                 })) {
+        resolveMissing(*look);
+      }
+    }
   }
-  // A folder on the way may have moved, which is still to be read: it is looked at again after everything has been read that the kernel had
-  // to tell by then.
-  std::erase_if(unsettled, [this](const Sighting& sighting) { return sighting.until <= drainedAt_; });
-  sightings_.insert(sightings_.end(), std::make_move_iterator(unsettled.begin()), std::make_move_iterator(unsettled.end()));
 }
 
-void WatchedTree::settleSightings(std::vector<Sighting>& sightings) {
-  std::vector<Sighting> unsettled;
-  for (std::size_t i = 0; i < sightings.size();) {
+std::vector<WatchedTree::Look> WatchedTree::lookAtUnsettled() {
+  std::vector<Look> looks;
+  std::vector<UnsettledPlace> places = unsettled_.take();
+  for (std::size_t i = 0; i < places.size();) {
     std::size_t end = i + 1;
-    while (end < sightings.size() && sightings[end].target == sightings[i].target) ++end;
-    const NodeId node = tree_.findByKey(sightings[i].target);
-    bool settled = node != kNoNode && isStillAt(node, sightings[i].target);
-    for (std::size_t k = end; k-- > i && !settled;) settled = placeAt(sightings[k], node);
-    if (!settled)
-      unsettled.insert(unsettled.end(), sightings.begin() + static_cast<std::ptrdiff_t>(i),
-                       sightings.begin() + static_cast<std::ptrdiff_t>(end));
+    while (end < places.size() && !places[i].target.empty() && places[end].target == places[i].target) ++end;
+    if (looks.size() >= kMaximumLooks) {
+      for (; i < end; ++i) unsettled_.add(std::move(places[i]));
+      continue;
+    }
+    const std::string target = places[i].target;
+    const NodeId node = tree_.findByKey(target);
+    const bool isUntold = std::any_of(places.begin() + static_cast<std::ptrdiff_t>(i), places.begin() + static_cast<std::ptrdiff_t>(end),
+                                      [](const UnsettledPlace& place) { return place.isUntold; });
+    // Queue and disk agree.
+    if (node != kNoNode && !isUntold && !tree_.isDetached(node) && isStillAt(node, target)) {
+      i = end;
+      continue;
+    }
+    for (std::size_t k = i; k < end; ++k) {
+      Look look;
+      look.place = std::move(places[k]);
+      if (lookAt(look)) looks.push_back(std::move(look));
+    }
     i = end;
   }
-  sightings.swap(unsettled);
+  return looks;
 }
 
-bool WatchedTree::placeAt(const Sighting& sighting, NodeId node) {
-  const NodeId folder = find(sighting.folder);
-  if (folder == kNoNode || (node != kNoNode && tree_.isBelowOrSame(folder, node))) return false;
-  const FileHandle opened = openFolder(folder, sighting.name);
-  KernelKey key;
-  if (!opened.isOpen() || source_->keyOf(opened.fileDescriptor(), key) != 0 || key.view() != sighting.target) return false;
-  if (node == kNoNode) {
-    takeUp(folder, sighting.name, kFSEventStreamEventFlagItemRenamed);
-    return true;
+bool WatchedTree::lookAt(Look& look) {
+  look.folder = find(look.place.folder);
+  const NodeId node = tree_.findByKey(look.place.target);
+  if (node != kNoNode && node != DirectoryTree::kRoot) {
+    look.isTargetThere = isStillAt(node, look.place.target);
+    look.isTargetGone = !look.isTargetThere && isStillAt(tree_.parent(node), tree_.key(tree_.parent(node)));
   }
-  if (const NodeId occupant = tree_.child(folder, sighting.name); occupant != kNoNode && occupant != node) displace(occupant);
-  moveNode(node, folder, sighting.name);
+  if (look.place.isUntold && node != kNoNode && !tree_.isDetached(node) && node != DirectoryTree::kRoot) {
+    // Wherever it is by now.
+    look.folder = tree_.parent(node);
+    look.place.folder = whereIs(look.folder);
+    look.place.name = tree_.name(node);
+  }
+  if (look.folder == kNoNode) return node != kNoNode && tree_.isDetached(node);
+  look.openedAt = readQueue();
+  const FileHandle above = openFolder(look.folder);
+  KernelKey key;
+  look.isFolderThere = above.isOpen() && (tree_.key(look.folder).empty() || (source_ && source_->keyOf(above.fileDescriptor(), key) == 0 &&
+                                                                             key.view() == tree_.key(look.folder)));
+  if (!look.isFolderThere) return true;
+  look.opened = openFolderIn(above.fileDescriptor(), look.place.name.c_str());
+  look.error = look.opened.isOpen() ? 0 : errno;
+  if (look.opened.isOpen() && source_ && source_->keyOf(look.opened.fileDescriptor(), look.key) != 0) look.key.clear();
+  const NodeId known = tree_.findByKey(look.key.view());
+  look.isKnownThere = known != kNoNode && !tree_.isDetached(known) && isStillAt(known, look.key.view());
   return true;
 }
 
-void WatchedTree::expectArrival(std::string_view key, NodeId folder, std::string_view name) {
-  arrivals_.insert_or_assign(std::string(key), Sighting{std::string(key), whereIs(folder), std::string(name), {}});
-}
-
-bool WatchedTree::arrive(NodeId node) {
-  const auto arrival = arrivals_.find(tree_.key(node));
-  if (arrival == arrivals_.end()) return false;
-  const Sighting place = std::move(arrival->second);
-  arrivals_.erase(arrival);
-  const NodeId folder = find(place.folder);
-  if (folder == kNoNode || tree_.isBelowOrSame(folder, node)) return false;
-  // It may have been outside in between, where its changes could not be followed: it is taken up like any other that moves in.
-  forget(node, Why::Left);
-  takeUp(folder, place.name, kFSEventStreamEventFlagItemRenamed);
-  return true;
-}
-
-void WatchedTree::resolveArrivals() {
-  for (auto& [key, place] : std::exchange(arrivals_, {})) {
-    const NodeId node = tree_.findByKey(key);
-    const NodeId folder = find(place.folder);
-    if (folder == kNoNode) continue;
-    if (node != kNoNode) {
-      if (isStillAt(node, key)) continue;
-      // What the queue has not told now that it has been read to its end, it will not tell.
-      if (!hasReadEverything()) {
-        arrivals_.emplace(key, std::move(place));
-        continue;
-      }
-      if (tree_.isBelowOrSame(folder, node)) {
-        doubt();
-        continue;
-      }
-      forget(node, Why::Left);
+bool WatchedTree::resolve(Look& look) {
+  // A folder that came meanwhile may have taken a number that another had.
+  if (look.folder != kNoNode && find(look.place.folder) != look.folder) look.folder = kNoNode;
+  if (look.folder != kNoNode && !look.isFolderThere) {
+    // The folder around it is not where the tree has it, and nothing was told: it must be settled first.
+    if (++look.place.tries > kMaximumTries) {
+      doubt();
+    } else if (look.folder != DirectoryTree::kRoot) {
+      if (!tree_.isDetached(look.folder)) unsettle(tree_.parent(look.folder), tree_.name(look.folder), tree_.key(look.folder));
+      unsettled_.add(std::move(look.place));
     }
-    takeUp(folder, place.name, kFSEventStreamEventFlagItemRenamed);
+    return false;
+  }
+  if (look.folder != kNoNode && look.opened.isOpen()) {
+    if (resolveFound(look)) return true;
+  } else if (look.folder != kNoNode && !isGone(look.error)) {
+    openFailed(look.folder, look.place.name, nullptr, look.error);
+  }
+  return false;
+}
+
+bool WatchedTree::resolveFound(Look& look) {
+  const NodeId known = tree_.findByKey(look.key.view());
+  const NodeId there = tree_.child(look.folder, look.place.name);
+  const FSEventStreamEventFlags flags = look.place.report;
+  const auto tellPlace = [&](FSEventStreamEventFlags how) {
+    if (how != 0) report(look.folder, look.place.name, how | kFSEventStreamEventFlagItemIsDir, false);
+  };
+  if (known == kNoNode || (known == there && look.place.isUntold)) {
+    crawl(look.folder, look.place.name, std::move(look.opened), look.openedAt, flags);
+    tellPlace(flags);
+    return false;
+  }
+  if (known == there || look.isKnownThere) return false;
+  if (tree_.isBelowOrSame(look.folder, known)) {
+    if (++look.place.tries > kMaximumTries) {
+      doubt();
+    } else {
+      unsettled_.add(std::move(look.place));
+    }
+    return false;
+  }
+  if (there != kNoNode) displace(there);
+  if (!tree_.isDetached(known))
+    report(tree_.parent(known), tree_.name(known), kFSEventStreamEventFlagItemRenamed | kFSEventStreamEventFlagItemIsDir, false);
+  moveNode(known, look.folder, look.place.name);
+  tellPlace(kFSEventStreamEventFlagItemRenamed);
+  return true;
+}
+
+void WatchedTree::resolveMissing(Look& look) {
+  const NodeId node = tree_.findByKey(look.place.target);
+  if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere || unsettled_.hasTarget(look.place.target)) return;
+  if (look.isTargetGone) {
+    forget(node, Why::Left);
+  } else if (const NodeId parent = tree_.parent(node); ++look.place.tries > kMaximumTries) {
+    doubt();
+  } else {
+    // The folder around it is not where the tree has it either: that one must be settled first.
+    if (parent != DirectoryTree::kRoot && !tree_.isDetached(parent)) unsettle(tree_.parent(parent), tree_.name(parent), tree_.key(parent));
+    unsettled_.add(std::move(look.place));
   }
 }
 
@@ -157,14 +221,7 @@ void WatchedTree::exclusionsMoved(NodeId node, std::string_view formerPath) {
     const std::size_t slash = part.rfind('/');
     const NodeId parent = findByPath(path + part.substr(0, slash));
     if (parent == kNoNode) continue;
-    unexcluded_.push_back({whereIs(parent), part.substr(slash + 1), kFSEventStreamEventFlagItemRenamed, kAttemptsWhenGone});
-  }
-}
-
-void WatchedTree::takeUpUncovered() {
-  for (const Retry& place : std::exchange(unexcluded_, {})) {
-    const NodeId folder = find(place.folder);
-    if (folder != kNoNode && !isExcluded(folder, place.name)) takeUp(folder, place.name, place.report, place.attempts);
+    unsettle(parent, part.substr(slash + 1), {}, kFSEventStreamEventFlagItemRenamed);
   }
 }
 
@@ -175,35 +232,8 @@ void WatchedTree::displace(NodeId node) {
   }
   pathsChanged();
   if (status_.losses().any()) status_.losses().forget(reportedPathOf(node));
+  unsettle(tree_.parent(node), tree_.name(node), tree_.key(node));
   tree_.detach(node);
-  displaced_.push_back({node, std::string(tree_.key(node)), Clock::now() + kPatience});
-}
-
-void WatchedTree::expireDisplaced() {
-  const auto now = Clock::now();
-  for (std::size_t i = 0; i < displaced_.size();) {
-    // While changes keep coming, the one that tells where the folder is may be among those not read yet.
-    if (displaced_[i].until > now || !queuesWereEmpty_) {
-      ++i;
-      continue;
-    }
-    const Displaced item = displaced_[i];
-    const bool waits = tree_.findByKey(item.key) == item.node && tree_.isDetached(item.node);
-    const bool isBack = waits && isStillAt(item.node, item.key) && tree_.child(tree_.parent(item.node), tree_.name(item.node)) == kNoNode;
-    if (waits && !isBack && !hasReadEverything()) {
-      ++i;
-      continue;
-    }
-    displaced_.erase(displaced_.begin() + static_cast<std::ptrdiff_t>(i));
-    if (!waits) continue;
-    const NodeId parent = tree_.parent(item.node);
-    const std::string name(tree_.name(item.node));
-    if (isBack) {
-      moveNode(item.node, parent, name);
-    } else {
-      forget(item.node, Why::Left);
-    }
-  }
 }
 
 }  // namespace platform::fsevents

@@ -26,13 +26,15 @@ constexpr std::chrono::milliseconds kPollSlice(20);
 void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error) {
   if (isCovered(error)) {
     // Something is mounted on it: that is another tree's, and what it hides is taken up when it is uncovered.
+    covered_.push_back(relativePath(parent).append("/").append(name));
     if (const NodeId node = tree_.child(parent, name); node != kNoNode) forget(node, Why::Left);
     return;
   }
   if (isGone(error)) {
+    // Where it was seen in an open folder, the queue tells of its leaving; or that folder has moved on.
     const NodeId node = tree_.child(parent, name);
-    if (node != kNoNode) displace(node);  // it may be found elsewhere before its time is up
-    if (!open) seemsGone(parent, name, kFSEventStreamEventFlagItemCreated, kAttemptsWhenGone);
+    if (node != kNoNode || !open)
+      unsettle(parent, name, node == kNoNode ? std::string_view{} : tree_.key(node), kFSEventStreamEventFlagItemCreated);
     return;
   }
   const NodeId node = place(parent, name);
@@ -82,10 +84,11 @@ void WatchedTree::troubled(NodeId node, int error) {
 
 void WatchedTree::recovered(NodeId node) {
   const std::uint8_t flags = tree_.flags(node);
-  if ((flags & kTroubled) == 0) return;
+  Losses& losses = status_.losses();
+  // By its path and not by the node's flag, which a tree that has begun anew does not have.
+  if ((flags & kTroubled) == 0 && !losses.any()) return;
   tree_.setFlags(node, flags & static_cast<std::uint8_t>(~kTroubled));
   const std::string path = reportedPathOf(node);
-  Losses& losses = status_.losses();
   losses.end(LossKind::Rights, path);
   if (!rootIsFolder_) losses.end(LossKind::MarkLimit, path);
   // What happened in it meanwhile nobody knows.
@@ -126,7 +129,7 @@ void WatchedTree::lookAgain(NodeId node) {
     if (!opened.isOpen()) {
       troubled(node, errno);
     } else if (rootIsFolder_) {
-      crawl(kNoNode, {}, std::move(opened), 0);
+      crawl(kNoNode, {}, std::move(opened), 0, 0);
     } else {
       markFile(opened.fileDescriptor());
     }

@@ -11,8 +11,7 @@ enum class Rights {
   /// Those of the user who runs the tests; root's are kept.
   OfThisUser,
   /// Those of an ordinary user, also when root runs the tests: what the kernel asks privileges of the machine for is refused, permission
-  /// bits hold. Mounts in the namespace are allowed all the same: those that a user namespace allows, as tmpfs, overlay, bind mounts
-  /// and FUSE.
+  /// bits hold. Mounts in the namespace are allowed all the same, as far as a user namespace allows them: tmpfs, bind mounts, FUSE.
   OfAnOrdinaryUser,
 };
 

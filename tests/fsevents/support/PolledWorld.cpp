@@ -60,9 +60,19 @@ void PolledWorld::pass(const std::function<void()>& between) {
     region_.work(*this, options_.slice);
     if (between) between();
   }
+  tidy();
 }
 
-void PolledWorld::letStampsGoOn() { std::this_thread::sleep_for(std::chrono::milliseconds(45)); }
+void PolledWorld::letStampsGoOn() { std::this_thread::sleep_for(std::chrono::milliseconds(25)); }
+
+void PolledWorld::settle() {
+  for (int looks = 0; looks < 3; ++looks) {
+    letStampsGoOn();
+    pass();
+  }
+  letStampsGoOn();
+  take();
+}
 
 std::map<std::string, PolledWorld::Flags> PolledWorld::take() {
   std::map<std::string, Flags> told;
@@ -140,12 +150,19 @@ bool PolledWorld::tryMark(NodeId folder, int descriptor) {
 
 void PolledWorld::told(const std::string& path, Flags flags) {
   log_.emplace_back(path, flags);
+  // As whoever is told does: a folder that was renamed is read with all below it, and of what is gone nothing is below.
   Seen seen{};
-  if (see(path, seen)) {
-    copy_[path] = seen;
-  } else {
-    copy_.erase(path);
+  const bool isThere = see(path, seen);
+  if (!isThere || (flags & kRenamed) != 0) {
+    const std::string below = path + "/";
+    copy_.erase(copy_.lower_bound(below), copy_.lower_bound(path + static_cast<char>('/' + 1)));
   }
+  if (!isThere) {
+    copy_.erase(path);
+    return;
+  }
+  copy_[path] = seen;
+  if ((flags & kRenamed) != 0 && kindAt(path) == kIsFolder) collect(path, copy_);
 }
 
 void PolledWorld::changed(NodeId folder, std::string_view name, Flags flags) { told(pathOf(folder) + "/" + std::string(name), flags); }
@@ -179,21 +196,24 @@ void PolledWorld::forget(NodeId node) {
   }
 }
 
-void PolledWorld::folderGone(NodeId folder, std::string_view name, Flags flags) {
-  const NodeId node = childOf(folder, std::string(name));
-  if (node == kNoNode) return;
-  if ((flags & kRenamed) != 0) {
-    places_.erase({folder, std::string(name)});
-    detached_.insert(node);
-    return;
-  }
+void PolledWorld::drop(NodeId node) {
   for (const NodeId each : subtree(node)) region_.tellAllRemoved(each, *this);
   forget(node);
 }
 
+void PolledWorld::folderGone(NodeId folder, std::string_view name, Flags flags) {
+  const NodeId node = childOf(folder, std::string(name));
+  if (node == kNoNode) return;
+  if ((flags & kRenamed) == 0) {
+    drop(node);
+    return;
+  }
+  places_.erase({folder, std::string(name)});
+  detached_.insert(node);
+}
+
 void PolledWorld::folderFound(NodeId folder, std::string_view name, Flags flags) {
-  const std::string path = pathOf(folder) + "/" + std::string(name);
-  if (onFound) onFound(path);
+  if (onFound) onFound(pathOf(folder) + "/" + std::string(name));
   takeUp(folder, std::string(name), flags & (kCreated | kRenamed));
 }
 
@@ -202,21 +222,11 @@ void PolledWorld::takeUp(NodeId parent, const std::string& name, Flags report) {
   const std::uint64_t inode = inodeAt(path);
   if (const NodeId there = childOf(parent, name); there != kNoNode) {
     if (nodes_.at(there).inode == inode) return;
-    forget(there);
+    drop(there);
   }
   for (const NodeId node : detached_) {
     if (nodes_.at(node).inode != inode) continue;
-    const std::string from = pathOf(node);
-    for (const NodeId each : subtree(node)) region_.moved(each, pathOf(each));
-    detached_.erase(node);
-    nodes_[node].parent = parent;
-    nodes_[node].name = name;
-    places_[{parent, name}] = node;
-    // What was below it has gone with it.
-    std::map<std::string, Seen> moved;
-    for (auto item = copy_.lower_bound(from + "/"); item != copy_.end() && item->first.starts_with(from + "/"); item = copy_.erase(item))
-      moved[path + item->first.substr(from.size())] = item->second;
-    copy_.merge(moved);
+    place(node, parent, name);
     return;
   }
   const NodeId node = next_++;
@@ -225,15 +235,37 @@ void PolledWorld::takeUp(NodeId parent, const std::string& name, Flags report) {
   addBelow(node, path, report);
 }
 
+void PolledWorld::place(NodeId node, NodeId parent, const std::string& name) {
+  for (const NodeId each : subtree(node)) region_.moved(each, pathOf(each));
+  detached_.erase(node);
+  nodes_[node].parent = parent;
+  nodes_[node].name = name;
+  places_[{parent, name}] = node;
+}
+
 void PolledWorld::addBelow(NodeId node, const std::string& path, Flags report) {
   const FileHandle folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!folder.isOpen() || !region_.add(node, folder.fileDescriptor(), options_.why)) return;
+  struct stat status {};
+  if (!folder.isOpen() || ::fstat(folder.fileDescriptor(), &status) != 0) return;
+  nodes_[node].inode = status.st_ino;
+  if (!region_.add(node, folder.fileDescriptor(), options_.why)) return;
   for (const auto& name : namesIn(path)) {
     const std::string item = path + "/" + name;
     const Flags kind = kindAt(item);
     if (kind == 0) continue;
     if (report != 0) told(item, report | kind);
     if (kind == kIsFolder) takeUp(node, name, report);
+  }
+}
+
+void PolledWorld::tidy() {
+  while (!detached_.empty()) drop(*detached_.begin());
+  std::vector<NodeId> missing;
+  for (const auto& [node, about] : nodes_) {
+    if (!region_.contains(node) && !removed_.contains(node)) missing.push_back(node);
+  }
+  for (const NodeId node : missing) {
+    if (nodes_.contains(node)) addBelow(node, pathOf(node), kCreated);
   }
 }
 

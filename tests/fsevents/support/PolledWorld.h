@@ -37,6 +37,8 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   void pass(const std::function<void()>& between = {});
   /// Waits until a change that comes now has another stamp than all before, and is known to have.
   static void letStampsGoOn();
+  /// Passes until nothing that was found so far is in question any more, and forgets what they told.
+  void settle();
   /// What was told since the last call, flags of one path together.
   std::map<std::string, Flags> take();
   /// The flags of one path since the last `take`.
@@ -49,7 +51,10 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   [[nodiscard]] std::string pathOf(NodeId node) const;
   /// In what the copy differs from the disk; empty when in nothing.
   [[nodiscard]] std::vector<std::string> differences() const;
-  void removeFromRegion(NodeId node) { region_.remove(node); }
+  void removeFromRegion(NodeId node) {
+    region_.remove(node);
+    removed_.insert(node);
+  }
 
   /// What the next calls do: which errno opening gives (0: none), whether marks are to be had.
   std::map<std::string, int> refusals = {};
@@ -77,7 +82,10 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
 
   platform::FileHandle openFolder(NodeId folder) override;
   bool tryMark(NodeId folder, int descriptor) override;
-  void left(NodeId folder) override { leftFolders.push_back(pathOf(folder)); }
+  void left(NodeId folder) override {
+    leftFolders.push_back(pathOf(folder));
+    removed_.insert(folder);
+  }
   void changed(NodeId folder, std::string_view name, Flags flags) override;
   void changedAt(std::string_view formerPlace, std::string_view name, Flags flags) override;
   void folderGone(NodeId folder, std::string_view name, Flags flags) override;
@@ -87,6 +95,10 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
 
   void told(const std::string& path, Flags flags);
   void takeUp(NodeId parent, const std::string& name, Flags report);
+  void place(NodeId node, NodeId parent, const std::string& name);
+  void drop(NodeId node);
+  /// Folders that were not there when they should have been taken up, and such that went without being found again.
+  void tidy();
   void addBelow(NodeId node, const std::string& path, Flags report);
   [[nodiscard]] NodeId childOf(NodeId parent, const std::string& name) const;
   [[nodiscard]] std::vector<NodeId> subtree(NodeId node) const;
@@ -97,6 +109,8 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   std::map<NodeId, Node> nodes_;
   std::map<std::pair<NodeId, std::string>, NodeId> places_;
   std::set<NodeId> detached_;
+  /// Not in the region any more, and not to be.
+  std::set<NodeId> removed_;
   NodeId next_ = 0;
   std::vector<std::pair<std::string, Flags>> log_;
   std::map<std::string, Seen> copy_;

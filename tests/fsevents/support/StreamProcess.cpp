@@ -138,18 +138,26 @@ std::vector<std::string> StreamProcess::request(const std::string& command) {
   return lines;
 }
 
-std::vector<FSEvent> StreamProcess::eventsOf(const std::string& command) {
-  std::vector<FSEvent> events;
+std::vector<TimedEvent> StreamProcess::timedEventsOf(const std::string& command) {
+  std::vector<TimedEvent> events;
   for (const auto& text : request(command)) {
     std::istringstream words(text);
-    FSEvent event;
+    TimedEvent told;
     std::string path;
-    words >> event.id >> event.flags >> path;
-    event.path = fromHex(path);
-    events.push_back(std::move(event));
+    words >> told.event.id >> told.event.flags >> path >> told.time;
+    told.event.path = fromHex(path);
+    events.push_back(std::move(told));
   }
   return events;
 }
+
+std::vector<FSEvent> StreamProcess::eventsOf(const std::string& command) {
+  std::vector<FSEvent> events;
+  for (auto& told : timedEventsOf(command)) events.push_back(std::move(told.event));
+  return events;
+}
+
+std::vector<TimedEvent> StreamProcess::flushTimed() { return timedEventsOf("flush"); }
 
 std::vector<FSEvent> StreamProcess::flush() { return eventsOf("flush"); }
 

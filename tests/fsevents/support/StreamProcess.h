@@ -12,6 +12,12 @@
 
 namespace kestrine::test {
 
+/// An event with the time of its delivery (CLOCK_MONOTONIC, nanoseconds).
+struct TimedEvent {
+  FSEvent event;
+  std::int64_t time = 0;
+};
+
 /// A stream in a second process (the program StreamHelper.cpp beside the tests), for what cannot be done to the test's own: stopping it by
 /// a signal, lowering its limits, changes by somebody else. The events wait in that process until they are asked for, so its handler is
 /// never held up. Every call throws std::runtime_error when the process does not answer within a minute. Killed and reaped when destroyed.
@@ -45,6 +51,7 @@ class StreamProcess {
   /// What was delivered since the last call, after a flush and without.
   std::vector<FSEvent> flush();
   std::vector<FSEvent> delivered();
+  std::vector<TimedEvent> flushTimed();
   /// The same until `path` is told with all `flags`, or some seconds have passed: everything that was delivered.
   std::vector<FSEvent> until(const std::string& path, FSEventStreamEventFlags flags);
   /// Numbers of the stream's status: "foldersMarked", or the number of entries of "losses" and "unreadable".
@@ -65,6 +72,7 @@ class StreamProcess {
   void send(const std::string& line) const;
   std::string line();
   std::vector<std::string> request(const std::string& line);
+  std::vector<TimedEvent> timedEventsOf(const std::string& command);
   std::vector<FSEvent> eventsOf(const std::string& command);
 
   TemporaryDirectory folder_;

@@ -6,6 +6,8 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -14,6 +16,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/concurrency/loop/RunLoop.h"
@@ -34,8 +37,9 @@ class Helper {
     if (paths.empty()) return;
     stream_ = std::make_unique<FSEventStream>(
         [this](FSEventStream&, std::span<const FSEvent> events) {
+          const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
           const std::lock_guard lock(mutex_);
-          events_.insert(events_.end(), events.begin(), events.end());
+          for (const auto& event : events) events_.emplace_back(event, now);
         },
         std::move(paths), platform::kFSEventStreamEventIdSinceNow, latency, flags, source);
   }
@@ -102,16 +106,18 @@ class Helper {
   }
 
   void tellEvents() {
-    std::vector<FSEvent> events;
+    std::vector<std::pair<FSEvent, std::int64_t>> events;
     {
       const std::lock_guard lock(mutex_);
       events.swap(events_);
     }
-    for (const auto& event : events) std::cout << event.id << ' ' << event.flags << ' ' << toHex(event.path) << '\n';
+    for (const auto& [event, time] : events)
+      std::cout << event.id << ' ' << event.flags << ' ' << toHex(event.path) << ' ' << time << '\n';
   }
 
   std::mutex mutex_;
-  std::vector<FSEvent> events_;
+  /// Each with the time of its delivery.
+  std::vector<std::pair<FSEvent, std::int64_t>> events_;
   std::unique_ptr<FSEventStream> stream_;
 };
 

@@ -1,0 +1,147 @@
+#include "tests/fsevents/support/TruthRun.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <stdexcept>
+#include <system_error>
+
+#include "tests/fsevents/support/TruthWorker.h"
+
+namespace kestrine::test {
+
+namespace {
+
+unsigned chosenSeed() {
+  const char* given = std::getenv("KESTRINE_TRUTH_SEED");
+  const unsigned seed = given != nullptr ? static_cast<unsigned>(std::stoul(given)) : std::random_device()();
+  std::printf("the seed of this workload is %u\n", seed);
+  std::fflush(stdout);
+  return seed;
+}
+
+}  // namespace
+
+TruthRun::TruthRun(Options options)
+    : seed_(chosenSeed()),
+      random_(seed_),
+      watched_(options.folder + "/watched"),
+      outside_(options.folder + "/outer"),
+      world_(TruthWorld::make()),
+      judge_(watched_) {
+  makeFolder(watched_);
+  makeFolder(outside_);
+  startWorkers();
+  process_ = std::make_unique<StreamProcess>(StreamProcess::Options{
+      .paths = {watched_}, .source = options.source, .latency = options.latency, .inNamespace = options.inNamespace});
+  mirror_ = std::make_unique<TruthMirror>(watched_);
+}
+
+TruthRun::~TruthRun() {
+  endWorkers();
+  process_.reset();
+  TruthWorld::destroy(world_);
+}
+
+std::size_t TruthRun::operations(std::size_t otherwise) {
+  const char* given = std::getenv("KESTRINE_TRUTH_OPERATIONS");
+  return given != nullptr ? std::stoul(given) : otherwise;
+}
+
+void TruthRun::startWorkers() {
+  for (std::size_t i = 0; i < workers_.size(); ++i) {
+    const pid_t process = ::fork();
+    if (process < 0) throw std::system_error(errno, std::generic_category(), "fork");
+    if (process == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      TruthWorker(*world_, i, seed_, watched_, outside_).run();
+    }
+    workers_[i] = process;
+  }
+}
+
+void TruthRun::endWorkers() {
+  for (std::size_t i = 0; i < workers_.size(); ++i) {
+    if (workers_[i] <= 0) continue;
+    // One that has not come to its end by itself is in the middle of something.
+    ::kill(workers_[i], SIGKILL);
+    ::waitpid(workers_[i], nullptr, 0);
+  }
+}
+
+// A worker that has ended leaves the others waiting for the world, so each of them is looked after.
+std::string TruthRun::waitForWorkers() {
+  const auto limit = truthClock() + std::chrono::nanoseconds(kPatience).count();
+  for (std::size_t i = 0; i < workers_.size(); ++i) {
+    while (::sem_trywait(&world_->done[i]) != 0) {
+      for (std::size_t k = 0; k < workers_.size(); ++k) {
+        if (workers_[k] <= 0 || ::waitpid(workers_[k], nullptr, WNOHANG) != workers_[k]) continue;
+        workers_[k] = -1;
+        return "worker " + std::to_string(k) + " ended: " + world_->fault[k].data();
+      }
+      if (truthClock() > limit) return "the workers do not come to an end";
+      constexpr long kPause = 500'000;
+      const timespec pause{0, kPause};
+      ::nanosleep(&pause, nullptr);
+    }
+  }
+  return {};
+}
+
+std::vector<TruthRecord> TruthRun::takeRecords() {
+  std::vector<TruthRecord> records;
+  for (std::size_t i = 0; i < workers_.size(); ++i) {
+    const auto* first = world_->records[i].data();
+    records.insert(records.end(), first, first + world_->recorded[i].exchange(0));
+  }
+  return records;
+}
+
+std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how) {
+  const auto share = static_cast<std::uint32_t>(std::max<std::size_t>(changes / workers_.size(), 1));
+  if (how.isUnread) process_->halt();
+  for (std::size_t i = 0; i < workers_.size(); ++i) {
+    world_->quota[i] = share;
+    ::sem_post(&world_->begin[i]);
+  }
+  if (how.meanwhile) how.meanwhile();
+  const auto fault = waitForWorkers();
+  if (how.isUnread) process_->goOn();
+  if (!fault.empty()) return {fault};
+  const auto events = process_->flushTimed();
+  auto records = takeRecords();
+  done_ += records.size();
+  told_ += events.size();
+  auto faults = judge_.judge(std::move(records), events, how.rules);
+  mirror_->follow(events);
+  for (auto& line : mirror_->differences()) faults.push_back(std::move(line));
+  return faults;
+}
+
+std::vector<std::string> TruthRun::windows(std::size_t changes, const Window& how) {
+  std::vector<std::string> faults;
+  for (const auto end = done_ + changes; done_ < end && faults.empty();) {
+    const auto longest = random_() % 4 == 0 ? kLongestWindow : kLongestWindow / 10;
+    faults = window(1 + random_() % longest, how);
+  }
+  if (!faults.empty()) faults.insert(faults.begin(), "after " + std::to_string(done_) + " changes, seed " + std::to_string(seed_));
+  return faults;
+}
+
+std::string TruthRun::differenceOfAllMarks() {
+  std::string difference;
+  static_cast<void>(eventually([&] {
+    difference = differenceOfMarks(kernelMarks(process_->pid()), {watched_});
+    return difference.empty();
+  }));
+  return difference;
+}
+
+}  // namespace kestrine::test
