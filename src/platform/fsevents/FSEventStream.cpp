@@ -12,6 +12,7 @@
 #include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/StatusRegistry.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/fsevents/EnginePool.h"
 #include "platform/fsevents/EventClock.h"
 

@@ -99,7 +99,7 @@ bool StreamEngine::attachPlace() {
   placeTree_ = &trees_.add(place_->options);
   placeTree_->avoid(place_->avoided);
   int error = 0;
-  const WatchedTree::Attached attached = trees_.attach(*placeTree_, 0, since, error);
+  const WatchedTree::Attached attached = trees_.attachMount(*placeTree_, 0, since, error);
   FSEventStreamEventFlags told = place_->told;
   if (attached == WatchedTree::Attached::Refused) {
     const bool isNew = shared_->status->losses().begin(LossKind::QueueLimit, shownPath(place_->options),
