@@ -265,8 +265,22 @@ void WatchedTree::changedAt(std::string_view formerPlace, std::string_view name,
   coalescer_.add(number_, path.empty() ? "/" : path, options_.fileEvents ? flags : 0, false);
 }
 
-void WatchedTree::folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags /*flags*/) {
-  if (const NodeId node = tree_.child(folder, name); node != kNoNode) displace(node);
+void WatchedTree::tellPolledRemoved(NodeId top) {
+  std::vector<NodeId> stack{top};
+  while (region_ && !stack.empty()) {
+    const NodeId node = stack.back();
+    stack.pop_back();
+    tree_.forEachChild(node, [&](NodeId child) { stack.push_back(child); });
+    if ((tree_.flags(node) & kPolled) != 0) region_->tellAllRemoved(node, *this);
+  }
+}
+
+void WatchedTree::folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
+  const NodeId node = tree_.child(folder, name);
+  if (node == kNoNode) return;
+  // Before another is found in its place.
+  if ((flags & kFSEventStreamEventFlagItemRenamed) == 0) tellPolledRemoved(node);
+  displace(node);
 }
 
 void WatchedTree::folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
