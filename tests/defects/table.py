@@ -603,7 +603,7 @@ DEFECTS = [
         "uncovered-folder-forgotten",
         "src/platform/fsevents/WatchedTree.cpp",
         "  if (parent != kNoNode && !isExcluded(parent, name)) takeUp(parent, name, 0);\n",
-        "",
+        "  if (parent != kNoNode && !isExcluded(parent, name)) closeFolders();\n",
         "fsevents_tests",
         "WorldMounts.ThatGoLeaveTheFolderUnderneathWatched/*",
     ),
