@@ -494,14 +494,6 @@ DEFECTS = [
         "TruthWorkload.*",
     ),
     Defect(
-        "another-taken-for-the-new-folder",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    if (target.empty() || key.view() == target) {\n",
-        "    if (target.empty() || !key.empty()) {\n",
-        "fsevents_tests",
-        "TruthWorkload.*/fanotify:WatchedTreeAhead.*",
-    ),
-    Defect(
         "parent-not-looked-at",
         "src/platform/fsevents/WatchedTreeChanges.cpp",
         "  if (!isAboveThere) {\n",
