@@ -501,22 +501,6 @@ DEFECTS = [
         "fsevents_tests",
         "TruthWorkload.*:WatchedTreeAhead.*",
     ),
-    Defect(
-        "folder-below-a-moved-one-forgotten",
-        "src/platform/fsevents/WatchedTreePlaces.cpp",
-        "target == Presence::Elsewhere && above == Presence::There;",
-        "target == Presence::Elsewhere;",
-        "fsevents_tests",
-        "TruthWorkload.*",
-    ),
-    Defect(
-        "shortage-taken-for-absence",
-        "src/platform/fsevents/WatchedTreeCrawl.cpp",
-        "isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;",
-        "Presence::Elsewhere;",
-        "fsevents_tests",
-        "TruthInjected.AShortage*",
-    ),
     # What is lost, and when it is over.
     # The world under a watch.
     Defect(
