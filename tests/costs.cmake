@@ -47,8 +47,6 @@ set(kestrine_costs
   system_tests.KilledService.LeavesFilesThatParseAndIsStartedAgain 10
   fsevents_tests.WatchedTreeTest.KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves/fanotify 10
   system_tests.RunScript.ShowsTheFlagBeingRaisedAfterEachResetAndLeavesNothing 10
-  xpc_tests.Lifetime.EndsASecondProcessOfTheSameService 10
-  xpc_tests.Lifetime.TellsWhichProcessIsInTheWayWhenItHasNoSocket 10
   system_tests.WatcherLife.RunsOnlyOnce 10
   app_tests.DefaultsCommand.StoresEachTypeAndReadsItBack 10
   fsevents_tests.StreamOverflow.FreesWhatWasRemovedOrMovedOutMeanwhile/fanotify 10

@@ -8,13 +8,15 @@
 #include <thread>
 #include <vector>
 
+#include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/base/Mutex.h"
 #include "platform/fsevents/TreeOptions.h"
 
 namespace platform::fsevents {
 
 /// Notices that a thread which looks at the file system does not get on: a server or a program behind a mount that does not answer holds it
-/// inside a system call without end. Who is asked to watch is a thread of its own, which sleeps without a time-out while nobody is inside.
+/// inside a system call without end. A timer runs while somebody is inside (timerfd_create(2)), and a thread of its own sleeps until one
+/// has run out: watching wakes nobody.
 ///
 /// Threads: any thread may call anything.
 class HangWatch {
@@ -29,12 +31,13 @@ class HangWatch {
     /// `hangs(path)` is called by the watching thread, once for each time that the watched one hangs, and `answers(path)` by the watched
     /// one when it is back from there. Never both at once; `hangs` with the watch's lock held.
     Watched(std::shared_ptr<TreePulse> pulse, std::function<void(const std::string& path)> hangs,
-            std::function<void(const std::string& path)> answers)
-        : pulse_(std::move(pulse)), hangs_(std::move(hangs)), answers_(std::move(answers)) {}
+            std::function<void(const std::string& path)> answers);
 
    private:
     friend class HangWatch;
     const std::shared_ptr<TreePulse> pulse_;
+    /// None where the system has no descriptor left: then nobody notices.
+    const FileHandle timer_;
     const std::function<void(const std::string& path)> hangs_;
     const std::function<void(const std::string& path)> answers_;
     // All of the following belong to the watch's mutex.
@@ -45,7 +48,7 @@ class HangWatch {
     Clock::time_point since_{};
   };
 
-  explicit HangWatch(Clock::duration patience = kPatience) : patience_(patience) {}
+  explicit HangWatch(Clock::duration patience = kPatience);
   ~HangWatch() { stop(); }
   HangWatch(const HangWatch&) = delete;
   HangWatch& operator=(const HangWatch&) = delete;
@@ -72,15 +75,16 @@ class HangWatch {
   void enter(Watched& watched, const std::string& path) EXCLUDES(mutex_);
   void leave(Watched& watched) EXCLUDES(mutex_);
   void run() EXCLUDES(mutex_);
-  /// When to look again; `max` when nobody is inside.
-  Clock::time_point look() REQUIRES(mutex_);
+  /// The timer has run out.
+  void look(Watched& watched) REQUIRES(mutex_);
+  void setTimer(const Watched& watched, Clock::duration time) const;
+  void wake() const;
 
   const Clock::duration patience_;
+  const FileHandle wake_;
   Mutex mutex_;
-  Condition changed_;
   std::vector<std::shared_ptr<Watched>> watched_ GUARDED_BY(mutex_);
   std::thread thread_ GUARDED_BY(mutex_);
-  bool isAsleep_ GUARDED_BY(mutex_) = true;
   bool stop_ GUARDED_BY(mutex_) = false;
 };
 

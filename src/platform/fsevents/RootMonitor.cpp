@@ -186,8 +186,8 @@ bool RootMonitor::needsGuard(std::size_t path) const {
 bool RootMonitor::read() {
   bool changed = false;
   bool strayed = false;
-  moved_.clear();
   touched_.clear();
+  moved_.clear();
   alignas(inotify_event) std::array<char, 16384> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
   for (ssize_t count = 0; (count = ::read(queue_.fileDescriptor(), buffer.data(), buffer.size())) > 0;) {
     for (ssize_t at = 0; at < count;) {

@@ -55,7 +55,7 @@ class RootMonitor {
   [[nodiscard]] bool needsGuard(std::size_t path) const;
   /// Whether the last `read` told of a component of the path of this number.
   [[nodiscard]] bool wasTouched(std::size_t path) const { return touched_.contains(path); }
-  /// Whether the last `read` told that a component of the path of this number was moved (not removed).
+  /// The same of a component that was moved (not removed).
   [[nodiscard]] bool wasMoved(std::size_t path) const { return moved_.contains(path); }
   /// The components that cannot be watched; while there are any, `arm` from time to time.
   [[nodiscard]] const std::vector<std::string>& polled() const { return polled_; }

@@ -87,7 +87,6 @@ std::optional<std::string> WatchedRoots::attach(const MountFlags& told, std::opt
 }
 
 void WatchedRoots::check(const MountFlags& mounts) {
-  // Looking forgets what was told.
   std::vector<bool> touched;
   std::vector<bool> moved;
   for (std::size_t i = 0; i < roots_.size(); ++i) {

@@ -174,6 +174,8 @@ class WatchedTree final : private PolledRegion::Host {
 
   // WatchedTreeTrouble.cpp: folders that cannot be read or marked.
   void openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error);
+  /// Learns the key of a folder that cannot be opened, so that what becomes of it is known.
+  void identify(NodeId node, int parentFolder, std::string_view name);
   void refusedFolder(NodeId node, NodeId parent, int parentFolder, std::string_view name);
   void troubled(NodeId node, int error);
   std::optional<Clock::time_point> retryTroubled();
@@ -186,6 +188,8 @@ class WatchedTree final : private PolledRegion::Host {
   void tellRegion();
   void updatePolled(NodeId folder, std::string_view name, FSEventStreamEventFlags flags);
   void polledMoved(NodeId top, const std::string& formerPath);
+  /// Tells everything that is known in the polled folders at and below `top` as removed.
+  void tellPolledRemoved(NodeId top);
   std::optional<Clock::time_point> workOnRegion();
   FileHandle openFolder(NodeId folder) override { return openFolder(folder, {}); }
   bool tryMark(NodeId node, int folder) override;

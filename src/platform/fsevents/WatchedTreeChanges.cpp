@@ -157,12 +157,15 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
 
 void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::string_view target) {
   ++structure_;
-  if (!target.empty()) {
-    const NodeId node = tree_.findByKey(target);
-    if (node != kNoNode && node != DirectoryTree::kRoot) forget(node, Why::Removed);
-    return;
-  }
   const NodeId node = name.empty() ? kNoNode : tree_.child(folder, name);
+  if (!target.empty()) {
+    if (const NodeId known = tree_.findByKey(target); known != kNoNode) {
+      if (known != DirectoryTree::kRoot) forget(known, Why::Removed);
+      return;
+    }
+    // One that could not be read may have no key, so that only its name tells it from others.
+    if (node == kNoNode || !tree_.key(node).empty()) return;
+  }
   if (node == kNoNode) return;
   // The name may already belong to a new folder, which must not be forgotten for the old one's sake: the end of the watch tells.
   if (tree_.key(node).empty()) {

@@ -179,6 +179,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool tellsPast = flags == 0 && past_;
   const bool isChanged = tellsPast && tellPastOf(node, descriptor);
   const bool foldersOnly = flags == 0 && !tellsPast;
+  const bool isPolled = region_ && (tree_.flags(node) & kPolled) != 0;
   int listed = 0;
   std::vector<std::pair<std::string, FSEventStreamEventFlags>> held;
   bool isInPlace = true;
@@ -192,6 +193,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   };
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
+    if (isPolled) region_->listed(node, name, kind);
     if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) held.emplace_back(name, flags | kind);
     if (held.size() >= kHeldNames) tellHeld();
     if (tellsPast) {

@@ -156,6 +156,10 @@ bool WatchedTree::resolve(Look& look) {
     if (resolveFound(look)) return true;
   } else if (look.folder != kNoNode && !isGone(look.error)) {
     openFailed(look.folder, look.place.name, nullptr, look.error);
+  } else if (look.folder != kNoNode) {
+    // Nobody will tell the end of a folder that nobody knows by a key.
+    const NodeId there = tree_.child(look.folder, look.place.name);
+    if (there != kNoNode && tree_.key(there).empty()) forget(there, Why::Removed);
   }
   return false;
 }
@@ -193,6 +197,9 @@ void WatchedTree::resolveMissing(Look& look) {
   const NodeId node = tree_.findByKey(look.place.target);
   if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere || unsettled_.hasTarget(look.place.target)) return;
   if (look.isTargetGone) {
+    // Where another stands now, the folder's own change says what is to be known.
+    const NodeId there = tree_.child(tree_.parent(node), tree_.name(node));
+    if (there == kNoNode || there == node) tellPolledRemoved(node);
     forget(node, Why::Left);
   } else if (const NodeId parent = tree_.parent(node); ++look.place.tries > kMaximumTries) {
     doubt();
