@@ -494,36 +494,12 @@ DEFECTS = [
         "TruthWorkload.*",
     ),
     Defect(
-        "another-taken-for-the-new-folder",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
-        "    if (target.empty() || key.view() == target) {\n",
-        "    if (target.empty() || !key.empty()) {\n",
-        "fsevents_tests",
-        "TruthWorkload.*/fanotify:WatchedTreeAhead.*",
-    ),
-    Defect(
         "parent-not-looked-at",
         "src/platform/fsevents/WatchedTreeChanges.cpp",
         "  if (!isAboveThere) {\n",
         "  if (!isAboveThere && !above.isOpen()) {\n",
         "fsevents_tests",
         "TruthWorkload.*:WatchedTreeAhead.*",
-    ),
-    Defect(
-        "folder-below-a-moved-one-forgotten",
-        "src/platform/fsevents/WatchedTreePlaces.cpp",
-        "target == Presence::Elsewhere && above == Presence::There;",
-        "target == Presence::Elsewhere;",
-        "fsevents_tests",
-        "TruthWorkload.*",
-    ),
-    Defect(
-        "shortage-taken-for-absence",
-        "src/platform/fsevents/WatchedTreeCrawl.cpp",
-        "isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;",
-        "Presence::Elsewhere;",
-        "fsevents_tests",
-        "TruthInjected.AShortage*",
     ),
     # What is lost, and when it is over.
     # The world under a watch.

@@ -116,12 +116,17 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::retryTroubled() {
     if (trouble == troubles_.end()) continue;
     const bool isRoot = trouble->second.name.empty();
     const NodeId folder = isRoot ? DirectoryTree::kRoot : find(trouble->second.folder);
-    const NodeId node = isRoot ? folder : folder == kNoNode ? kNoNode : tree_.child(folder, trouble->second.name);
+    const std::string name = trouble->second.name;
+    const NodeId node = isRoot ? folder : folder == kNoNode ? kNoNode : tree_.child(folder, name);
     if (node == kNoNode || (tree_.flags(node) & kTroubled) == 0) {
       troubles_.erase(trouble);
       continue;
     }
+    const bool isQuiet = trouble->second.tries <= kQuietTries;
     lookAgain(node);
+    // What came and went in it meanwhile is told by nobody else, where no loss was.
+    if (isQuiet && !isRoot && tree_.child(folder, name) == node && (tree_.flags(node) & kTroubled) == 0)
+      report(folder, name, kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemIsDir, false);
     if (const auto after = troubles_.find(at); after != troubles_.end() && after->second.due <= now) troubles_.erase(after);
   }
   for (const auto& [at, trouble] : troubles_) next = next ? std::min(*next, trouble.due) : trouble.due;

@@ -54,7 +54,7 @@ class TruthRun {
   std::vector<std::string> window(std::size_t changes, const Window& how);
   /// Windows of random length until so many changes were made or something is wrong.
   std::vector<std::string> windows(std::size_t changes, const Window& how);
-  /// Writes so much that no queue holds what is told of it, unless it may be without limit.
+  /// Does so much that no queue holds what is told of it, unless it may be without limit.
   void flood() const;
   /// Leaves the stream's process without descriptors for a moment.
   void starve();
