@@ -151,6 +151,20 @@ TEST_F(PolledRegionTold, AsWrittenToIsStillNew) {
   EXPECT_NE(world.flagsOf(in("new")) & kCreated, 0U);
 }
 
+TEST_F(PolledRegionTold, ByAListingAndGoneBeforeTheFirstLookIsToldAsGone) {
+  writeFile(in("old"), "");
+  PolledWorld world(base_.path());
+  world.settle();
+  const auto node = world.nodeOf(base_.path());
+  world.region().listed(node, "passing", kIsFile);
+  world.region().listed(node, "old", kIsFile);
+  writeFile(in("stays"), "");
+  world.region().listed(node, "stays", kIsFile);
+  PolledWorld::letStampsGoOn();
+  world.pass();
+  EXPECT_EQ(world.take(), (Told{{in("passing"), kRemoved | kIsFile}, {in("stays"), kModified | kIsFile}}));
+}
+
 TEST_F(PolledRegionTold, OfAFileSystemWithAClockOfItsOwnIsDoubtedByWhatMoved) {
   writeFile(in("old"), "text");
   PolledWorld::letStampsGoOn();
