@@ -45,8 +45,7 @@ TEST_F(PolledRegionTold, IsNotToldAgain) {
   appendFile(in("old"), "still more");
   writeFile(in("gone"), "back");
   world.pass();
-  EXPECT_EQ(world.take(),
-            (Told{{in("new"), kRemoved | kIsFile}, {in("old"), kModified | kIsFile}, {in("gone"), kCreated | kIsFile}}));
+  EXPECT_EQ(world.take(), (Told{{in("new"), kRemoved | kIsFile}, {in("old"), kModified | kIsFile}, {in("gone"), kCreated | kIsFile}}));
 }
 
 TEST_F(PolledRegionTold, HidesNothingThatItDoesNotSay) {

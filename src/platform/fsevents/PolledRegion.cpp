@@ -213,8 +213,8 @@ void PolledRegion::dropPass() {
 void PolledRegion::endPass(Host& host) {
   const auto courtesy = std::min<Clock::duration>(elapsed_, kLongestCourtesy);
   const auto shortest = std::max(kShortestInterval, std::chrono::ceil<std::chrono::milliseconds>(timeStep_ + timeStep_ / 10));
-  interval_ = std::max({shortest, std::chrono::ceil<std::chrono::milliseconds>(cost_ * kShare),
-                        std::chrono::ceil<std::chrono::milliseconds>(courtesy)});
+  interval_ = std::max(
+      {shortest, std::chrono::ceil<std::chrono::milliseconds>(cost_ * kShare), std::chrono::ceil<std::chrono::milliseconds>(courtesy)});
   phase_ = Phase::Resting;
   due_ = Clock::now();
   if (!std::exchange(isHastened_, false)) due_ += interval_;
