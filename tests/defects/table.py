@@ -983,7 +983,7 @@ DEFECTS = [
     ),
     Defect(
         "polled-folder-forgotten-when-it-fails",
-        "src/platform/fsevents/PolledRegion.cpp",
+        "src/platform/fsevents/PolledRegionPass.cpp",
         "  folder.hasFailed = true;\n  host.failed(folder.node, error);\n",
         "  host.failed(folder.node, error);\n  remove(folder.node);\n",
         "fsevents_tests",
@@ -991,7 +991,7 @@ DEFECTS = [
     ),
     Defect(
         "polled-another-folder-taken-for-it",
-        "src/platform/fsevents/PolledRegion.cpp",
+        "src/platform/fsevents/PolledRegionPass.cpp",
         "  if (folder.wasDisplaced) return false;\n",
         "",
         "fsevents_tests",

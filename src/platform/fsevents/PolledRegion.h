@@ -167,6 +167,7 @@ class PolledRegion {
   std::int64_t offset_;
 
   Clock::time_point due_{};
+  const std::chrono::milliseconds shortest_;
   std::chrono::milliseconds interval_;
   /// Of the pass under way: processor time, and time.
   std::chrono::nanoseconds cost_{};
