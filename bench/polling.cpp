@@ -130,7 +130,8 @@ int main(int count, char** arguments) {
     passes.push_back(pass(region, folders));
     walks.push_back(folders.walk());
   }
-  std::printf("{\"pass\": %.6f, \"walk\": %.6f, \"items\": %zu, \"folders\": %zu, \"bytes\": %zu, \"interval\": %.3f, \"invented\": %zu}\n", median(passes),
-              median(walks), folders.items(), folders.folders(), bytes, static_cast<double>(region.interval().count()) / 1e3, folders.told() - told);
+  std::printf("{\"pass\": %.6f, \"walk\": %.6f, \"items\": %zu, \"folders\": %zu, \"bytes\": %zu, \"interval\": %.3f, \"invented\": %zu}\n",
+              median(passes), median(walks), folders.items(), folders.folders(), bytes,
+              static_cast<double>(region.interval().count()) / 1e3, folders.told() - told);
   return 0;
 }

@@ -132,7 +132,8 @@ TEST_F(PolledRegionTest, FollowsFolders) {
   EXPECT_EQ(toldOf(world, [&] { writeFile(in("a/b/c/other"), ""); }), (Told{{in("a/b/c/other"), kCreated | kIsFile}}));
   // A folder that moves keeps its node and its tables.
   const auto node = world.nodeOf(in("a/b/c"));
-  EXPECT_EQ(toldOf(world, [&] { moveItem(in("a/b"), in("moved")); }), (Told{{in("a/b"), kRenamed | kIsFolder}, {in("moved"), kRenamed | kIsFolder}}));
+  EXPECT_EQ(toldOf(world, [&] { moveItem(in("a/b"), in("moved")); }),
+            (Told{{in("a/b"), kRenamed | kIsFolder}, {in("moved"), kRenamed | kIsFolder}}));
   EXPECT_EQ(world.nodeOf(in("moved/c")), node);
   EXPECT_EQ(toldOf(world, [&] { removeItem(in("moved/c/file")); }), (Told{{in("moved/c/file"), kRemoved | kIsFile}}));
   // One that is removed takes everything with it, by name.
@@ -287,7 +288,8 @@ TEST_F(PolledRegionTest, IsDueAgainWithinTheShareOfAProcessor) {
   EXPECT_EQ(world.take().size(), 1U);
   const auto spent = (after.tv_sec - before.tv_sec) * 1'000'000'000LL + (after.tv_nsec - before.tv_nsec);
   EXPECT_GE(world.region().interval(), std::chrono::seconds(1));
-  EXPECT_LE(world.region().interval(), std::max<std::chrono::nanoseconds>(std::chrono::seconds(1), std::chrono::nanoseconds(spent) * 100) + std::chrono::milliseconds(1));
+  EXPECT_LE(world.region().interval(), std::max<std::chrono::nanoseconds>(std::chrono::seconds(1), std::chrono::nanoseconds(spent) * 100) +
+                                           std::chrono::milliseconds(1));
 }
 
 TEST_F(PolledRegionTest, IsNeverDueWhileItIsEmpty) {

@@ -23,11 +23,11 @@ class RandomWork {
 
   void change() {
     static constexpr Operation kOperations[] = {
-        &RandomWork::create,     &RandomWork::create,     &RandomWork::create,       &RandomWork::append,  &RandomWork::append,
-        &RandomWork::overwrite,  &RandomWork::overwrite,  &RandomWork::chmodItem,    &RandomWork::chmodItem, &RandomWork::removeFile,
+        &RandomWork::create,     &RandomWork::create,     &RandomWork::create,       &RandomWork::append,     &RandomWork::append,
+        &RandomWork::overwrite,  &RandomWork::overwrite,  &RandomWork::chmodItem,    &RandomWork::chmodItem,  &RandomWork::removeFile,
         &RandomWork::removeFile, &RandomWork::renameFile, &RandomWork::renameFile,   &RandomWork::renameFile, &RandomWork::saveFile,
-        &RandomWork::again,      &RandomWork::link,       &RandomWork::symbolicLink, &RandomWork::makeOne, &RandomWork::makeDeep,
-        &RandomWork::removeOne,  &RandomWork::renameOne,  &RandomWork::renameOne,    &RandomWork::exchange, &RandomWork::folderForFile,
+        &RandomWork::again,      &RandomWork::link,       &RandomWork::symbolicLink, &RandomWork::makeOne,    &RandomWork::makeDeep,
+        &RandomWork::removeOne,  &RandomWork::renameOne,  &RandomWork::renameOne,    &RandomWork::exchange,   &RandomWork::folderForFile,
     };
     if (++changes_ % 8 == 0) refresh();
     (this->*kOperations[pick(std::size(kOperations))])();
@@ -205,7 +205,8 @@ TEST_P(PolledRegionModel, BetweenTheLooksTellsWhatChangedAndNothingElse) {
     for (const auto& [path, flags] : world.log()) {
       const bool isRepeat = before.contains(inodeOf(path)) && (flags & (kModified | kMetadata)) != 0;
       ASSERT_TRUE(paths.contains(path) || inodes.contains(inodeOf(path)) || isRepeat)
-          << "seed " << GetParam() << ", round " << round << ": nothing happened to " << path << " " << flags << (inodeOf(path) != 0 ? ", which is there" : ", which is not there")
+          << "seed " << GetParam() << ", round " << round << ": nothing happened to " << path << " " << flags
+          << (inodeOf(path) != 0 ? ", which is there" : ", which is not there")
           << (work.existed().contains(path) ? " and was" : " and never was");
       ASSERT_TRUE(work.existed().contains(path)) << "seed " << GetParam() << ", round " << round << ": there never was " << path;
     }

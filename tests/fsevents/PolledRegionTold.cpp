@@ -45,8 +45,7 @@ TEST_F(PolledRegionTold, IsNotToldAgain) {
   appendFile(in("old"), "still more");
   writeFile(in("gone"), "back");
   world.pass();
-  EXPECT_EQ(world.take(),
-            (Told{{in("new"), kRemoved | kIsFile}, {in("old"), kModified | kIsFile}, {in("gone"), kCreated | kIsFile}}));
+  EXPECT_EQ(world.take(), (Told{{in("new"), kRemoved | kIsFile}, {in("old"), kModified | kIsFile}, {in("gone"), kCreated | kIsFile}}));
 }
 
 TEST_F(PolledRegionTold, HidesNothingThatItDoesNotSay) {
@@ -149,6 +148,20 @@ TEST_F(PolledRegionTold, AsWrittenToIsStillNew) {
   });
   ASSERT_GE(slice, 3);
   EXPECT_NE(world.flagsOf(in("new")) & kCreated, 0U);
+}
+
+TEST_F(PolledRegionTold, ByAListingAndGoneBeforeTheFirstLookIsToldAsGone) {
+  writeFile(in("old"), "");
+  PolledWorld world(base_.path());
+  world.settle();
+  const auto node = world.nodeOf(base_.path());
+  world.region().listed(node, "passing", kIsFile);
+  world.region().listed(node, "old", kIsFile);
+  writeFile(in("stays"), "");
+  world.region().listed(node, "stays", kIsFile);
+  PolledWorld::letStampsGoOn();
+  world.pass();
+  EXPECT_EQ(world.take(), (Told{{in("passing"), kRemoved | kIsFile}, {in("stays"), kModified | kIsFile}}));
 }
 
 TEST_F(PolledRegionTold, OfAFileSystemWithAClockOfItsOwnIsDoubtedByWhatMoved) {

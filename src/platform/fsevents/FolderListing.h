@@ -26,7 +26,8 @@ class FolderListing {
   [[nodiscard]] int error() const { return error_; }
   /// Of the first item that could not be looked at for another reason than rights; 0 when there was none. Such an item is named only.
   [[nodiscard]] int itemError() const { return itemError_; }
-  /// The clock that change times are stamped with, as it was before the first item was looked at and when the table was complete; nanoseconds.
+  /// The clock that change times are stamped with, as it was before the first item was looked at and when the table was complete;
+  /// nanoseconds.
   [[nodiscard]] std::int64_t began() const { return began_; }
   [[nodiscard]] std::int64_t ended() const { return ended_; }
   /// The largest difference seen between a change time and this kernel's clock, future ones left out: the clock that stamps is no further
@@ -63,7 +64,8 @@ class FolderListing {
   alignas(8) std::array<char, kBufferSize> buffer_;
 };
 
-/// What stands at a name in an open folder, or, with an empty name, the folder itself: absent, or named only where it cannot be looked at (`error`: errno, else 0).
+/// What stands at a name in an open folder, or, with an empty name, the folder itself: absent, or named only where it cannot be looked at
+/// (`error`: errno, else 0).
 PolledItem lookAt(int folder, const char* name, std::uint64_t listedInode, unsigned char type, int& error);
 /// Two stamps further apart than this differ; nanoseconds.
 std::int64_t timeStepOf(const StampRules& rules);

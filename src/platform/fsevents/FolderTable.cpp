@@ -101,7 +101,8 @@ void FolderTable::setItem(std::size_t at, const PolledItem& item) { write(entrie
 
 PolledItem FolderTable::find(std::string_view name) const {
   const std::uint32_t hash = hashOfName(name);
-  auto entry = std::lower_bound(entries_.begin(), entries_.end(), hash, [](const Entry& one, std::uint32_t wanted) { return one.hash < wanted; });
+  auto entry =
+      std::lower_bound(entries_.begin(), entries_.end(), hash, [](const Entry& one, std::uint32_t wanted) { return one.hash < wanted; });
   for (; entry != entries_.end() && entry->hash == hash; ++entry) {
     if (nameOf(*entry) == name) return item(static_cast<std::size_t>(entry - entries_.begin()));
   }

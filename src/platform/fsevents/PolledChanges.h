@@ -11,8 +11,8 @@
 
 namespace platform::fsevents {
 
-/// What came and went in a pass, held back until every folder was looked at: an inode that left one name and came under another was renamed.
-/// Folders that were renamed are moved first, so that they can be looked at in their new places; then every name is told, then the
+/// What came and went in a pass, held back until every folder was looked at: an inode that left one name and came under another was
+/// renamed. Folders that were renamed are moved first, so that they can be looked at in their new places; then every name is told, then the
 /// subfolders that are gone, then those that are there.
 ///
 /// Memory: 24 bytes a change, and the former tables of the folders concerned. Threads: as its owner's.

@@ -29,8 +29,8 @@ struct PolledItem;
 /// What can be told is the difference of two looks: of what came and went between them nothing, of several changes of one item their sum.
 /// A folder whose attributes changed before something was put into it, both between two looks, is told by mode and owner only.
 ///
-/// Memory: 35 bytes an item and its name, and about 250 a folder; measured with names of 14 bytes: 61 an item in folders of a thousand, 77 in
-/// folders of ten. Threads: owned and used by one thread, its tree's.
+/// Memory: 35 bytes an item and its name, and about 250 a folder; measured with names of 14 bytes: 61 an item in folders of a thousand, 77
+/// in folders of ten. Threads: owned and used by one thread, its tree's.
 class PolledRegion {
  public:
   using Clock = std::chrono::steady_clock;
@@ -65,14 +65,14 @@ class PolledRegion {
     /// ItemRemoved and ItemCreated they come after `changed` has told of them.
     virtual void folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     virtual void folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
-    /// The folder could not be opened or listed, or one of its items could not be looked at. What is known of it is kept, and it is looked at
-    /// again in the next pass; `recovered` when that goes well.
+    /// The folder could not be opened or listed, or one of its items could not be looked at. What is known of it is kept, and it is looked
+    /// at again in the next pass; `recovered` when that goes well.
     virtual void failed(NodeId folder, int error) = 0;
     virtual void recovered(NodeId folder) = 0;
   };
 
-  /// `timeStep` is how finely the file system stamps changes; `foreign` says that another machine or a program stamps them by a clock of its
-  /// own and numbers the inodes (network file systems, FUSE).
+  /// `timeStep` is how finely the file system stamps changes; `foreign` says that another machine or a program stamps them by a clock of
+  /// its own and numbers the inodes (network file systems, FUSE).
   PolledRegion(std::chrono::nanoseconds timeStep, bool foreign);
   ~PolledRegion();
   PolledRegion(const PolledRegion&) = delete;
@@ -81,8 +81,8 @@ class PolledRegion {
   /// Takes the open folder in. What is in it now is what later changes are told against, so whoever wants to tell of its content lists it
   /// after this. False and errno when it could not be listed; then it is not in the region. A folder that is in it already begins anew.
   bool add(NodeId folder, int descriptor, Why why);
-  /// Whoever lists a folder after `add` and follows or tells of what it finds says so of each name: what has come since the baseline, and is
-  /// gone again before the first look, is told as removed.
+  /// Whoever lists a folder after `add` and follows or tells of what it finds says so of each name: what has come since the baseline, and
+  /// is gone again before the first look, is told as removed.
   void listed(NodeId folder, std::string_view name, FSEventStreamEventFlags kind);
   /// Forgets the folder; nothing of it is told any more. Nothing when it is not in the region.
   void remove(NodeId folder);
@@ -167,6 +167,7 @@ class PolledRegion {
   std::int64_t offset_;
 
   Clock::time_point due_{};
+  const std::chrono::milliseconds shortest_;
   std::chrono::milliseconds interval_;
   /// Of the pass under way: processor time, and time.
   std::chrono::nanoseconds cost_{};

@@ -103,7 +103,8 @@ bool PolledWorld::see(const std::string& path, Seen& seen) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return false;
   const bool isFolder = S_ISDIR(status.st_mode);
-  seen = {status.st_ino, isFolder ? status.st_mode : nanoseconds(status.st_ctim), isFolder ? 0 : static_cast<std::uint64_t>(status.st_size)};
+  seen = {status.st_ino, isFolder ? status.st_mode : nanoseconds(status.st_ctim),
+          isFolder ? 0 : static_cast<std::uint64_t>(status.st_size)};
   return true;
 }
 

@@ -14,9 +14,9 @@
 
 namespace kestrine::test {
 
-/// A polled region over a real folder with a tree of its own around it: it follows the subfolders that the region finds and loses, and keeps
-/// what was told. Whatever is told of a path is looked at on the disk at that moment, so the copy that comes of it is the disk's as long as
-/// nothing is missed. Threads: one.
+/// A polled region over a real folder with a tree of its own around it: it follows the subfolders that the region finds and loses, and
+/// keeps what was told. Whatever is told of a path is looked at on the disk at that moment, so the copy that comes of it is the disk's as
+/// long as nothing is missed. Threads: one.
 class PolledWorld final : public platform::fsevents::PolledRegion::Host {
  public:
   using NodeId = platform::fsevents::NodeId;
