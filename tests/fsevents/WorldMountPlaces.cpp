@@ -124,6 +124,7 @@ TEST_P(WorldMountPlaces, InGreatNumberLeaveNothingBehind) {
     const auto point = [this](int index) { return in("m" + std::to_string(index)); };
     for (int i = 0; i < kMounts; ++i) makeFolders(point(i));
     const auto stream = watchRoot();
+    stream->flush();  // from now on this thread has what it waits with
     const auto before = openDescriptors();
     for (int turn = 0; turn < 3; ++turn) {
       for (int i = 0; i < kMounts; ++i) mountAt(point(i), "tmpfs");
