@@ -20,7 +20,6 @@ set(kestrine_costs
   system_tests.Application.MissesNoChangeHoweverItsResetsFall 28
   services_tests.KestrineCall.CallsEveryOperationThatAnswersWithARecord 24
   fsevents_tests.StreamOverflow.HappensAgainAndIsToldAgain/fanotify 21
-  foundation_tests.UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset 20
   fsevents_tests.StreamIdle.WakesForWhatIsMountedElsewhereAFewTimesAndForNothingElse/fanotify 20
   fsevents_tests.StreamIdle.WakesForWhatIsMountedElsewhereAFewTimesAndForNothingElse/inotify 20
   system_tests.Sources/WatcherIdle.SleepsWhileOnlyTheFolderAboveChanges/inotify 20

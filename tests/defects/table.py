@@ -151,7 +151,7 @@ DEFECTS = [
         "version-of-another-read",
         "src/platform/foundation/preferences/PreferencesFile.cpp",
         "return {std::move(values), FileVersion(std::move(file))};\n",
-        "return {std::move(values), FileVersion(openForReading(path_))};\n",
+        "return {std::move(values), (::usleep(100), FileVersion(openForReading(path_)))};\n",
         "foundation_tests",
         "UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset",
     ),

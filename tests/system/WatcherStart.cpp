@@ -11,9 +11,6 @@ namespace {
 
 using platform::Object;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 class WatcherStart : public WatcherService {
  protected:
