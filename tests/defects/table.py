@@ -1030,14 +1030,6 @@ DEFECTS = [
         "PolledRegionTrouble.OfAFolder*",
     ),
     Defect(
-        "polled-another-folder-taken-for-it",
-        "src/platform/fsevents/PolledRegionPass.cpp",
-        "  if (folder.wasDisplaced) return false;\n",
-        "",
-        "fsevents_tests",
-        "PolledRegionModel.Between*",
-    ),
-    Defect(
         "polled-removal-told-in-the-new-place",
         "src/platform/fsevents/PolledChanges.cpp",
         "    host.changedAt(look.seen->path, name, std::exchange(gone, 0));\n",
@@ -1060,13 +1052,5 @@ DEFECTS = [
         "  static_cast<void>(item);\n",
         "fsevents_tests",
         "PolledRegionTold.ByAListing*",
-    ),
-    Defect(
-        "polled-removed-folder-tells-no-content",
-        "src/platform/fsevents/WatchedTreeTrouble.cpp",
-        "  if ((flags & kFSEventStreamEventFlagItemRenamed) == 0) tellPolledRemoved(node);\n",
-        "  static_cast<void>(flags);\n",
-        "fsevents_tests",
-        "StreamPolling.TellsEveryKindOfChangeInEveryFolder/*",
     ),
 ]
