@@ -930,7 +930,7 @@ DEFECTS = [
         "constexpr int kAttempts = 10;",
         "constexpr int kAttempts = 1;",
         "fsevents_tests",
-        "MountsOf.ThatReplaceOneAnother*",
+        "MountsInTrouble.ThatReplaceOneAnother*",
     ),
     Defect(
         "mounts-forgotten-with-their-table",
@@ -938,7 +938,7 @@ DEFECTS = [
         "      if (!readOnce(mounts)) return false;\n",
         "      if (!readOnce(mounts)) break;\n",
         "fsevents_tests",
-        "MountsOf.AreKnownAsTheyWere*",
+        "MountsInTrouble.AreKnownAsTheyWere*",
     ),
     Defect(
         "mounts-told-apart-by-their-ids",
@@ -946,7 +946,7 @@ DEFECTS = [
         "mount.serial = hasSerials_ ? serials_.of(mount.id) : 0;",
         "mount.serial = 0;",
         "fsevents_tests",
-        "MountsOf.ThatAreReplacedBetweenTwoLooks*",
+        "MountsReplaced.ThatAreReplacedBetweenTwoLooks*",
     ),
     Defect(
         "mount-witnesses-not-asked",
@@ -954,7 +954,7 @@ DEFECTS = [
         "  witnesses_.look();\n",
         "",
         "fsevents_tests",
-        "MountsOf.*Witness*:MountsOf.*WithoutSerials*",
+        "MountsReplaced.*Witness*:MountsReplaced.*WithoutSerials*",
     ),
     Defect(
         "mounts-not-attended",
