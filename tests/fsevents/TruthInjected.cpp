@@ -50,7 +50,9 @@ TEST_P(TruthInjected, OverflowsAreCovered) {
   }
   expectExactAfterwards();
   // Root's fanotify has a queue without limit.
-  if (GetParam() == Source::Inotify || ::geteuid() != 0) EXPECT_GT(run_->scans(), 0U);
+  if (GetParam() == Source::Inotify || ::geteuid() != 0) {
+    EXPECT_GT(run_->scans(), 0U);
+  }
 }
 
 TEST_P(TruthInjected, AShortageOfDescriptorsIsCovered) {
