@@ -44,6 +44,8 @@ class TruthSoak : public StreamTest {
         return run_->window(length, {.rules = {.maySayLost = true}, .isUnread = true, .meanwhile = [this] { run_->flood(); }});
       case 1:
       case 2:
+        // Not yet by itself: see TruthInjected.AShortageOfDescriptorsIsCovered.
+        if (std::getenv("KESTRINE_TRUTH_SHORTAGES") == nullptr) return run_->window(length, {.rules = {.maySayLost = afterLoss_}});
         return run_->window(length, {.rules = {.maySayLost = true}, .meanwhile = [this] { run_->starve(); }});
       case 3:
       case 4:

@@ -154,16 +154,10 @@ class WatchedTree final : private PolledRegion::Host {
   /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
   NodeId settle(NodeId parent, std::string_view name, std::string_view key);
   NodeId place(NodeId parent, std::string_view name);
-  /// Whether the open folder is where the tree has the node at this moment.
-  bool isAtItsPlace(NodeId node, int folder);
   int list(NodeId node, FileHandle folder, FSEventStreamEventFlags report, std::vector<Pending>& stack);
   FSEventStreamEventFlags pastOf(int folder, const char* name, bool amongChanged) const;
   bool tellPastOf(NodeId node, int folder);
   static bool isOwnPreferencesIn(int folder, std::string_view name);
-  /// Where a folder is that the tree has at a place; unknown while there are no descriptors to look.
-  enum class Presence { There, Elsewhere, Unknown };
-  Presence presenceOf(NodeId node);
-  bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
   void repair(FSEventStreamEventFlags dropped);
   void walkAgain();
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
@@ -218,6 +212,12 @@ class WatchedTree final : private PolledRegion::Host {
   [[nodiscard]] Where whereIs(NodeId node) const;
   [[nodiscard]] NodeId find(const Where& where) const;
   [[nodiscard]] NodeId findByPath(std::string_view relative) const;
+  /// Where a folder is that the tree has at a place; unknown while there are no descriptors to look.
+  enum class Presence { There, Elsewhere, Unknown };
+  Presence presenceOf(NodeId node);
+  bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
+  /// Whether the open folder is where the tree has the node at this moment.
+  bool isAtItsPlace(NodeId node, int folder);
   /// What was seen at a place, before the queue was read to its end once more.
   struct Look {
     UnsettledPlace place;

@@ -140,16 +140,6 @@ bool WatchedTree::isOwnPreferencesIn(int folder, std::string_view name) {
   return writes.hasName(name) && ::fstat(folder, &info) == 0 && writes.isOwnWrite(info.st_dev, info.st_ino, name);
 }
 
-WatchedTree::Presence WatchedTree::presenceOf(NodeId node) {
-  const FileHandle opened = openFolder(node);
-  if (!opened.isOpen()) return isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;
-  if (!source_) return Presence::There;
-  KernelKey found;
-  if (const int error = source_->keyOf(opened.fileDescriptor(), found); error != 0)
-    return isShortage(error) ? Presence::Unknown : Presence::Elsewhere;
-  return found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
-}
-
 FSEventStreamEventFlags WatchedTree::pastOf(int folder, const char* name, bool amongChanged) const {
   struct statx info {};
   const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (name[0] == '\0' ? AT_EMPTY_PATH : 0);
@@ -163,14 +153,6 @@ bool WatchedTree::tellPastOf(NodeId node, int folder) {
   const bool changed = ::statx(folder, "", AT_EMPTY_PATH, PastChanges::kMask, &info) != 0 || past_->entriesChanged(info);
   if (changed) report(node, {}, kFSEventStreamEventFlagItemModified | kFSEventStreamEventFlagItemIsDir, false);
   return changed;
-}
-
-bool WatchedTree::isAtItsPlace(NodeId node, int folder) {
-  const FileHandle there = openFolder(node);
-  struct stat expected {};
-  struct stat found {};
-  return there.isOpen() && ::fstat(folder, &expected) == 0 && ::fstat(there.fileDescriptor(), &found) == 0 &&
-         expected.st_ino == found.st_ino && expected.st_dev == found.st_dev;
 }
 
 int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags flags, std::vector<Pending>& stack) {

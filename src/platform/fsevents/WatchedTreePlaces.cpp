@@ -1,4 +1,7 @@
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "platform/fsevents/PathOpener.h"
@@ -31,6 +34,24 @@ NodeId WatchedTree::findByPath(std::string_view relative) const {
     relative.remove_prefix(end);
   }
   return node;
+}
+
+WatchedTree::Presence WatchedTree::presenceOf(NodeId node) {
+  const FileHandle opened = openFolder(node);
+  if (!opened.isOpen()) return isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;
+  if (!source_) return Presence::There;
+  KernelKey found;
+  if (const int error = source_->keyOf(opened.fileDescriptor(), found); error != 0)
+    return isShortage(error) ? Presence::Unknown : Presence::Elsewhere;
+  return found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
+}
+
+bool WatchedTree::isAtItsPlace(NodeId node, int folder) {
+  const FileHandle there = openFolder(node);
+  struct stat expected {};
+  struct stat found {};
+  return there.isOpen() && ::fstat(folder, &expected) == 0 && ::fstat(there.fileDescriptor(), &found) == 0 &&
+         expected.st_ino == found.st_ino && expected.st_dev == found.st_dev;
 }
 
 void WatchedTree::unsettle(NodeId folder, std::string_view name, std::string_view target, FSEventStreamEventFlags report, bool isUntold) {
