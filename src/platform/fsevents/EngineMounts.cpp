@@ -74,17 +74,23 @@ bool EngineMounts::readAnew() {
   const bool differs = mounts_.read();
   if (differs) uncovered_.clear();
   readAt_.reset();
+  tellWhetherBlind();
+  return (differs && concerns(before)) || std::exchange(isWanting_, false);
+}
+
+void EngineMounts::tellWhetherBlind() {
+  const bool isBlind = mounts_.error() != 0;
+  if (isBlind) readAt_ = EngineTrees::Clock::now() + kReadAgain;
+  if (isBlind == std::exchange(isBlind_, isBlind)) return;
   for (const Path& path : paths_) {
     const std::string& shown = shownPath(path.options);
-    if (mounts_.error() == 0) {
+    if (!isBlind) {
       status_.losses().end(LossKind::Unexplained, shown);
     } else if (status_.losses().begin(LossKind::Unexplained, shown,
                                       "what is mounted cannot be read from /proc/self/mountinfo: " + errnoText(mounts_.error()), "")) {
-      window_.coalescer().add(number_, shown, kFSEventStreamEventFlagMustScanSubDirs, false);
+      tellRescan(shown);
     }
   }
-  if (mounts_.error() != 0) readAt_ = EngineTrees::Clock::now() + kReadAgain;
-  return differs && concerns(before);
 }
 
 bool EngineMounts::concerns(const MountTable& former) const {
@@ -116,6 +122,7 @@ FSEventStreamEventFlags EngineMounts::flagsOfChange(const PathMounts& before, co
 }
 
 void EngineMounts::begin(WatchedRoots& roots, std::optional<std::uint64_t> since) {
+  tellWhetherBlind();
   avoidMountPoints(roots);
   for (Path& path : paths_) {
     if (path.way.mayHang) beginEngine(path, 0, true);
@@ -151,6 +158,24 @@ void EngineMounts::beginEngine(Path& path, FSEventStreamEventFlags told, bool is
   const auto pool = pool_.lock();
   if (!pool) return;
   path.engine = pool->begin({path.options, false, told, isFromTheStart, path.avoided});
+  lookAfter(path.engine, shownPath(path.options));
+}
+
+void EngineMounts::lookAfter(const std::shared_ptr<StreamEngine>& engine, const std::string& path) {
+  if (engine) {
+    if (status_.losses().end(LossKind::QueueLimit, path)) tellRescan(path);
+    return;
+  }
+  isWanting_ = true;
+  readAt_ = EngineTrees::Clock::now() + kReadAgain;
+  if (status_.losses().begin(LossKind::QueueLimit, path, "no thread is left to watch it with", "raise the limit of threads: ulimit -u N")) {
+    tellRescan(path);
+  }
+}
+
+void EngineMounts::tellRescan(const std::string& path) {
+  const FSEventStreamEventFlags kind = configuration_.has(kFSEventStreamCreateFlagFileEvents) ? kFSEventStreamEventFlagItemIsDir : 0;
+  window_.coalescer().add(number_, path, kFSEventStreamEventFlagMustScanSubDirs | kind, false);
 }
 
 void EngineMounts::endEngine(std::shared_ptr<StreamEngine>& engine) {
@@ -161,7 +186,7 @@ void EngineMounts::endEngine(std::shared_ptr<StreamEngine>& engine) {
 bool EngineMounts::pathsLeadElsewhere() const {
   return std::any_of(paths_.begin(), paths_.end(), [this](const Path& path) {
     const PathMounts now = followPath(mounts_.table(), path.options.openPath);
-    return now.mounts.size() != path.way.mounts.size() ||
+    return (now.mayHang && !path.engine) || now.mounts.size() != path.way.mounts.size() ||
            !std::equal(now.mounts.begin(), now.mounts.end(), path.way.mounts.begin(), isSameMount);
   });
 }
@@ -249,6 +274,8 @@ void EngineMounts::reconcile(WatchedRoots& roots, When when, bool foldersWereRen
       }
       if (known->relative != seen.relative) left.push_back(*known);
       relocate(*known, seen);
+      const bool lacksEngine = !known->engine && known->tree == nullptr && policyOf(known->mount).isEntered();
+      if (lacksEngine) attach(*known, when, std::nullopt);
       below_.push_back(std::move(*known));
       former.erase(known);
     }
@@ -301,6 +328,7 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
   if (mayHang(paths_[below.path], below.mount)) {
     if (const auto pool = pool_.lock()) {
       below.engine = pool->begin({optionsOf(below), true, told, when == When::AtTheStart, below.avoided});
+      lookAfter(below.engine, reportedPathOf(below));
     }
     return;
   }

@@ -80,10 +80,14 @@ class EngineMounts {
   };
   enum class When { AtTheStart, Later };
 
+  void tellWhetherBlind();
   [[nodiscard]] bool concerns(const MountTable& former) const;
   [[nodiscard]] FSEventStreamEventFlags flagsOfChange(const PathMounts& before, const PathMounts& now) const;
   void beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart);
   void endEngine(std::shared_ptr<StreamEngine>& engine);
+  /// Whether there is one; that there is not is a loss while it lasts, and is tried again.
+  void tellRescan(const std::string& path);
+  void lookAfter(const std::shared_ptr<StreamEngine>& engine, const std::string& path);
   /// Tells each tree which places below it are mount points.
   void avoidMountPoints(WatchedRoots& roots);
   [[nodiscard]] Points pointsBelow(const std::string& real) const;
@@ -111,6 +115,10 @@ class EngineMounts {
   std::vector<Below> below_;
   std::optional<EngineTrees::Clock::time_point> readAt_;
   bool changed_ = false;
+  /// The table cannot be read, which is told.
+  bool isBlind_ = false;
+  /// Something has no engine for want of a thread.
+  bool isWanting_ = false;
   /// Places that were taken up although the table shows no change: once each.
   std::set<std::pair<const WatchedTree*, std::string>> uncovered_;
   /// Under which the window keeps what is told of mounts.
