@@ -459,7 +459,7 @@ DEFECTS = [
     ),
     Defect(
         "unmount-not-told",
-        "src/platform/fsevents/EngineMounts.cpp",
+        "src/platform/fsevents/EngineMountsBelow.cpp",
         "    if (isElsewhere || !contains(mounts_.table(), gone.mount)) tell(gone, kFSEventStreamEventFlagUnmount);\n",
         "    static_cast<void>(isElsewhere);\n",
         "fsevents_tests",
