@@ -13,6 +13,7 @@
 #include "Services/DataParser.h"
 #include "Services/QueryParser.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace {
 

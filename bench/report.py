@@ -28,9 +28,9 @@ BASE64_TASKS = ("base64: encode 1 MiB", "base64: decode 1 MiB")
 MESSAGES = {"oneWay": "a message one way", "roundTrip": "a round trip"}
 
 FULL = {"trees": [(1000, 15), (10000, 11), (100000, 7)], "files": 200000, "bursts": 5, "latencies": 200, "latency_rounds": 3, "request_rounds": 15,
-        "exchange_rounds": 9, "messages": 50000}
+        "exchange_rounds": 9, "messages": 50000, "polled": [(1000, 10), (1000, 1000), (10000, 10), (10000, 1000), (100000, 10), (100000, 1000)]}
 QUICK = {"trees": [(1000, 3)], "files": 5000, "bursts": 1, "latencies": 20, "latency_rounds": 1, "request_rounds": 3,
-         "exchange_rounds": 3, "messages": 5000}
+         "exchange_rounds": 3, "messages": 5000, "polled": [(1000, 10), (1000, 1000)]}
 BURST_FOLDERS = 1000
 
 
@@ -52,6 +52,16 @@ def make_flat(root):
     os.mkdir(root)
     for number in range(BURST_FOLDERS):
         os.mkdir(os.path.join(root, f"d{number}"))
+
+
+def make_files(root, files, each):
+    """So many files in folders of so many."""
+    os.mkdir(root)
+    for number in range(files):
+        folder = os.path.join(root, str(number // each))
+        if number % each == 0:
+            os.mkdir(folder)
+        open(os.path.join(folder, f"document-{number}"), "w").close()
 
 
 class Bench:
@@ -133,6 +143,17 @@ class Bench:
             rows.append(row)
         return rows
 
+    def polling(self):
+        """What looking again and again costs where the kernel cannot watch."""
+        rows = []
+        for files, each in self.plan["polled"]:
+            tree = os.path.join(self.scratch, "polled")
+            make_files(tree, files, each)
+            done = subprocess.run([os.path.join(self.programs, "bench_polling"), tree], stdout=subprocess.PIPE, text=True, check=True)
+            rows.append({"files": files, "each": each, **json.loads(done.stdout)})
+            shutil.rmtree(tree)
+        return rows
+
     def requests(self):
         """Microseconds of one request, by libcurl, by libcurl with the same work, and through RestInterface; nothing where namespaces are refused."""
         command = [os.path.join(self.programs, "bench_rest"), str(self.plan["request_rounds"])]
@@ -185,8 +206,8 @@ def verdict(seen, target):
 
 
 def report(bench):
-    stand, burst, latency, requests, exchange, micro = (bench.stand(), bench.burst(), bench.latency(), bench.requests(), bench.exchange(),
-                                                        bench.micro())
+    stand, burst, latency, polling, requests, exchange, micro = (bench.stand(), bench.burst(), bench.latency(), bench.polling(), bench.requests(),
+                                                                 bench.exchange(), bench.micro())
     largest = max(row["folders"] for row in stand)
     targets = []
     for source in SOURCES:
@@ -258,6 +279,16 @@ One file is created in a quiet folder. Floor: `epoll_wait` and `read`. Engine: t
 {table(["source", "floor median", "floor 99 %", "engine median", "engine 99 %", "ratio of medians"],
        [[row["source"], *(f"{call(row[who]) * 1e6:.0f}" for who in ("floor", "engine") for call in (statistics.median, lambda values: percentile(values, 0.99))),
          f"{statistics.median(row['engine']) / statistics.median(row['floor']):.2f}"] for row in latency])}
+
+## Looking again and again
+
+Where the kernel cannot watch, folders are polled (`PolledRegion`). One pass over files at rest, caches warm, next to a bare walk over the same
+folders with one `statx` an item; processor time, medians of nine in turn in one process. Between two passes lies a hundred times what the
+last one took, and at least a second.
+
+{table(["files", "in folders of", "walk ms", "pass ms", "ratio", "interval s", "bytes an item"],
+       [[f"{row['files']:,}", f"{row['each']:,}", f"{row['walk'] * 1e3:.2f}", f"{row['pass'] * 1e3:.2f}", f"{row['pass'] / row['walk']:.2f}",
+         f"{row['interval']:.1f}", f"{row['bytes'] / row['items']:.0f}"] for row in polling])}
 
 ## A request to the server
 

@@ -30,6 +30,8 @@ set(kestrine_costs
   concurrency_tests.RunLoopItem.SurvivesAStormOfAddSignalAndInvalidateFromManyThreads 18
   fsevents_tests.StreamOverflow.HappensAgainAndIsToldAgain/inotify 17
   foundation_tests.JSONReader.ReadsDoublesExactly 16
+  fsevents_tests.TruthSoak.GrowsInNothing/fanotify 35
+  fsevents_tests.TruthSoak.GrowsInNothing/inotify 35
   system_tests.RunScript.EndsAServiceThatIsStuck 15
   system_tests.RunScript.ShowsTheOneReportOfAWatchThatCannotStart 15
   fsevents_tests.StreamLeaks.NoDescriptorOrMarkRemainsAfterManyStreams/fanotify 14
@@ -45,8 +47,6 @@ set(kestrine_costs
   system_tests.KilledService.LeavesFilesThatParseAndIsStartedAgain 10
   fsevents_tests.WatchedTreeTest.KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves/fanotify 10
   system_tests.RunScript.ShowsTheFlagBeingRaisedAfterEachResetAndLeavesNothing 10
-  xpc_tests.Lifetime.EndsASecondProcessOfTheSameService 10
-  xpc_tests.Lifetime.TellsWhichProcessIsInTheWayWhenItHasNoSocket 10
   system_tests.WatcherLife.RunsOnlyOnce 10
   app_tests.DefaultsCommand.StoresEachTypeAndReadsItBack 10
   fsevents_tests.StreamOverflow.FreesWhatWasRemovedOrMovedOutMeanwhile/fanotify 10

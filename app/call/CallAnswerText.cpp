@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

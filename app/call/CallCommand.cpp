@@ -12,6 +12,7 @@
 #include "app/call/CallWait.h"
 #include "app/cli/CommandError.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

@@ -8,6 +8,7 @@
 
 #include "Services/Endpoints.h"
 #include "platform/foundation/text/ASCII.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

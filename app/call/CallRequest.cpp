@@ -13,6 +13,7 @@
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

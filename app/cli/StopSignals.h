@@ -1,14 +1,8 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 
-#include "platform/foundation/base/FileHandle.h"
-
-namespace platform {
-class RunLoop;
-class RunLoopDescriptor;
-}  // namespace platform
+#include "platform/concurrency/loop/EndingSignals.h"
 
 namespace kestrine {
 
@@ -19,21 +13,20 @@ namespace kestrine {
 /// Threads: made, scheduled and destroyed on the thread of the run loop.
 class StopSignals {
  public:
+  /// Throws std::system_error when the process has no descriptor left.
   StopSignals();
-  ~StopSignals();
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
 
   /// Calls `handler` on the loop once, at the first signal. The loop keeps running while it waits for one.
   void schedule(platform::RunLoop& loop, std::function<void()> handler);
   /// Lets go of the loop without a signal.
-  void cancel();
+  void cancel() { signals_.cancel(); }
   /// Readable when a signal has come that was not handled yet.
-  [[nodiscard]] int fileDescriptor() const { return descriptor_.fileDescriptor(); }
+  [[nodiscard]] int fileDescriptor() const { return signals_.fileDescriptor(); }
 
  private:
-  platform::FileHandle descriptor_;
-  std::shared_ptr<platform::RunLoopDescriptor> item_;
+  platform::EndingSignals signals_;
 };
 
 }  // namespace kestrine

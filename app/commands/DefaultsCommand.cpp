@@ -8,6 +8,7 @@
 #include "app/commands/Commands.h"
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

@@ -78,7 +78,7 @@ platform::FSEventStreamEventId sinceIn(const Arguments& arguments) {
   const auto text = arguments.value("--since");
   if (!text || *text == "now") return platform::kFSEventStreamEventIdSinceNow;
   const auto identifier = parseUnsigned(*text);
-  if (!identifier) refuse("--since", *text, "an event identifier or 'now'");
+  if (!identifier) refuse("--since", *text, "an event identifier, as events are printed with, or 'now'");
   return *identifier;
 }
 
@@ -113,6 +113,7 @@ class EventPrinter {
         stream_([this](FSEventStream&, std::span<const platform::FSEvent> events) { print(events); }, arguments.operands(),
                 sinceIn(arguments), latencyIn(arguments), flagsIn(arguments), sourceIn(arguments)) {
     if (arguments.has("--exclude")) stream_.setExclusionPaths(arguments.values("--exclude"));
+    stream_.setLossCallback([this](FSEventStream&, std::span<const platform::fsevents::LossNotice> notices) { print(notices); });
     stream_.scheduleWithRunLoop(loop_);
   }
 
@@ -149,6 +150,16 @@ class EventPrinter {
     if (!output_.write(text_)) loop_->stop();
   }
 
+  void print(std::span<const platform::fsevents::LossNotice> notices) {
+    text_.clear();
+    for (const platform::fsevents::LossNotice& notice : notices) writer_.append(text_, notice);
+    if (!json_) {
+      fmt::print(stderr, "{}", text_);
+    } else if (!output_.write(text_)) {
+      loop_->stop();
+    }
+  }
+
   /// What happened before the signal is still told.
   void end() {
     output_.hurry();
@@ -182,7 +193,13 @@ constinit const Command kEventsCommand{
         "\"names\" (array),\n"
         "\"path\"}, with \"path_hex\" instead of \"path\" where its bytes are not UTF-8. An event with MustScanSubDirs says that "
         "something\n"
-        "below its path may have changed untold. On SIGINT and SIGTERM what is pending is printed first.",
+        "below its path may have changed untold; look through it. Where that goes on, as at a folder without permission, {\"loss\": "
+        "{\"path\",\n"
+        "\"reason\", \"remedy\"}} says when it begins and {\"recovered\": {\"path\"}} when it is over; without --json these are lines on "
+        "standard\n"
+        "error. With --since, an event HistoryDone divides what had changed since the identifier (some of it perhaps told before) from "
+        "what\n"
+        "changes now. On SIGINT and SIGTERM what is pending is printed first.",
     .options = kEventsOptions,
     .fewestOperands = 1,
     .mostOperands = std::numeric_limits<std::size_t>::max(),

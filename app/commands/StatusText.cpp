@@ -9,6 +9,7 @@
 
 #include "app/cli/TimeText.h"
 #include "platform/foundation/text/UTF8.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

@@ -2,6 +2,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "util/ServicesUtilities.h"
 
 namespace kestrine {

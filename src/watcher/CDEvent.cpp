@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "platform/foundation/value/Dictionary.h"
+
 namespace kestrine {
 
 namespace {

@@ -13,6 +13,7 @@
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/url/PercentEscapes.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "watcher/CDEvent.h"
 #include "watcher/WatchStatus.h"
 

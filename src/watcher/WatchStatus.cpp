@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "contract/WatchEntry.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine {
 

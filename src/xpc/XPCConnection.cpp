@@ -8,6 +8,7 @@
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/NeverReleased.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "xpc/XPCParse.h"
 
 namespace kestrine {

@@ -37,6 +37,7 @@ std::vector<Event> eventsIn(const std::string& output) {
   while (std::getline(stream, line)) {
     rapidjson::Document document;
     EXPECT_FALSE(document.Parse(line.c_str()).HasParseError()) << line;
+    EXPECT_TRUE(document.HasMember("id")) << line;
     Event event;
     event.path = document.HasMember("path") ? document["path"].GetString() : "hex:" + std::string(document["path_hex"].GetString());
     event.id = document["id"].GetUint64();
@@ -160,20 +161,51 @@ TEST_F(EventsCommand, PrintsReadableLinesAndWatchingOnStandardError) {
   EXPECT_THAT(people.output(), testing::MatchesRegex("([0-9]+ [A-Za-z,]+ " + tree() + "/hello\\\\x0aworld\n)+"));
 }
 
-TEST_F(EventsCommand, TellsWhatChangedSinceAnIdentifier) {
+TEST_F(EventsCommand, TellsWhatChangedSinceAnIdentifierAndThenWhatChangesNow) {
+  makeFolder(tree() + "/folder");
   watch({tree()});
   writeFile(tree() + "/before", "text");
   ASSERT_TRUE(watcher->waitForOutput("/before\"}\n", kLongEnough));
   const std::uint64_t last = end().back().id;
-  writeFile(tree() + "/meanwhile", "text");
+  writeFile(tree() + "/folder/meanwhile", "text");
 
   watch({"--since", std::to_string(last), tree()});
   ASSERT_TRUE(watcher->waitForOutput("HistoryDone", kLongEnough));
+  writeFile(tree() + "/now", "text");
+  ASSERT_TRUE(watcher->waitForOutput("/now\"}\n", kLongEnough));
   const std::vector<Event> events = end();
-  // Either the item itself or its folder to be looked through.
-  const bool told = std::ranges::any_of(
-      events, [&](const Event& event) { return event.path == tree() + "/meanwhile" || (event.path == tree() && (event.flags & 1) != 0); });
-  EXPECT_TRUE(told) << watcher->output();
+  const auto placeOf = [&](const Event* event) {
+    return event == nullptr ? events.size() : static_cast<std::size_t>(event - events.data());
+  };
+  const auto done = std::ranges::find_if(events, [](const Event& event) { return (event.flags & 0x10) != 0; });
+  ASSERT_NE(done, events.end());
+  EXPECT_EQ(done->path, tree());
+  EXPECT_EQ(std::ranges::count_if(events, [](const Event& event) { return (event.flags & 0x10) != 0; }), 1);
+  const std::size_t divide = placeOf(&*done);
+  EXPECT_LT(placeOf(find(events, tree() + "/folder/meanwhile")), divide) << watcher->output();
+  EXPECT_GT(placeOf(find(events, tree() + "/now")), divide) << watcher->output();
+  ASSERT_NE(find(events, tree() + "/now"), nullptr);
+  EXPECT_GT(find(events, tree() + "/now")->id, last);
+  for (const Event& event : events) EXPECT_EQ(event.flags & 1, 0U) << event.path;
+}
+
+TEST_F(EventsCommand, AsksForALookThroughWhereAnIdentifierLeadsNowhere) {
+  struct Nowhere {
+    std::string identifier;
+    std::string reason;
+  };
+  // Of the year 2096, and of none.
+  for (const Nowhere& nowhere : {Nowhere{std::to_string(std::uint64_t{4'000'000'000'000} << 22U), "the clock is behind the identifier"},
+                                 Nowhere{"1", "never given out"}}) {
+    watch({"--since", nowhere.identifier, tree()});
+    ASSERT_TRUE(watcher->waitForOutput("HistoryDone", kLongEnough)) << watcher->output();
+    ASSERT_TRUE(watcher->waitForOutput("{\"recovered\": {\"path\": \"" + tree() + "\"}}\n", kLongEnough)) << watcher->output();
+    EXPECT_THAT(watcher->output(),
+                testing::ContainsRegex("\\{\"loss\": \\{\"path\": \"" + tree() + "\", \"reason\": \"[^\"]*" + nowhere.reason));
+    EXPECT_THAT(watcher->output(), HasSubstr("\"MustScanSubDirs\""));
+    watcher->signal(SIGTERM);
+    EXPECT_EQ(watcher->wait(), 0) << watcher->errorOutput();
+  }
 }
 
 TEST_F(EventsCommand, EndsQuietlyWhenItsReaderGoes) {

@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include "app/commands/StatusText.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/app/Sandbox.h"
 
 namespace kestrine::test {

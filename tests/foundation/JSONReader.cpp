@@ -10,6 +10,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/support/Eventually.h"
 
 namespace platform {

@@ -10,6 +10,7 @@
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 namespace {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {

@@ -9,6 +9,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {

@@ -7,6 +7,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -10,6 +10,7 @@
 
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {

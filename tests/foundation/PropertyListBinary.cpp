@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/foundation/formats/PropertyList.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/support/Eventually.h"
 
 namespace kestrine::test {

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "platform/foundation/formats/PropertyList.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine::test {
 namespace {

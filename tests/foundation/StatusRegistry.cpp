@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "platform/foundation/value/Dictionary.h"
+
 namespace platform {
 namespace {
 

@@ -11,6 +11,7 @@
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {

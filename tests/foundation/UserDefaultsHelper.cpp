@@ -16,6 +16,7 @@
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine::test {
 

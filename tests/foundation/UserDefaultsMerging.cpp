@@ -1,5 +1,6 @@
 // Several writers of one domain: nothing of theirs is lost, and a write that changes nothing is none.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/preferences/UserDefaults.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/foundation/value/Dictionary.h"
+
 // What is lost at the moment, and what a reader of the stream is told of it.
 
 namespace kestrine::test {

@@ -219,6 +219,7 @@ TEST_P(PolledRegionModel, DuringTheLooksMissesNothingAndInventsNoPath) {
   RandomWork work(base_.path(), GetParam());
   for (int i = 0; i < 200; ++i) work.change();
   PolledWorld world(base_.path(), {.slice = std::chrono::microseconds(20)});
+  world.isDeferred = true;
   const int rounds = longOrShort(25, 5);
   for (int round = 0; round < rounds; ++round) {
     std::atomic<bool> isOver = false;
@@ -232,6 +233,7 @@ TEST_P(PolledRegionModel, DuringTheLooksMissesNothingAndInventsNoPath) {
       PolledWorld::letStampsGoOn();
       world.pass();
     }
+    world.bringUpToDateNow();
     ASSERT_EQ(world.differences(), std::vector<std::string>{}) << "seed " << GetParam() << ", round " << round;
     for (const auto& [path, flags] : world.take())
       ASSERT_TRUE(work.existed().contains(path)) << "seed " << GetParam() << ", round " << round << ": there never was " << path;

@@ -135,6 +135,22 @@ TEST_F(PolledRegionTold, AfterTheLookTakesBackWhatWaits) {
   }
 }
 
+TEST_F(PolledRegionTold, AsWrittenToIsStillNew) {
+  // The mark came between its making and the writing: the kernel tells the one, the look the other.
+  for (int i = 0; i < 100; ++i) writeFile(in("f" + std::to_string(i)), "");
+  PolledWorld world(base_.path(), {.slice = std::chrono::nanoseconds(1)});
+  world.settle();
+  writeFile(in("new"), "");
+  int slice = 0;
+  world.pass([&] {
+    if (++slice != 3) return;
+    appendFile(in("new"), "text");
+    kernelTells(world, "new", kModified);
+  });
+  ASSERT_GE(slice, 3);
+  EXPECT_NE(world.flagsOf(in("new")) & kCreated, 0U);
+}
+
 TEST_F(PolledRegionTold, OfAFileSystemWithAClockOfItsOwnIsDoubtedByWhatMoved) {
   writeFile(in("old"), "text");
   PolledWorld::letStampsGoOn();

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/fsevents/StreamStatus.h"
 
 // What a stream's status holds, as those below the stream put it there.

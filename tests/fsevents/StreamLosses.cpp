@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <stdexcept>
+
 #include "tests/fsevents/support/StreamTest.h"
 
 // How long a stream's losses last. Root may read and enter everything, so these tests say something only in the run without privileges.
@@ -55,6 +57,22 @@ TEST_P(StreamLosses, AreOverWhenTheStreamIsStopped) {
   stream->stream().stop();
   EXPECT_THAT(lostAt(*stream), testing::IsEmpty());
   setMode(closed, 0755);
+}
+
+TEST(StreamLossNotices, ReachTheReaderAlsoWhenTheHandlerOfEventsThrows) {
+  TemporaryDirectory folder;
+  const auto loop = platform::RunLoop::current();
+  std::vector<std::string> told;
+  // No stream has ever given out this identifier, which is a loss.
+  FSEventStream stream([](FSEventStream&, std::span<const FSEvent>) { throw std::runtime_error("the handler fails"); }, {folder.path()}, 1,
+                       0.01, kFileEvents);
+  stream.setLossCallback([&](FSEventStream&, std::span<const FSEventStream::LossNotice> notices) {
+    for (const auto& notice : notices) told.push_back((notice.begins ? "+" : "-") + notice.path);
+  });
+  stream.scheduleWithRunLoop(loop);
+  ASSERT_TRUE(stream.start());
+  EXPECT_THROW(loop->run(), std::runtime_error);
+  EXPECT_THAT(told, testing::ElementsAre("+" + folder.path(), "-" + folder.path()));
 }
 
 }  // namespace

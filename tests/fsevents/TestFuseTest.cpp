@@ -20,7 +20,8 @@ class TestFuseTest : public testing::Test {
  protected:
   void run(const std::function<void(TestFuse&)>& body) {
     inMountNamespace([&] {
-      if (const auto why = TestFuse::whyNot(); !why.empty()) GTEST_SKIP() << "left out: a file system in user space, because there is " << why;
+      if (const auto why = TestFuse::whyNot(); !why.empty())
+        GTEST_SKIP() << "left out: a file system in user space, because there is " << why;
       makeFolders(behind("folder"));
       makeFolders(folder_ / "point");
       TestFuse disk(folder_ / "backing", folder_ / "point");

@@ -30,7 +30,7 @@ class TruthWorkload : public StreamTest {
 KESTRINE_PER_SOURCE(TruthWorkload);
 
 TEST_P(TruthWorkload, OfSeveralProcessesIsToldExactly) {
-  expectExact(TruthRun::operations(static_cast<std::size_t>(longOrShort(20000, 4000))), {});
+  expectExact(TruthRun::operations(static_cast<std::size_t>(longOrShort(40000, 4000))), {});
 }
 
 TEST_P(TruthWorkload, WhileNobodyReadsIsToldExactly) {

@@ -1,9 +1,12 @@
 #include <fcntl.h>
+#include <linux/auto_fs.h>
 #include <poll.h>
-#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <future>
 #include <stdexcept>
 
@@ -21,48 +24,57 @@ using platform::FileHandle;
 /// A point where the kernel asks for a mount (autofs) as soon as somebody opens it, and lets him wait until this object ends.
 class AutomountPoint {
  public:
-  explicit AutomountPoint(const std::string& point) : point_(point) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-    reading_ = FileHandle(ends[0]);
-    writing_ = FileHandle(ends[1]);
-    // The group of the one who mounts may always enter: it is another's.
+  explicit AutomountPoint(const std::string& point) {
+    auto questions = makePipe();
+    auto orders = makePipe();
+    questions_ = std::move(questions[0]);
+    // Only those of the group that the kernel asks may enter unasked: it is another's, who ends it in the end.
     owner_ = ::fork();
     if (owner_ == 0) {
       ::setpgid(0, 0);
-      for (;;) ::pause();
+      ::close(orders[1].fileDescriptor());
+      endOnOrder(orders[0].fileDescriptor(), point.c_str());
     }
     ::setpgid(owner_, owner_);
+    order_ = std::move(orders[1]);
     try {
-      mountAt(point, "autofs",
-              "fd=" + std::to_string(ends[1]) + ",pgrp=" + std::to_string(owner_) + ",minproto=5,maxproto=5,direct", "test");
+      const auto pipe = std::to_string(questions[1].fileDescriptor());
+      mountAt(point, "autofs", "fd=" + pipe + ",pgrp=" + std::to_string(owner_) + ",minproto=5,maxproto=5,direct", "test");
     } catch (...) {
       end();
       throw;
     }
   }
-  ~AutomountPoint() {
-    // Nobody answers any more, so that those who wait go on.
-    writing_.closeFile();
-    reading_.closeFile();
-    detachAt(point_);
-    end();
-  }
+  ~AutomountPoint() { end(); }
   AutomountPoint(const AutomountPoint&) = delete;
   AutomountPoint& operator=(const AutomountPoint&) = delete;
   [[nodiscard]] bool wasAsked() const {
-    pollfd ready{reading_.fileDescriptor(), POLLIN, 0};
+    pollfd ready{questions_.fileDescriptor(), POLLIN, 0};
     return ::poll(&ready, 1, 0) > 0;
   }
 
  private:
-  void end() const {
-    ::kill(owner_, SIGKILL);
+  static std::array<FileHandle, 2> makePipe() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    return {FileHandle(ends[0]), FileHandle(ends[1])};
+  }
+  // In a process that was forked from one of several threads: system calls only.
+  [[noreturn]] static void endOnOrder(int order, const char* point) {
+    char byte = 0;
+    static_cast<void>(!::read(order, &byte, 1));
+    const int root = ::open(point, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // Nobody is asked any more, and those who wait go on.
+    if (root >= 0) ::ioctl(root, AUTOFS_IOC_CATATONIC, 0);
+    ::umount2(point, MNT_DETACH | UMOUNT_NOFOLLOW);
+    ::_exit(0);
+  }
+  void end() {
+    order_.closeFile();
     ::waitpid(owner_, nullptr, 0);
   }
-  std::string point_;
-  FileHandle reading_;
-  FileHandle writing_;
+  FileHandle questions_;
+  FileHandle order_;
   pid_t owner_ = -1;
 };
 

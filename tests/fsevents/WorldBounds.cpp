@@ -77,9 +77,8 @@ TEST_P(WorldBounds, OfOneWatchedPathLeaveTheOthersAlone) {
   const auto leaving = base_ / "leaving";
   for (const auto& folder : {other, leaving}) makeFolders(folder + "/sub");
   Gate gate;
-  const auto stream = watch({.paths = {root_, other, leaving},
-                             .flags = kFileEvents | kWatchRoot,
-                             .onDelivery = [&gate](FSEventStream&) { gate.pass(); }});
+  const auto stream =
+      watch({.paths = {root_, other, leaving}, .flags = kFileEvents | kWatchRoot, .onDelivery = [&gate](FSEventStream&) { gate.pass(); }});
   writeFile(in("first"), "text");
   gate.awaitSomebody();
   // Now everything that happens is kept.

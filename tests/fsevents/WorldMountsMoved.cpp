@@ -108,12 +108,14 @@ TEST_P(WorldMountsMoved, WithAFolderAboveThemAreToldUnderTheNewName) {
     makeFolders(in("a/mnt/deep"));
     const auto stream = watchRoot();
     std::string now = in("a");
+    int turn = 0;
     for (const auto& next : {in("b"), in("beside/b"), in("a")}) {
       moveItem(now, next);
       now = next;
       stream->flush();
-      EXPECT_TRUE(isWatched(*stream, now + "/mnt/deep", "file" + std::to_string(now.size())));
-      EXPECT_TRUE(isWatched(*stream, now, "file" + std::to_string(now.size())));
+      const auto name = "file" + std::to_string(++turn);
+      EXPECT_TRUE(isWatched(*stream, now + "/mnt/deep", name));
+      EXPECT_TRUE(isWatched(*stream, now, name));
     }
     EXPECT_EQ(stream->flagsOf(in("b")) & (kRenamed | kIsFolder), kRenamed | kIsFolder) << stream->describe();
     // They are where they were: nothing was mounted or unmounted.
@@ -185,7 +187,8 @@ TEST_P(WorldMountsMoved, BelowTheWatchedPathAreNeverKeptBusy) {
       if (flushed) stream->flush();
       EXPECT_EQ(tryToUnmount(in("a/mnt"), flushed), "") << turn;
     }
-    ASSERT_TRUE(stream->waitFor(in("a/mnt"), kUnmount)) << stream->describe();
+    stream->flush();
+    EXPECT_NE(stream->flagsOf(in("a/mnt")) & kUnmount, 0U) << stream->describe();
     EXPECT_TRUE(isWatched(*stream, in("a/mnt"), "underneath"));
     EXPECT_TRUE(nothingIsLost(*stream));
   });

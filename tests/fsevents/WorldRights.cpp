@@ -182,5 +182,18 @@ TEST_P(WorldRights, MissingForTheWatchedFolderAskForARescan) {
   });
 }
 
+TEST_P(WorldRights, MissingForAFileSystemBelowAreAwaited) {
+  run([this] {
+    mountAt(in("open"), "tmpfs", "mode=0");
+    const auto stream = watchRoot();
+    EXPECT_TRUE(stream->waitFor(in("open"), kMustScan)) << stream->describe();
+    EXPECT_TRUE(isListed(*stream, in("open"))) << stream->stream().status().description();
+    EXPECT_TRUE(isWatched(*stream, in("closed/inner"), "file"));
+    setMode(in("open"), 0755);
+    makeFolders(in("open/deep"));
+    expectAllIsWell(*stream, {in("open"), in("open/deep")});
+  });
+}
+
 }  // namespace
 }  // namespace kestrine::test

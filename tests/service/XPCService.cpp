@@ -11,6 +11,7 @@
 #include "platform/concurrency/loop/RunLoop.h"
 #include "platform/concurrency/queue/OperationQueue.h"
 #include "platform/foundation/process/NotificationCenter.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/xpc/connection/Listener.h"
 #include "service/WatchOnMessage.h"
 #include "tests/watcher/WatcherFixture.h"

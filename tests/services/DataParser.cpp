@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/services/Expectations.h"
 #include "tests/services/ExpectedKeys.h"
 

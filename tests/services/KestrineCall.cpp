@@ -6,6 +6,7 @@
 #include <set>
 
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/services/ExpectedCalls.h"
 #include "tests/services/ExpectedKeys.h"
 #include "tests/services/ProductServer.h"

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/services/ExpectedCalls.h"
 #include "tests/services/ExpectedKeys.h"
 #include "tests/services/ProductServer.h"

@@ -23,6 +23,7 @@
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/formats/JSON.h"
 #include "platform/foundation/url/URL.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/NetworkNamespace.h"
 #include "tests/support/TemporaryDirectory.h"

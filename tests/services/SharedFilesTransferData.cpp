@@ -3,6 +3,7 @@
 
 #include "Services/DataParser.h"
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/services/Expectations.h"
 #include "tests/services/ExpectedKeys.h"
 

@@ -6,6 +6,7 @@
 #include <future>
 #include <numeric>
 
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/system/WatcherFixture.h"
 #include "tests/xpc/RawSocket.h"
 #include "xpc/XPCConnection.h"

@@ -10,6 +10,7 @@
 #include <iterator>
 
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/app/RefusedCalls.h"
 #include "tests/app/Sandbox.h"
 #include "tests/support/NetworkNamespace.h"

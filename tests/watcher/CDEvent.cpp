@@ -6,6 +6,7 @@
 #include <set>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace kestrine::test {
 namespace {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "platform/foundation/formats/JSON.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/services/ProductServer.h"
 #include "tests/support/KernelFilter.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "platform/foundation/files/HomeDirectory.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/support/Process.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"
 #include "watcher/FileWatcherServiceXPC.h"

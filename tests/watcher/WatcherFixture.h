@@ -16,6 +16,7 @@
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/process/StatusRegistry.h"
 #include "platform/foundation/url/URL.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/foundation/value/Object.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -25,6 +25,8 @@ using namespace kestrine::test;
 using namespace std::chrono_literals;
 using platform::FileHandle;
 using platform::xpc::ConnectionError;
+using platform::xpc::connectToService;
+using platform::xpc::LaunchError;
 using platform::xpc::runningService;
 using platform::xpc::Value;
 
@@ -257,7 +259,8 @@ TEST(Lifetime, EndsASecondProcessOfTheSameService) {
   environment.install(kTestService);
   Client client(kTestService);
   const auto pid = pidFrom(client.ask("pid"));
-  Process second({XPC_TEST_SERVICE});
+  // WatcherLife.RunsOnlyOnce waits for as long as a service does.
+  Process second({XPC_TEST_SERVICE}, {.environment = {{"XPC_TEST_FORMER_MILLISECONDS", "200"}}});
   EXPECT_EQ(second.wait(60s), 75);
   EXPECT_TRUE(contains(second.errorOutput(), "process " + std::to_string(pid) + " is the service Test.Service already"))
       << second.errorOutput();
@@ -288,10 +291,10 @@ TEST(Lifetime, TellsWhichProcessIsInTheWayWhenItHasNoSocket) {
   Client client(kTestService);
   const auto pid = pidFrom(client.ask("pid"));
   ASSERT_EQ(unlink(environment.socketPath(kTestService).c_str()), 0);
-  Client late(kTestService);
-  const auto event = late.ask("pid");
-  EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid);
-  EXPECT_TRUE(contains(errorText(event), "(kill " + std::to_string(pid) + ")")) << errorText(event);
+  const auto late = connectToService(kTestService, 200ms);
+  ASSERT_FALSE(late);
+  EXPECT_EQ(late.error().kind, LaunchError::Kind::WithoutSocket);
+  EXPECT_TRUE(contains(late.error().reason, "(kill " + std::to_string(pid) + ")")) << late.error().reason;
 }
 
 TEST(Lifetime, KeepsServingWhenAHandlerThrowsAndWhenAPeerMisbehaves) {

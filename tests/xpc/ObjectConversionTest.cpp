@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/xpc/value/ObjectConversion.h"
 
 namespace {

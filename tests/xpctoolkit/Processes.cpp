@@ -8,6 +8,7 @@
 #include <csignal>
 #include <sstream>
 
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/xpc/connection/Listener.h"
 #include "tests/support/Process.h"
 #include "tests/xpc/RawSocket.h"

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/xpctoolkit/ConnectionPair.h"
 

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/foundation/CapturedStandardError.h"
 #include "tests/xpctoolkit/ConnectionPair.h"
 

@@ -5,6 +5,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "tests/support/Eventually.h"
 #include "xpc/XPCParse.h"
 

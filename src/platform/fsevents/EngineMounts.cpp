@@ -3,11 +3,14 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/log/Log.h"
 #include "platform/fsevents/EnginePool.h"
 #include "platform/fsevents/FileSystems.h"
+#include "platform/fsevents/KernelLimits.h"
 #include "platform/fsevents/StreamEngine.h"
 
 namespace platform::fsevents {

@@ -92,6 +92,8 @@ class EngineMounts {
   void avoidMountPoints(WatchedRoots& roots);
   [[nodiscard]] Points pointsBelow(const std::string& real) const;
   void reconcile(WatchedRoots& roots, When when, bool foldersWereRenamed, std::optional<std::uint64_t> since);
+  /// Called before any folder is marked on them, so that whatever takes their place later is seen to be another. Not where that may hang.
+  void attend();
   /// What is seen below a path, its place below that included; nothing that is excluded.
   [[nodiscard]] std::vector<Below> seenBelow(std::size_t path) const;
   [[nodiscard]] bool mayHang(const Path& path, const Mount& mount) const;
@@ -119,6 +121,7 @@ class EngineMounts {
   bool isBlind_ = false;
   /// Something has no engine for want of a thread.
   bool isWanting_ = false;
+  bool saidNotToldApart_ = false;
   /// Places that were taken up although the table shows no change: once each.
   std::set<std::pair<const WatchedTree*, std::string>> uncovered_;
   /// Under which the window keeps what is told of mounts.

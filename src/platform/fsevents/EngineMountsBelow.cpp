@@ -1,10 +1,13 @@
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/log/Log.h"
 #include "platform/fsevents/EngineMounts.h"
 #include "platform/fsevents/EnginePool.h"
 #include "platform/fsevents/FileSystems.h"
+#include "platform/fsevents/KernelLimits.h"
 #include "platform/fsevents/StreamEngine.h"
 
 namespace platform::fsevents {
@@ -55,6 +58,7 @@ std::vector<EngineMounts::Below> EngineMounts::seenBelow(std::size_t number) con
 }
 
 void EngineMounts::reconcile(WatchedRoots& roots, When when, bool foldersWereRenamed, std::optional<std::uint64_t> since) {
+  attend();
   avoidMountPoints(roots);
   std::vector<Below> former = std::exchange(below_, {});
   std::vector<Below> fresh;
@@ -96,6 +100,24 @@ void EngineMounts::reconcile(WatchedRoots& roots, When when, bool foldersWereRen
   }
 }
 
+void EngineMounts::attend() {
+  std::vector<Mount> mounts;
+  for (std::size_t i = 0; i < paths_.size(); ++i) {
+    const Path& path = paths_[i];
+    if (path.way.mayHang) continue;
+    mounts.insert(mounts.end(), path.way.mounts.begin(), path.way.mounts.end());
+    for (Below& below : seenBelow(i)) {
+      if (policyOf(below.mount).isEntered() && !mayHang(path, below.mount)) mounts.push_back(std::move(below.mount));
+    }
+  }
+  // What may not be read cannot be watched either, which is told where that is tried.
+  const int error = mounts_.attend(mounts);
+  if (error != 0 && error != EACCES && !std::exchange(saidNotToldApart_, true)) {
+    NSLog("FSEventStream: what is unmounted and mounted again within a moment may go unnoticed: " +
+          explainQueueFailure("inotify", error).text());
+  }
+}
+
 TreeOptions EngineMounts::optionsOf(const Below& below) const {
   TreeOptions options = paths_[below.path].options;
   options.reportedPath += below.relative;
@@ -132,7 +154,7 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
   below.tree->avoid(below.avoided);
   int error = 0;
   const FSEventStreamEventFlags report = when == When::Later && !isNew ? kFSEventStreamEventFlagItemCreated : 0;
-  const WatchedTree::Attached attached = trees_.attach(*below.tree, report, since, error);
+  const WatchedTree::Attached attached = trees_.attachMount(*below.tree, report, since, error);
   // Everything that has happened on it until its folders were marked is covered by this.
   if (isNew) tell(below, told);
   if (attached == WatchedTree::Attached::Refused) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/fsevents/PathOpener.h"
+
 namespace platform::fsevents {
 namespace {
 
@@ -11,6 +13,9 @@ namespace {
 constexpr std::chrono::milliseconds kQuiet(500);
 constexpr std::chrono::microseconds kQuietPerFolder(50);
 constexpr std::chrono::milliseconds kLongestBackoff(60'000);
+/// Until a mount that could not be read is tried again: ever less often.
+constexpr std::chrono::seconds kFirstAttachPause(1);
+constexpr std::chrono::seconds kLastAttachPause(60);
 
 }  // namespace
 
@@ -49,6 +54,33 @@ WatchedTree::Attached EngineTrees::attach(WatchedTree& tree, FSEventStreamEventF
   return attached;
 }
 
+WatchedTree::Attached EngineTrees::attachMount(WatchedTree& tree, FSEventStreamEventFlags report, std::optional<std::uint64_t> since,
+                                               int& error) {
+  const WatchedTree::Attached attached = attach(tree, report, since, error);
+  for (Entry& entry : entries_) {
+    if (entry.tree.get() == &tree) planAttaching(entry, attached, error);
+  }
+  return attached;
+}
+
+void EngineTrees::planAttaching(Entry& entry, WatchedTree::Attached attached, int error) {
+  entry.attachAt.reset();
+  // What is gone the table of mounts tells of.
+  if (attached == WatchedTree::Attached::Standing || isGone(error)) return;
+  entry.attachPause = std::clamp(entry.attachPause * 2, kFirstAttachPause, kLastAttachPause);
+  entry.attachAt = Clock::now() + entry.attachPause;
+}
+
+void EngineTrees::attachAgain(Entry& entry) {
+  int error = 0;
+  const WatchedTree::Attached attached = attach(*entry.tree, 0, std::nullopt, error);
+  planAttaching(entry, attached, error);
+  if (attached != WatchedTree::Attached::Standing) return;
+  status_.losses().end(LossKind::QueueLimit, shownPath(entry.tree->options()));
+  // What happened in it meanwhile nobody knows.
+  entry.tree->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | entry.tree->rootKind());
+}
+
 void EngineTrees::relocate(WatchedTree& tree, std::string reportedPath, std::string openPath) {
   tree.relocate(std::move(reportedPath), std::move(openPath));
   for (const Entry& entry : entries_) {
@@ -82,6 +114,7 @@ bool EngineTrees::drain() {
 
 void EngineTrees::process() {
   for (Entry& entry : entries_) {
+    if (entry.attachAt && *entry.attachAt <= Clock::now()) attachAgain(entry);
     // A tree with nothing to do is not asked, so that a wake-up that is not about it looks at no file system.
     const bool isDue = entry.due && *entry.due <= Clock::now();
     if (!isDue && !std::exchange(entry.drained, false) && !entry.tree->hasBacklog()) continue;
@@ -107,7 +140,9 @@ bool EngineTrees::hasBacklog() const {
 std::optional<EngineTrees::Clock::time_point> EngineTrees::due() const {
   std::optional<Clock::time_point> first;
   for (const Entry& entry : entries_) {
-    if (entry.due && (!first || *entry.due < *first)) first = entry.due;
+    for (const auto& due : {entry.due, entry.attachAt}) {
+      if (due && (!first || *due < *first)) first = due;
+    }
   }
   return first;
 }

@@ -33,6 +33,9 @@ class EngineTrees {
   [[nodiscard]] bool holds(const WatchedTree* tree) const;
   /// Begins to watch what stands at the tree's path, and has the window know what that is.
   WatchedTree::Attached attach(WatchedTree& tree, FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error);
+  /// The same for the tree of a mount below a watched path, which nobody else looks after: where it cannot be read now it is tried again by
+  /// `process`, ever less often, until it can.
+  WatchedTree::Attached attachMount(WatchedTree& tree, FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error);
   /// The tree's paths are others now.
   void relocate(WatchedTree& tree, std::string reportedPath, std::string openPath);
   /// Something was mounted on the folder at `relative` in the tree, or is mounted there no longer.
@@ -76,7 +79,12 @@ class EngineTrees {
     /// At once, so that what was drained while it was attached is applied.
     std::optional<Clock::time_point> due = Clock::time_point::min();
     bool drained = false;
+    /// When the tree of a mount that could not be read is tried again.
+    std::optional<Clock::time_point> attachAt = std::nullopt;
+    std::chrono::seconds attachPause{0};
   };
+  static void planAttaching(Entry& entry, WatchedTree::Attached attached, int error);
+  void attachAgain(Entry& entry);
 
   EngineWindow& window_;
   StreamStatus& status_;

@@ -36,9 +36,6 @@ void EngineWindow::collect() {
     status_->losses().begin(LossKind::OwnBound, path, "more changed than could be remembered while the handler was busy", "");
     givenUp_.push_back(std::move(path));
   }
-  // While the handler is busy they wait where they are kept few.
-  if (!isFree()) return;
-  for (LossNotice& notice : status_->losses().takeNotices()) notices_.push_back(std::move(notice));
 }
 
 EngineWindow::Clock::time_point EngineWindow::dueTime() const {
@@ -62,7 +59,6 @@ void EngineWindow::offer(TreePulse& pulse, const std::function<void()>& looked) 
   StreamBatch batch;
   // What comes after the rescan that is told now is exact again.
   for (const std::string& path : std::exchange(givenUp_, {})) status_->losses().end(LossKind::OwnBound, path);
-  batch.losses = std::exchange(notices_, {});
   std::vector<PendingEvent> pending = coalescer_.take();
   batch.events.reserve(pending.size() + 1);
   batch.knownEmpty = knownEmpty_;

@@ -40,9 +40,9 @@ class EngineWindow {
   /// What was to be told of the past is in the window: the next batch says so and is due at once.
   void endHistory() { endsHistory_ = owesHistory_; }
 
-  /// Takes up what the losses have to say, those included that the window's bound has caused. At the end of each turn.
+  /// Begins the losses that the window's bound has caused. At the end of each turn.
   void collect();
-  [[nodiscard]] bool hasSomething() const { return endsHistory_ || !coalescer_.empty() || !notices_.empty(); }
+  [[nodiscard]] bool hasSomething() const { return endsHistory_ || !coalescer_.empty() || status_->losses().hasNotices(); }
   [[nodiscard]] bool isFree() const { return mailbox_->isFree(number_); }
   /// Whether there is something that is due and a place for it.
   [[nodiscard]] bool isDue() const { return hasSomething() && dueTime() <= Clock::now() && isFree(); }
@@ -74,7 +74,6 @@ class EngineWindow {
   const StreamMailbox::EngineNumber number_;
   Coalescer coalescer_;
   std::map<std::uint32_t, Place> places_;
-  std::vector<LossNotice> notices_;
   /// The paths of trees that this window has given up.
   std::vector<std::string> givenUp_;
   const bool owesHistory_;

@@ -12,6 +12,7 @@
 #include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/StatusRegistry.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/fsevents/EnginePool.h"
 #include "platform/fsevents/EventClock.h"
 
@@ -63,7 +64,8 @@ class FSEventStream::Impl final : public std::enable_shared_from_this<FSEventStr
       : stream_(stream),
         callback_(std::move(callback)),
         configuration_(std::move(configuration)),
-        mailbox_(std::make_shared<StreamMailbox>([signal = signal_] { signal->call(); })) {}
+        mailbox_(std::make_shared<StreamMailbox>([signal = signal_] { signal->call(); },
+                                                 [status = status_] { return status->losses().takeNotices(); })) {}
 
   void schedule(const std::shared_ptr<RunLoop>& runLoop) EXCLUDES(mutex_);
   bool start() EXCLUDES(control_, mutex_);
@@ -111,8 +113,8 @@ class FSEventStream::Impl final : public std::enable_shared_from_this<FSEventStr
   /// Changed before the start only.
   EngineConfiguration configuration_;
   const std::shared_ptr<Signal> signal_ = std::make_shared<Signal>();
-  const std::shared_ptr<StreamMailbox> mailbox_;
   const std::shared_ptr<StreamStatus> status_ = std::make_shared<StreamStatus>();
+  const std::shared_ptr<StreamMailbox> mailbox_;
   StatusRegistry::Registration registration_;
 
   /// Held while the stream is started and stopped; never while a batch is handled.
@@ -212,13 +214,22 @@ void FSEventStream::Impl::deliver() {
     StreamMailbox& mailbox;
     ~Done() { mailbox.handled(); }
   } const done{*mailbox_};
+  const auto tellLosses = [&] {
+    // Nothing follows the end of the stream, though the callback be what ended it.
+    if (!batch->losses.empty() && lossCallback_ && engines()) lossCallback_(stream_, batch->losses);
+  };
   if (!batch->events.empty()) {
     status_->eventsDelivered += batch->events.size();
     ++status_->deliveries;
-    callback_(stream_, batch->events);
+    try {
+      callback_(stream_, batch->events);
+    } catch (...) {
+      // They come once: without them the reader would wait for a recovery for ever.
+      tellLosses();
+      throw;
+    }
   }
-  // Nothing follows the end of the stream, though the callback be what ended it.
-  if (!batch->losses.empty() && lossCallback_ && engines()) lossCallback_(stream_, batch->losses);
+  tellLosses();
 }
 
 void FSEventStream::Impl::flushSync() {

@@ -32,8 +32,14 @@ FSEventStreamEventId FSEventsGetCurrentEventId();
 /// their new paths, and folders that leave fall silent. Symbolic links below a watched path are not followed; a watched path that is one
 /// is. A watched path need not exist: watching begins when it appears.
 ///
-/// Known limits: a write through a hard link in a folder that is not watched, a store through a shared mapping (told when the mapping ends)
-/// and changes by other machines on a network file system are not told.
+/// What is mounted below a path is watched too, Mount and Unmount are told of the folder that it is mounted on, and no mount is kept busy.
+/// Where the kernel marks no further folder, or none at all, folders are compared from time to time instead; on network file systems and
+/// FUSE that is done too, since others write there unseen.
+///
+/// What cannot be told: a write through a hard link in a folder that is not watched; a store through a shared mapping before the mapping
+/// ends. Changes by other machines, and by a program behind a FUSE mount, are told when they are found. Owner, mode and extended attributes
+/// are all ItemInodeMetaMod, since the kernel does not say which; of an item that is gone before it was looked at, no more is known than
+/// whether it was a folder.
 ///
 /// Threads: any thread may call anything. The callback runs on the thread of the run loop that the stream is scheduled on. `stop`,
 /// `invalidate` and destruction wait for a running callback, except when called from inside it, and end that run loop when nothing else is
@@ -42,8 +48,9 @@ class FSEventStream {
  public:
   /// `events` is valid during the call only. Events of one path are in the order in which they happened.
   using Callback = std::function<void(FSEventStream& stream, std::span<const FSEvent> events)>;
-  /// What cannot be told at the moment, and where that is over: a loss begins with an event (MustScanSubDirs) that comes before its notice
-  /// or with it, and lasts until a notice says otherwise. In order with the events. `notices` is valid during the call only.
+  /// What cannot be told at the moment, and where that is over: a loss begins, of which an event with MustScanSubDirs tells too, a little
+  /// before or after, and lasts until a notice says otherwise. In order, and never while events are handed over. `notices` is valid during
+  /// the call only.
   using LossNotice = fsevents::LossNotice;
   using LossCallback = std::function<void(FSEventStream& stream, std::span<const LossNotice> notices)>;
 
@@ -88,8 +95,11 @@ class FSEventStream {
   [[nodiscard]] FSEventStreamEventId getLatestEventId() const;
 
   /// A dictionary of what `kestrine status` shows: "paths" (array), "state" (text: "created", "started", "stopped", "invalid"), "source"
-  /// ("fanotify", "inotify" or both joined by "+"), "foldersMarked", "eventsDelivered", "deliveries" (numbers), "losses" (array of
-  /// dictionaries "reason", "path", "count"), "unreadable" (array of paths), "polled" (array of paths), "error" (text, when start failed).
+  /// ("fanotify", "inotify", "polling", several joined by "+"), "trees" (array of dictionaries "path", "source": what serves each watched
+  /// path and mount), "foldersMarked", "eventsDelivered", "deliveries" (numbers), "losses" (array of dictionaries "path", "reason",
+  /// "remedy", "count", "lasting"), "unreadable" (array of paths), "regions" (array of dictionaries "path", "folders", "interval" in
+  /// seconds, "reason": what is polled), "polled" (array of folders on the way to watched paths that are polled), "error" (text, when start
+  /// failed).
   [[nodiscard]] Object status() const;
 
  private:

@@ -47,9 +47,9 @@ bool isRecent(const PolledItem& item, std::int64_t lookedAt, const StampRules& r
 PolledItem lookAt(int folder, const char* name, std::uint64_t listedInode, unsigned char type, int& error) {
   error = 0;
   struct statx status {};
-  if (::statx(folder, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, kWanted, &status) == 0) {
+  if (::statx(folder, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_EMPTY_PATH, kWanted, &status) == 0) {
     // What is mounted there is not this folder's; what it hides is still there.
-    const bool isCovered = (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+    const bool isCovered = name[0] != '\0' && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
     if (!isCovered) return itemOf(status, listedInode);
     return namedItem(listedInode, S_ISDIR(status.stx_mode) ? DT_DIR : S_ISLNK(status.stx_mode) ? DT_LNK : DT_REG);
   }

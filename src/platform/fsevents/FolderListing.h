@@ -63,7 +63,7 @@ class FolderListing {
   alignas(8) std::array<char, kBufferSize> buffer_;
 };
 
-/// What stands at a name in an open folder: absent, or named only where it cannot be looked at (`error`: errno, else 0).
+/// What stands at a name in an open folder, or, with an empty name, the folder itself: absent, or named only where it cannot be looked at (`error`: errno, else 0).
 PolledItem lookAt(int folder, const char* name, std::uint64_t listedInode, unsigned char type, int& error);
 /// Two stamps further apart than this differ; nanoseconds.
 std::int64_t timeStepOf(const StampRules& rules);

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/foundation/log/Log.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform::fsevents {
 namespace {

@@ -21,8 +21,9 @@ struct Mount {
   /// "ext4", "fuse.sshfs"
   std::string type;
   std::string source;
-  /// A number that no other mount of this machine has or had since it started; 0 where the kernel tells none (before 6.8). Without it
-  /// something that was unmounted and mounted again between two looks at the table may not be told from what it was.
+  /// Stays as it is as long as the mount is there, moved or not, and differs from that of a mount which came in its place and is alike in
+  /// all that the table tells: the kernel gives ids and devices a second time at once. See `Mounts::attend`. 0 in a table that was made
+  /// from text alone.
   std::uint64_t serial = 0;
 
   friend bool operator==(const Mount&, const Mount&) = default;

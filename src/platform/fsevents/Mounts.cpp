@@ -1,10 +1,13 @@
 #include "platform/fsevents/Mounts.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <functional>
 #include <limits>
 #include <string>
 #include <utility>
@@ -19,6 +22,13 @@ namespace {
 constexpr const char* kTableFile = "/proc/thread-self/mountinfo";
 /// A change must fall into each reading of the table, which takes less than a millisecond for a hundred mounts.
 constexpr int kAttempts = 10;
+
+/// The same for mounts that are alike in everything that stays as it is when a mount is moved.
+std::uint64_t madeUpSerial(const Mount& mount, std::uint64_t generation) {
+  std::string text = fmt::format("{} {} ", mount.id, generation);
+  for (const std::string* const part : {&mount.device, &mount.root, &mount.type, &mount.source}) text.append(*part).push_back('\0');
+  return std::hash<std::string>{}(text) | 1U;
+}
 
 }  // namespace
 
@@ -43,10 +53,16 @@ bool Mounts::readOnce(std::vector<Mount>& mounts) {
     return false;
   }
   mounts = parseMounts(*text);
-  serials_.read();
-  for (Mount& mount : mounts) mount.serial = serials_.of(mount.id);
+  hasSerials_ = serials_.read();
+  witnesses_.look();
+  for (Mount& mount : mounts) {
+    mount.serial = hasSerials_ ? serials_.of(mount.id) : 0;
+    if (mount.serial == 0) mount.serial = madeUpSerial(mount, witnesses_.generationOf(mount.id));
+  }
   return true;
 }
+
+int Mounts::attend(const std::vector<Mount>& mounts) { return hasSerials_ ? 0 : witnesses_.attend(mounts); }
 
 bool Mounts::read() {
   std::vector<Mount> mounts;

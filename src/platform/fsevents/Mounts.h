@@ -5,6 +5,7 @@
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/fsevents/MountSerials.h"
 #include "platform/fsevents/MountTable.h"
+#include "platform/fsevents/MountWitnesses.h"
 
 namespace platform::fsevents {
 
@@ -27,6 +28,12 @@ class Mounts {
   /// A table that never stands still is taken as it is after some attempts; the descriptor then tells that there is more.
   bool read();
 
+  /// The mounts that folders are to be watched on, before they are: if one of them goes and another comes in its place between two
+  /// readings, the table will differ (by `Mount::serial`). Where the kernel numbers mounts for ever that is so for all of them, and this
+  /// does nothing; else it looks at each place once, so a file system that hangs holds this up. Returns 0, or errno where one cannot be
+  /// told apart (no queue or watch left; EACCES where its root may not be read).
+  int attend(const std::vector<Mount>& mounts);
+
   /// The last that could be read: empty when none could.
   [[nodiscard]] const MountTable& table() const { return table_; }
 
@@ -40,6 +47,8 @@ class Mounts {
 
   FileHandle file_;
   MountSerials serials_;
+  bool hasSerials_ = false;
+  MountWitnesses witnesses_;
   MountTable table_;
   int error_ = 0;
 };

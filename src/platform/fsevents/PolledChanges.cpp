@@ -15,6 +15,15 @@ struct Sighting {
   std::uint32_t change;
 };
 
+/// Whether the kernel has told since what a look would tell now. That an item was written to does not say that it is new.
+template <class Change>
+bool isOutdone(const PolledFolder& folder, std::string_view name, const Change& change) {
+  constexpr FSEventStreamEventFlags kArrived = kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRenamed;
+  const auto told = folder.told.find(name);
+  if (told == folder.told.end()) return false;
+  return change.came == 0 || told->second.item.isAbsent || (told->second.flags & kArrived) != 0;
+}
+
 bool isBefore(const Sighting& one, const Sighting& other) {
   return one.inode != other.inode ? one.inode < other.inode : one.change < other.change;
 }
@@ -75,33 +84,49 @@ void PolledChanges::pair(Change& source, Change& target) const {
 void PolledChanges::tellName(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags gone,
                              FSEventStreamEventFlags came) {
   const NodeId folder = look.folder->node;
-  const bool isElsewhere = look.seen && !look.seen->path.empty();
-  const FormerPlace& place = isElsewhere ? *look.seen : *look.missed;
-  if (gone != 0 && !place.path.empty()) {
-    host.changedAt(place.path, name, gone);
+  if (gone != 0 && look.seen && !look.seen->path.empty()) {
+    host.changedAt(look.seen->path, name, std::exchange(gone, 0));
     // Before or after the move: whoever was told of the new place may have seen it there.
-    gone = 0;
-    if (isElsewhere && !place.isExact) host.changed(folder, {}, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
+    if (!look.seen->isExact) host.changed(folder, {}, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
   }
-  if ((gone | came) != 0) host.changed(folder, name, gone | came);
+  if ((gone | came) == 0) return;
+  if (look.missed->path.empty()) {
+    host.changed(folder, name, gone | came);
+  } else {
+    host.changedAt(look.missed->path, name, gone | came);
+  }
 }
 
 void PolledChanges::tellOne(PolledRegion::Host& host, Change& change) {
   const Look& look = looks_[change.look];
   const std::string_view name = nameOf(change);
   // What the kernel told of the name since is the later word.
-  if (look.folder->isRemoved || look.folder->told.contains(name)) change.gone = change.came = 0;
-  const bool isGone = step_ == Step::MovedGone || step_ == Step::FoldersGone;
-  const FSEventStreamEventFlags flags = isGone ? change.gone : change.came;
-  const bool isOfMoved = (flags & kFSEventStreamEventFlagItemRenamed) != 0;
+  if (look.folder->isRemoved || isOutdone(*look.folder, name, change)) change.gone = change.came = 0;
   if (step_ == Step::Names) {
     tellName(host, look, name, change.gone, change.came);
-  } else if ((flags & kFSEventStreamEventFlagItemIsDir) == 0 || isOfMoved != (step_ < Step::Names)) {
-    return;
-  } else if (isGone) {
-    if (!isOfMoved || !std::exchange(change.isGoneMoved, true)) host.folderGone(look.folder->node, name, flags);
   } else {
-    if (!isOfMoved || !std::exchange(change.isFoundMoved, true)) host.folderFound(look.folder->node, name, flags);
+    tellTree(host, look, name, change);
+  }
+}
+
+void PolledChanges::tellTree(PolledRegion::Host& host, const Look& look, std::string_view name, Change& change) {
+  constexpr FSEventStreamEventFlags kMovedFolder = kFSEventStreamEventFlagItemRenamed | kFSEventStreamEventFlagItemIsDir;
+  const NodeId folder = look.folder->node;
+  const bool wasFolder = (change.gone & kFSEventStreamEventFlagItemIsDir) != 0;
+  const bool isFolder = (change.came & kFSEventStreamEventFlagItemIsDir) != 0;
+  const bool hasArrived = (change.came & kMovedFolder) == kMovedFolder;
+  // One whose place is taken by a folder that moved may yet be found elsewhere.
+  const bool isLeaving = (change.gone & kMovedFolder) == kMovedFolder || (wasFolder && hasArrived);
+  if (step_ == Step::MovedGone && isLeaving && !std::exchange(change.isGoneMoved, true)) {
+    host.folderGone(folder, name, kMovedFolder);
+  } else if (step_ == Step::MovedFound && hasArrived && !std::exchange(change.isFoundMoved, true)) {
+    arriving_ = after(change).inode;
+    host.folderFound(folder, name, change.came);
+    arriving_ = 0;
+  } else if (step_ == Step::FoldersGone && wasFolder && !change.isGoneMoved) {
+    host.folderGone(folder, name, change.gone);
+  } else if (step_ == Step::FoldersFound && isFolder && !change.isFoundMoved) {
+    host.folderFound(folder, name, change.came);
   }
 }
 
@@ -130,9 +155,9 @@ void PolledChanges::tellRemoved(PolledFolder& folder, PolledRegion::Host& host) 
   for (std::size_t at = 0; at < changes_.size(); ++at) {
     Change& change = changes_[at];
     if (looks_[change.look].folder.get() != &folder) continue;
+    const bool isTold = step_ > Step::Names || (step_ == Step::Names && at < next_) || isOutdone(folder, nameOf(change), change);
     const FSEventStreamEventFlags gone = std::exchange(change.gone, 0);
     change.came = 0;  // what is there now is told as removed by the owner
-    const bool isTold = step_ > Step::Names || (step_ == Step::Names && at < next_) || folder.told.contains(nameOf(change));
     if (!isTold) tellName(host, looks_[change.look], nameOf(change), gone, 0);
   }
 }

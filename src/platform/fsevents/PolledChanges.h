@@ -33,6 +33,8 @@ class PolledChanges {
   /// Tells what waits of this folder as removed, and no more than that, since the folder itself is gone.
   void tellRemoved(PolledFolder& folder, PolledRegion::Host& host);
   void clear();
+  /// The inode of the renamed folder for which `folderFound` is being called; 0 else.
+  [[nodiscard]] std::uint64_t arriving() const { return arriving_; }
 
   static constexpr std::size_t kMaximum = std::size_t{1} << 16U;
 
@@ -64,6 +66,7 @@ class PolledChanges {
   void pair(Change& source, Change& target) const;
   static void tellName(PolledRegion::Host& host, const Look& look, std::string_view name, FSEventStreamEventFlags gone,
                        FSEventStreamEventFlags came);
+  void tellTree(PolledRegion::Host& host, const Look& look, std::string_view name, Change& change);
   void tellOne(PolledRegion::Host& host, Change& change);
   bool tellUntil(PolledRegion::Host& host, Step last, Clock::time_point end);
 
@@ -71,6 +74,7 @@ class PolledChanges {
   std::vector<Change> changes_;
   Step step_ = Step::MovedGone;
   std::size_t next_ = 0;
+  std::uint64_t arriving_ = 0;
 };
 
 }  // namespace platform::fsevents

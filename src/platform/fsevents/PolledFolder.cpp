@@ -10,8 +10,8 @@ namespace {
 /// The kernel has said more than the table knows.
 bool bringUpToDate(PolledFolder& folder) {
   if (folder.told.empty()) return true;
-  for (const auto& [name, item] : folder.told) {
-    if (!folder.table->append(name, item)) return false;
+  for (const auto& [name, told] : folder.told) {
+    if (!folder.table->append(name, told.item)) return false;
   }
   folder.table->arrange();
   folder.told.clear();
@@ -34,7 +34,7 @@ std::uint8_t looksAfterChange(const PolledItem& item, const StampRules& rules) {
 
 }  // namespace
 
-bool PolledComparison::take(PolledFolder& folder, FolderListing& listing, Judgement judgement) {
+bool PolledComparison::compare(PolledFolder& folder, FolderListing& listing, Judgement judgement) {
   if (!bringUpToDate(folder) || !listing.finish(*folder.table)) {
     errno = EOVERFLOW;
     return false;
@@ -56,11 +56,14 @@ bool PolledComparison::take(PolledFolder& folder, FolderListing& listing, Judgem
     replaced.emplace_back(b == FolderTable::kNone ? kNone : static_cast<std::uint32_t>(b),
                           a == FolderTable::kNone ? kNone : static_cast<std::uint32_t>(a));
   });
-  former = std::exchange(folder.table, std::make_shared<FolderTable>(std::move(table)));
+  return true;
+}
+
+void PolledComparison::take(PolledFolder& folder, FolderListing& listing) {
+  former = std::exchange(folder.table, std::make_shared<FolderTable>(std::move(listing.table())));
   formerPlace = std::exchange(folder.place, nullptr);
   folder.lookBegan = listing.began();
   folder.lookEnded = listing.ended();
-  return true;
 }
 
 void PolledComparison::compareItem(FolderTable& table, const PolledItem& before, std::size_t at, const Judgement& judgement) {

@@ -21,16 +21,26 @@ struct FormerPlace {
   bool isExact = false;
 };
 
+/// What the kernel told of an item, and what the disk showed then.
+struct ToldItem {
+  PolledItem item;
+  FSEventStreamEventFlags flags = 0;
+};
+
 /// What a region knows of one folder. Shared with what is under way when the folder is removed from the region meanwhile.
 struct PolledFolder {
   PolledFolder(NodeId number, PolledRegion::Why reason) : node(number), why(reason) {}
 
   const NodeId node;
   const PolledRegion::Why why;
+  /// The folder itself.
+  PolledItem self;
+  /// Another was found in its place at the last look.
+  bool wasDisplaced = false;
   /// Never changed while PolledChanges speaks of it.
   std::shared_ptr<FolderTable> table = std::make_shared<FolderTable>();
   /// What the kernel told since the table was made, by name; goes before the table.
-  std::map<std::string, PolledItem, std::less<>> told;
+  std::map<std::string, ToldItem, std::less<>> told;
   /// Of the last look; made when somebody asks.
   std::shared_ptr<FormerPlace> place;
   /// The clock of stamps when the last look began and ended.
@@ -47,7 +57,7 @@ struct PolledFolder {
   std::shared_ptr<FormerPlace> placeOfLook() { return place ? place : place = std::make_shared<FormerPlace>(); }
   [[nodiscard]] PolledItem find(std::string_view name) const {
     const auto known = told.find(name);
-    return known != told.end() ? known->second : table->find(name);
+    return known != told.end() ? known->second.item : table->find(name);
   }
 };
 
@@ -73,8 +83,11 @@ struct PolledComparison {
     std::int64_t formerBegan = 0;
     bool isEarly = false;
   };
-  /// Compares and makes the new look what is known. False and EOVERFLOW where the folder is beyond all bounds; then nothing has changed.
-  bool take(PolledFolder& folder, FolderListing& listing, Judgement judgement);
+  /// False and EOVERFLOW where the folder is beyond all bounds.
+  bool compare(PolledFolder& folder, FolderListing& listing, Judgement judgement);
+  /// Makes the new look what is known.
+  void take(PolledFolder& folder, FolderListing& listing);
+  [[nodiscard]] bool hasDifferences() const { return !changed.empty() || !replaced.empty(); }
 
  private:
   void compareItem(FolderTable& table, const PolledItem& before, std::size_t at, const Judgement& judgement);

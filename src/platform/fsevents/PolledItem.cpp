@@ -55,7 +55,7 @@ FSEventStreamEventFlags flagOf(PolledItem::Kind kind) {
 bool isSameItem(const PolledItem& before, const PolledItem& after, const StampRules& rules) {
   if (before.kind != after.kind) return false;
   if (before.isNamedOnly != after.isNamedOnly) {
-    const bool isComparable = before.isNamedOnly ? after.isNumberedAlike : before.isNumberedAlike;
+    const bool isComparable = before.isNamedOnly ? after.isNumberedAlike && before.inode != 0 : before.isNumberedAlike;
     return !isComparable || before.inode == after.inode;
   }
   const bool isSameBirth = before.birth == after.birth || before.birth == 0 || after.birth == 0;

@@ -1,5 +1,6 @@
 #include "platform/fsevents/PolledRegion.h"
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,6 +65,7 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
   if (::lseek(descriptor, 0, SEEK_SET) != 0) return false;
   const bool isListed = listing.read(Clock::time_point::max()) == FolderListing::Progress::Done && listing.finish({});
   const int error = listing.error() != 0 ? listing.error() : EOVERFLOW;
+  int ignored = 0;
   // Whoever lists it after this begins at its beginning.
   if (::lseek(descriptor, 0, SEEK_SET) != 0) return false;
   if (!isListed) {
@@ -71,6 +73,7 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
     return false;
   }
   auto fresh = std::make_shared<PolledFolder>(folder, why);
+  fresh->self = lookAt(descriptor, "", 0, DT_DIR, ignored);
   FolderTable& table = *(fresh->table = std::make_shared<FolderTable>(std::move(listing.table())));
   fresh->lookBegan = listing.began();
   fresh->lookEnded = listing.ended();
@@ -86,6 +89,15 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
   if (folders_.empty() && phase_ == Phase::Resting) due_ = Clock::now() + interval_;
   folders_.emplace(folder, std::move(fresh));
   return true;
+}
+
+void PolledRegion::listed(NodeId folder, std::string_view name, FSEventStreamEventFlags kind) {
+  const FolderPointer known = find(folder);
+  if (!known || !known->find(name).isAbsent) return;
+  const bool isFolder = (kind & kFSEventStreamEventFlagItemIsDir) != 0;
+  const bool isLink = (kind & kFSEventStreamEventFlagItemIsSymlink) != 0;
+  const PolledItem item = namedItem(0, isFolder ? DT_DIR : isLink ? DT_LNK : DT_REG);
+  known->told.insert_or_assign(std::string(name), ToldItem{item, 0});
 }
 
 void PolledRegion::remove(NodeId folder) {
@@ -116,8 +128,8 @@ void PolledRegion::tellAllRemoved(NodeId folder, Host& host) {
   for (std::size_t at = 0; at < table.size(); ++at) {
     if (!told.contains(table.name(at))) tellOne(table.name(at), table.item(at));
   }
-  for (const auto& [name, item] : told) {
-    if (!item.isAbsent) tellOne(name, item);
+  for (const auto& [name, last] : told) {
+    if (!last.item.isAbsent) tellOne(name, last.item);
   }
 }
 
@@ -127,9 +139,11 @@ void PolledRegion::moved(NodeId folder, std::string_view formerPlace) {
   FormerPlace& place = *known->placeOfLook();
   if (!place.path.empty()) return;
   place.path = formerPlace;
-  // One that is being listed was opened before it moved.
-  place.isExact = phase_ == Phase::Moving && !known->isLeaving;
-  if (place.isExact) moved_.push_back(known);
+  if (phase_ != Phase::Moving || known->isLeaving) return;
+  // Of one that is found on the way, in a folder that is taken up, somebody may have been told already.
+  if (known->self.inode == changes_->arriving()) directlyMoved_ = changes_->arriving();
+  place.isExact = changes_->arriving() != 0 && directlyMoved_ == changes_->arriving();
+  moved_.push_back(known);
 }
 
 void PolledRegion::told(NodeId folder, int descriptor, std::string_view name, FSEventStreamEventFlags flags) {
@@ -145,7 +159,8 @@ void PolledRegion::told(NodeId folder, int descriptor, std::string_view name, FS
   if (rest == 0 || (rest & ~coveredBy(flags)) != 0) return;
   // Somebody else's change right after it may leave the same stamp.
   item.looks = isStampedElsewhere(item) || isRecent(item, now, rules) ? PolledItem::kTold : 0;
-  known->told.insert_or_assign(std::string(name), item);
+  ToldItem& told = known->told[std::string(name)];
+  told = {item, told.flags | flags};
 }
 
 std::optional<PolledRegion::Clock::time_point> PolledRegion::due() const {
@@ -276,12 +291,26 @@ bool PolledRegion::openNext(Host& host) {
     if (!isGone(error)) lookFailed(host, *folder, error);
     return true;
   }
+  if (!isHere(*folder, opened.fileDescriptor())) return true;
   isMarked_ = folder->why == Why::MarkRefused && triesMarks_ && host.tryMark(folder->node, opened.fileDescriptor());
   triesMarks_ = triesMarks_ && (isMarked_ || folder->why != Why::MarkRefused);
   if (folder->isRemoved) return true;
   current_ = folder;
   opened_ = std::move(opened);
   listing_ = std::make_unique<FolderListing>(opened_.fileDescriptor(), StampRules{timeStep_.count(), foreign_});
+  return true;
+}
+
+bool PolledRegion::isHere(PolledFolder& folder, int descriptor) const {
+  int error = 0;
+  const PolledItem found = lookAt(descriptor, "", 0, DT_DIR, error);
+  if (error != 0) return true;
+  const bool isKnown = isSameItem(folder.self, found, {timeStep_.count(), foreign_});
+  // That another took its name is told in the folder above, and where this one is. When nobody said so by the next time, it was the file
+  // system that changed its mind about numbers; where those mean little, they say nothing at all.
+  folder.wasDisplaced = !isKnown && !folder.wasDisplaced && !foreign_;
+  if (folder.wasDisplaced) return false;
+  folder.self = found;
   return true;
 }
 
@@ -299,16 +328,24 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
   PolledComparison comparison;
   if (progress == FolderListing::Progress::Done) {
     offset_ = std::max(offset_, listing_->offset());
-    if (!comparison.take(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
-    if (error == 0) error = listing_->itemError();
+    if (!comparison.compare(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
   }
-  const bool isLast = isMarked_ && error == 0;
+  if (error == 0 && comparison.hasDifferences() && !hasStayed(host, *folder)) {
+    closeCurrent();
+    return;
+  }
+  if (error == 0) {
+    error = listing_->itemError();
+    comparison.take(*folder, *listing_);
+  }
+  folder->isLeaving = isMarked_ && error == 0;
+  if (folder->isLeaving) leaving_.push_back(folder);
   closeCurrent();
+  tellLook(host, folder, comparison, error);
+}
+
+void PolledRegion::tellLook(Host& host, const FolderPointer& folder, const PolledComparison& comparison, int error) {
   changes_->add(folder, comparison);
-  if (isLast) {
-    folder->isLeaving = true;
-    leaving_.push_back(folder);
-  }
   const std::shared_ptr<const FolderTable> table = folder->table;
   for (const auto& [at, flags] : comparison.changed) {
     if (!folder->isRemoved) host.changed(folder->node, table->name(at), flags);
@@ -319,6 +356,15 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
   } else if (std::exchange(folder->hasFailed, false) && !folder->isRemoved) {
     host.recovered(folder->node);
   }
+}
+
+bool PolledRegion::hasStayed(Host& host, PolledFolder& folder) const {
+  // What was seen in it through its descriptor may have happened in another place, which is about to be found out.
+  const FileHandle again = host.openFolder(folder.node);
+  const bool isDisplaced = std::exchange(folder.wasDisplaced, false);
+  const bool hasStayed = again.isOpen() && !folder.isRemoved && isHere(folder, again.fileDescriptor());
+  folder.wasDisplaced = isDisplaced;
+  return hasStayed;
 }
 
 void PolledRegion::lookFailed(Host& host, PolledFolder& folder, int error) {

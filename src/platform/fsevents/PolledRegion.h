@@ -16,6 +16,7 @@ namespace platform::fsevents {
 
 class FolderListing;
 class PolledChanges;
+struct PolledComparison;
 struct PolledFolder;
 struct PolledItem;
 
@@ -28,7 +29,8 @@ struct PolledItem;
 /// What can be told is the difference of two looks: of what came and went between them nothing, of several changes of one item their sum.
 /// A folder whose attributes changed before something was put into it, both between two looks, is told by mode and owner only.
 ///
-/// Memory: see FolderTable. Threads: owned and used by one thread, its tree's.
+/// Memory: 35 bytes an item and its name, and about 250 a folder; measured with names of 14 bytes: 61 an item in folders of a thousand, 77 in
+/// folders of ten. Threads: owned and used by one thread, its tree's.
 class PolledRegion {
  public:
   using Clock = std::chrono::steady_clock;
@@ -57,9 +59,10 @@ class PolledRegion {
     virtual void changed(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     /// The same of what went from a folder before the folder moved: told where it was (see `moved`).
     virtual void changedAt(std::string_view formerPlace, std::string_view name, FSEventStreamEventFlags flags) = 0;
-    /// A subfolder is not there any more, and, after all of those, another is there. With ItemRenamed the same inode was found under
-    /// another name: both are called, before anything of the pass is told, and the tree keeps its node and what is below it in between, in
-    /// the region too, and says `moved`. With ItemRemoved and ItemCreated they come after `changed` has told of them.
+    /// A subfolder is not there any more, and, after all of those, another is there. With ItemRenamed they come before anything of the pass
+    /// is told: what has left its place is likely to be found in another, so the tree keeps its node and what is below it, in the region
+    /// too, and says `moved` when it puts it there. What is not found by the end of `work` has been removed (`tellAllRemoved`). With
+    /// ItemRemoved and ItemCreated they come after `changed` has told of them.
     virtual void folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     virtual void folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     /// The folder could not be opened or listed, or one of its items could not be looked at. What is known of it is kept, and it is looked at
@@ -78,6 +81,9 @@ class PolledRegion {
   /// Takes the open folder in. What is in it now is what later changes are told against, so whoever wants to tell of its content lists it
   /// after this. False and errno when it could not be listed; then it is not in the region. A folder that is in it already begins anew.
   bool add(NodeId folder, int descriptor, Why why);
+  /// Whoever lists a folder after `add` and follows or tells of what it finds says so of each name: what has come since the baseline, and is
+  /// gone again before the first look, is told as removed.
+  void listed(NodeId folder, std::string_view name, FSEventStreamEventFlags kind);
   /// Forgets the folder; nothing of it is told any more. Nothing when it is not in the region.
   void remove(NodeId folder);
   /// The folder was removed with all that it held: tells each item known in it as removed, and knows it empty from then on.
@@ -120,8 +126,13 @@ class PolledRegion {
   /// Whether there was another folder to come to.
   bool openNext(Host& host);
   FolderPointer nextFolder();
+  /// Whether the folder that was opened is the one that is known.
+  [[nodiscard]] bool isHere(PolledFolder& folder, int descriptor) const;
   void closeCurrent();
   void lookOn(Host& host, Clock::time_point end);
+  void tellLook(Host& host, const FolderPointer& folder, const PolledComparison& comparison, int error);
+  /// Whether the folder that was looked at is still in its place.
+  [[nodiscard]] bool hasStayed(Host& host, PolledFolder& folder) const;
   void lookFailed(Host& host, PolledFolder& folder, int error);
   [[nodiscard]] bool isStampedElsewhere(const PolledItem& item) const;
   [[nodiscard]] bool isUnderWay(const PolledFolder& folder) const { return listing_ && current_.get() == &folder; }
@@ -147,6 +158,8 @@ class PolledRegion {
   std::unique_ptr<PolledChanges> changes_;
   /// Folders that were found in new places, to be looked at there before the pass tells anything; how often that came round.
   std::vector<FolderPointer> moved_;
+  /// The inode of the last one that was moved because it was found itself.
+  std::uint64_t directlyMoved_ = 0;
   bool isLookingAgain_ = false;
   int rounds_ = 0;
   std::vector<FolderPointer> leaving_;

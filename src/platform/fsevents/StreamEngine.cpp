@@ -99,7 +99,7 @@ bool StreamEngine::attachPlace() {
   placeTree_ = &trees_.add(place_->options);
   placeTree_->avoid(place_->avoided);
   int error = 0;
-  const WatchedTree::Attached attached = trees_.attach(*placeTree_, 0, since, error);
+  const WatchedTree::Attached attached = trees_.attachMount(*placeTree_, 0, since, error);
   FSEventStreamEventFlags told = place_->told;
   if (attached == WatchedTree::Attached::Refused) {
     const bool isNew = shared_->status->losses().begin(LossKind::QueueLimit, shownPath(place_->options),
@@ -272,8 +272,9 @@ void StreamEngine::hangs(const std::string& path) {
   const bool isNew = shared_->status->losses().begin(LossKind::Hang, path, "the file system does not answer",
                                                      "see to the server or the program behind it; to be rid of it: umount -l");
   StreamBatch batch;
-  if (isNew) batch.events.push_back({path, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir, 0});
-  batch.losses = shared_->status->losses().takeNotices();
+  const FSEventStreamEventFlags kind =
+      shared_->configuration.has(kFSEventStreamCreateFlagFileEvents) ? kFSEventStreamEventFlagItemIsDir : 0;
+  if (isNew) batch.events.push_back({path, kFSEventStreamEventFlagMustScanSubDirs | kind, 0});
   batch.knownEmpty = EventClock::now();
   window_.mailbox().tell(window_.number(), std::move(batch));
   window_.mailbox().excuse(window_.number());

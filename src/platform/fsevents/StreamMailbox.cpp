@@ -39,6 +39,7 @@ void StreamMailbox::enter(EngineNumber engine, const EventClock::Member& member,
   }
   FSEventStreamEventId id = EventClock::shared().reserve(member, batch.events.size(), batch.knownEmpty);
   for (FSEvent& event : batch.events) event.id = id++;
+  if (notices_) batch.losses = notices_();
   letters_.push_back({engine, std::move(batch)});
   signal_();
   changed_.notifyAll();

@@ -22,6 +22,7 @@ namespace platform::fsevents {
 struct StreamBatch {
   /// Without identifiers until it enters the mailbox.
   std::vector<FSEvent> events;
+  /// What the mailbox adds: the notices of the whole stream.
   std::vector<LossNotice> losses;
   /// When the kernel queues of the engine were last known empty (EventClock::now); what is told is not older.
   std::uint64_t knownEmpty = 0;
@@ -41,8 +42,10 @@ class StreamMailbox {
  public:
   using EngineNumber = std::uint64_t;
 
-  /// `signal` is called when there is something to handle.
-  explicit StreamMailbox(std::function<void()> signal) : signal_(std::move(signal)) {}
+  /// `signal` is called when there is something to handle. Whichever batch comes in takes along what `notices` returns
+  /// (Losses::takeNotices), so that they stay in their order although engines work side by side.
+  explicit StreamMailbox(std::function<void()> signal, std::function<std::vector<LossNotice>()> notices = {})
+      : signal_(std::move(signal)), notices_(std::move(notices)) {}
   StreamMailbox(const StreamMailbox&) = delete;
   StreamMailbox& operator=(const StreamMailbox&) = delete;
 
@@ -100,6 +103,7 @@ class StreamMailbox {
   [[nodiscard]] bool isHistoryComplete() const REQUIRES(mutex_);
 
   const std::function<void()> signal_;
+  const std::function<std::vector<LossNotice>()> notices_;
   mutable Mutex mutex_;
   Condition changed_;
   std::map<EngineNumber, Slot> slots_ GUARDED_BY(mutex_);

@@ -60,7 +60,7 @@ class WatchedRoots {
     TreeOptions options;
     bool isHere = true;
     WatchedTree* tree = nullptr;
-    RootIdentity identity = {};
+    RootIdentity identity{};
     bool isRefused = false;
     std::set<std::string, std::less<>> avoided = {};
     /// Another engine has had it until now.

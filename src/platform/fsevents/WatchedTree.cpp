@@ -19,6 +19,8 @@ constexpr std::chrono::seconds kMaximumFlush(1);
 constexpr std::chrono::seconds kMaximumPolledFlush(30);
 /// Until the queues are looked at again when something waits for them to be empty.
 constexpr std::chrono::milliseconds kSoon(2);
+/// And when there are no descriptors to look with.
+constexpr std::chrono::milliseconds kBlindPause(50);
 /// How much earlier than the last look at an empty queue a change may be stamped that is told after it: what the kernel had stamped then
 /// and not yet queued. Larger writes in progress are told when they end.
 constexpr std::chrono::seconds kResumeSlack(1);
@@ -224,7 +226,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (!young_.empty() && !hasUnapplied()) young_.clear();
   // Not while changes wait behind the first half of a move: they may explain what is in doubt.
   if (!again) resolveUnsettled();
-  if (!unsettled_.empty()) sooner(Clock::now() + kSoon);
+  if (!unsettled_.empty()) sooner(Clock::now() + (isBlind_ ? kBlindPause : kSoon));
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   if (doubted_) repair(0);

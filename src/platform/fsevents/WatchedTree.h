@@ -160,7 +160,10 @@ class WatchedTree final : private PolledRegion::Host {
   FSEventStreamEventFlags pastOf(int folder, const char* name, bool amongChanged) const;
   bool tellPastOf(NodeId node, int folder);
   static bool isOwnPreferencesIn(int folder, std::string_view name);
-  bool isStillAt(NodeId node, std::string_view key);
+  /// Where a folder is that the tree has at a place; unknown while there are no descriptors to look.
+  enum class Presence { There, Elsewhere, Unknown };
+  Presence presenceOf(NodeId node);
+  bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
   void repair(FSEventStreamEventFlags dropped);
   void walkAgain();
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
@@ -171,6 +174,8 @@ class WatchedTree final : private PolledRegion::Host {
 
   // WatchedTreeTrouble.cpp: folders that cannot be read or marked.
   void openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error);
+  /// Learns the key of a folder that cannot be opened, so that what becomes of it is known.
+  void identify(NodeId node, int parentFolder, std::string_view name);
   void refusedFolder(NodeId node, NodeId parent, int parentFolder, std::string_view name);
   void troubled(NodeId node, int error);
   std::optional<Clock::time_point> retryTroubled();
@@ -183,6 +188,8 @@ class WatchedTree final : private PolledRegion::Host {
   void tellRegion();
   void updatePolled(NodeId folder, std::string_view name, FSEventStreamEventFlags flags);
   void polledMoved(NodeId top, const std::string& formerPath);
+  /// Tells everything that is known in the polled folders at and below `top` as removed.
+  void tellPolledRemoved(NodeId top);
   std::optional<Clock::time_point> workOnRegion();
   FileHandle openFolder(NodeId folder) override { return openFolder(folder, {}); }
   bool tryMark(NodeId node, int folder) override;
@@ -226,6 +233,8 @@ class WatchedTree final : private PolledRegion::Host {
     bool isTargetThere = false;
     /// Another is there or none, in the folder that the tree has it in.
     bool isTargetGone = false;
+    /// There was a shortage: nothing was seen.
+    bool isBlind = false;
   };
   void unsettle(NodeId folder, std::string_view name, std::string_view target, FSEventStreamEventFlags report = 0, bool isUntold = false);
   void resolveUnsettled();
@@ -306,6 +315,7 @@ class WatchedTree final : private PolledRegion::Host {
   /// Whether the last look found nothing in the kernel queue.
   bool queuesWereEmpty_ = true;
   Unsettled unsettled_;
+  bool isBlind_ = false;
   /// Of folders that were found ahead of the queue: up to where it had been read before the folder was opened, and after it was marked.
   /// What lies before is about what was at its place earlier, or about the folder itself where it was earlier.
   struct Youth {

@@ -157,12 +157,15 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
 
 void WatchedTree::folderRemoved(NodeId folder, std::string_view name, std::string_view target) {
   ++structure_;
-  if (!target.empty()) {
-    const NodeId node = tree_.findByKey(target);
-    if (node != kNoNode && node != DirectoryTree::kRoot) forget(node, Why::Removed);
-    return;
-  }
   const NodeId node = name.empty() ? kNoNode : tree_.child(folder, name);
+  if (!target.empty()) {
+    if (const NodeId known = tree_.findByKey(target); known != kNoNode) {
+      if (known != DirectoryTree::kRoot) forget(known, Why::Removed);
+      return;
+    }
+    // One that could not be read may have no key, so that only its name tells it from others.
+    if (node == kNoNode || !tree_.key(node).empty()) return;
+  }
   if (node == kNoNode) return;
   // The name may already belong to a new folder, which must not be forgotten for the old one's sake: the end of the watch tells.
   if (tree_.key(node).empty()) {
@@ -224,7 +227,7 @@ bool WatchedTree::mayHaveMovedUnmarked(NodeId node) {
   const auto youth = young_.find(node);
   if (youth == young_.end()) return false;
   const std::uint64_t now = source_->position();
-  return now >= youth->second.opened && now < youth->second.marked && !isStillAt(node, tree_.key(node));
+  return now >= youth->second.opened && now < youth->second.marked && !isStillAt(node);
 }
 
 void WatchedTree::forget(NodeId node, Why why) {
@@ -240,8 +243,8 @@ void WatchedTree::forget(NodeId node, Why why) {
     young_.erase(gone);
     if ((tree_.flags(gone) & kMarked) == 0) return;
     --marked_;
-    // A removed folder takes its mark along; only inotify can be asked to let go of one at all.
-    if (!source_ || (why == Why::Removed && source_->knowsTargets())) return;
+    // A removed folder takes its mark along. It was empty: what the tree still has below it has gone elsewhere.
+    if (!source_ || (why == Why::Removed && gone == node && source_->knowsTargets())) return;
     source_->forget(tree_.key(gone), rootDescriptor());
     // The kernel tells the end of each mark, and its queue holds only so much.
     if (++removed % kRemovalsBetweenDrains == 0) drain();

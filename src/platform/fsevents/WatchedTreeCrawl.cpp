@@ -119,10 +119,11 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
   // A folder that is seen in two places at once is mounted twice, perhaps within itself; it keeps its first place.
   const bool above = known != kNoNode && tree_.isBelowOrSame(parent, known);
   if (above || (known != kNoNode && tree_.generation(known) == generation_ && !tree_.isDetached(known))) {
-    if (above || isStillAt(known, key)) return kNoNode;
+    if (above || isStillAt(known)) return kNoNode;
   }
   if (there != kNoNode) {
-    if (known == kNoNode && (key.empty() || (tree_.flags(there) & kMarked) == 0)) {
+    // A folder whose key nobody can tell is not marked, and so none that is.
+    if (known == kNoNode && (tree_.key(there).empty() || (tree_.flags(there) & kMarked) == 0)) {
       if (!key.empty()) tree_.setKey(there, key);
       return there;
     }
@@ -139,12 +140,14 @@ bool WatchedTree::isOwnPreferencesIn(int folder, std::string_view name) {
   return writes.hasName(name) && ::fstat(folder, &info) == 0 && writes.isOwnWrite(info.st_dev, info.st_ino, name);
 }
 
-bool WatchedTree::isStillAt(NodeId node, std::string_view key) {
+WatchedTree::Presence WatchedTree::presenceOf(NodeId node) {
   const FileHandle opened = openFolder(node);
-  if (!opened.isOpen()) return false;
+  if (!opened.isOpen()) return isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;
+  if (!source_) return Presence::There;
   KernelKey found;
-  if (!source_) return true;
-  return source_->keyOf(opened.fileDescriptor(), found) == 0 && found.view() == key;
+  if (const int error = source_->keyOf(opened.fileDescriptor(), found); error != 0)
+    return isShortage(error) ? Presence::Unknown : Presence::Elsewhere;
+  return found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
 }
 
 FSEventStreamEventFlags WatchedTree::pastOf(int folder, const char* name, bool amongChanged) const {
@@ -176,6 +179,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool tellsPast = flags == 0 && past_;
   const bool isChanged = tellsPast && tellPastOf(node, descriptor);
   const bool foldersOnly = flags == 0 && !tellsPast;
+  const bool isPolled = region_ && (tree_.flags(node) & kPolled) != 0;
   int listed = 0;
   std::vector<std::pair<std::string, FSEventStreamEventFlags>> held;
   bool isInPlace = true;
@@ -189,6 +193,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   };
   const int error = scanFolder(descriptor, foldersOnly, [&](const char* name, FSEventStreamEventFlags kind) {
     FSEventStreamEventFlags inherited = flags;
+    if (isPolled) region_->listed(node, name, kind);
     if (flags != 0 && !(options_.ignoreSelf && isOwnPreferencesIn(descriptor, name))) held.emplace_back(name, flags | kind);
     if (held.size() >= kHeldNames) tellHeld();
     if (tellsPast) {
@@ -212,7 +217,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
 
 void WatchedTree::doubt() {
   // Where the watched folder itself has gone, that is another's to notice.
-  doubted_ = doubted_ || isStillAt(DirectoryTree::kRoot, tree_.key(DirectoryTree::kRoot));
+  doubted_ = doubted_ || isStillAt(DirectoryTree::kRoot);
 }
 
 void WatchedTree::repair(FSEventStreamEventFlags dropped) {

@@ -48,7 +48,8 @@ void WatchedTree::resolveUnsettled() {
     drain();
     bool waits = false;
     if (source_) waits = source_->dispatch([this](const RawChange& change) { apply(change); }).has_value();
-    if (waits || structure_ != before || overflowed_ || backlogDropped_) {
+    isBlind_ = std::any_of(looks.begin(), looks.end(), [](const Look& look) { return look.isBlind; });
+    if (waits || structure_ != before || overflowed_ || backlogDropped_ || isBlind_) {
       for (Look& look : looks) unsettled_.add(std::move(look.place));
       return;
     }
@@ -91,7 +92,7 @@ std::vector<WatchedTree::Look> WatchedTree::lookAtUnsettled() {
     const bool isUntold = std::any_of(places.begin() + static_cast<std::ptrdiff_t>(i), places.begin() + static_cast<std::ptrdiff_t>(end),
                                       [](const UnsettledPlace& place) { return place.isUntold; });
     // Queue and disk agree.
-    if (node != kNoNode && !isUntold && !tree_.isDetached(node) && isStillAt(node, target)) {
+    if (node != kNoNode && !isUntold && !tree_.isDetached(node) && isStillAt(node)) {
       i = end;
       continue;
     }
@@ -109,8 +110,11 @@ bool WatchedTree::lookAt(Look& look) {
   look.folder = find(look.place.folder);
   const NodeId node = tree_.findByKey(look.place.target);
   if (node != kNoNode && node != DirectoryTree::kRoot) {
-    look.isTargetThere = isStillAt(node, look.place.target);
-    look.isTargetGone = !look.isTargetThere && isStillAt(tree_.parent(node), tree_.key(tree_.parent(node)));
+    const Presence target = presenceOf(node);
+    const Presence above = target == Presence::Elsewhere ? presenceOf(tree_.parent(node)) : Presence::There;
+    look.isTargetThere = target == Presence::There;
+    look.isTargetGone = target == Presence::Elsewhere && above == Presence::There;
+    look.isBlind = target == Presence::Unknown || above == Presence::Unknown;
   }
   if (look.place.isUntold && node != kNoNode && !tree_.isDetached(node) && node != DirectoryTree::kRoot) {
     // Wherever it is by now.
@@ -121,15 +125,17 @@ bool WatchedTree::lookAt(Look& look) {
   if (look.folder == kNoNode) return node != kNoNode && tree_.isDetached(node);
   look.openedAt = readQueue();
   const FileHandle above = openFolder(look.folder);
+  look.isBlind = look.isBlind || (!above.isOpen() && isShortage(errno));
   KernelKey key;
   look.isFolderThere = above.isOpen() && (tree_.key(look.folder).empty() || (source_ && source_->keyOf(above.fileDescriptor(), key) == 0 &&
                                                                              key.view() == tree_.key(look.folder)));
   if (!look.isFolderThere) return true;
   look.opened = openFolderIn(above.fileDescriptor(), look.place.name.c_str());
   look.error = look.opened.isOpen() ? 0 : errno;
+  look.isBlind = look.isBlind || isShortage(look.error);
   if (look.opened.isOpen() && source_ && source_->keyOf(look.opened.fileDescriptor(), look.key) != 0) look.key.clear();
   const NodeId known = tree_.findByKey(look.key.view());
-  look.isKnownThere = known != kNoNode && !tree_.isDetached(known) && isStillAt(known, look.key.view());
+  look.isKnownThere = known != kNoNode && !tree_.isDetached(known) && isStillAt(known);
   return true;
 }
 
@@ -150,6 +156,10 @@ bool WatchedTree::resolve(Look& look) {
     if (resolveFound(look)) return true;
   } else if (look.folder != kNoNode && !isGone(look.error)) {
     openFailed(look.folder, look.place.name, nullptr, look.error);
+  } else if (look.folder != kNoNode) {
+    // Nobody will tell the end of a folder that nobody knows by a key.
+    const NodeId there = tree_.child(look.folder, look.place.name);
+    if (there != kNoNode && tree_.key(there).empty()) forget(there, Why::Removed);
   }
   return false;
 }
@@ -187,6 +197,9 @@ void WatchedTree::resolveMissing(Look& look) {
   const NodeId node = tree_.findByKey(look.place.target);
   if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere || unsettled_.hasTarget(look.place.target)) return;
   if (look.isTargetGone) {
+    // Where another stands now, the folder's own change says what is to be known.
+    const NodeId there = tree_.child(tree_.parent(node), tree_.name(node));
+    if (there == kNoNode || there == node) tellPolledRemoved(node);
     forget(node, Why::Left);
   } else if (const NodeId parent = tree_.parent(node); ++look.place.tries > kMaximumTries) {
     doubt();

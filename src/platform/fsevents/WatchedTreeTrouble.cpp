@@ -39,27 +39,32 @@ void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::sh
   }
   const NodeId node = place(parent, name);
   tree_.setGeneration(node, generation_);
-  if (!isRefused(error)) {
-    troubled(node, error);
-    return;
-  }
   const FileHandle above = open ? FileHandle() : openFolder(parent);
-  refusedFolder(node, parent, open ? open->handle.fileDescriptor() : above.fileDescriptor(), name);
+  const int parentFolder = open ? open->handle.fileDescriptor() : above.fileDescriptor();
+  if (isRefused(error)) {
+    refusedFolder(node, parent, parentFolder, name);
+  } else {
+    troubled(node, error);
+  }
+  identify(node, parentFolder, name);
+}
+
+void WatchedTree::identify(NodeId node, int parentFolder, std::string_view name) {
+  if (parentFolder < 0 || !source_ || !tree_.key(node).empty()) return;
+  KernelKey key;
+  source_->identify(parentFolder, std::string(name).c_str(), key);
+  if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
 }
 
 void WatchedTree::refusedFolder(NodeId node, NodeId parent, int parentFolder, std::string_view name) {
   tree_.setFlags(node, tree_.flags(node) | kTroubled);
   struct stat info {};
-  const std::string text(name);
-  const bool isEntered = parentFolder >= 0 && ::fstatat(parentFolder, text.c_str(), &info, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
+  const bool isEntered =
+      parentFolder >= 0 && ::fstatat(parentFolder, std::string(name).c_str(), &info, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
   // Where the folder above may be read and not entered, that one is what to tell of, once for everything in it.
   const NodeId culprit = isEntered || parentFolder < 0 ? node : parent;
   tree_.setFlags(culprit, tree_.flags(culprit) | kTroubled);
   reportLoss(LossKind::Rights, culprit, explainFolderFailure(EACCES));
-  if (!isEntered || !source_ || !tree_.key(node).empty()) return;
-  KernelKey key;
-  source_->identify(parentFolder, text.c_str(), key);
-  if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
 }
 
 void WatchedTree::troubled(NodeId node, int error) {
@@ -260,8 +265,22 @@ void WatchedTree::changedAt(std::string_view formerPlace, std::string_view name,
   coalescer_.add(number_, path.empty() ? "/" : path, options_.fileEvents ? flags : 0, false);
 }
 
-void WatchedTree::folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags /*flags*/) {
-  if (const NodeId node = tree_.child(folder, name); node != kNoNode) displace(node);
+void WatchedTree::tellPolledRemoved(NodeId top) {
+  std::vector<NodeId> stack{top};
+  while (region_ && !stack.empty()) {
+    const NodeId node = stack.back();
+    stack.pop_back();
+    tree_.forEachChild(node, [&](NodeId child) { stack.push_back(child); });
+    if ((tree_.flags(node) & kPolled) != 0) region_->tellAllRemoved(node, *this);
+  }
+}
+
+void WatchedTree::folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
+  const NodeId node = tree_.child(folder, name);
+  if (node == kNoNode) return;
+  // Before another is found in its place.
+  if ((flags & kFSEventStreamEventFlagItemRenamed) == 0) tellPolledRemoved(node);
+  displace(node);
 }
 
 void WatchedTree::folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {

@@ -165,7 +165,8 @@ void bindAllAt(const std::string& point, const std::string& what) {
 
 void remountAt(const std::string& point, bool readOnly) {
   mustBeInOwnNamespace();
-  const unsigned long flags = MS_REMOUNT | MS_BIND | (readOnly ? MS_RDONLY : 0UL);
+  unsigned long flags = MS_REMOUNT | MS_BIND;
+  if (readOnly) flags |= MS_RDONLY;
   check(::mount(nullptr, point.c_str(), nullptr, flags, nullptr), fmt::format("remount {}", point));
 }
 

@@ -150,10 +150,20 @@ bool PolledWorld::tryMark(NodeId folder, int descriptor) {
 
 void PolledWorld::told(const std::string& path, Flags flags) {
   log_.emplace_back(path, flags);
-  // As whoever is told does: a folder that was renamed is read with all below it, and of what is gone nothing is below.
+  if (!isDeferred) bringUpToDate(path, flags);
+}
+
+void PolledWorld::bringUpToDateNow() {
+  for (const auto& [path, flags] : log_) bringUpToDate(path, flags);
+}
+
+void PolledWorld::bringUpToDate(const std::string& path, Flags flags) {
+  // As whoever is told does: a folder that is new in its place, or is to be scanned, is read with all below it, and of what is gone nothing
+  // is below.
   Seen seen{};
   const bool isThere = see(path, seen);
-  if (!isThere || (flags & kRenamed) != 0) {
+  const bool isScanned = isThere && (flags & kIsFolder) != 0 && (flags & (kCreated | kRenamed | kMustScan)) != 0;
+  if (!isThere || isScanned) {
     const std::string below = path + "/";
     copy_.erase(copy_.lower_bound(below), copy_.lower_bound(path + static_cast<char>('/' + 1)));
   }
@@ -162,10 +172,12 @@ void PolledWorld::told(const std::string& path, Flags flags) {
     return;
   }
   copy_[path] = seen;
-  if ((flags & kRenamed) != 0 && kindAt(path) == kIsFolder) collect(path, copy_);
+  if (isScanned && kindAt(path) == kIsFolder) collect(path, copy_);
 }
 
-void PolledWorld::changed(NodeId folder, std::string_view name, Flags flags) { told(pathOf(folder) + "/" + std::string(name), flags); }
+void PolledWorld::changed(NodeId folder, std::string_view name, Flags flags) {
+  told(name.empty() ? pathOf(folder) : pathOf(folder) + "/" + std::string(name), flags);
+}
 
 void PolledWorld::changedAt(std::string_view formerPlace, std::string_view name, Flags flags) {
   told(std::string(formerPlace) + "/" + std::string(name), flags);
@@ -220,6 +232,12 @@ void PolledWorld::folderFound(NodeId folder, std::string_view name, Flags flags)
 void PolledWorld::takeUp(NodeId parent, const std::string& name, Flags report) {
   const std::string path = pathOf(parent) + "/" + name;
   const std::uint64_t inode = inodeAt(path);
+  for (const NodeId node : detached_) {
+    // It has been moved into what was in it: where that is now is still to be found out.
+    if (nodes_.at(node).inode != inode || !isWithin(parent, node)) continue;
+    later_.emplace_back(parent, name);
+    return;
+  }
   if (const NodeId there = childOf(parent, name); there != kNoNode) {
     if (nodes_.at(there).inode == inode) return;
     drop(there);
@@ -249,17 +267,30 @@ void PolledWorld::addBelow(NodeId node, const std::string& path, Flags report) {
   if (!folder.isOpen() || ::fstat(folder.fileDescriptor(), &status) != 0) return;
   nodes_[node].inode = status.st_ino;
   if (!region_.add(node, folder.fileDescriptor(), options_.why)) return;
+  if (inodeAt(path) != status.st_ino) {
+    region_.remove(node);  // it moved meanwhile: what it was seen to hold may have come to it elsewhere
+    return;
+  }
   for (const auto& name : namesIn(path)) {
     const std::string item = path + "/" + name;
     const Flags kind = kindAt(item);
     if (kind == 0) continue;
+    region_.listed(node, name, kind);
     if (report != 0) told(item, report | kind);
     if (kind == kIsFolder) takeUp(node, name, report);
   }
 }
 
+bool PolledWorld::isWithin(NodeId node, NodeId above) const {
+  while (node != kNoNode && node != above) node = nodes_.at(node).parent;
+  return node == above;
+}
+
 void PolledWorld::tidy() {
   while (!detached_.empty()) drop(*detached_.begin());
+  for (const auto& [parent, name] : std::exchange(later_, {})) {
+    if (nodes_.contains(parent)) takeUp(parent, name, kRenamed);
+  }
   std::vector<NodeId> missing;
   for (const auto& [node, about] : nodes_) {
     if (!region_.contains(node) && !removed_.contains(node)) missing.push_back(node);

@@ -49,6 +49,10 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   /// The node of a folder; fails the test when there is none.
   NodeId nodeOf(const std::string& path) const;
   [[nodiscard]] std::string pathOf(NodeId node) const;
+  /// Looks at what was told since the last `take` only when asked to: what comes and goes between two looks is told to nobody, so whoever
+  /// looks meanwhile may see what he is never told of again.
+  bool isDeferred = false;
+  void bringUpToDateNow();
   /// In what the copy differs from the disk; empty when in nothing.
   [[nodiscard]] std::vector<std::string> differences() const;
   void removeFromRegion(NodeId node) {
@@ -94,6 +98,7 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   void recovered(NodeId folder) override { recoveries.push_back(pathOf(folder)); }
 
   void told(const std::string& path, Flags flags);
+  void bringUpToDate(const std::string& path, Flags flags);
   void takeUp(NodeId parent, const std::string& name, Flags report);
   void place(NodeId node, NodeId parent, const std::string& name);
   void drop(NodeId node);
@@ -103,12 +108,14 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   [[nodiscard]] NodeId childOf(NodeId parent, const std::string& name) const;
   [[nodiscard]] std::vector<NodeId> subtree(NodeId node) const;
   void forget(NodeId node);
+  [[nodiscard]] bool isWithin(NodeId node, NodeId above) const;
 
   std::string root_;
   Options options_;
   std::map<NodeId, Node> nodes_;
   std::map<std::pair<NodeId, std::string>, NodeId> places_;
   std::set<NodeId> detached_;
+  std::vector<std::pair<NodeId, std::string>> later_;
   /// Not in the region any more, and not to be.
   std::set<NodeId> removed_;
   NodeId next_ = 0;

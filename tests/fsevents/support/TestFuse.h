@@ -9,9 +9,9 @@
 
 namespace kestrine::test {
 
-/// A file system in user space (FUSE) that shows the folder `backing` at the folder `point`, and fails as it is told. It is served by a second
-/// process (FuseHelper.cpp beside the tests), so that it can hang and die without this one. What is changed in `backing` itself is what
-/// another machine changes on a network file system: the kernel tells nobody.
+/// A file system in user space (FUSE) that shows the folder `backing` at the folder `point`, and fails as it is told. It is served by a
+/// second process (FuseHelper.cpp beside the tests), so that it can hang and die without this one. What is changed in `backing` itself is
+/// what another machine changes on a network file system: the kernel tells nobody.
 ///
 /// Only inside `inMountNamespace`. Each call throws std::runtime_error when the second process does not answer or cannot mount. When
 /// destroyed, the process has ended, whatever it was told, and nothing is mounted at `point` by it. Threads: one.

@@ -198,6 +198,23 @@ void TruthWorker::recreate() {
   makeChainIn(made, pick(3));
 }
 
+// Nobody else is in need of the folder meanwhile.
+void TruthWorker::hideFolder() {
+  if (!world_.hides) return;
+  const HeldAlone held(world_);
+  const auto folder = anyFolder(TruthWorld::kWatched);
+  if (folder == kNoSlot) return;
+  const auto path = pathOf(folder);
+  for (const mode_t mode : {mode_t{0}, mode_t{0750}}) {
+    const auto before = truthClock();
+    require(::chmod(path.c_str(), mode) == 0, "chmod", path);
+    record(What::Attributes, at(folder).parent, at(folder).name, before).item = at(folder).number;
+    constexpr long kLongest = 3'000'000;
+    const timespec pause{0, static_cast<long>(pick(kLongest))};
+    if (mode == 0) ::nanosleep(&pause, nullptr);
+  }
+}
+
 void TruthWorker::moveOut() {
   const HeldAlone held(world_);
   const auto folder = anyFolder(TruthWorld::kWatched);

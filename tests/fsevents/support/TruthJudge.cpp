@@ -87,6 +87,7 @@ void TruthJudge::hear(const TimedEvent& told, const Rules& rules) {
     if (isScan) folders_[TruthWorld::kWatchedNumber] = std::max(folders_[TruthWorld::kWatchedNumber], told.time);
     return;
   }
+  if (isAtOrBelow(path, kFlood)) return;
   const auto meanings = chronicle_.meaningsOf(path, told.time);
   if (meanings.empty()) return fault("a path that never was: " + describeEvent(event), event.path, told.time);
   for (const auto& meaning : meanings) {

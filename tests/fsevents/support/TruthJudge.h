@@ -22,6 +22,8 @@ class TruthJudge {
     /// Where folders are compared from time to time, only what became of them can be told.
     bool onlyLasting = false;
   };
+  /// A folder in the watched one that the logs know nothing of, for what is to flood the queue.
+  static constexpr const char* kFlood = "/flood";
   explicit TruthJudge(std::string root) : root_(std::move(root)) {}
 
   /// What is wrong, with what is needed to look for the cause; at most a few. Ends the window.

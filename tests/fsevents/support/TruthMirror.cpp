@@ -62,9 +62,9 @@ void TruthMirror::follow(const std::vector<TimedEvent>& events) {
   std::map<std::string, FSEventStreamEventFlags> told;
   for (const auto& event : events) told[event.event.path] |= event.event.flags;
   for (const auto& [path, flags] : told) {
-    const auto slash = path.rfind('/');
-    // What the copy does not know the folder of, is told with that folder.
-    if (path != root_ && !copy_.contains(path.substr(0, slash))) continue;
+    // What the copy does not know the folder of, is told with that folder. Nor is a link followed that has come in a folder's place.
+    const auto above = copy_.find(path.substr(0, path.rfind('/')));
+    if (path != root_ && (above == copy_.end() || !S_ISDIR(above->second.mode))) continue;
     visit(path, (flags & kWhole) != 0);
   }
 }

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +39,7 @@ TruthRun::TruthRun(Options options)
       judge_(watched_) {
   makeFolder(watched_);
   makeFolder(outside_);
+  makeFolder(watched_ + TruthJudge::kFlood);
   startWorkers();
   process_ = std::make_unique<StreamProcess>(StreamProcess::Options{
       .paths = {watched_}, .source = options.source, .latency = options.latency, .inNamespace = options.inNamespace});
@@ -107,6 +109,7 @@ std::vector<TruthRecord> TruthRun::takeRecords() {
 std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how) {
   const auto share = static_cast<std::uint32_t>(std::max<std::size_t>(changes / workers_.size(), 1));
   if (how.isUnread) process_->halt();
+  world_->hides = how.hides;
   for (std::size_t i = 0; i < workers_.size(); ++i) {
     world_->quota[i] = share;
     ::sem_post(&world_->begin[i]);
@@ -121,8 +124,35 @@ std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how
   told_ += events.size();
   auto faults = judge_.judge(std::move(records), events, how.rules);
   mirror_->follow(events);
-  for (auto& line : mirror_->differences()) faults.push_back(std::move(line));
+  const auto differences = mirror_->differences();
+  if (differences.empty()) return faults;
+  for (const auto& line : differences) faults.push_back(line);
+  // What was told of the first of them, of what is above it, and of what has its name.
+  const auto path = differences.front().substr(0, differences.front().find(' '));
+  for (const auto& told : events) {
+    if (isAtOrBelow(path, told.event.path) || told.event.path.ends_with(path.substr(path.rfind('/')))) {
+      faults.push_back("  told " + describeEvent(told.event));
+    }
+  }
   return faults;
+}
+
+void TruthRun::flood() const {
+  // One file after the other, so that nothing can be merged with the one before.
+  constexpr int kMoreThanTheQueueHolds = 20000;
+  for (int i = 0; i < kMoreThanTheQueueHolds; ++i) writeFile(watched_ + TruthJudge::kFlood + (i % 2 == 0 ? "/0" : "/1"), "text");
+}
+
+void TruthRun::starve() {
+  rlimit before{};
+  if (::prlimit(process_->pid(), RLIMIT_NOFILE, nullptr, &before) != 0) throw std::system_error(errno, std::generic_category(), "prlimit");
+  // Below what it has open now: nothing can be opened.
+  const rlimit none{0, before.rlim_max};
+  ::prlimit(process_->pid(), RLIMIT_NOFILE, &none, nullptr);
+  constexpr long kLongest = 20'000'000;
+  const timespec pause{0, static_cast<long>(random_() % kLongest)};
+  ::nanosleep(&pause, nullptr);
+  ::prlimit(process_->pid(), RLIMIT_NOFILE, &before, nullptr);
 }
 
 std::vector<std::string> TruthRun::windows(std::size_t changes, const Window& how) {

@@ -45,6 +45,8 @@ class TruthRun {
     TruthJudge::Rules rules = {};
     /// The stream is stopped until all is done: the kernel merges what it can.
     bool isUnread = false;
+    /// Folders are without any rights for moments.
+    bool hides = false;
     /// Runs while the workers do.
     std::function<void()> meanwhile = {};
   };
@@ -52,6 +54,10 @@ class TruthRun {
   std::vector<std::string> window(std::size_t changes, const Window& how);
   /// Windows of random length until so many changes were made or something is wrong.
   std::vector<std::string> windows(std::size_t changes, const Window& how);
+  /// Writes so much that no queue holds what is told of it, unless it may be without limit.
+  void flood() const;
+  /// Leaves the stream's process without descriptors for a moment.
+  void starve();
   /// What is wrong with the marks; waits for them to become right.
   std::string differenceOfAllMarks();
   /// Changes that were made, and events that were told of them.
@@ -60,6 +66,7 @@ class TruthRun {
   [[nodiscard]] std::size_t scans() const { return judge_.scans(); }
   [[nodiscard]] StreamProcess& process() { return *process_; }
   [[nodiscard]] std::string watched() const { return watched_; }
+  [[nodiscard]] std::string outer() const { return outside_; }
   [[nodiscard]] std::mt19937& random() { return random_; }
 
   static constexpr std::size_t kLongestWindow = 4000;

@@ -53,7 +53,7 @@ void TruthWorker::work() {
       Weighed{&TruthWorker::renameFolder, 6},    Weighed{&TruthWorker::dance, 1},         Weighed{&TruthWorker::swapFolders, 1},
       Weighed{&TruthWorker::exchangeFolders, 1}, Weighed{&TruthWorker::replaceFolder, 1}, Weighed{&TruthWorker::removeTree, 3},
       Weighed{&TruthWorker::recreate, 1},        Weighed{&TruthWorker::moveOut, 2},       Weighed{&TruthWorker::moveIn, 2},
-      Weighed{&TruthWorker::makeOutside, 1}};
+      Weighed{&TruthWorker::makeOutside, 1},     Weighed{&TruthWorker::hideFolder, 1}};
   static const unsigned kAll = [] {
     unsigned all = 0;
     for (const auto& operation : kOperations) all += operation.weight;

@@ -74,6 +74,7 @@ class TruthWorker {
   void moveOut();
   void moveIn();
   void makeOutside();
+  void hideFolder();
   bool move(Slot folder, Slot target, const TruthName& name);
   void removeBelow(Slot folder);
   void removeFolder(Slot folder);

@@ -72,6 +72,8 @@ struct TruthWorld {
   std::array<sem_t, kWorkers> done{};
   /// How many records each worker is to write until it is done; 0 ends it.
   std::array<std::atomic<std::uint32_t>, kWorkers> quota{};
+  /// Whether folders lose their rights for moments.
+  std::atomic<bool> hides{false};
   /// Why a worker has ended early.
   std::array<std::array<char, 256>, kWorkers> fault{};
 

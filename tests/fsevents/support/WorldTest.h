@@ -28,7 +28,9 @@ class WorldTest : public StreamTest {
   static testing::AssertionResult nothingIsLost(const WatchedStream& stream);
   /// Entries of a list in the status: the "path" of each where they are dictionaries.
   static std::vector<std::string> listed(WatchedStream& stream, const char* key);
-  static std::int64_t foldersMarked(WatchedStream& stream) { return stream.stream().status().objectForKey("foldersMarked").longLongValue(); }
+  static std::int64_t foldersMarked(WatchedStream& stream) {
+    return stream.stream().status().objectForKey("foldersMarked").longLongValue();
+  }
 };
 
 }  // namespace kestrine::test

@@ -1,10 +1,12 @@
 // A service for the tests. XPC_TEST_NAME is its name, XPC_TEST_RECORD a file to which it appends a line for everything that happens to it.
+// XPC_TEST_FORMER_MILLISECONDS is how long it waits for a former process of that name.
 // With XPC_TEST_OBJECTS set it serves calls, else messages: {"command": ...} is answered on the same connection.
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -168,7 +170,11 @@ struct Delegate : platform::XPCListenerDelegate {
 
 int main() {
   filesAtStart = openFiles();
-  platform::xpc::ServiceProcess::begin(environment("XPC_TEST_NAME"));
+  if (const std::string limit = environment("XPC_TEST_FORMER_MILLISECONDS"); limit.empty()) {
+    platform::xpc::ServiceProcess::begin(environment("XPC_TEST_NAME"));
+  } else {
+    platform::xpc::ServiceProcess::begin(environment("XPC_TEST_NAME"), std::chrono::milliseconds(std::stoi(limit)));
+  }
   record("started " + std::to_string(getpid()));
   if (environment("XPC_TEST_OBJECTS").empty()) platform::xpc::ServiceProcess::serve(acceptPeer);
   const auto delegate = std::make_shared<Delegate>();

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/xpc/service/ServiceProcess.h"
 #include "platform/xpc/service/XPCMain.h"
 #include "xpc/XPCConnection.h"

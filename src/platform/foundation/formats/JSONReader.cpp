@@ -12,6 +12,7 @@
 
 #include "platform/foundation/formats/JSON.h"
 #include "platform/foundation/text/UTF8.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

@@ -6,6 +6,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/PropertyListText.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

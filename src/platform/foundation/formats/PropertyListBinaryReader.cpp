@@ -8,6 +8,7 @@
 
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/formats/PropertyListText.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

@@ -9,6 +9,7 @@
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/formats/PropertyListText.h"
 #include "platform/foundation/text/ASCII.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

@@ -4,6 +4,7 @@
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/formats/PropertyListText.h"
 #include "platform/foundation/text/Base64.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

@@ -13,6 +13,7 @@
 #include "platform/foundation/preferences/PreferencesFile.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/foundation/preferences/PreferencesReasons.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/foundation/base/Mutex.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

@@ -7,6 +7,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 

@@ -147,6 +147,3 @@ class Object {
 };
 
 }  // namespace platform
-
-// Its entries hold objects, so it can only come now.
-#include "platform/foundation/value/Dictionary.h"  // IWYU pragma: export

@@ -6,6 +6,7 @@
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/text/UTF8.h"
+#include "platform/foundation/value/Dictionary.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {

@@ -92,7 +92,7 @@ std::string textUnder(const Value& message, std::string_view key) {
 
 }  // namespace
 
-class XPCConnection::Impl : public std::enable_shared_from_this<XPCConnection::Impl> {
+class XPCConnection::Incoming : public std::enable_shared_from_this<XPCConnection::Incoming> {
  public:
   struct Exported {
     std::shared_ptr<void> object;
@@ -108,10 +108,6 @@ class XPCConnection::Impl : public std::enable_shared_from_this<XPCConnection::I
     bool listens = false;
   };
 
-  explicit Impl(std::shared_ptr<xpc::Connection> connection) : connection_(std::move(connection)) {}
-
-  [[nodiscard]] xpc::Connection& connection() const { return *connection_; }
-
   template <class T>
   void set(T Settings::*member, T value) {
     // Swapped, so that the former value is released without the lock.
@@ -122,46 +118,33 @@ class XPCConnection::Impl : public std::enable_shared_from_this<XPCConnection::I
     return settings_.with([member](const Settings& settings) { return settings.*member; });
   }
 
-  void resume();
-  void callRemote(const std::string& selector);
+  /// Handles what comes from `connection` from now on.
+  void listenTo(xpc::Connection& connection);
 
  private:
   void handle(const xpc::Event& event);
   void handleError(const ConnectionError& error);
   void handleMessage(const Value& message);
 
-  const std::shared_ptr<xpc::Connection> connection_;
   Guarded<Settings> settings_;
 };
 
-// A peer's connection must outlive the delegate's reference, so its handler holds it; the channel lets go of the handler when the
-// connection is over. A client's connection lives as long as its owner wants.
-void XPCConnection::Impl::resume() {
-  const bool listens = settings_.with([](Settings& settings) { return std::exchange(settings.listens, true); });
-  if (!listens) {
-    const auto kept = connection_->name() ? nullptr : shared_from_this();
-    connection_->setEventHandler([weak = weak_from_this(), kept](const xpc::Event& event) {
-      if (const auto self = weak.lock()) self->handle(event);
-    });
-  }
-  connection_->resume();
+// A peer's connection, which the channel keeps, outlives the delegate's reference, so its handler holds this; the channel lets go of the
+// handler when the connection is over. A client's connection lives as long as its owner wants.
+void XPCConnection::Incoming::listenTo(xpc::Connection& connection) {
+  if (settings_.with([](Settings& settings) { return std::exchange(settings.listens, true); })) return;
+  const auto kept = connection.name() ? nullptr : shared_from_this();
+  connection.setEventHandler([weak = weak_from_this(), kept](const xpc::Event& event) {
+    if (const auto self = weak.lock()) self->handle(event);
+  });
 }
 
-void XPCConnection::Impl::callRemote(const std::string& selector) {
-  const XPCInterface remote = get(&Settings::remoteInterface);
-  if (!remote.hasOperation(selector)) {
-    throw Exception(NSInvalidArgumentException, "the remote interface " + remote.name() + " has no operation " + selector);
-  }
-  connection_->send(Value::dictionary(
-      {{std::string(kInterfaceKey), Value::string(remote.name())}, {std::string(kSelectorKey), Value::string(selector)}}));
-}
-
-void XPCConnection::Impl::handle(const xpc::Event& event) {
+void XPCConnection::Incoming::handle(const xpc::Event& event) {
   if (const auto* error = std::get_if<ConnectionError>(&event)) return handleError(*error);
   handleMessage(std::get<Value>(event));
 }
 
-void XPCConnection::Impl::handleError(const ConnectionError& error) {
+void XPCConnection::Incoming::handleError(const ConnectionError& error) {
   set(&Settings::lastError, error.description);
   if (error.kind == ConnectionError::Kind::Interrupted) {
     if (const auto handler = get(&Settings::interruptionHandler)) handler();
@@ -174,7 +157,7 @@ void XPCConnection::Impl::handleError(const ConnectionError& error) {
   }
 }
 
-void XPCConnection::Impl::handleMessage(const Value& message) {
+void XPCConnection::Incoming::handleMessage(const Value& message) {
   const auto ignore = [](const std::string& why) { NSLog("xpc: a message was ignored: " + why); };
   const std::string interface = textUnder(message, kInterfaceKey);
   auto call = std::make_shared<Call>(Call{get(&Settings::exportedInterface), textUnder(message, kSelectorKey), nullptr, nullptr});
@@ -199,39 +182,54 @@ std::shared_ptr<XPCConnection> XPCConnection::connectionWithPeer(std::shared_ptr
   return std::shared_ptr<XPCConnection>(new XPCConnection(std::move(connection)));
 }
 
-XPCConnection::XPCConnection(std::shared_ptr<xpc::Connection> connection) : impl_(std::make_shared<Impl>(std::move(connection))) {}
+XPCConnection::XPCConnection(std::shared_ptr<xpc::Connection> connection)
+    : incoming_(std::make_shared<Incoming>()), connection_(std::move(connection)) {}
 XPCConnection::~XPCConnection() = default;
 
-void XPCConnection::setExportedInterface(XPCInterface interface) { impl_->set(&Impl::Settings::exportedInterface, std::move(interface)); }
-XPCInterface XPCConnection::exportedInterface() const { return impl_->get(&Impl::Settings::exportedInterface); }
-void XPCConnection::setExportedObject(std::shared_ptr<void> object, std::type_index type) {
-  impl_->set(&Impl::Settings::exported, Impl::Exported{std::move(object), type});
+void XPCConnection::setExportedInterface(XPCInterface interface) {
+  incoming_->set(&Incoming::Settings::exportedInterface, std::move(interface));
 }
-std::shared_ptr<void> XPCConnection::exportedObject() const { return impl_->get(&Impl::Settings::exported).object; }
+XPCInterface XPCConnection::exportedInterface() const { return incoming_->get(&Incoming::Settings::exportedInterface); }
+void XPCConnection::setExportedObject(std::shared_ptr<void> object, std::type_index type) {
+  incoming_->set(&Incoming::Settings::exported, Incoming::Exported{std::move(object), type});
+}
+std::shared_ptr<void> XPCConnection::exportedObject() const { return incoming_->get(&Incoming::Settings::exported).object; }
 std::shared_ptr<void> XPCConnection::exportedObject(std::type_index type) const {
-  auto exported = impl_->get(&Impl::Settings::exported);
+  auto exported = incoming_->get(&Incoming::Settings::exported);
   return exported.type == type ? exported.object : nullptr;
 }
 
-void XPCConnection::setRemoteObjectInterface(XPCInterface interface) { impl_->set(&Impl::Settings::remoteInterface, std::move(interface)); }
-void XPCConnection::callRemote(const std::string& selector) { impl_->callRemote(selector); }
-void XPCConnection::scheduleSendBarrierBlock(std::function<void()> block) { impl_->connection().sendBarrier(std::move(block)); }
+void XPCConnection::setRemoteObjectInterface(XPCInterface interface) {
+  incoming_->set(&Incoming::Settings::remoteInterface, std::move(interface));
+}
+void XPCConnection::callRemote(const std::string& selector) {
+  const XPCInterface remote = incoming_->get(&Incoming::Settings::remoteInterface);
+  if (!remote.hasOperation(selector)) {
+    throw Exception(NSInvalidArgumentException, "the remote interface " + remote.name() + " has no operation " + selector);
+  }
+  connection_->send(Value::dictionary(
+      {{std::string(kInterfaceKey), Value::string(remote.name())}, {std::string(kSelectorKey), Value::string(selector)}}));
+}
+void XPCConnection::scheduleSendBarrierBlock(std::function<void()> block) { connection_->sendBarrier(std::move(block)); }
 void XPCConnection::setInterruptionHandler(std::function<void()> handler) {
-  impl_->set(&Impl::Settings::interruptionHandler, std::move(handler));
+  incoming_->set(&Incoming::Settings::interruptionHandler, std::move(handler));
 }
 void XPCConnection::setInvalidationHandler(std::function<void()> handler) {
-  impl_->set(&Impl::Settings::invalidationHandler, std::move(handler));
+  incoming_->set(&Incoming::Settings::invalidationHandler, std::move(handler));
 }
-std::string XPCConnection::lastErrorDescription() const { return impl_->get(&Impl::Settings::lastError); }
+std::string XPCConnection::lastErrorDescription() const { return incoming_->get(&Incoming::Settings::lastError); }
 
-void XPCConnection::resume() { impl_->resume(); }
-void XPCConnection::suspend() { impl_->connection().suspend(); }
-void XPCConnection::invalidate() { impl_->connection().cancel(); }
+void XPCConnection::resume() {
+  incoming_->listenTo(*connection_);
+  connection_->resume();
+}
+void XPCConnection::suspend() { connection_->suspend(); }
+void XPCConnection::invalidate() { connection_->cancel(); }
 
-pid_t XPCConnection::processIdentifier() const { return impl_->connection().pid(); }
-uid_t XPCConnection::effectiveUserIdentifier() const { return impl_->connection().euid(); }
-gid_t XPCConnection::effectiveGroupIdentifier() const { return impl_->connection().egid(); }
-std::uint32_t XPCConnection::auditSessionIdentifier() const { return impl_->connection().asid(); }
-std::optional<std::string> XPCConnection::serviceName() const { return impl_->connection().name(); }
+pid_t XPCConnection::processIdentifier() const { return connection_->pid(); }
+uid_t XPCConnection::effectiveUserIdentifier() const { return connection_->euid(); }
+gid_t XPCConnection::effectiveGroupIdentifier() const { return connection_->egid(); }
+std::uint32_t XPCConnection::auditSessionIdentifier() const { return connection_->asid(); }
+std::optional<std::string> XPCConnection::serviceName() const { return connection_->name(); }
 
 }  // namespace platform

@@ -86,12 +86,14 @@ class XPCConnection {
   [[nodiscard]] std::optional<std::string> serviceName() const;
 
  private:
-  class Impl;
+  /// What the other end calls and tells. The connection's handler holds a peer's; it holds no connection.
+  class Incoming;
   explicit XPCConnection(std::shared_ptr<xpc::Connection> connection);
   void setExportedObject(std::shared_ptr<void> object, std::type_index type);
   [[nodiscard]] std::shared_ptr<void> exportedObject(std::type_index type) const;
 
-  std::shared_ptr<Impl> impl_;
+  const std::shared_ptr<Incoming> incoming_;
+  const std::shared_ptr<xpc::Connection> connection_;
 };
 
 }  // namespace platform

@@ -23,8 +23,7 @@ namespace {
 using Connected = Result<FileHandle, LaunchError>;
 using namespace std::chrono_literals;
 
-/// How long a service that is about to end may take to be gone, and how long somebody else may take to start it.
-constexpr auto kEndingLimit = 10s;
+/// How long somebody else may take to start it.
 constexpr auto kLaunchLimit = 60s;
 
 LaunchError connectError(const ServiceFolder& folder, const std::string& name, int error) {
@@ -96,11 +95,11 @@ Connected connectOrLaunch(const ServiceFolder& folder, const std::string& name) 
 
 }  // namespace
 
-Connected connectToService(const std::string& name) {
+Connected connectToService(const std::string& name, std::chrono::milliseconds endingLimit) {
   if (auto refused = refuseName(name)) return std::move(*refused);
   const auto folder = ServiceFolder::open(true);
   if (!folder) return folder.error();
-  const auto deadline = std::chrono::steady_clock::now() + kEndingLimit;
+  const auto deadline = std::chrono::steady_clock::now() + endingLimit;
   for (;;) {
     auto connected = connectOrLaunch(*folder, name);
     if (connected || connected.error().kind != LaunchError::Kind::WithoutSocket) return connected;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -11,8 +12,9 @@ namespace platform::xpc {
 
 /// A connected, non-blocking socket to the service `name`, which is started when nobody listens: its program is found through the installed
 /// service description, its socket is bound here and handed over as systemd would (sd_listen_fds(3)). Of several callers at once, in any
-/// number of processes, one starts it. Blocks for the time that takes. Any thread but the channel's own.
-Result<FileHandle, LaunchError> connectToService(const std::string& name);
+/// number of processes, one starts it. Blocks for the time that takes, and for `endingLimit` at most until a service that is about to end
+/// has gone. Any thread but the channel's own.
+Result<FileHandle, LaunchError> connectToService(const std::string& name, std::chrono::milliseconds endingLimit = std::chrono::seconds(10));
 
 /// The same without ever starting anything or removing a file. Kind NotRunning when nobody is the service; a socket of systemd's, which
 /// would start it, is not even called then.

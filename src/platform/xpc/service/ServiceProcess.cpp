@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <optional>
 #include <utility>
 
+#include "platform/concurrency/loop/EndingSignals.h"
 #include "platform/concurrency/loop/RunLoop.h"
 #include "platform/foundation/base/ApplicationIdentifier.h"
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/StatusRegistry.h"
@@ -20,7 +23,6 @@
 #include "platform/xpc/launch/ServiceFolder.h"
 #include "platform/xpc/launch/ServiceLocks.h"
 #include "platform/xpc/launch/SocketActivation.h"
-#include "platform/xpc/service/EndingSignals.h"
 #include "platform/xpc/service/ServiceLog.h"
 #include "platform/xpc/service/StatusSections.h"
 #include "platform/xpc/service/Termination.h"
@@ -29,12 +31,11 @@ namespace platform::xpc {
 
 namespace {
 
-/// How long the former process of this service may take to be gone.
-constexpr std::chrono::seconds kFormerProcessLimit{10};
-
 /// What lives as long as the process.
 struct Service {
   std::string name;
+  /// How long the former process of this service may take to be gone.
+  std::chrono::milliseconds formerProcessLimit;
   ServiceFolder folder;
   LockFile lifeLock;
   FileHandle handedOverSocket;
@@ -62,6 +63,13 @@ Value orGiveUp(Result<Value, LaunchError> result) {
   return std::move(*result);
 }
 
+/// Every thread that is made later has the ending signals blocked. SIGPIPE and SIGXFSZ are each an error of the write that met it.
+void prepareSignals() {
+  EndingSignals::block();
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
 /// The usual soft limit of 1024 descriptors is about what the channel alone may take.
 void raiseDescriptorLimit() {
   rlimit limit{};
@@ -72,12 +80,12 @@ void raiseDescriptorLimit() {
 
 FileHandle takeSocket(Service& own) {
   if (own.handedOverSocket.isOpen()) return std::move(own.handedOverSocket);
-  return orGiveUp(makeOwnSocket(own.folder, own.name, kFormerProcessLimit));
+  return orGiveUp(makeOwnSocket(own.folder, own.name, own.formerProcessLimit));
 }
 
 }  // namespace
 
-void ServiceProcess::begin(const std::string& identifier) {
+void ServiceProcess::begin(const std::string& identifier, std::chrono::milliseconds formerProcessLimit) {
   setApplicationIdentifier(identifier);
   prepareSignals();
   raiseDescriptorLimit();
@@ -86,8 +94,9 @@ void ServiceProcess::begin(const std::string& identifier) {
   openServiceLog();
   if (const auto refused = refuseName(identifier)) giveUp(*refused);
   auto folder = orGiveUp(ServiceFolder::open(true));
-  auto lifeLock = orGiveUp(takeLifeLock(folder, identifier, kFormerProcessLimit));
+  auto lifeLock = orGiveUp(takeLifeLock(folder, identifier, formerProcessLimit));
   service() = new Service{.name = identifier,
+                          .formerProcessLimit = formerProcessLimit,
                           .folder = std::move(folder),
                           .lifeLock = std::move(lifeLock),
                           .handedOverSocket = std::move(socket),
@@ -100,7 +109,8 @@ void ServiceProcess::serve(Listener::ConnectionFunction function) {
   const std::shared_ptr<Listener> listener = Listener::create(takeSocket(own), std::move(function));
   own.channelSection = addChannelSection(listener);
   own.termination.emplace(own.folder, own.name, listener);
-  if (own.endingSignals.begin(ioLoop(), [&own] { own.termination->begin(); }) != 0) giveUp({"signals cannot be received"});
+  if (const int error = own.endingSignals.open(); error != 0) giveUp({"signals cannot be received: " + errnoText(error)});
+  own.endingSignals.schedule(ioLoop(), [&own] { own.termination->begin(); });
   // The main queue is served for as long as the process lives, whether or not something is scheduled.
   const auto anchor = RunLoopSource::create([] {});
   RunLoop::main()->add(anchor);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "platform/xpc/connection/Listener.h"
@@ -8,7 +9,7 @@ namespace platform::xpc {
 
 /// What makes a process the service of a name. `main` calls `begin` before anything else and before it has a second thread. It is the
 /// process itself, so there is one for as long as that lives and no object of it. Its parts have files of their own: SocketActivation,
-/// ServiceLog, ServiceLocks, EndingSignals, StatusSections, Termination.
+/// ServiceLog, ServiceLocks, StatusSections, Termination.
 /// Threads: `begin` and `serve` on the main thread.
 class ServiceProcess {
  public:
@@ -16,9 +17,9 @@ class ServiceProcess {
 
   /// Sets the application identifier, the log's destination and the signals (SIGTERM ends the service in order, SIGPIPE and SIGXFSZ are
   /// ignored), takes the service's lock file and registers the status section "process" {pid, startedAt, identifier}. Ends the process with
-  /// EX_TEMPFAIL (75) and a log line when another process is this service, and with EX_OSERR (71) when the lock file or socket cannot be
-  /// had.
-  static void begin(const std::string& identifier);
+  /// EX_TEMPFAIL (75) and a log line when another process is this service for longer than `formerProcessLimit`, and with EX_OSERR (71) when
+  /// the lock file or socket cannot be had.
+  static void begin(const std::string& identifier, std::chrono::milliseconds formerProcessLimit = std::chrono::seconds(10));
 
   /// Serves until the process ends, running the main run loop (and so the main queue): peers reach `function` as a Listener's do. The
   /// listening socket is the one handed over (LISTEN_FDS), else one that the process binds itself.

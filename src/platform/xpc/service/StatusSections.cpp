@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "platform/foundation/value/Dictionary.h"
+
 namespace platform::xpc {
 
 StatusRegistry::Registration addProcessSection(const std::string& identifier) {

@@ -4,6 +4,8 @@
 #include <limits>
 #include <utility>
 
+#include "platform/foundation/value/Dictionary.h"
+
 namespace platform::xpc {
 
 namespace {

@@ -151,9 +151,7 @@ int FuseServer::readLink(const Question& question) {
   return 0;
 }
 
-int FuseServer::removeFile(const Question& question) {
-  return result(::unlinkat(backing_.fileDescriptor(), question.path.c_str(), 0));
-}
+int FuseServer::removeFile(const Question& question) { return result(::unlinkat(backing_.fileDescriptor(), question.path.c_str(), 0)); }
 
 int FuseServer::removeFolder(const Question& question) {
   return result(::unlinkat(backing_.fileDescriptor(), question.path.c_str(), AT_REMOVEDIR));

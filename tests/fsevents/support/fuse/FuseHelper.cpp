@@ -94,9 +94,8 @@ int main(int count, char** values) {
   if (!device.isOpen()) return failed("open /dev/fuse");
   FileHandle folder(::open(values[1], O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder.isOpen()) return failed(std::string("open ") + values[1]);
-  const std::string options = "fd=" + std::to_string(device.fileDescriptor()) +
-                              ",rootmode=40000,user_id=" + std::to_string(::geteuid()) + ",group_id=" + std::to_string(::getegid()) +
-                              ",default_permissions,allow_other";
+  const std::string options = "fd=" + std::to_string(device.fileDescriptor()) + ",rootmode=40000,user_id=" + std::to_string(::geteuid()) +
+                              ",group_id=" + std::to_string(::getegid()) + ",default_permissions,allow_other";
   if (::mount("kestrine-test", values[2], "fuse.kestrine-test", MS_NOSUID | MS_NODEV, options.c_str()) != 0) return failed("mount");
   // A program may stay in a folder of what it serves, but not wait for itself.
   if (::chdir("/") != 0) return failed("chdir /");
