@@ -479,7 +479,7 @@ DEFECTS = [
         "  if (timeOf(id) > now() + kTolerance) return \"the clock is behind the identifier to begin from: it was set back since\";\n",
         "",
         "fsevents_tests",
-        "StreamLossOrder.*",
+        "StreamLossCallbacks.*",
     ),
     Defect(
         "removal-cancels-creation",

@@ -5,7 +5,7 @@
 namespace kestrine::test {
 namespace {
 
-class StreamLossNotices : public StreamTest {
+class StreamLossCallbacks : public StreamTest {
  protected:
   std::unique_ptr<FSEventStream> startFrom(platform::FSEventStreamEventId since) {
     auto stream = std::make_unique<FSEventStream>(
@@ -33,9 +33,9 @@ class StreamLossNotices : public StreamTest {
   std::vector<std::string> reasons;
   bool isOnTheLoop = true;
 };
-KESTRINE_PER_SOURCE(StreamLossNotices);
+KESTRINE_PER_SOURCE(StreamLossCallbacks);
 
-TEST_P(StreamLossNotices, ComeAfterTheEventsThatTheyBelongTo) {
+TEST_P(StreamLossCallbacks, ComeAfterTheEventsThatTheyBelongTo) {
   const auto stream = startFrom(future());
   stream->flushSync();
   EXPECT_THAT(told, testing::ElementsAre("scan " + root_, "loss " + root_, "recovered " + root_));
@@ -43,21 +43,21 @@ TEST_P(StreamLossNotices, ComeAfterTheEventsThatTheyBelongTo) {
   EXPECT_TRUE(isOnTheLoop);
 }
 
-TEST_P(StreamLossNotices, NameAnIdentifierThatWasNeverGivenOut) {
+TEST_P(StreamLossCallbacks, NameAnIdentifierThatWasNeverGivenOut) {
   const auto stream = startFrom(12345);
   stream->flushSync();
   EXPECT_THAT(told, testing::ElementsAre("scan " + root_, "loss " + root_, "recovered " + root_));
   EXPECT_THAT(reasons, testing::Each(testing::HasSubstr("never given out")));
 }
 
-TEST_P(StreamLossNotices, AreNoneWhereNothingIsLost) {
+TEST_P(StreamLossCallbacks, AreNoneWhereNothingIsLost) {
   const auto stream = startFrom(platform::FSEventsGetCurrentEventId());
   writeFile(in("file"), "text");
   stream->flushSync();
   EXPECT_THAT(told, testing::IsEmpty());
 }
 
-TEST_P(StreamLossNotices, AreNotAskedForAfterTheStart) {
+TEST_P(StreamLossCallbacks, AreNotAskedForAfterTheStart) {
   const auto stream = startFrom(platform::kFSEventStreamEventIdSinceNow);
   bool called = false;
   stream->setLossCallback([&](FSEventStream&, std::span<const FSEventStream::LossNotice>) { called = true; });
