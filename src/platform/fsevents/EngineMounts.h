@@ -81,13 +81,14 @@ class EngineMounts {
   };
   enum class When { AtTheStart, Later };
 
+  void tellWhetherBlind();
   [[nodiscard]] bool concerns(const MountTable& former) const;
   [[nodiscard]] FSEventStreamEventFlags flagsOfChange(const PathMounts& before, const PathMounts& now) const;
   void beginEngine(Path& path, FSEventStreamEventFlags told, bool isFromTheStart);
-  /// Without a thread that is a loss, and tried again.
-  std::shared_ptr<StreamEngine> beginEngine(EnginePlace place);
-  void beginMissing();
   void endEngine(std::shared_ptr<StreamEngine>& engine);
+  void tellRescan(const std::string& path);
+  /// The engine of this place; nothing where there is no thread for it, which is a loss while it lasts and is tried again.
+  std::shared_ptr<StreamEngine> engineFor(EnginePlace place);
   /// Tells each tree which places below it are mount points.
   void avoidMountPoints(WatchedRoots& roots);
   [[nodiscard]] Points pointsBelow(const std::string& real) const;
@@ -116,8 +117,11 @@ class EngineMounts {
   std::vector<Path> paths_;
   std::vector<Below> below_;
   std::optional<EngineTrees::Clock::time_point> readAt_;
-  bool lacksEngine_ = false;
   bool changed_ = false;
+  /// The table cannot be read, which is told.
+  bool isBlind_ = false;
+  /// Something has no engine for want of a thread.
+  bool isWanting_ = false;
   bool saidNotToldApart_ = false;
   /// Places that were taken up although the table shows no change: once each.
   std::set<std::pair<const WatchedTree*, std::string>> uncovered_;
