@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "bench/Measure.h"
-#include "platform/fsevents/PolledRegion.h"
+#include "platform/fsevents/polling/PolledRegion.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "platform/fsevents/FSEventStreamTypes.h"
-#include "platform/fsevents/LossNotices.h"
+#include "platform/fsevents/event/FSEventStreamTypes.h"
+#include "platform/fsevents/status/LossNotices.h"
 
 namespace kestrine {
 

@@ -7,7 +7,7 @@
 
 #include "platform/foundation/url/URL.h"
 #include "platform/foundation/value/Object.h"
-#include "platform/fsevents/FSEventStreamTypes.h"
+#include "platform/fsevents/event/FSEventStreamTypes.h"
 #include "watcher/CDEventFlags.h"
 
 namespace kestrine {

@@ -3,7 +3,7 @@
 #include <array>
 #include <string_view>
 
-#include "platform/fsevents/FSEventStreamTypes.h"
+#include "platform/fsevents/event/FSEventStreamTypes.h"
 
 namespace kestrine {
 

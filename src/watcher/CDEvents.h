@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/foundation/url/URL.h"
-#include "platform/fsevents/FSEventStreamTypes.h"
+#include "platform/fsevents/event/FSEventStreamTypes.h"
 
 namespace platform {
 class RunLoop;

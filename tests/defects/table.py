@@ -307,7 +307,7 @@ DEFECTS = [
     # The event stream.
     Defect(
         "listed-before-marked",
-        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
         "  int error = source_ ? source_->mark(descriptor, true, key) : queueError_;\n"
         "  const bool isMarked = source_ && error == 0;\n"
         "  if (!isMarked && parent != kNoNode && (isGone(error) || isRefused(error))) {\n"
@@ -355,7 +355,7 @@ DEFECTS = [
     ),
     Defect(
         "awaited-name-not-looked-for-again",
-        "src/platform/fsevents/RootMonitor.cpp",
+        "src/platform/fsevents/engine/RootMonitor.cpp",
         "  isSettled_ = isSettled_ && ::lstat(awaited.c_str(), &info) != 0;\n",
         "  static_cast<void>(::lstat(awaited.c_str(), &info));\n",
         "fsevents_tests",
@@ -363,7 +363,7 @@ DEFECTS = [
     ),
     Defect(
         "empty-folder-unguarded",
-        "src/platform/fsevents/RootMonitor.cpp",
+        "src/platform/fsevents/engine/RootMonitor.cpp",
         "  if (mayBeEmpty(at)) guard(number, at);\n",
         "",
         "fsevents_tests",
@@ -371,7 +371,7 @@ DEFECTS = [
     ),
     Defect(
         "emptied-folder-unguarded",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "  if (folder == DirectoryTree::kRoot && (change.bits & RawChange::kRemoved) != 0) rootLostItem_ = true;\n",
         "",
         "fsevents_tests",
@@ -379,7 +379,7 @@ DEFECTS = [
     ),
     Defect(
         "overflow-ignored",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "    overflowed_ = true;\n    return;\n",
         "    return;\n",
         "fsevents_tests",
@@ -387,7 +387,7 @@ DEFECTS = [
     ),
     Defect(
         "latency-restarted-by-each-change",
-        "src/platform/fsevents/Coalescer.cpp",
+        "src/platform/fsevents/event/Coalescer.cpp",
         "  if (events_.empty()) opened_ = Clock::now();\n",
         "  opened_ = Clock::now();\n",
         "fsevents_tests",
@@ -395,7 +395,7 @@ DEFECTS = [
     ),
     Defect(
         "erasing-cuts-a-run",
-        "src/platform/fsevents/HashIndex.h",
+        "src/platform/fsevents/event/HashIndex.h",
         "      if (distance(home(slots_[at].hash), at) >= distance(hole, at)) {\n",
         "      if (false) {\n",
         "fsevents_tests",
@@ -403,7 +403,7 @@ DEFECTS = [
     ),
     Defect(
         "storm-takes-the-others-along",
-        "src/platform/fsevents/Coalescer.cpp",
+        "src/platform/fsevents/event/Coalescer.cpp",
         "    const bool stays = event.tree != number || (event.flags & kKept) != 0 || event.path == root;\n",
         "    const bool stays = (event.flags & kKept) != 0 || event.path == root;\n",
         "fsevents_tests",
@@ -411,7 +411,7 @@ DEFECTS = [
     ),
     Defect(
         "storm-takes-the-roots-change-along",
-        "src/platform/fsevents/Coalescer.cpp",
+        "src/platform/fsevents/event/Coalescer.cpp",
         "  if (number < trees_.size() && trees_[number].isGivenUp && (flags & kKept) == 0 && path != trees_[number].root) return kNone;\n",
         "  if (number < trees_.size() && trees_[number].isGivenUp && path != trees_[number].root) return kNone;\n",
         "fsevents_tests",
@@ -419,7 +419,7 @@ DEFECTS = [
     ),
     Defect(
         "mailbox-not-signalled-again",
-        "src/platform/fsevents/StreamMailbox.cpp",
+        "src/platform/fsevents/engine/StreamMailbox.cpp",
         "  if (!letters_.empty()) signal_();\n",
         "",
         "fsevents_tests",
@@ -427,7 +427,7 @@ DEFECTS = [
     ),
     Defect(
         "left-behind-but-heard",
-        "src/platform/fsevents/StreamMailbox.cpp",
+        "src/platform/fsevents/engine/StreamMailbox.cpp",
         "  slots_.erase(engine);\n",
         "",
         "fsevents_tests",
@@ -435,7 +435,7 @@ DEFECTS = [
     ),
     Defect(
         "history-waits-for-what-hangs",
-        "src/platform/fsevents/StreamMailbox.cpp",
+        "src/platform/fsevents/engine/StreamMailbox.cpp",
         "  enter(0, *slot->second.member, std::move(batch));\n}\n",
         "}\n",
         "fsevents_tests",
@@ -443,7 +443,7 @@ DEFECTS = [
     ),
     Defect(
         "getting-on-taken-for-hanging",
-        "src/platform/fsevents/HangWatch.cpp",
+        "src/platform/fsevents/engine/HangWatch.cpp",
         "  if (steps != watched.steps_ || now - watched.since_ >= 2 * patience_) {\n",
         "  if (now - watched.since_ >= 2 * patience_) {\n",
         "fsevents_tests",
@@ -451,7 +451,7 @@ DEFECTS = [
     ),
     Defect(
         "hanging-path-looked-at",
-        "src/platform/fsevents/PathMounts.cpp",
+        "src/platform/fsevents/mounts/PathMounts.cpp",
         "    if (way.mayHang || left.empty()) break;\n",
         "    if (left.empty()) break;\n",
         "fsevents_tests",
@@ -459,7 +459,7 @@ DEFECTS = [
     ),
     Defect(
         "unmount-not-told",
-        "src/platform/fsevents/EngineMountsBelow.cpp",
+        "src/platform/fsevents/engine/EngineMountsBelow.cpp",
         "    if (isElsewhere || !contains(mounts_.table(), gone.mount)) tell(gone, kFSEventStreamEventFlagUnmount);\n",
         "    static_cast<void>(isElsewhere);\n",
         "fsevents_tests",
@@ -467,7 +467,7 @@ DEFECTS = [
     ),
     Defect(
         "flush-ahead-of-renamed-mounts",
-        "src/platform/fsevents/StreamEngine.cpp",
+        "src/platform/fsevents/engine/StreamEngine.cpp",
         "  trees_.processAll();\n  if (mounts_) followMovedFolders();\n  guardRoots();\n",
         "  trees_.processAll();\n  guardRoots();\n",
         "fsevents_tests",
@@ -475,7 +475,7 @@ DEFECTS = [
     ),
     Defect(
         "clock-set-back-unnoticed",
-        "src/platform/fsevents/EventClock.cpp",
+        "src/platform/fsevents/event/EventClock.cpp",
         "  if (timeOf(id) > now() + kTolerance) return \"the clock is behind the identifier to begin from: it was set back since\";\n",
         "",
         "fsevents_tests",
@@ -483,7 +483,7 @@ DEFECTS = [
     ),
     Defect(
         "removal-cancels-creation",
-        "src/platform/fsevents/Coalescer.cpp",
+        "src/platform/fsevents/event/Coalescer.cpp",
         "  event.flags |= flags;\n",
         "  event.flags = flags;\n",
         "fsevents_tests",
@@ -491,7 +491,7 @@ DEFECTS = [
     ),
     Defect(
         "exclusion-by-prefix",
-        "src/platform/fsevents/Exclusions.h",
+        "src/platform/fsevents/folders/Exclusions.h",
         "      if (path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/')) return true;\n",
         "      if (path.starts_with(place)) return true;\n",
         "fsevents_tests",
@@ -499,7 +499,7 @@ DEFECTS = [
     ),
     Defect(
         "renamed-folder-not-re-parented",
-        "src/platform/fsevents/DirectoryTree.cpp",
+        "src/platform/fsevents/folders/DirectoryTree.cpp",
         "  detach(node);\n  unlink(node);\n  const std::string keptName(newName);\n  const std::string keptKey(key(node));\n"
         "  setText(node, keptName, keptKey);\n  link(node, newParent);\n",
         "  const NodeId former = at(node).parent;\n"
@@ -510,7 +510,7 @@ DEFECTS = [
     ),
     Defect(
         "folder-that-left-still-told",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "    if (node != kNoNode) forget(node, Why::Left);\n",
         "",
         "fsevents_tests",
@@ -518,7 +518,7 @@ DEFECTS = [
     ),
     Defect(
         "own-changes-told",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "  bool silent = change.own && options_.ignoreSelf;\n",
         "  bool silent = false;\n",
         "fsevents_tests",
@@ -526,7 +526,7 @@ DEFECTS = [
     ),
     Defect(
         "write-through-a-mapping-not-told",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "    {RawChange::kClosedWrite, kFSEventStreamEventFlagItemModified},\n",
         "",
         "fsevents_tests",
@@ -535,7 +535,7 @@ DEFECTS = [
     # The disk ahead of the queue.
     Defect(
         "folder-of-a-move-not-asked-for",
-        "src/platform/fsevents/InotifySource.cpp",
+        "src/platform/fsevents/source/InotifySource.cpp",
         "IN_MOVED_TO | IN_MOVE_SELF | IN_MODIFY",
         "IN_MOVED_TO | IN_MODIFY",
         "fsevents_tests",
@@ -543,7 +543,7 @@ DEFECTS = [
     ),
     Defect(
         "names-of-a-moving-folder-told",
-        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
         "    isInPlace = isInPlace && isAtItsPlace(node, descriptor);\n",
         "    isInPlace = isInPlace && true;\n",
         "fsevents_tests",
@@ -551,7 +551,7 @@ DEFECTS = [
     ),
     Defect(
         "older-change-taken-for-the-new-folders",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "youth != young_.end() && now < youth->second.opened;",
         "youth != young_.end() && now < 0;",
         "fsevents_tests",
@@ -559,7 +559,7 @@ DEFECTS = [
     ),
     Defect(
         "look-ahead-of-the-queue-believed",
-        "src/platform/fsevents/WatchedTreePlaces.cpp",
+        "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "if (waits || structure_ != before || ",
         "if (waits || structure_ < before || ",
         "fsevents_tests",
@@ -567,7 +567,7 @@ DEFECTS = [
     ),
     Defect(
         "known-folder-moved-ahead-of-the-queue",
-        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
         "  if (known != kNoNode && !repairing_) {\n",
         "  if (known != kNoNode && !repairing_ && tree_.isBelowOrSame(parent, known)) {\n",
         "fsevents_tests",
@@ -575,7 +575,7 @@ DEFECTS = [
     ),
     Defect(
         "parent-not-looked-at",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "  if (!isAboveThere) {\n",
         "  if (!isAboveThere && !above.isOpen()) {\n",
         "fsevents_tests",
@@ -585,7 +585,7 @@ DEFECTS = [
     # The world under a watch.
     Defect(
         "exclusion-that-moves-along",
-        "src/platform/fsevents/WatchedTreePlaces.cpp",
+        "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "  if (!exclusions_.empty()) exclusionsMoved(node, from);\n",
         "",
         "fsevents_tests",
@@ -593,7 +593,7 @@ DEFECTS = [
     ),
     Defect(
         "unlimited-queue-not-asked-for",
-        "src/platform/fsevents/FanotifySource.cpp",
+        "src/platform/fsevents/source/FanotifySource.cpp",
         "  constexpr unsigned kUnlimited = FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;\n",
         "  constexpr unsigned kUnlimited = 0;\n",
         "fsevents_tests",
@@ -601,7 +601,7 @@ DEFECTS = [
     ),
     Defect(
         "marks-not-freed-near-the-limit",
-        "src/platform/fsevents/WatchedTreeCrawl.cpp",
+        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
         "    if (!drain() && !hasUnapplied()) resume(emptyAt_);\n",
         "",
         "fsevents_tests",
@@ -609,7 +609,7 @@ DEFECTS = [
     ),
     Defect(
         "removed-watches-fill-the-queue",
-        "src/platform/fsevents/WatchedTreeChanges.cpp",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
         "    if (++removed % kRemovalsBetweenDrains == 0) drain();\n",
         "    ++removed;\n",
         "fsevents_tests",
@@ -617,7 +617,7 @@ DEFECTS = [
     ),
     Defect(
         "mount-tried-once",
-        "src/platform/fsevents/EngineTrees.cpp",
+        "src/platform/fsevents/engine/EngineTrees.cpp",
         "    if (entry.attachAt && *entry.attachAt <= Clock::now()) attachAgain(entry);\n",
         "",
         "fsevents_tests",
@@ -625,7 +625,7 @@ DEFECTS = [
     ),
     Defect(
         "pseudo-file-systems-entered",
-        "src/platform/fsevents/EngineMountsBelow.cpp",
+        "src/platform/fsevents/engine/EngineMountsBelow.cpp",
         "  if (!policyOf(below.mount).isEntered()) {\n",
         "  if (false) {\n",
         "fsevents_tests",
@@ -633,7 +633,7 @@ DEFECTS = [
     ),
     Defect(
         "uncovered-folder-forgotten",
-        "src/platform/fsevents/WatchedTree.cpp",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
         "  if (parent != kNoNode && !isExcluded(parent, name)) takeUp(parent, name, 0);\n",
         "  if (parent != kNoNode && !isExcluded(parent, name)) closeFolders();\n",
         "fsevents_tests",
@@ -641,7 +641,7 @@ DEFECTS = [
     ),
     Defect(
         "failing-disk-asked-at-one-pace",
-        "src/platform/fsevents/WatchedTreeTrouble.cpp",
+        "src/platform/fsevents/tree/WatchedTreeTrouble.cpp",
         "  trouble.pause = std::min<Clock::duration>(trouble.pause * 2, kLastPause);\n",
         "  trouble.pause = kFirstPause;\n",
         "fsevents_tests",
@@ -649,7 +649,7 @@ DEFECTS = [
     ),
     Defect(
         "loss-told-once-for-ever",
-        "src/platform/fsevents/Losses.cpp",
+        "src/platform/fsevents/status/Losses.cpp",
         "  if (auto there = known.lasting.extract(place); !there.empty()) {\n    over(place, std::move(there.mapped()));\n",
         "  if (const auto there = known.lasting.find(place); there != known.lasting.end()) {\n",
         "fsevents_tests",
@@ -657,7 +657,7 @@ DEFECTS = [
     ),
     Defect(
         "recovered-with-the-first-of-two",
-        "src/platform/fsevents/Losses.cpp",
+        "src/platform/fsevents/status/Losses.cpp",
         "  if (!lastsAt(path)) notices_.add({false, path, record.reason, record.remedy});\n  const auto same",
         "  notices_.add({false, path, record.reason, record.remedy});\n  const auto same",
         "fsevents_tests",
@@ -665,7 +665,7 @@ DEFECTS = [
     ),
     Defect(
         "loss-beyond-the-bound-untold",
-        "src/platform/fsevents/Losses.cpp",
+        "src/platform/fsevents/status/Losses.cpp",
         "  if (rest.members.contains(std::hash<std::string>()(path))) return false;\n",
         "  if (!rest.members.empty()) return false;\n",
         "fsevents_tests",
@@ -673,7 +673,7 @@ DEFECTS = [
     ),
     Defect(
         "loss-stays-where-the-folder-was",
-        "src/platform/fsevents/Losses.cpp",
+        "src/platform/fsevents/status/Losses.cpp",
         "      place.key() = to + place.key().substr(from.size());\n",
         "",
         "fsevents_tests",
@@ -681,7 +681,7 @@ DEFECTS = [
     ),
     Defect(
         "recovery-left-out-for-a-slow-reader",
-        "src/platform/fsevents/LossNotices.cpp",
+        "src/platform/fsevents/status/LossNotices.cpp",
         "    } else if (!open.empty()) {\n",
         "    } else {\n",
         "fsevents_tests",
@@ -966,7 +966,7 @@ DEFECTS = [
     # What is mounted.
     Defect(
         "mounts-read-once",
-        "src/platform/fsevents/Mounts.cpp",
+        "src/platform/fsevents/mounts/Mounts.cpp",
         "constexpr int kAttempts = 10;",
         "constexpr int kAttempts = 1;",
         "fsevents_tests",
@@ -974,7 +974,7 @@ DEFECTS = [
     ),
     Defect(
         "mounts-forgotten-with-their-table",
-        "src/platform/fsevents/Mounts.cpp",
+        "src/platform/fsevents/mounts/Mounts.cpp",
         "      if (!readOnce(mounts)) return false;\n",
         "      if (!readOnce(mounts)) break;\n",
         "fsevents_tests",
@@ -982,7 +982,7 @@ DEFECTS = [
     ),
     Defect(
         "mounts-told-apart-by-their-ids",
-        "src/platform/fsevents/Mounts.cpp",
+        "src/platform/fsevents/mounts/Mounts.cpp",
         "mount.serial = hasSerials_ ? serials_.of(mount.id) : 0;",
         "mount.serial = 0;",
         "fsevents_tests",
@@ -990,7 +990,7 @@ DEFECTS = [
     ),
     Defect(
         "mount-witnesses-not-asked",
-        "src/platform/fsevents/Mounts.cpp",
+        "src/platform/fsevents/mounts/Mounts.cpp",
         "  witnesses_.look();\n",
         "",
         "fsevents_tests",
@@ -998,7 +998,7 @@ DEFECTS = [
     ),
     Defect(
         "mounts-not-attended",
-        "src/platform/fsevents/EngineMountsBelow.cpp",
+        "src/platform/fsevents/engine/EngineMountsBelow.cpp",
         "  attend();\n",
         "",
         "fsevents_tests",
@@ -1006,7 +1006,7 @@ DEFECTS = [
     ),
     Defect(
         "mount-point-still-escaped",
-        "src/platform/fsevents/MountTable.cpp",
+        "src/platform/fsevents/mounts/MountTable.cpp",
         "  mount.point = unescaped(nextField(line));\n",
         "  mount.point = nextField(line);\n",
         "fsevents_tests",
@@ -1014,7 +1014,7 @@ DEFECTS = [
     ),
     Defect(
         "hidden-mount-seen",
-        "src/platform/fsevents/MountTable.cpp",
+        "src/platform/fsevents/mounts/MountTable.cpp",
         "      if (last && isBelow(mounts_[sibling].point, mounts_[*last].point)) continue;\n",
         "      static_cast<void>(isBelow);\n",
         "fsevents_tests",
@@ -1022,7 +1022,7 @@ DEFECTS = [
     ),
     Defect(
         "mount-upon-the-root-reached",
-        "src/platform/fsevents/MountTable.cpp",
+        "src/platform/fsevents/mounts/MountTable.cpp",
         """        } else if (mounts_[mount].point != "/") {\n""",
         "        } else {\n",
         "fsevents_tests",
@@ -1030,7 +1030,7 @@ DEFECTS = [
     ),
     Defect(
         "sysfs-entered",
-        "src/platform/fsevents/FileSystems.cpp",
+        "src/platform/fsevents/mounts/FileSystems.cpp",
         '"sysfs",',
         "",
         "fsevents_tests",
@@ -1038,7 +1038,7 @@ DEFECTS = [
     ),
     Defect(
         "whole-seconds-trusted",
-        "src/platform/fsevents/FileSystems.cpp",
+        "src/platform/fsevents/mounts/FileSystems.cpp",
         "constexpr nanoseconds kWholeSeconds = seconds(1) + kTick;",
         "constexpr nanoseconds kWholeSeconds = kTick;",
         "fsevents_tests",
@@ -1047,7 +1047,7 @@ DEFECTS = [
     # Folders that are polled.
     Defect(
         "polled-equal-stamps-taken-for-no-change",
-        "src/platform/fsevents/FolderListing.cpp",
+        "src/platform/fsevents/polling/FolderListing.cpp",
         "  item.looks = isRecent(item, now_, rules_) ? PolledItem::kLastLook : 0;\n",
         "  item.looks = 0;\n",
         "fsevents_tests",
@@ -1055,7 +1055,7 @@ DEFECTS = [
     ),
     Defect(
         "polled-rename-not-paired",
-        "src/platform/fsevents/PolledChanges.cpp",
+        "src/platform/fsevents/polling/PolledChanges.cpp",
         "    pair(changes_[from->change], changes_[to.change]);\n",
         "",
         "fsevents_tests",
@@ -1063,7 +1063,7 @@ DEFECTS = [
     ),
     Defect(
         "polled-folder-forgotten-when-it-fails",
-        "src/platform/fsevents/PolledRegionPass.cpp",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
         "  folder.hasFailed = true;\n  host.failed(folder.node, error);\n",
         "  host.failed(folder.node, error);\n  remove(folder.node);\n",
         "fsevents_tests",
@@ -1071,7 +1071,7 @@ DEFECTS = [
     ),
     Defect(
         "polled-removal-told-in-the-new-place",
-        "src/platform/fsevents/PolledChanges.cpp",
+        "src/platform/fsevents/polling/PolledChanges.cpp",
         "    host.changedAt(look.seen->path, name, std::exchange(gone, 0));\n",
         "    host.changed(folder, name, std::exchange(gone, 0));\n",
         "fsevents_tests",
@@ -1079,7 +1079,7 @@ DEFECTS = [
     ),
     Defect(
         "polled-told-hides-what-it-does-not-say",
-        "src/platform/fsevents/PolledRegion.cpp",
+        "src/platform/fsevents/polling/PolledRegion.cpp",
         "  if (rest == 0 || (rest & ~coveredBy(flags)) != 0) return;\n",
         "  if (rest == 0 || (flags & ~coveredBy(flags)) != 0) return;\n",
         "fsevents_tests",
@@ -1087,7 +1087,7 @@ DEFECTS = [
     ),
     Defect(
         "polled-listed-after-the-baseline-forgotten",
-        "src/platform/fsevents/PolledRegion.cpp",
+        "src/platform/fsevents/polling/PolledRegion.cpp",
         "  known->told.insert_or_assign(std::string(name), ToldItem{item, 0});\n",
         "  static_cast<void>(item);\n",
         "fsevents_tests",

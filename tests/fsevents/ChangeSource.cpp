@@ -1,4 +1,4 @@
-#include "platform/fsevents/ChangeSource.h"
+#include "platform/fsevents/source/ChangeSource.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/fsevents/Coalescer.h"
+#include "platform/fsevents/event/Coalescer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/fsevents/DirectoryTree.h"
+#include "platform/fsevents/folders/DirectoryTree.h"
 
 #include <gtest/gtest.h>
 

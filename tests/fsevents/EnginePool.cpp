@@ -1,4 +1,4 @@
-#include "platform/fsevents/EnginePool.h"
+#include "platform/fsevents/engine/EnginePool.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-#include "platform/fsevents/EventClock.h"
+#include "platform/fsevents/event/EventClock.h"
 
 #include <gtest/gtest.h>
 

@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/fsevents/FileSystems.h"
-#include "platform/fsevents/Mounts.h"
+#include "platform/fsevents/mounts/FileSystems.h"
+#include "platform/fsevents/mounts/Mounts.h"
 #include "tests/fsevents/support/FileSystemProbe.h"
 #include "tests/fsevents/support/MountNamespace.h"
 #include "tests/fsevents/support/TestFuse.h"

@@ -1,4 +1,4 @@
-#include "platform/fsevents/FileSystems.h"
+#include "platform/fsevents/mounts/FileSystems.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

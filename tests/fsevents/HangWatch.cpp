@@ -1,4 +1,4 @@
-#include "platform/fsevents/HangWatch.h"
+#include "platform/fsevents/engine/HangWatch.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

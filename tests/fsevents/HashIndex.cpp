@@ -1,4 +1,4 @@
-#include "platform/fsevents/HashIndex.h"
+#include "platform/fsevents/event/HashIndex.h"
 
 #include <gtest/gtest.h>
 

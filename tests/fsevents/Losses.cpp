@@ -1,4 +1,4 @@
-#include "platform/fsevents/Losses.h"
+#include "platform/fsevents/status/Losses.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

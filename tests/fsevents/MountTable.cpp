@@ -1,4 +1,4 @@
-#include "platform/fsevents/MountTable.h"
+#include "platform/fsevents/mounts/MountTable.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/fsevents/PastChanges.h"
+#include "platform/fsevents/folders/PastChanges.h"
 
 #include <gtest/gtest.h>
 

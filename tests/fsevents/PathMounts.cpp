@@ -1,4 +1,4 @@
-#include "platform/fsevents/PathMounts.h"
+#include "platform/fsevents/mounts/PathMounts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/fsevents/PolledRegion.h"
+#include "platform/fsevents/polling/PolledRegion.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

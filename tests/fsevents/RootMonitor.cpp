@@ -1,4 +1,4 @@
-#include "platform/fsevents/RootMonitor.h"
+#include "platform/fsevents/engine/RootMonitor.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

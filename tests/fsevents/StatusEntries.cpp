@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/value/Dictionary.h"
-#include "platform/fsevents/StreamStatus.h"
+#include "platform/fsevents/status/StreamStatus.h"
 
 // What a stream's status holds, as those below the stream put it there.
 

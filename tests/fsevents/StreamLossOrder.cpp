@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/fsevents/StreamMailbox.h"
-#include "platform/fsevents/StreamStatus.h"
+#include "platform/fsevents/engine/StreamMailbox.h"
+#include "platform/fsevents/status/StreamStatus.h"
 
 // Engines work side by side; what is lost and found again has one order for the whole stream.
 

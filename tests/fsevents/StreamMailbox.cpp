@@ -1,4 +1,4 @@
-#include "platform/fsevents/StreamMailbox.h"
+#include "platform/fsevents/engine/StreamMailbox.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/fsevents/Unsettled.h"
+#include "platform/fsevents/tree/Unsettled.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

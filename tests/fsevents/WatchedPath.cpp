@@ -1,4 +1,4 @@
-#include "platform/fsevents/WatchedPath.h"
+#include "platform/fsevents/tree/WatchedPath.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/fsevents/WatchedTree.h"
+#include "platform/fsevents/tree/WatchedTree.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

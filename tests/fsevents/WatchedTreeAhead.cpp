@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "platform/fsevents/WatchedTree.h"
+#include "platform/fsevents/tree/WatchedTree.h"
 #include "tests/fsevents/support/StreamTest.h"
 
-// The disk ahead of the queue: what is on the disk when a change is looked into may be the work of changes that are still to be read. Told is
-// what was, where it was.
+// The disk ahead of the queue: what is on the disk when a change is looked into may be the work of changes that are still to be read. Told
+// is what was, where it was.
 
 namespace kestrine::test {
 namespace {
@@ -113,7 +113,8 @@ TEST_P(WatchedTreeAhead, AFolderMadeAndMovedOnWhileItsParentMovesIsFoundAtItsPla
   moveItem(in("p/new"), in("p/second"));
   moveItem(in("p"), in("to/p"));
   moveItem(in("to/p/second"), in("third"));
-  EXPECT_THAT(told(), testing::IsSubsetOf({"/p", "/p/new", "/p/second", "/p/new/first", "/to/p", "/to/p/second", "/third", "/third/first"}));
+  EXPECT_THAT(told(),
+              testing::IsSubsetOf({"/p", "/p/new", "/p/second", "/p/new/first", "/to/p", "/to/p/second", "/third", "/third/first"}));
   expectToldAsWritten({"third/a", "to/p/b"});
 }
 

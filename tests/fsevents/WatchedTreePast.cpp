@@ -5,7 +5,7 @@
 #include <map>
 #include <thread>
 
-#include "platform/fsevents/WatchedTree.h"
+#include "platform/fsevents/tree/WatchedTree.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 // What a tree tells of the time before it was attached.

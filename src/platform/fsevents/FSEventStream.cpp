@@ -13,8 +13,8 @@
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/StatusRegistry.h"
 #include "platform/foundation/value/Dictionary.h"
-#include "platform/fsevents/EnginePool.h"
-#include "platform/fsevents/EventClock.h"
+#include "platform/fsevents/engine/EnginePool.h"
+#include "platform/fsevents/event/EventClock.h"
 
 namespace platform {
 namespace {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "platform/foundation/value/Object.h"
-#include "platform/fsevents/FSEventStreamTypes.h"
-#include "platform/fsevents/LossNotices.h"
+#include "platform/fsevents/event/FSEventStreamTypes.h"
+#include "platform/fsevents/status/LossNotices.h"
 
 namespace platform {
 
@@ -56,7 +56,7 @@ class FSEventStream {
 
   /// Which part of the kernel tells the changes. Automatic prefers fanotify and uses inotify for what fanotify refuses; the others use
   /// nothing else. Automatic obeys the environment variable KESTRINE_FSEVENTS_SOURCE ("fanotify", "inotify") when it is set.
-  enum class Source { Automatic, Fanotify, Inotify };
+  using Source = FSEventStreamSource;
 
   /// Creates a stream; nothing is watched before `start`. `latency` is in seconds, counted from the first change of a window; `sinceWhen`
   /// is kFSEventStreamEventIdSinceNow or an identifier of the past, which asks for what changed since (followed by HistoryDone).

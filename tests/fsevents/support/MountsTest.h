@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/fsevents/Mounts.h"
+#include "platform/fsevents/mounts/Mounts.h"
 #include "tests/fsevents/support/MountNamespace.h"
 #include "tests/support/TemporaryDirectory.h"
 

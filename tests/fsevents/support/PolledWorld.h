@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/fsevents/PolledRegion.h"
+#include "platform/fsevents/polling/PolledRegion.h"
 #include "tests/fsevents/support/StreamTest.h"
 
 namespace kestrine::test {

@@ -1,0 +1,96 @@
+#include "platform/fsevents/mounts/PathMounts.h"
+
+#include <limits.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <tuple>
+#include <utility>
+
+#include "platform/fsevents/mounts/FileSystems.h"
+
+namespace platform::fsevents {
+namespace {
+
+/// As the kernel counts links before it gives up (path_resolution(7)).
+constexpr int kMaximumLinks = 40;
+
+/// The components of `text` in reverse, so that the next one is at the end.
+void pushReversed(const std::string& text, std::vector<std::string>& reversed) {
+  const std::size_t before = reversed.size();
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find('/', at), text.size());
+    if (end > at) reversed.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  std::reverse(reversed.begin() + static_cast<std::ptrdiff_t>(before), reversed.end());
+}
+
+std::string linkAt(const std::string& path) {
+  std::array<char, PATH_MAX> target{};
+  const ssize_t count = ::readlink(path.c_str(), target.data(), target.size());
+  return count > 0 ? std::string(target.data(), static_cast<std::size_t>(count)) : std::string();
+}
+
+std::string join(const std::string& folder, const std::string& name) { return (folder == "/" ? "" : folder) + "/" + name; }
+
+bool mayHangOn(const Mount& mount) {
+  const FileSystemPolicy policy = policyOf(mount);
+  return policy.isForeign() || policy.kind == FileSystemKind::Automount;
+}
+
+}  // namespace
+
+PathMounts followPath(const MountTable& table, const std::string& path) {
+  PathMounts way;
+  std::vector<std::string> left;
+  pushReversed(path, left);
+  way.real = "/";
+  int links = 0;
+  while (true) {
+    way.places.insert(way.real);
+    const Mount* const mount = table.covering(way.real);
+    if (mount != nullptr && std::find(way.mounts.begin(), way.mounts.end(), *mount) == way.mounts.end()) way.mounts.push_back(*mount);
+    way.mayHang = mount != nullptr && mayHangOn(*mount);
+    if (way.mayHang || left.empty()) break;
+    const std::string name = std::move(left.back());
+    left.pop_back();
+    if (name == ".") continue;
+    if (name == "..") {
+      way.real.erase(std::max<std::size_t>(way.real.rfind('/'), 1));
+      continue;
+    }
+    const std::string next = join(way.real, name);
+    const Mount* const there = table.covering(next);
+    // Its own mount is looked at in the next round; a mount point is no link.
+    const std::string target = there != nullptr && there->point == next ? std::string() : linkAt(next);
+    if (target.empty()) {
+      way.real = next;
+      continue;
+    }
+    way.places.insert(next);
+    if (++links > kMaximumLinks) break;
+    if (target.front() == '/') way.real = "/";
+    pushReversed(target, left);
+  }
+  for (; !left.empty(); left.pop_back()) way.real = join(way.real, left.back());
+  return way;
+}
+
+bool isSameMount(const Mount& one, const Mount& other) {
+  if (one.serial != 0 && other.serial != 0) return one.serial == other.serial;
+  const auto what = [](const Mount& mount) { return std::tie(mount.id, mount.device, mount.root, mount.type, mount.source); };
+  return what(one) == what(other);
+}
+
+bool contains(const MountTable& table, const Mount& mount) {
+  return std::any_of(table.all().begin(), table.all().end(), [&](const Mount& each) { return isSameMount(each, mount); });
+}
+
+bool isAtOrBelowPath(const std::string& path, const std::string& folder) {
+  if (folder.empty() || folder == "/") return true;
+  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+}  // namespace platform::fsevents

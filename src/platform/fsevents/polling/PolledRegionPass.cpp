@@ -1,0 +1,236 @@
+#include <dirent.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <utility>
+
+#include "platform/fsevents/folders/PathOpener.h"
+#include "platform/fsevents/polling/FolderListing.h"
+#include "platform/fsevents/polling/PolledChanges.h"
+#include "platform/fsevents/polling/PolledFolder.h"
+#include "platform/fsevents/polling/PolledRegion.h"
+
+namespace platform::fsevents {
+namespace {
+
+/// Of the processor: one part in so many.
+constexpr int kShare = 100;
+/// For how long a slow file system is left alone at most for being slow.
+constexpr std::chrono::seconds kLongestCourtesy(60);
+/// How often moved folders are looked at again within one pass, in which more moves may be found.
+constexpr int kMostRounds = 8;
+
+std::chrono::nanoseconds processorTime() {
+  timespec now{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+}  // namespace
+
+std::uint32_t PolledRegion::hasten() {
+  if (phase_ == Phase::Resting) {
+    due_ = Clock::now();
+  } else {
+    isHastened_ = true;
+  }
+  return pass_ + 1;
+}
+
+std::optional<PolledRegion::Clock::time_point> PolledRegion::work(Host& host, Clock::duration slice) {
+  const auto begin = Clock::now();
+  if (folders_.empty()) dropPass();
+  if (folders_.empty() || (phase_ == Phase::Resting && begin < due_)) return due();
+  if (phase_ == Phase::Resting) beginPass();
+  const auto end = begin + slice;
+  while (phase_ != Phase::Resting) {
+    const bool isInTime = phase_ == Phase::Looking ? look(host, end) : phase_ == Phase::Moving ? move(host, end) : tell(host, end);
+    if (!isInTime) break;
+  }
+  return due();
+}
+
+void PolledRegion::beginPass() {
+  ++pass_;
+  phase_ = Phase::Looking;
+  reached_.reset();
+  hasReachedAll_ = false;
+  isLookingAgain_ = false;
+  rounds_ = 0;
+  triesMarks_ = true;
+  cost_ = {};
+  elapsed_ = {};
+}
+
+void PolledRegion::dropPass() {
+  closeCurrent();
+  changes_->clear();
+  leaving_.clear();
+  moved_.clear();
+  phase_ = Phase::Resting;
+}
+
+void PolledRegion::endPass(Host& host) {
+  const auto courtesy = std::min<Clock::duration>(elapsed_, kLongestCourtesy);
+  interval_ = std::max(
+      {shortest_, std::chrono::ceil<std::chrono::milliseconds>(cost_ * kShare), std::chrono::ceil<std::chrono::milliseconds>(courtesy)});
+  phase_ = Phase::Resting;
+  due_ = Clock::now();
+  if (!std::exchange(isHastened_, false)) due_ += interval_;
+  for (const FolderPointer& folder : std::exchange(leaving_, {})) {
+    if (folder->isRemoved) continue;
+    remove(folder->node);
+    host.left(folder->node);
+  }
+}
+
+bool PolledRegion::look(Host& host, Clock::time_point end) {
+  const auto cost = processorTime();
+  const auto begin = Clock::now();
+  bool isInTime = true;
+  bool isOver = false;
+  while (isInTime && !isOver) {
+    if (!listing_) isOver = !openNext(host);
+    if (listing_) lookOn(host, end);
+    isOver = isOver || (!isLookingAgain_ && changes_->isFull());
+    isInTime = Clock::now() < end;
+  }
+  cost_ += processorTime() - cost;
+  elapsed_ += Clock::now() - begin;
+  if (!isOver) return false;
+  changes_->arrange();
+  phase_ = Phase::Moving;
+  return isInTime;
+}
+
+bool PolledRegion::move(Host& host, Clock::time_point end) {
+  if (!changes_->moveFolders(host, end)) return false;
+  // What happened in them is told of the places where it happened, if it is looked at before the move is told.
+  isLookingAgain_ = !moved_.empty() && ++rounds_ < kMostRounds;
+  if (!isLookingAgain_) {
+    for (const FolderPointer& folder : std::exchange(moved_, {})) folder->placeOfLook()->isExact = false;
+  }
+  phase_ = isLookingAgain_ ? Phase::Looking : Phase::Telling;
+  return true;
+}
+
+bool PolledRegion::tell(Host& host, Clock::time_point end) {
+  if (!changes_->tell(host, end)) return false;
+  rounds_ = 0;
+  if (hasReachedAll_) {
+    endPass(host);
+  } else {
+    phase_ = Phase::Looking;
+  }
+  return true;
+}
+
+PolledRegion::FolderPointer PolledRegion::nextFolder() {
+  if (isLookingAgain_) {
+    if (moved_.empty()) return nullptr;
+    FolderPointer folder = std::move(moved_.back());
+    moved_.pop_back();
+    return folder;
+  }
+  const auto next = reached_ ? folders_.upper_bound(*reached_) : folders_.begin();
+  hasReachedAll_ = next == folders_.end();
+  if (hasReachedAll_) return nullptr;
+  reached_ = next->first;
+  return next->second;
+}
+
+bool PolledRegion::openNext(Host& host) {
+  const FolderPointer folder = nextFolder();
+  if (!folder) return false;
+  if (folder->isRemoved || (folder->addedIn == pass_ && !isLookingAgain_)) return true;
+  FileHandle opened = host.openFolder(folder->node);
+  const int error = errno;
+  if (folder->isRemoved) return true;
+  if (!opened.isOpen()) {
+    if (!isGone(error)) lookFailed(host, *folder, error);
+    return true;
+  }
+  if (!isHere(*folder, opened.fileDescriptor())) return true;
+  isMarked_ = folder->why == Why::MarkRefused && triesMarks_ && host.tryMark(folder->node, opened.fileDescriptor());
+  triesMarks_ = triesMarks_ && (isMarked_ || folder->why != Why::MarkRefused);
+  if (folder->isRemoved) return true;
+  current_ = folder;
+  opened_ = std::move(opened);
+  listing_ = std::make_unique<FolderListing>(opened_.fileDescriptor(), StampRules{timeStep_.count(), foreign_});
+  return true;
+}
+
+bool PolledRegion::isHere(PolledFolder& folder, int descriptor) const {
+  int error = 0;
+  const PolledItem found = lookAt(descriptor, "", 0, DT_DIR, error);
+  if (error != 0) return true;
+  const bool isKnown = isSameItem(folder.self, found, {timeStep_.count(), foreign_});
+  // That another took its name is told in the folder above, and where this one is. When nobody said so by the next time, it was the file
+  // system that changed its mind about numbers; where those mean little, they say nothing at all.
+  folder.wasDisplaced = !isKnown && !folder.wasDisplaced && !foreign_;
+  if (folder.wasDisplaced) return false;
+  folder.self = found;
+  return true;
+}
+
+void PolledRegion::closeCurrent() {
+  listing_.reset();
+  opened_.closeFile();
+  current_.reset();
+}
+
+void PolledRegion::lookOn(Host& host, Clock::time_point end) {
+  const FolderListing::Progress progress = listing_->read(end);
+  if (progress == FolderListing::Progress::More) return;
+  const FolderPointer folder = current_;
+  int error = listing_->error();
+  PolledComparison comparison;
+  if (progress == FolderListing::Progress::Done) {
+    offset_ = std::max(offset_, listing_->offset());
+    if (!comparison.compare(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
+  }
+  if (error == 0 && comparison.hasDifferences() && !hasStayed(host, *folder)) {
+    closeCurrent();
+    return;
+  }
+  if (error == 0) {
+    error = listing_->itemError();
+    comparison.take(*folder, *listing_);
+  }
+  folder->isLeaving = isMarked_ && error == 0;
+  if (folder->isLeaving) leaving_.push_back(folder);
+  closeCurrent();
+  tellLook(host, folder, comparison, error);
+}
+
+void PolledRegion::tellLook(Host& host, const FolderPointer& folder, const PolledComparison& comparison, int error) {
+  changes_->add(folder, comparison);
+  const std::shared_ptr<const FolderTable> table = folder->table;
+  for (const auto& [at, flags] : comparison.changed) {
+    if (!folder->isRemoved) host.changed(folder->node, table->name(at), flags);
+  }
+  if (error != 0) {
+    // A folder that was removed while it was open has no list any more.
+    if (!isGone(error)) lookFailed(host, *folder, error);
+  } else if (std::exchange(folder->hasFailed, false) && !folder->isRemoved) {
+    host.recovered(folder->node);
+  }
+}
+
+bool PolledRegion::hasStayed(Host& host, PolledFolder& folder) const {
+  // What was seen in it through its descriptor may have happened in another place, which is about to be found out.
+  const FileHandle again = host.openFolder(folder.node);
+  const bool isDisplaced = std::exchange(folder.wasDisplaced, false);
+  const bool hasStayed = again.isOpen() && !folder.isRemoved && isHere(folder, again.fileDescriptor());
+  folder.wasDisplaced = isDisplaced;
+  return hasStayed;
+}
+
+void PolledRegion::lookFailed(Host& host, PolledFolder& folder, int error) {
+  if (folder.isRemoved) return;
+  folder.hasFailed = true;
+  host.failed(folder.node, error);
+}
+
+}  // namespace platform::fsevents

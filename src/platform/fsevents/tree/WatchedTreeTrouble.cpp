@@ -1,0 +1,301 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/fsevents/folders/PathOpener.h"
+#include "platform/fsevents/tree/WatchedTree.h"
+
+namespace platform::fsevents {
+namespace {
+
+/// Until a folder that could not be read is looked at again: ever less often, for ever.
+constexpr std::chrono::milliseconds kFirstPause(100);
+constexpr std::chrono::seconds kLastPause(60);
+/// A shortage of descriptors or memory that is over after so many looks (about three seconds) has cost nothing.
+constexpr int kQuietTries = 5;
+/// How long the polling may keep the kernel queue waiting.
+constexpr std::chrono::milliseconds kPollSlice(20);
+
+}  // namespace
+
+// Folders that cannot be opened, read or marked: each is told as a loss for as long as it lasts, or polled, and looked at again.
+
+void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error) {
+  if (isCovered(error)) {
+    // Something is mounted on it: that is another tree's, and what it hides is taken up when it is uncovered.
+    covered_.push_back(relativePath(parent).append("/").append(name));
+    if (const NodeId node = tree_.child(parent, name); node != kNoNode) forget(node, Why::Left);
+    return;
+  }
+  if (isGone(error)) {
+    // Where it was seen in an open folder, the queue tells of its leaving; or that folder has moved on.
+    const NodeId node = tree_.child(parent, name);
+    if (node != kNoNode || !open)
+      unsettle(parent, name, node == kNoNode ? std::string_view{} : tree_.key(node), kFSEventStreamEventFlagItemCreated);
+    return;
+  }
+  const NodeId node = place(parent, name);
+  tree_.setGeneration(node, generation_);
+  const FileHandle above = open ? FileHandle() : openFolder(parent);
+  const int parentFolder = open ? open->handle.fileDescriptor() : above.fileDescriptor();
+  if (isRefused(error)) {
+    refusedFolder(node, parent, parentFolder, name);
+  } else {
+    troubled(node, error);
+  }
+  identify(node, parentFolder, name);
+}
+
+void WatchedTree::identify(NodeId node, int parentFolder, std::string_view name) {
+  if (parentFolder < 0 || !source_ || !tree_.key(node).empty()) return;
+  KernelKey key;
+  source_->identify(parentFolder, std::string(name).c_str(), key);
+  if (!key.empty() && tree_.findByKey(key.view()) == kNoNode) tree_.setKey(node, key.view());
+}
+
+void WatchedTree::refusedFolder(NodeId node, NodeId parent, int parentFolder, std::string_view name) {
+  tree_.setFlags(node, tree_.flags(node) | kTroubled);
+  struct stat info {};
+  const bool isEntered =
+      parentFolder >= 0 && ::fstatat(parentFolder, std::string(name).c_str(), &info, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) == 0;
+  // Where the folder above may be read and not entered, that one is what to tell of, once for everything in it.
+  const NodeId culprit = isEntered || parentFolder < 0 ? node : parent;
+  tree_.setFlags(culprit, tree_.flags(culprit) | kTroubled);
+  reportLoss(LossKind::Rights, culprit, explainFolderFailure(EACCES));
+}
+
+void WatchedTree::troubled(NodeId node, int error) {
+  if (isGone(error)) return;  // the queue will tell
+  tree_.setFlags(node, tree_.flags(node) | kTroubled);
+  if (isRefused(error)) {
+    reportLoss(LossKind::Rights, node, explainFolderFailure(error));
+    return;  // the kernel tells when its mode changes
+  }
+  const NodeId parent = node == DirectoryTree::kRoot ? kNoNode : tree_.parent(node);
+  Where folder = parent == kNoNode ? Where{} : whereIs(parent);
+  const std::string name(tree_.name(node));
+  const std::string at = folder.key + '\0' + folder.path + '\0' + name;
+  Trouble& trouble = troubles_.try_emplace(at, Trouble{std::move(folder), name, kFirstPause / 2, {}, 0}).first->second;
+  trouble.pause = std::min<Clock::duration>(trouble.pause * 2, kLastPause);
+  trouble.due = Clock::now() + trouble.pause;
+  ++trouble.tries;
+  if (isShortage(error) && trouble.tries <= kQuietTries) return;
+  reportLoss(isLimitReached(error) && !isShortage(error) ? LossKind::MarkLimit : LossKind::InputOutput, node,
+             isLimitReached(error) && !isShortage(error) ? explainMarkFailure(sourceName(), error) : explainFolderFailure(error));
+}
+
+void WatchedTree::recovered(NodeId node) {
+  const std::uint8_t flags = tree_.flags(node);
+  Losses& losses = status_.losses();
+  // By its path and not by the node's flag, which a tree that has begun anew does not have.
+  if ((flags & kTroubled) == 0 && !losses.any()) return;
+  tree_.setFlags(node, flags & static_cast<std::uint8_t>(~kTroubled));
+  const std::string path = reportedPathOf(node);
+  losses.end(LossKind::Rights, path);
+  if (!rootIsFolder_) losses.end(LossKind::MarkLimit, path);
+  // What happened in it meanwhile nobody knows.
+  if (losses.end(LossKind::InputOutput, path)) {
+    report(node, {},
+           kFSEventStreamEventFlagMustScanSubDirs | (node == DirectoryTree::kRoot ? rootKind() : kFSEventStreamEventFlagItemIsDir), false);
+  }
+}
+
+std::optional<WatchedTree::Clock::time_point> WatchedTree::retryTroubled() {
+  std::optional<Clock::time_point> next;
+  if (troubles_.empty()) return next;
+  const auto now = Clock::now();
+  std::vector<std::string> due;
+  for (const auto& [at, trouble] : troubles_) {
+    if (trouble.due <= now) due.push_back(at);
+  }
+  for (const std::string& at : due) {
+    const auto trouble = troubles_.find(at);
+    if (trouble == troubles_.end()) continue;
+    const bool isRoot = trouble->second.name.empty();
+    const NodeId folder = isRoot ? DirectoryTree::kRoot : find(trouble->second.folder);
+    const std::string name = trouble->second.name;
+    const NodeId node = isRoot ? folder : folder == kNoNode ? kNoNode : tree_.child(folder, name);
+    if (node == kNoNode || (tree_.flags(node) & kTroubled) == 0) {
+      troubles_.erase(trouble);
+      continue;
+    }
+    const bool isQuiet = trouble->second.tries <= kQuietTries;
+    lookAgain(node);
+    // What came and went in it meanwhile is told by nobody else, where no loss was.
+    if (isQuiet && !isRoot && tree_.child(folder, name) == node && (tree_.flags(node) & kTroubled) == 0)
+      report(folder, name, kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemIsDir, false);
+    if (const auto after = troubles_.find(at); after != troubles_.end() && after->second.due <= now) troubles_.erase(after);
+  }
+  for (const auto& [at, trouble] : troubles_) next = next ? std::min(*next, trouble.due) : trouble.due;
+  return next;
+}
+
+void WatchedTree::lookAgain(NodeId node) {
+  if (node == DirectoryTree::kRoot) {
+    FileHandle opened(rootIsFolder_ ? openFolder(node) : FileHandle(::open(options_.openPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)));
+    if (!opened.isOpen()) {
+      troubled(node, errno);
+    } else if (rootIsFolder_) {
+      crawl(kNoNode, {}, std::move(opened), 0, 0);
+    } else {
+      markFile(opened.fileDescriptor());
+    }
+    return;
+  }
+  const std::string name(tree_.name(node));
+  takeUp(tree_.parent(node), name, kFSEventStreamEventFlagItemCreated);
+}
+
+void WatchedTree::lookAgainAt(NodeId folder) {
+  std::vector<std::string> names;
+  const bool wasTroubled = (tree_.flags(folder) & kTroubled) != 0;
+  tree_.forEachChild(folder, [&](NodeId child) {
+    if ((tree_.flags(child) & kTroubled) != 0 && !tree_.isDetached(child)) names.emplace_back(tree_.name(child));
+  });
+  if (wasTroubled && names.empty()) {
+    lookAgain(folder);
+    return;
+  }
+  if (wasTroubled) recovered(folder);  // and troubled again where what is in it still cannot be entered
+  for (const std::string& name : names) {
+    if (tree_.child(folder, name) != kNoNode) takeUp(folder, name, kFSEventStreamEventFlagItemCreated);
+  }
+}
+
+PolledRegion& WatchedTree::region() {
+  if (!region_) region_ = std::make_unique<PolledRegion>(options_.policy.timeStep, options_.policy.isForeign());
+  return *region_;
+}
+
+bool WatchedTree::poll(NodeId node, int folder, int markError) {
+  const bool isRefusedMark = markError != 0;
+  if (isRefusedMark && source_) markLimitReached(markError);
+  // One that is in it goes on being compared with what was seen last.
+  if (region().contains(node)) return true;
+  const auto why = isRefusedMark ? PolledRegion::Why::MarkRefused : PolledRegion::Why::OthersWrite;
+  if (!region().add(node, folder, why)) return false;
+  std::uint8_t flags = tree_.flags(node);
+  if (isRefusedMark && (flags & kRefused) == 0) ++refusedFolders_;
+  flags |= kPolled;
+  tree_.setFlags(node, isRefusedMark ? flags | kRefused : flags);
+  return true;
+}
+
+void WatchedTree::markLimitReached(int error) {
+  if (std::exchange(limitTold_, true)) return;
+  reportLoss(LossKind::MarkLimit, DirectoryTree::kRoot, explainMarkFailure(source_->name(), error));
+}
+
+bool WatchedTree::tryMark(NodeId node, int folder) {
+  if (!source_) return false;
+  KernelKey key;
+  if (const int error = source_->mark(folder, true, key); error != 0) {
+    markLimitReached(error);
+    return false;
+  }
+  if (const NodeId known = tree_.findByKey(key.view()); known == kNoNode) {
+    tree_.setKey(node, key.view());
+  } else if (known != node) {
+    return false;  // known in another place: the queue is about to tell which
+  }
+  countMark(node);
+  return true;
+}
+
+void WatchedTree::left(NodeId node) {
+  const std::uint8_t flags = tree_.flags(node);
+  if ((flags & kRefused) != 0) --refusedFolders_;
+  tree_.setFlags(node, flags & static_cast<std::uint8_t>(~(kRefused | kPolled)));
+}
+
+void WatchedTree::pollNoLonger(NodeId node) {
+  const std::uint8_t flags = tree_.flags(node);
+  if ((flags & kPolled) == 0 || !region_) return;
+  region_->remove(node);
+  left(node);
+}
+
+void WatchedTree::tellRegion() {
+  if (!region_ || region_->empty()) {
+    status_.removeRegion(options_.reportedPath);
+    return;
+  }
+  const char* reason = options_.policy.isForeign() ? "others may write to this file system unseen"
+                       : source_                   ? "the kernel marks no further folder"
+                       : kernel_ == Kernel::None   ? "this file system cannot be watched"
+                                                   : "the kernel offers no queue";
+  status_.setRegion(options_.reportedPath, region_->folders(), region_->interval(), reason);
+}
+
+std::optional<WatchedTree::Clock::time_point> WatchedTree::workOnRegion() {
+  if (!region_) return std::nullopt;
+  const std::size_t before = region_->folders();
+  const auto interval = region_->interval();
+  const auto next = region_->work(*this, kPollSlice);
+  if (limitTold_ && refusedFolders_ == 0) {
+    limitTold_ = false;
+    status_.losses().end(LossKind::MarkLimit, reportedPathOf(DirectoryTree::kRoot));
+  }
+  const bool isOver = region_->empty();
+  if (isOver) region_.reset();
+  if (isOver || !regionTold_ || before != region_->folders() || interval != region_->interval()) tellRegion();
+  regionTold_ = !isOver;
+  return isOver ? std::nullopt : next;
+}
+
+void WatchedTree::updatePolled(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
+  if (!region_ || folder == kNoNode || name.empty() || (tree_.flags(folder) & kPolled) == 0) return;
+  if (const FileHandle opened = openFolder(folder); opened.isOpen()) region_->told(folder, opened.fileDescriptor(), name, flags);
+}
+
+void WatchedTree::polledMoved(NodeId top, const std::string& formerPath) {
+  std::vector<std::pair<NodeId, std::string>> stack{{top, formerPath}};
+  while (!stack.empty()) {
+    const auto [node, path] = std::move(stack.back());
+    stack.pop_back();
+    if ((tree_.flags(node) & kPolled) != 0) region_->moved(node, path);
+    tree_.forEachChild(node, [&, &above = path](NodeId child) { stack.emplace_back(child, above + "/" + std::string(tree_.name(child))); });
+  }
+}
+
+void WatchedTree::changed(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) { report(folder, name, flags, false); }
+
+void WatchedTree::changedAt(std::string_view formerPlace, std::string_view name, FSEventStreamEventFlags flags) {
+  std::string path = options_.reportedPath;
+  path.append(formerPlace);
+  if (options_.fileEvents) path.append("/").append(name);
+  coalescer_.add(number_, path.empty() ? "/" : path, options_.fileEvents ? flags : 0, false);
+}
+
+void WatchedTree::tellPolledRemoved(NodeId top) {
+  std::vector<NodeId> stack{top};
+  while (region_ && !stack.empty()) {
+    const NodeId node = stack.back();
+    stack.pop_back();
+    tree_.forEachChild(node, [&](NodeId child) { stack.push_back(child); });
+    if ((tree_.flags(node) & kPolled) != 0) region_->tellAllRemoved(node, *this);
+  }
+}
+
+void WatchedTree::folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
+  const NodeId node = tree_.child(folder, name);
+  if (node == kNoNode) return;
+  // Before another is found in its place.
+  if ((flags & kFSEventStreamEventFlagItemRenamed) == 0) tellPolledRemoved(node);
+  displace(node);
+}
+
+void WatchedTree::folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
+  constexpr FSEventStreamEventFlags kHow = kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemRenamed;
+  if (!isExcluded(folder, name)) takeUp(folder, name, flags & kHow);
+}
+
+void WatchedTree::failed(NodeId node, int error) {
+  tree_.setFlags(node, tree_.flags(node) | kTroubled);
+  reportLoss(isRefused(error) ? LossKind::Rights : LossKind::InputOutput, node, explainFolderFailure(error));
+}
+
+}  // namespace platform::fsevents
