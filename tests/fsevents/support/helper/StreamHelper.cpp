@@ -111,8 +111,7 @@ class Helper {
       const std::lock_guard lock(mutex_);
       events.swap(events_);
     }
-    for (const auto& [event, time] : events)
-      std::cout << event.id << ' ' << event.flags << ' ' << toHex(event.path) << ' ' << time << '\n';
+    for (const auto& [event, time] : events) std::cout << event.id << ' ' << event.flags << ' ' << toHex(event.path) << ' ' << time << '\n';
   }
 
   std::mutex mutex_;
