@@ -87,5 +87,22 @@ TEST_P(WatchedTreeTest, KeepsAFolderThatWasFoundAheadOfTheQueueInAPlaceThatMoves
   }
 }
 
+// A thread that was left behind in a file system comes back when another has long taken its place.
+TEST_P(WatchedTreeTest, ThatWasLeftBehindLeavesLossesAlone) {
+  const auto losses = [&](bool leftBehind) {
+    auto given = options();
+    given.pulse->leftBehind = leftBehind;
+    {
+      fsevents::WatchedTree tree(0, given, coalescer_, status_);
+      int error = 0;
+      EXPECT_EQ(tree.attach(0, std::nullopt, error), fsevents::WatchedTree::Attached::Standing);
+      status_.losses().begin(fsevents::LossKind::InputOutput, root_, "another's", "");
+    }
+    return status_.losses().any();
+  };
+  EXPECT_TRUE(losses(true));
+  EXPECT_FALSE(losses(false));
+}
+
 }  // namespace
 }  // namespace kestrine::test

@@ -83,6 +83,7 @@ void EnginePool::stop() {
       each.thread.join();
     } else {
       ++left;
+      each.engine->leaveBehind();
       LeftThreads::leave(std::move(each.thread), [engine = each.engine] { return engine->requests().hasEnded(); });
     }
     each.engine->leave();

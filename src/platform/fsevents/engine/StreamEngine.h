@@ -66,6 +66,8 @@ class StreamEngine : public std::enable_shared_from_this<StreamEngine> {
   void requestStop();
   /// What the engine tells from now on counts for nothing. It may hang and be left behind then.
   void leave();
+  /// Nobody waits for its thread: its trees leave alone what others may have lost and found since.
+  void leaveBehind() { pulse_->leftBehind = true; }
   /// What the tree of the engine's one place must not look into.
   void avoid(std::set<std::string, std::less<>> mountPoints);
   /// On the engine's thread, of the tree of its one place: something was mounted in it at `relative` or is no longer; it is elsewhere now.

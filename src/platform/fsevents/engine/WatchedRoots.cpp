@@ -137,6 +137,8 @@ void WatchedRoots::checkRoot(Root& root, const RootIdentity& now, bool touched, 
     told = changed | gone | tree.rootKind();
   }
   root.tree->detach();
+  // Also what was lost of a path that could not be opened while it stood there.
+  if (!now.exists) status_.losses().forget(shownPath(root.options));
   // Another file system may want another treatment.
   if (mount != 0) renew(root);
   // What a mount brings is told by the mount, as a whole.

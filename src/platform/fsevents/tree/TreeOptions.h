@@ -15,6 +15,8 @@ namespace platform::fsevents {
 struct TreePulse {
   /// A walk under way ends at its next folder.
   std::atomic<bool> stop{false};
+  /// Nobody waits for the thread any longer: another may be at work in its place, whose losses are not this one's to end.
+  std::atomic<bool> leftBehind{false};
   /// Grows with every folder that is looked at: who stands still although it is at work, hangs.
   std::atomic<std::uint64_t> steps{0};
 };

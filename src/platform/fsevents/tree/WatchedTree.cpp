@@ -35,7 +35,7 @@ WatchedTree::WatchedTree(std::uint32_t number, TreeOptions options, Coalescer& c
 
 WatchedTree::~WatchedTree() {
   // Also of one that was never attached: a path without rights. Nobody looks at it again.
-  status_.losses().forget(options_.reportedPath);
+  if (!options_.pulse->leftBehind) status_.losses().forget(options_.reportedPath);
   letGo();
 }
 
@@ -177,6 +177,7 @@ void WatchedTree::letGo() {
   troubles_.clear();
   askForQueueAt_.reset();
   overflowed_ = backlogDropped_ = doubted_ = false;
+  unwalked_.reset();
   closeFolders();
   region_.reset();
   refusedFolders_ = 0;
@@ -230,6 +231,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   if (doubted_) repair(0);
+  sooner(repairLater());
   sooner(retryTroubled());
   sooner(workOnRegion());
   askForQueue();
@@ -344,6 +346,7 @@ void WatchedTree::reportRoot(FSEventStreamEventFlags flags) {
 }
 
 void WatchedTree::reportLoss(LossKind kind, NodeId node, const Explanation& why) {
+  if (options_.pulse->leftBehind) return;
   if (!status_.losses().begin(kind, reportedPathOf(node), why.reason, why.remedy)) return;
   report(node, {}, kFSEventStreamEventFlagMustScanSubDirs | (node == DirectoryTree::kRoot ? rootKind() : kFSEventStreamEventFlagItemIsDir),
          false);

@@ -159,7 +159,9 @@ class WatchedTree final : private PolledRegion::Host {
   bool tellPastOf(NodeId node, int folder);
   static bool isOwnPreferencesIn(int folder, std::string_view name);
   void repair(FSEventStreamEventFlags dropped);
-  void walkAgain();
+  /// False when it could not begin and is to be tried again.
+  bool walkAgain();
+  std::optional<Clock::time_point> repairLater();
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
   void doubt();
   [[nodiscard]] bool hasUnapplied() const;
@@ -306,6 +308,13 @@ class WatchedTree final : private PolledRegion::Host {
   /// The coarse clock (milliseconds) at the last look that found the queue empty and everything applied.
   std::uint64_t emptyAt_ = 0;
 
+  /// A repair whose walk could not begin: the loss lasts.
+  struct Unwalked {
+    LossKind kind;
+    FSEventStreamEventFlags dropped;
+    Clock::time_point due;
+  };
+  std::optional<Unwalked> unwalked_;
   bool overflowed_ = false;
   bool backlogDropped_ = false;
   bool doubted_ = false;

@@ -22,6 +22,8 @@ constexpr int kFoldersBetweenDrains = 64;
 constexpr int kEntriesBetweenDrains = 8192;
 /// So many names are held until it is certain that their folder was where the tree has it while it was read.
 constexpr std::size_t kHeldNames = 1000;
+/// Until a walk is tried again that could not begin.
+constexpr std::chrono::milliseconds kWalkPause(200);
 /// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
 constexpr int kRenewalRatio = 1000;
 
@@ -215,15 +217,33 @@ void WatchedTree::repair(FSEventStreamEventFlags dropped) {
                               : Explanation{"the changes told do not explain what is on the disk; the tree is walked again", ""};
   static_cast<void>(status_.losses().begin(kind, reportedPathOf(DirectoryTree::kRoot), why.reason, why.remedy));
   reportRoot(kFSEventStreamEventFlagMustScanSubDirs | dropped | rootKind());
-  walkAgain();
-  if (!isStopped()) status_.losses().end(kind, reportedPathOf(DirectoryTree::kRoot));
+  if (!walkAgain()) {
+    unwalked_ = Unwalked{kind, dropped, Clock::now() + kWalkPause};
+  } else if (!isStopped()) {
+    status_.losses().end(kind, reportedPathOf(DirectoryTree::kRoot));
+  }
 }
 
-void WatchedTree::walkAgain() {
-  if (!rootIsFolder_) return;
+std::optional<WatchedTree::Clock::time_point> WatchedTree::repairLater() {
+  if (!unwalked_) return std::nullopt;
+  if (unwalked_->due > Clock::now()) return unwalked_->due;
+  if (!walkAgain()) {
+    unwalked_->due = Clock::now() + kWalkPause;
+    return unwalked_->due;
+  }
+  // What happened until now was told by nobody.
+  const Unwalked done = *std::exchange(unwalked_, std::nullopt);
+  reportRoot(kFSEventStreamEventFlagMustScanSubDirs | done.dropped | rootKind());
+  status_.losses().end(done.kind, reportedPathOf(DirectoryTree::kRoot));
+  return std::nullopt;
+}
+
+bool WatchedTree::walkAgain() {
+  if (!rootIsFolder_) return true;
   rootLostItem_ = true;
   FileHandle opened = openFolder(DirectoryTree::kRoot);
-  if (!opened.isOpen()) return;  // the root is gone, which is another's to notice
+  // Where the root is gone, that is another's to notice.
+  if (!opened.isOpen()) return isGone(errno) || isCovered(errno);
   // So that no folder seems to have been seen by a crawl whose number has come round again.
   tree_.forEach([&](NodeId node) { tree_.setGeneration(node, 0); });
   generation_ = 0;
@@ -231,17 +251,20 @@ void WatchedTree::walkAgain() {
   repairing_ = true;
   crawl(kNoNode, {}, std::move(opened), 0, 0);
   repairing_ = false;
-  if (isStopped() || refusesSource_) return;
+  if (isStopped() || refusesSource_) return true;
   std::vector<NodeId> stale;
   tree_.forEach([&](NodeId node) {
     if (node == DirectoryTree::kRoot || tree_.generation(node) == generation_) return;
     const NodeId parent = tree_.parent(node);
+    // What is in a folder that cannot be read now has not been looked for.
+    if ((tree_.flags(parent) & kTroubled) != 0) return;
     if (parent == DirectoryTree::kRoot || tree_.generation(parent) == generation_ || tree_.isDetached(node)) stale.push_back(node);
   });
   // What is gone may have been removed or have left: only a new queue makes sure that no mark stays behind.
   for (const NodeId node : stale) {
     if (tree_.generation(node) != generation_ && tree_.parent(node) != kNoNode) forget(node, Why::Left);
   }
+  return true;
 }
 
 bool WatchedTree::needsTidying() const { return source_ && !retiring_ && source_->orphans() > 0; }
