@@ -130,7 +130,9 @@ TEST_F(PolledRegionTold, AfterTheLookTakesBackWhatWaits) {
   });
   ASSERT_TRUE(isDone);
   for (const auto& [path, flags] : world.take()) {
-    if (path.starts_with(in("f"))) EXPECT_EQ(flags & kRemoved, 0U) << path << " is there";
+    if (path.starts_with(in("f"))) {
+      EXPECT_EQ(flags & kRemoved, 0U) << path << " is there";
+    }
   }
 }
 

@@ -217,7 +217,9 @@ TEST_F(PolledRegionTrouble, FoldersAreRemovedAndAddedWhileAPassIsUnderWay) {
   const auto told = world.take();
   for (int i = 0; i < 40; ++i) {
     const std::string path = in(std::to_string(i));
-    if (std::find(removed.begin(), removed.end(), path) == removed.end()) EXPECT_TRUE(told.contains(path + "/new")) << path;
+    if (std::find(removed.begin(), removed.end(), path) == removed.end()) {
+      EXPECT_TRUE(told.contains(path + "/new")) << path;
+    }
   }
   for (const auto& [path, flags] : told) EXPECT_TRUE(path.ends_with("/new") || path.starts_with(in("late"))) << path;
   world.pass();
