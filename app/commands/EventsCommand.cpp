@@ -78,7 +78,7 @@ platform::FSEventStreamEventId sinceIn(const Arguments& arguments) {
   const auto text = arguments.value("--since");
   if (!text || *text == "now") return platform::kFSEventStreamEventIdSinceNow;
   const auto identifier = parseUnsigned(*text);
-  if (!identifier) refuse("--since", *text, "an event identifier, as events are printed with, or 'now'");
+  if (!identifier) refuse("--since", *text, "an event identifier or 'now'");
   return *identifier;
 }
 

@@ -354,6 +354,14 @@ DEFECTS = [
         "StreamNewFolders.ThatAreFilledWhileTheyAreListedMissNothing/*",
     ),
     Defect(
+        "no-root-monitor-without-descriptors",
+        "src/platform/fsevents/engine/RootMonitor.cpp",
+        "    if (fresh.isOpen()) std::swap(queue_, fresh);\n",
+        "    std::swap(queue_, fresh);\n",
+        "fsevents_tests",
+        "RootMonitorTest.TakesNothingForGoneForWantOfDescriptors",
+    ),
+    Defect(
         "awaited-name-not-looked-for-again",
         "src/platform/fsevents/engine/RootMonitor.cpp",
         "  isSettled_ = isSettled_ && ::lstat(awaited.c_str(), &info) != 0;\n",

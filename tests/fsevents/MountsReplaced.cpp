@@ -67,19 +67,21 @@ TEST_P(MountsReplaced, ThatAreReplacedAreSeenToBeOthersWithoutSerialsToo) {
       Mounts mounts;
       const auto at = [&](const char* name) { return *mounts.table().covering(folder / name); };
       EXPECT_EQ(mounts.attend({at("a"), at("b")}), 0);
-      for (int round = 0; round < 3; ++round) {
+      // Numbers are given out for the whole machine, so that somebody else may get the one that was just given back.
+      int alike = 0;
+      for (int round = 0; round < 200 && alike < 3; ++round) {
         const Mount before = at("a");
         const Mount other = at("b");
         unmountAt(folder / "a");
         mountAt(folder / "a", "tmpfs");
         EXPECT_TRUE(mounts.read());
         EXPECT_NE(at("a"), before);
-        EXPECT_EQ(at("a").id, before.id);
-        EXPECT_EQ(at("a").device, before.device);
+        alike += at("a").id == before.id && at("a").device == before.device ? 1 : 0;
         EXPECT_EQ(at("b"), other);
         EXPECT_FALSE(mounts.read());
         EXPECT_EQ(mounts.attend({at("a"), at("b")}), 0);
       }
+      EXPECT_GT(alike, 0);
     });
   });
 }

@@ -115,7 +115,8 @@ TEST_F(PolledRegionTrouble, WithRightsLeavesNamesAndInodes) {
   };
   passWithoutRights();
   EXPECT_EQ(world.take(), Told{}) << "the names and numbers are the same";
-  EXPECT_EQ(world.failures, (std::vector<std::pair<std::string, int>>{{in("f/sub"), EACCES}}));
+  // An ordinary user was refused in the pass before, too.
+  EXPECT_EQ(world.failures, (std::vector<std::pair<std::string, int>>(::geteuid() == 0 ? 1 : 2, {in("f/sub"), EACCES})));
   // What comes and goes is told by name, what changes when it can be looked at again.
   setMode(in("f"), 0755);
   writeFile(in("f/new"), "");

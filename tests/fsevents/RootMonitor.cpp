@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -182,6 +183,20 @@ TEST_F(RootMonitorTest, TellsWhichOfSeveralPathsWasTouched) {
   ASSERT_TRUE(two.read());
   EXPECT_TRUE(two.wasMoved(0));
   EXPECT_FALSE(two.wasMoved(1));
+}
+
+TEST_F(RootMonitorTest, TakesNothingForGoneForWantOfDescriptors) {
+  fill();
+  rlimit kept{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &kept), 0);
+  rlimit none = kept;
+  none.rlim_cur = 0;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const bool isThere = monitor.arm().front().exists;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &kept), 0);
+  EXPECT_TRUE(isThere);
+  fs::rename(path, folder / "a/b/elsewhere");
+  EXPECT_TRUE(monitor.read());
 }
 
 // The name that is waited for appears between the look for it and the watch, while what is below it is still missing.

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/fsevents/folders/PathOpener.h"
+
 namespace platform::fsevents {
 namespace {
 
@@ -26,20 +28,20 @@ constexpr std::uint32_t kGuardMask = IN_DELETE | IN_MOVED_TO;
 constexpr int kMaximumLinks = 40;
 constexpr int kAttempts = 5;
 
-std::string handleOf(int file) {
+std::string handleOf(const std::string& path) {
   alignas(file_handle) std::array<char, sizeof(file_handle) + MAX_HANDLE_SZ> buffer{};
   auto* handle = reinterpret_cast<file_handle*>(buffer.data());
   handle->handle_bytes = MAX_HANDLE_SZ;
   int mount = 0;
-  if (::name_to_handle_at(file, "", handle, &mount, AT_EMPTY_PATH) != 0) return {};
+  if (::name_to_handle_at(AT_FDCWD, path.c_str(), handle, &mount, AT_SYMLINK_FOLLOW) != 0) return {};
   return {reinterpret_cast<const char*>(handle->f_handle), handle->handle_bytes};
 }
 
+/// Without a descriptor: a lack of them must not make a path look as if it were gone.
 RootIdentity identityOf(const std::string& path) {
-  const FileHandle file(::open(path.c_str(), O_PATH | O_CLOEXEC));
   struct statx info {};
-  if (!file.isOpen() || ::statx(file.fileDescriptor(), "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &info) != 0) return {};
-  std::string incarnation = handleOf(file.fileDescriptor());
+  if (::statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT, STATX_INO | STATX_BTIME, &info) != 0) return {};
+  std::string incarnation = handleOf(path);
   if (incarnation.empty()) incarnation.assign(reinterpret_cast<const char*>(&info.stx_btime), sizeof info.stx_btime);
   return {true, ::makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino, std::move(incarnation)};
 }
@@ -64,7 +66,7 @@ std::string readLink(const std::string& path) {
 /// Whether the folder at the path can be removed by rmdir(2) as it stands; true when nobody can tell. False of what is no folder.
 bool mayBeEmpty(const std::string& path) {
   const FileHandle folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
-  if (!folder.isOpen()) return errno == EACCES || errno == EPERM;
+  if (!folder.isOpen()) return !isGone(errno);
   alignas(dirent64) std::array<char, 1024> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): the kernel fills it
   ssize_t count = 0;
   while ((count = ::getdents64(folder.fileDescriptor(), buffer.data(), buffer.size())) > 0) {
@@ -88,7 +90,9 @@ const std::vector<RootIdentity>& RootMonitor::arm() {
   isSettled_ = false;
   for (int attempt = 0; attempt < kAttempts && !isSettled_; ++attempt) {
     isSettled_ = true;
-    FileHandle former = std::exchange(queue_, FileHandle(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)));
+    FileHandle fresh(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    // Where no other can be had the former goes on; what it watches needlessly wakes for nothing at worst.
+    if (fresh.isOpen()) std::swap(queue_, fresh);
     awaited_.clear();
     guarded_.clear();
     watched_.clear();

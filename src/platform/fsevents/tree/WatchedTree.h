@@ -174,6 +174,10 @@ class WatchedTree final : private PolledRegion::Host {
   void identify(NodeId node, int parentFolder, std::string_view name);
   void refusedFolder(NodeId node, NodeId parent, int parentFolder, std::string_view name);
   void troubled(NodeId node, int error);
+  /// By the folder's present place.
+  Trouble& troubleOf(NodeId node);
+  /// The folder has another place: what is troubled at and below it is looked for there.
+  void troublesMoved(NodeId top);
   std::optional<Clock::time_point> retryTroubled();
   void lookAgain(NodeId node);
   void lookAgainAt(NodeId folder);

@@ -240,6 +240,8 @@ void WatchedTree::moveNode(NodeId node, NodeId newParent, std::string_view newNa
   tree_.move(node, newParent, newName);
   if (hasLosses && !wasDetached) status_.losses().move(options_.reportedPath + from, reportedPathOf(node));
   if (region_) polledMoved(node, from);
+  // One that is troubled for a while may have left the list when it had no place.
+  if (!troubles_.empty() || wasDetached) troublesMoved(node);
   if (!exclusions_.empty()) exclusionsMoved(node, from);
 }
 

@@ -74,17 +74,31 @@ void WatchedTree::troubled(NodeId node, int error) {
     reportLoss(LossKind::Rights, node, explainFolderFailure(error));
     return;  // the kernel tells when its mode changes
   }
-  const NodeId parent = node == DirectoryTree::kRoot ? kNoNode : tree_.parent(node);
-  Where folder = parent == kNoNode ? Where{} : whereIs(parent);
-  const std::string name(tree_.name(node));
-  const std::string at = folder.key + '\0' + folder.path + '\0' + name;
-  Trouble& trouble = troubles_.try_emplace(at, Trouble{std::move(folder), name, kFirstPause / 2, {}, 0}).first->second;
+  Trouble& trouble = troubleOf(node);
   trouble.pause = std::min<Clock::duration>(trouble.pause * 2, kLastPause);
   trouble.due = Clock::now() + trouble.pause;
   ++trouble.tries;
   if (isShortage(error) && trouble.tries <= kQuietTries) return;
   reportLoss(isLimitReached(error) && !isShortage(error) ? LossKind::MarkLimit : LossKind::InputOutput, node,
              isLimitReached(error) && !isShortage(error) ? explainMarkFailure(sourceName(), error) : explainFolderFailure(error));
+}
+
+WatchedTree::Trouble& WatchedTree::troubleOf(NodeId node) {
+  const NodeId parent = node == DirectoryTree::kRoot ? kNoNode : tree_.parent(node);
+  Where folder = parent == kNoNode ? Where{} : whereIs(parent);
+  const std::string name(tree_.name(node));
+  const std::string at = folder.key + '\0' + folder.path + '\0' + name;
+  return troubles_.try_emplace(at, Trouble{std::move(folder), name, kFirstPause / 2, Clock::now() + kFirstPause, 0}).first->second;
+}
+
+void WatchedTree::troublesMoved(NodeId top) {
+  std::vector<NodeId> stack{top};
+  while (!stack.empty()) {
+    const NodeId node = stack.back();
+    stack.pop_back();
+    if ((tree_.flags(node) & kTroubled) != 0) static_cast<void>(troubleOf(node));
+    tree_.forEachChild(node, [&](NodeId child) { stack.push_back(child); });
+  }
 }
 
 void WatchedTree::recovered(NodeId node) {
