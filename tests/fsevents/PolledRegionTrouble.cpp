@@ -114,7 +114,8 @@ TEST_F(PolledRegionTrouble, WithRightsLeavesNamesAndInodes) {
     world.refusals.clear();
   };
   passWithoutRights();
-  EXPECT_EQ(world.take(), Told{}) << "the names and numbers are the same";
+  // The names and numbers are the same. The folder's own change may be told once more, since another within the same tick would look alike.
+  for (const auto& [path, flags] : world.take()) EXPECT_EQ(path, in("f")) << flags;
   // An ordinary user was refused in the pass before, too.
   EXPECT_EQ(world.failures, (std::vector<std::pair<std::string, int>>(::geteuid() == 0 ? 1 : 2, {in("f/sub"), EACCES})));
   // What comes and goes is told by name, what changes when it can be looked at again.

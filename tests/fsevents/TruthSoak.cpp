@@ -17,10 +17,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kBetweenLines(10);
 /// Memory is never quite the same twice: an allocator's own, and what a storm of a moment ago needed.
-constexpr std::size_t kMemoryTolerance = 2048;
+[[maybe_unused]] constexpr std::size_t kMemoryTolerance = 2048;
 /// Of folders that have moved out: they wait for a new queue.
 constexpr std::size_t kWaitingMarks = 64;
-constexpr double kMemoryRatio = 1.1;
+[[maybe_unused]] constexpr double kMemoryRatio = 1.1;
 
 struct Sample {
   ProcessFigures figures;
@@ -116,10 +116,12 @@ TEST_P(TruthSoak, GrowsInNothing) {
   }
   printLine(Clock::now() - start);
   EXPECT_EQ(run_->differenceOfAllMarks(), "") << "seed " << run_->seed();
+#ifndef KESTRINE_SANITIZED  // which keep what was freed
   expectNoGrowth(
       "kilobytes of anonymous memory", [](const Sample& s) { return s.figures.anonymous; }, kMemoryTolerance, kMemoryRatio);
   expectNoGrowth(
       "kilobytes of resident memory", [](const Sample& s) { return s.figures.resident; }, kMemoryTolerance, kMemoryRatio);
+#endif
   expectNoGrowth(
       "descriptors", [](const Sample& s) { return s.figures.descriptors; }, 0, 1);
   expectNoGrowth(
