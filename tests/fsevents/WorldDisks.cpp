@@ -131,6 +131,7 @@ TEST_P(WorldDisks, ThatFailForANewFolderAreToldAndRead) {
     EXPECT_TRUE(stream->waitFor(in("disk/ok/new"), kMustScan)) << stream->describe();
     disk.heal();
     EXPECT_TRUE(eventually([&] { return !isLasting(*stream, in("disk")); })) << stream->stream().status().description();
+    stream->flush();  // the walk is over then
     EXPECT_TRUE(isWatched(*stream, in("disk/ok/new/deep"), "file"));
   });
 }
@@ -142,6 +143,7 @@ TEST_P(WorldDisks, ThatFailAtAFolderWhichGoesHaveLostNothingMore) {
     ASSERT_TRUE(stream->waitFor(in("disk/ok/bad"), kMustScan)) << stream->describe();
     ASSERT_EQ(::rmdir(in("disk/ok/bad").c_str()), 0);
     EXPECT_TRUE(eventually([&] { return !isLasting(*stream, in("disk")); })) << stream->stream().status().description();
+    stream->flush();  // the walk is over then
     EXPECT_TRUE(isWatched(*stream, in("disk/ok"), "file"));
   });
 }
@@ -154,6 +156,7 @@ TEST_P(WorldDisks, ThatFailAtTheirRootAreToldThere) {
     EXPECT_TRUE(isWatched(*stream, in("beside"), "file"));
     disk.heal();
     EXPECT_TRUE(eventually([&] { return !isLasting(*stream, in("disk")); })) << stream->stream().status().description();
+    stream->flush();  // the walk is over then
     EXPECT_TRUE(isWatched(*stream, in("disk/ok"), "file"));
   });
 }
@@ -173,6 +176,7 @@ TEST_P(WorldDisks, WhoseServerDiesAreToldAndWatchedAgainWhenItIsBack) {
     disk.comeBack();
     EXPECT_TRUE(stream->waitFor(in("disk"), kMount)) << stream->describe();
     EXPECT_TRUE(eventually([&] { return !isLasting(*stream, in("disk")); })) << stream->stream().status().description();
+    stream->flush();  // the walk is over then
     EXPECT_TRUE(isWatched(*stream, in("disk/ok/deep"), "after"));
   });
 }
