@@ -2,6 +2,30 @@
 # first, so that none of them is still under way when the others are through; what is not named here takes less than ten. Read by ctest. A name
 # that is no longer a test's does nothing.
 set(kestrine_costs
+  fsevents_tests.WorldHanging.MayBeStoppedAndStartedMeanwhile/fanotify 45
+  fsevents_tests.WorldHanging.MayBeStoppedAndStartedMeanwhile/inotify 45
+  fsevents_tests.WorldHanging.DoesNotHoldUpTheEnd/fanotify 20
+  fsevents_tests.WorldHanging.DoesNotHoldUpTheEnd/inotify 20
+  fsevents_tests.WorldHanging.AndDyingInstead/fanotify 16
+  fsevents_tests.WorldHanging.AndDyingInstead/inotify 16
+  fsevents_tests.WorldHanging.HoldsUpNothingElse/fanotify 16
+  fsevents_tests.WorldHanging.HoldsUpNothingElse/inotify 16
+  fsevents_tests.WorldHanging.IsToldAsALossThatEnds/fanotify 16
+  fsevents_tests.WorldHanging.IsToldAsALossThatEnds/inotify 16
+  fsevents_tests.WorldHanging.DoesNotHoldUpAFlushForEver/fanotify 16
+  fsevents_tests.WorldHanging.DoesNotHoldUpAFlushForEver/inotify 16
+  fsevents_tests.WorldHanging.FromTheBeginningDoesNotHoldUpTheStart/fanotify 16
+  fsevents_tests.WorldHanging.FromTheBeginningDoesNotHoldUpTheStart/inotify 16
+  fsevents_tests.WorldBounds.OfMemoryHoldForFilesThatMoveInByTheHundredThousand/fanotify 16
+  fsevents_tests.WorldBounds.OfMemoryHoldForFilesThatMoveInByTheHundredThousand/inotify 16
+  fsevents_tests.WorldDisks.WithOtherWritersAreToldOf/fanotify 14
+  fsevents_tests.WorldDisks.WithOtherWritersAreToldOf/inotify 14
+  fsevents_tests.WorldMountedPath.IsNeverKeptBusy/fanotify 14
+  fsevents_tests.WorldMountedPath.IsNeverKeptBusy/inotify 14
+  fsevents_tests.WorldOverflows.OfWorkDoNotFollowFromFoldersThatMoveOutOneByOne/fanotify 14
+  fsevents_tests.WorldOverflows.OfWorkDoNotFollowFromFoldersThatMoveOutOneByOne/inotify 14
+  fsevents_tests.WorldDisks.ThatFailAreAskedEverLessOften/fanotify 13
+  fsevents_tests.WorldDisks.ThatFailAreAskedEverLessOften/inotify 13
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/fanotify 122
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/inotify 64
   concurrency_tests.RunLoopItem.InvalidateEndsARunThatIsAboutToSleep 60
