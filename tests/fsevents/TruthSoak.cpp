@@ -18,6 +18,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kBetweenLines(10);
 /// Memory is never quite the same twice: an allocator's own, and what a storm of a moment ago needed.
 [[maybe_unused]] constexpr std::size_t kMemoryTolerance = 2048;
+/// In a run so short that what a single flood needs for a while is in one quarter and not in another.
+[[maybe_unused]] constexpr std::size_t kShortRunsTolerance = 65536;
 /// Of folders that have moved out: they wait for a new queue.
 constexpr std::size_t kWaitingMarks = 64;
 [[maybe_unused]] constexpr double kMemoryRatio = 1.1;
@@ -117,10 +119,11 @@ TEST_P(TruthSoak, GrowsInNothing) {
   printLine(Clock::now() - start);
   EXPECT_EQ(run_->differenceOfAllMarks(), "") << "seed " << run_->seed();
 #ifndef KESTRINE_SANITIZED  // which keep what was freed
+  const std::size_t tolerance = duration() < std::chrono::minutes(2) ? kShortRunsTolerance : kMemoryTolerance;
   expectNoGrowth(
-      "kilobytes of anonymous memory", [](const Sample& s) { return s.figures.anonymous; }, kMemoryTolerance, kMemoryRatio);
+      "kilobytes of anonymous memory", [](const Sample& s) { return s.figures.anonymous; }, tolerance, kMemoryRatio);
   expectNoGrowth(
-      "kilobytes of resident memory", [](const Sample& s) { return s.figures.resident; }, kMemoryTolerance, kMemoryRatio);
+      "kilobytes of resident memory", [](const Sample& s) { return s.figures.resident; }, tolerance, kMemoryRatio);
 #endif
   expectNoGrowth(
       "descriptors", [](const Sample& s) { return s.figures.descriptors; }, 0, 1);
