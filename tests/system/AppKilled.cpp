@@ -84,15 +84,19 @@ TEST(KilledService, LeavesFilesThatParseAndIsStartedAgain) {
   constexpr int kKills = 2;
   std::atomic<int> done = 0;
   std::atomic<int> writesSeen = 0;
-  const auto complaints = runLanes(lanes, [&](int lane) {
-    Victim victim(lane);
-    std::string complaint = victim.run(kKills);
-    done += victim.done();
-    writesSeen += victim.writesSeen();
-    return complaint;
-  });
-  EXPECT_THAT(complaints, testing::IsEmpty());
-  EXPECT_EQ(done, lanes * kKills);
+  int rounds = 0;
+  // On a busy machine it may take more kills until one falls among writes.
+  for (; rounds < 10 && writesSeen == 0; ++rounds) {
+    const auto complaints = runLanes(lanes, [&](int lane) {
+      Victim victim(lane);
+      std::string complaint = victim.run(kKills);
+      done += victim.done();
+      writesSeen += victim.writesSeen();
+      return complaint;
+    });
+    ASSERT_THAT(complaints, testing::IsEmpty());
+  }
+  EXPECT_EQ(done, rounds * lanes * kKills);
   EXPECT_GT(writesSeen, 0);
 }
 

@@ -25,7 +25,12 @@ testing::AssertionResult WorldTest::isPolled(WatchedStream& stream, const std::s
                                              const std::string& writer) {
   writeFile((writer.empty() ? folder : writer) + "/" + name, "text");
   const auto path = folder + "/" + name;
-  if (stream.waitFor(path, kCreated)) return testing::AssertionSuccess();
+  // Made before the first look at its folder it is only seen to be written.
+  const auto isTold = [&](const std::vector<FSEvent>& events) {
+    return std::any_of(events.begin(), events.end(),
+                       [&](const FSEvent& event) { return event.path == path && (event.flags & (kCreated | kModified)) != 0; });
+  };
+  if (stream.waitUntil(isTold)) return testing::AssertionSuccess();
   return testing::AssertionFailure() << "not told of " << path << ": " << stream.describe() << stream.stream().status().description();
 }
 
