@@ -117,19 +117,6 @@ TEST(Losses, AreForgottenWithWhatStoodThere) {
   EXPECT_FALSE(losses.any());
 }
 
-TEST(Losses, OfOneKindEndTogetherBelowAFolder) {
-  Losses losses;
-  for (const char* path : {"/a", "/a/b", "/b"}) losses.begin(LossKind::MarkLimit, path, "the limit is reached", "");
-  losses.begin(LossKind::Rights, "/a/b", "no permission", "");
-  static_cast<void>(losses.takeNotices());
-  EXPECT_TRUE(losses.endBelow(LossKind::MarkLimit, "/a"));
-  EXPECT_FALSE(losses.endBelow(LossKind::MarkLimit, "/a"));
-  EXPECT_THAT(noticesOf(losses), ElementsAre("-/a"));  // "/a/b" cannot be read still
-  EXPECT_FALSE(losses.end(LossKind::MarkLimit, "/a/b"));
-  EXPECT_TRUE(losses.end(LossKind::MarkLimit, "/b"));
-  EXPECT_TRUE(losses.end(LossKind::Rights, "/a/b"));
-}
-
 TEST(Losses, MoveWithWhatTheyAreAt) {
   Losses losses;
   for (const char* path : {"/r/a", "/r/a/b", "/r/ab"}) losses.begin(LossKind::Rights, path, "no permission", "");
@@ -206,7 +193,7 @@ TEST(Losses, BeyondTheCountedOnesEndWithWhatStandsAboveThem) {
   beginMany(losses, count);
   for (std::size_t i = 0; i < Losses::kNamed + Losses::kCounted; ++i) ASSERT_TRUE(losses.end(LossKind::Rights, manyPath(i))) << i;
   EXPECT_TRUE(losses.any());
-  EXPECT_TRUE(losses.endBelow(LossKind::Rights, "/many"));
+  losses.forget("/many");
   EXPECT_FALSE(losses.any());
   auto notices = losses.takeNotices();
   ASSERT_FALSE(notices.empty());

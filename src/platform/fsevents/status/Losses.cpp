@@ -123,14 +123,6 @@ bool Losses::end(LossKind kind, const std::string& path) {
   return wasLost;
 }
 
-bool Losses::endBelow(LossKind kind, const std::string& path) {
-  if (!any()) return false;
-  const MutexLock lock(mutex_);
-  const bool wasLost = endAtAndBelow(of(kind), placeOf(path));
-  settle();
-  return wasLost;
-}
-
 void Losses::forget(const std::string& path) {
   if (!any()) return;
   const MutexLock lock(mutex_);
@@ -138,12 +130,10 @@ void Losses::forget(const std::string& path) {
   settle();
 }
 
-bool Losses::endAtAndBelow(Kind& kind, const std::string& path) {
+void Losses::endAtAndBelow(Kind& kind, const std::string& path) {
   auto places = takeAtAndBelow(kind.lasting, path);
   for (auto& place : places) over(place.key(), std::move(place.mapped()));
-  const bool endsRest = kind.rest.lasts() && isAtOrBelow(kind.rest.path, path);
-  if (endsRest) endRest(kind);
-  return endsRest || !places.empty();
+  if (kind.rest.lasts() && isAtOrBelow(kind.rest.path, path)) endRest(kind);
 }
 
 void Losses::endRest(Kind& kind) {

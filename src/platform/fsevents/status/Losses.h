@@ -45,8 +45,8 @@ inline constexpr std::size_t kLossKinds = 9;
 /// whoever began it has looked again and found everything as it should be.
 ///
 /// Bounded: beyond kNamed places of one kind the further ones are held together as one loss at the folder above all of them, which ends
-/// with the last of them; beyond kCounted of those it is no longer known which they are, and only `endBelow` or `forget` at a folder above
-/// ends it. Threads: any thread may call anything.
+/// with the last of them; beyond kCounted of those it is no longer known which they are, and only `forget` at a folder above ends it.
+/// Threads: any thread may call anything.
 class Losses {
  public:
   static constexpr std::size_t kNamed = 1024;
@@ -60,8 +60,6 @@ class Losses {
   bool begin(LossKind kind, const std::string& path, const std::string& reason, const std::string& remedy);
   /// It is over at this path. True when it was there: recovered.
   bool end(LossKind kind, const std::string& path);
-  /// This kind is over at the path and everywhere below it, as whoever knows all of these places has seen. True when there was any.
-  bool endBelow(LossKind kind, const std::string& path);
   /// What stood at the path is gone, with everything below it. Nothing has recovered, but no reader shall wait for that for ever.
   void forget(const std::string& path);
   /// What stood at the path is elsewhere now, with everything below it.
@@ -108,7 +106,7 @@ class Losses {
   bool beginAmongRest(Kind& kind, const std::string& path, Record record) REQUIRES(mutex_);
   void widenRest(Rest& rest, const std::string& path) REQUIRES(mutex_);
   void endRest(Kind& kind) REQUIRES(mutex_);
-  bool endAtAndBelow(Kind& kind, const std::string& path) REQUIRES(mutex_);
+  void endAtAndBelow(Kind& kind, const std::string& path) REQUIRES(mutex_);
   void over(const std::string& path, Record record) REQUIRES(mutex_);
   [[nodiscard]] bool lastsAt(std::string_view path) const REQUIRES(mutex_);
   bool isNewInLog(const std::string& reason) REQUIRES(mutex_);

@@ -10,8 +10,6 @@
 namespace platform::fsevents {
 namespace {
 
-constexpr const char* kNoPermission = "no permission to read this folder; it is skipped until its mode changes";
-
 Object texts(const auto& list) {
   Array array;
   for (const std::string& text : list) array.emplace_back(text);
@@ -24,15 +22,6 @@ std::string pathOf(const std::string& path) { return path.empty() ? "/" : path; 
 double seconds(std::chrono::milliseconds time) { return std::chrono::duration<double>(time).count(); }
 
 }  // namespace
-
-void StreamStatus::addLoss(const std::string& reason, const std::string& path) {
-  losses_.begin(LossKind::Unexplained, path, reason, "");
-  losses_.end(LossKind::Unexplained, path);
-}
-
-void StreamStatus::addUnreadable(const std::string& path) { losses_.begin(LossKind::Rights, path, kNoPermission, ""); }
-void StreamStatus::removeUnreadable(const std::string& path) { losses_.forget(path); }
-void StreamStatus::moveUnreadable(const std::string& from, const std::string& to) { losses_.move(from, to); }
 
 void StreamStatus::setPolled(const void* owner, std::vector<std::string> paths) {
   const MutexLock lock(mutex_);

@@ -25,16 +25,6 @@ class StreamStatus {
   /// Every loss goes in here.
   [[nodiscard]] Losses& losses() { return losses_; }
 
-  /// A loss that was over when it was told, for whoever does not say what kind it was.
-  void addLoss(const std::string& reason, const std::string& path);
-  /// A folder that could not be read.
-  void addUnreadable(const std::string& path);
-  /// The folder can be read again, or is no longer there: it and what is below it are taken from the list.
-  void removeUnreadable(const std::string& path);
-  /// The folder has moved, with everything below it.
-  void moveUnreadable(const std::string& from, const std::string& to);
-  [[nodiscard]] bool hasUnreadable() const { return losses_.any(); }
-
   /// The components on the way to watched paths that `owner` looks at from time to time, since the kernel does not watch them.
   void setPolled(const void* owner, std::vector<std::string> paths);
   /// So many folders at and below this path are compared once in an interval, and why. Said in the log when it begins and when it ends.

@@ -206,7 +206,6 @@ bool WatchedTree::drain() {
   };
   if (retiring_) drainOne(*retiring_);
   if (source_) drainOne(*source_);
-  queuesWereEmpty_ = !any;
   if (!any && !hasBacklog() && !overflowed_ && !backlogDropped_) emptyAt_ = before;
   return any;
 }

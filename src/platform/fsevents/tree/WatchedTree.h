@@ -48,8 +48,9 @@ class WatchedTree final : private PolledRegion::Host {
   WatchedTree& operator=(const WatchedTree&) = delete;
 
   /// Begins to watch what stands at the path now. With `report` other than 0 what is found is reported with these flags (ItemCreated); with
-  /// `since` (milliseconds since 1970) what has changed since then is. Refused: the kernel offers no queue, `error` tells errno, and
-  /// everything is polled until it does. Missing: nothing stands there, or (`error` tells) it cannot be opened.
+  /// `since` (milliseconds since 1970) what has changed since then is. Standing also without a queue for a limit's sake: then everything is
+  /// polled until there is one. Refused: the kernel offers no queue at all, `error` tells errno. Missing: nothing stands there, or (`error`
+  /// tells) it cannot be opened.
   Attached attach(FSEventStreamEventFlags report, std::optional<std::uint64_t> since, int& error);
   /// Lets go of everything.
   void detach();
@@ -252,7 +253,6 @@ class WatchedTree final : private PolledRegion::Host {
   void resolveMissing(Look& look);
   void moveNode(NodeId node, NodeId newParent, std::string_view newName);
   void displace(NodeId node);
-  void expireDisplaced();
   void exclusionsMoved(NodeId node, std::string_view formerPath);
 
   enum class Why { Removed, Left };
@@ -325,8 +325,6 @@ class WatchedTree final : private PolledRegion::Host {
   bool rootLostItem_ = false;
   bool movedFolders_ = false;
   std::vector<std::string> covered_;
-  /// Whether the last look found nothing in the kernel queue.
-  bool queuesWereEmpty_ = true;
   Unsettled unsettled_;
   bool isBlind_ = false;
   /// Of folders that were found ahead of the queue: up to where it had been read before the folder was opened, and after it was marked.
