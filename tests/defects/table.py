@@ -308,7 +308,7 @@ DEFECTS = [
     Defect(
         "listed-before-marked",
         "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
-        "  int error = source_ ? source_->mark(descriptor, true, key) : queueError_;\n"
+        "  int error = markBelow(parent, descriptor, key);\n"
         "  const bool isMarked = source_ && error == 0;\n"
         "  if (!isMarked && parent != kNoNode && (isGone(error) || isRefused(error))) {\n"
         "    openFailed(parent, name, nullptr, error);\n"
@@ -316,16 +316,17 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
-        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
-        "  if (isMarked) countMark(node);\n"
-        "  if (isMarked && !wasKnown) {\n"
-        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
-        "  }\n"
+        "  if (isMarked) marked(node, openedAt);\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
+        "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
+        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "    leftMeanwhile(node, report);\n"
+        "    return;\n"
+        "  }\n"
         "  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);\n"
         "  error = isReadable ? list(node, std::move(folder), report, stack) : errno;\n",
         "  int error = source_ ? source_->keyOf(descriptor, key) : queueError_;\n"
@@ -336,16 +337,17 @@ DEFECTS = [
         "  }\n"
         "  refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));\n"
         "  if (refusesSource_) return;\n"
-        "  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
-        "  if (isMarked) countMark(node);\n"
-        "  if (isMarked && !wasKnown) {\n"
-        "    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};\n"
-        "  }\n"
+        "  if (isMarked) marked(node, openedAt);\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
+        "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
+        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "    leftMeanwhile(node, report);\n"
+        "    return;\n"
+        "  }\n"
         "  const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);\n"
         "  error = isReadable ? list(node, std::move(folder), report, stack) : errno;\n"
         "  if (const FileHandle late = openFolder(node, {}); late.isOpen() && source_->mark(late.fileDescriptor(), true, key) == 0)\n"
@@ -609,8 +611,8 @@ DEFECTS = [
     ),
     Defect(
         "marks-not-freed-near-the-limit",
-        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
-        "    if (!drain() && !hasUnapplied()) resume(emptyAt_);\n",
+        "src/platform/fsevents/tree/WatchedTreeRepair.cpp",
+        "    if (!drain() && !hasUnapplied()) resume(seenUpTo(emptyAt_));\n",
         "",
         "fsevents_tests",
         "WorldOverflows.OfTheLimitAreNotNeededToFreeMarks/fanotify",

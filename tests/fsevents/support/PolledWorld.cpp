@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <memory>
@@ -143,10 +144,26 @@ FileHandle PolledWorld::openFolder(NodeId folder) {
   return FileHandle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-bool PolledWorld::tryMark(NodeId folder, int descriptor) {
+PolledWorld::Region::Mark PolledWorld::tryMark(NodeId folder, int descriptor) {
   EXPECT_GE(descriptor, 0);
   marked.push_back(pathOf(folder));
-  return marks(marked.back());
+  return marks(marked.back()) ? Region::Mark::Stands : Region::Mark::Refused;
+}
+
+void PolledWorld::replaced(NodeId folder) {
+  if (nodes_.at(folder).parent == kNoNode) return;
+  const Node about = nodes_.at(folder);
+  told(pathOf(folder), kMustScan | kIsFolder);
+  forget(folder);
+  takeUp(about.parent, about.name, kCreated);
+}
+
+bool PolledWorld::knowsFolder(NodeId folder, std::string_view name) {
+  // Of those that are to be found elsewhere something is known too.
+  const std::string text(name);
+  return childOf(folder, text) != kNoNode || std::any_of(detached_.begin(), detached_.end(), [&](NodeId node) {
+           return nodes_.at(node).parent == folder && nodes_.at(node).name == text;
+         });
 }
 
 void PolledWorld::told(const std::string& path, Flags flags) {

@@ -85,7 +85,7 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   static void collect(const std::string& folder, std::map<std::string, Seen>& seen);
 
   platform::FileHandle openFolder(NodeId folder) override;
-  bool tryMark(NodeId folder, int descriptor) override;
+  Region::Mark tryMark(NodeId folder, int descriptor) override;
   void left(NodeId folder) override {
     leftFolders.push_back(pathOf(folder));
     removed_.insert(folder);
@@ -94,6 +94,8 @@ class PolledWorld final : public platform::fsevents::PolledRegion::Host {
   void changedAt(std::string_view formerPlace, std::string_view name, Flags flags) override;
   void folderGone(NodeId folder, std::string_view name, Flags flags) override;
   void folderFound(NodeId folder, std::string_view name, Flags flags) override;
+  void replaced(NodeId folder) override;
+  [[nodiscard]] bool knowsFolder(NodeId folder, std::string_view name) override;
   void failed(NodeId folder, int error) override { failures.emplace_back(pathOf(folder), error); }
   void recovered(NodeId folder) override { recoveries.push_back(pathOf(folder)); }
 

@@ -175,6 +175,8 @@ std::vector<FSEvent> StreamProcess::until(const std::string& path, FSEventStream
 
 std::size_t StreamProcess::statusNumber(const std::string& key) { return std::stoull(request("status " + key).at(0)); }
 
+std::size_t StreamProcess::foldersCompared() { return std::stoull(request("compared").at(0)); }
+
 void StreamProcess::write(const std::string& path) { request("write " + toHex(path)); }
 
 void StreamProcess::makeFolder(const std::string& path) { request("folder " + toHex(path)); }

@@ -55,6 +55,8 @@ class StreamProcess {
   /// The same until `path` is told with all `flags`, or some seconds have passed: everything that was delivered.
   std::vector<FSEvent> until(const std::string& path, FSEventStreamEventFlags flags);
   /// Numbers of the stream's status: "foldersMarked", or the number of entries of "losses" and "unreadable".
+  /// In all of the stream's regions.
+  std::size_t foldersCompared();
   std::size_t statusNumber(const std::string& key);
 
   /// Changes made by that process.

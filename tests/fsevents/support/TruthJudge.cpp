@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <fstream>
 
 namespace kestrine::test {
 
@@ -116,12 +117,20 @@ void TruthJudge::check(const TruthRecord& record, std::uint32_t folder, const Tr
   fault("not covered:" + describe(record, record.before), chronicle_.pathAt(folder, record.before) + "/" + place.name, record.before);
 }
 
+// All of the window, in the order of time, for whoever looks for the cause of what is wrong with it.
+void TruthJudge::dump(const char* file) const {
+  std::ofstream out(file);
+  for (const auto& record : records_) out << record.before << describe(record, records_.front().before).substr(1) << "\n";
+  for (const auto& told : *events_) out << told.time << " told " << describeEvent(told.event) << "\n";
+}
+
 std::vector<std::string> TruthJudge::judge(std::vector<TruthRecord> records, const std::vector<TimedEvent>& events, const Rules& rules) {
   using What = TruthRecord::What;
   std::stable_sort(records.begin(), records.end(), [](const auto& a, const auto& b) { return a.before < b.before; });
   records_ = std::move(records);
   events_ = &events;
   chronicle_.take(records_);
+  if (const char* file = std::getenv("KESTRINE_TRUTH_DUMP"); file != nullptr) dump(file);
   for (const auto& event : events) hear(event, rules);
   for (const auto& record : records_) {
     if (rules.onlyLasting) break;

@@ -38,6 +38,7 @@ class TruthJudge {
   void hear(const TimedEvent& event, const Rules& rules);
   void check(const TruthRecord& record, std::uint32_t folder, const TruthName& name);
   [[nodiscard]] bool isCovered(const Place& place, const std::vector<std::uint32_t>& way, std::int64_t time) const;
+  void dump(const char* file) const;
   void fault(const std::string& what, const std::string& path, std::int64_t time);
   [[nodiscard]] std::string describe(const TruthRecord& record, std::int64_t time) const;
 

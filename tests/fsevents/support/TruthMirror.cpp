@@ -57,6 +57,23 @@ void TruthMirror::visit(const std::string& path, bool whole) {
   if (S_ISDIR(facts.mode) && (!isSame || whole)) read(path, copy_);
 }
 
+void TruthMirror::visitNames(const std::string& folder) {
+  const auto known = copy_.find(folder);
+  if (known == copy_.end() || !S_ISDIR(known->second.mode)) return;
+  std::set<std::string> paths;
+  const std::string below = folder + "/";
+  for (auto item = copy_.lower_bound(below); item != copy_.end() && item->first.starts_with(below); ++item) {
+    if (item->first.find('/', below.size()) == std::string::npos) paths.insert(item->first);
+  }
+  const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), ::closedir);
+  while (const auto* entry = open ? ::readdir(open.get()) : nullptr) {
+    const std::string name = entry->d_name;
+    // What was known there before is told of by itself.
+    if (name != "." && name != ".." && paths.erase(below + name) == 0) visit(below + name, true);
+  }
+  for (const auto& gone : paths) drop(gone);
+}
+
 void TruthMirror::follow(const std::vector<TimedEvent>& events) {
   // All of it lies before now, so one look at each will do.
   std::map<std::string, FSEventStreamEventFlags> told;
@@ -66,6 +83,8 @@ void TruthMirror::follow(const std::vector<TimedEvent>& events) {
     const auto above = copy_.find(path.substr(0, path.rfind('/')));
     if (path != root_ && (above == copy_.end() || !S_ISDIR(above->second.mode))) continue;
     visit(path, (flags & kWhole) != 0);
+    // Of a folder it says that names came or went, which only their absence shows (what is told of the past, after marks were made anew).
+    if ((flags & (kModified | kIsFolder)) == (kModified | kIsFolder)) visitNames(path);
   }
 }
 

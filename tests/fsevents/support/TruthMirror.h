@@ -35,6 +35,7 @@ class TruthMirror {
   static std::string differ(const Facts& known, const Facts& present);
   void drop(const std::string& path);
   void visit(const std::string& path, bool whole);
+  void visitNames(const std::string& folder);
 
   std::string root_;
   /// By path; a folder's content follows it, since '/' is made to sort before every other byte.

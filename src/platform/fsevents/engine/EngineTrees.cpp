@@ -100,6 +100,11 @@ void EngineTrees::forEach(const std::function<void(WatchedTree&)>& visit) const 
   for (const Entry& entry : entries_) visit(*entry.tree);
 }
 
+std::uint64_t EngineTrees::seenUpTo(std::uint64_t time) const {
+  for (const Entry& entry : entries_) time = entry.tree->seenUpTo(time);
+  return time;
+}
+
 std::string EngineTrees::firstPath() const { return entries_.empty() ? "/" : shownPath(entries_.front().tree->options()); }
 
 bool EngineTrees::drain() {

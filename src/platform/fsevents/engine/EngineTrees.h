@@ -53,6 +53,8 @@ class EngineTrees {
   /// Empties the queues and applies everything that can be applied at once.
   void processAll();
   [[nodiscard]] bool hasBacklog() const;
+  /// The earliest of the trees' (WatchedTree::seenUpTo).
+  [[nodiscard]] std::uint64_t seenUpTo(std::uint64_t time) const;
   /// When `process` has something to do without any change.
   [[nodiscard]] std::optional<Clock::time_point> due() const;
   /// Whether a folder has moved since the last call.

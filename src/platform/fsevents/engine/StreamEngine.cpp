@@ -172,7 +172,7 @@ void StreamEngine::drainAndProcess() {
   trees_.process();
   if (mounts_) followMovedFolders();
   const bool left = trees_.hasBacklog();
-  if (!left) window_.setKnownEmpty(before);
+  if (!left) window_.setKnownEmpty(trees_.seenUpTo(before));
   if (!any) return;
   if (window_.hasSomething() || left) {
     pauseUntil_ = Clock::now() + std::min<std::chrono::nanoseconds>(kStormPause, shared_->configuration.latency);

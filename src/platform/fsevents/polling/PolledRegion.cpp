@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/fsevents/event/EventClock.h"
 #include "platform/fsevents/polling/FolderListing.h"
 #include "platform/fsevents/polling/PolledChanges.h"
 #include "platform/fsevents/polling/PolledFolder.h"
@@ -29,6 +30,7 @@ FSEventStreamEventFlags coveredBy(FSEventStreamEventFlags flags) {
 PolledRegion::PolledRegion(std::chrono::nanoseconds timeStep, bool foreign)
     : timeStep_(timeStep),
       foreign_(foreign),
+      seenUpTo_(EventClock::now()),
       changes_(std::make_unique<PolledChanges>()),
       offset_(FolderListing::kNoOffset),
       // A look must come later than the stamps that the last one could not tell apart.

@@ -42,6 +42,14 @@ class PolledRegion {
     OthersWrite,
   };
 
+  enum class Mark {
+    Stands,
+    /// As all others will be.
+    Refused,
+    /// This folder's turn has not come: the one above it is to be marked first.
+    NotYet,
+  };
+
   /// Whose folders they are. Every function may add and remove folders, the one that it is called for included.
   class Host {
    public:
@@ -49,9 +57,9 @@ class PolledRegion {
     /// The folder opened for reading; closed and errno on failure. Where it is gone (see isGone) nothing is told: that is told of its name,
     /// in the folder above.
     virtual FileHandle openFolder(NodeId folder) = 0;
-    /// Of a folder with Why::MarkRefused, before it is looked at; not after the first refusal of a pass. When it succeeds this look is the
-    /// last, and `left` follows; unless the look fails: then all of it comes again in the next pass.
-    virtual bool tryMark(NodeId folder, int descriptor) = 0;
+    /// Of a folder with Why::MarkRefused, before it is looked at; not after the first refusal of a pass. When the mark stands this look is
+    /// the last, and `left` follows; unless the look fails: then all of it comes again in the next pass.
+    virtual Mark tryMark(NodeId folder, int descriptor) = 0;
     virtual void left(NodeId folder) = 0;
     /// ItemCreated, ItemRemoved, ItemRenamed, ItemModified or ItemInodeMetaMod, several where a name had several changes, with the item's
     /// kind (of both kinds where one replaced the other). For subfolders too. With an empty name MustScanSubDirs of the folder itself: it
@@ -60,11 +68,18 @@ class PolledRegion {
     /// The same of what went from a folder before the folder moved: told where it was (see `moved`).
     virtual void changedAt(std::string_view formerPlace, std::string_view name, FSEventStreamEventFlags flags) = 0;
     /// A subfolder is not there any more, and, after all of those, another is there. With ItemRenamed they come before anything of the pass
-    /// is told: what has left its place is likely to be found in another, so the tree keeps its node and what is below it, in the region
-    /// too, and says `moved` when it puts it there. What is not found by the end of `work` has been removed (`tellAllRemoved`). With
-    /// ItemRemoved and ItemCreated they come after `changed` has told of them.
+    /// is told: what has left its place is likely to be found in another. The tree may keep its node and what is below it, in the region
+    /// too, and say `moved` when it puts it there (what is not found by the end of `work` has been removed: `tellAllRemoved`); or it
+    /// forgets it, and tells all that it finds in the other place. With ItemRemoved and ItemCreated they come after `changed` has told of
+    /// them.
     virtual void folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
     virtual void folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) = 0;
+    /// Whether the tree knows the subfolder, or is not to. One that it does not know is told by `folderFound` as created at each look,
+    /// whatever was told of it before: its owner may have been too late for it.
+    [[nodiscard]] virtual bool knowsFolder(NodeId folder, std::string_view name) = 0;
+    /// Another folder stands where this one was, at two looks in succession, and nobody has said so. What is known of it is of another
+    /// place.
+    virtual void replaced(NodeId folder) = 0;
     /// The folder could not be opened or listed, or one of its items could not be looked at. What is known of it is kept, and it is looked
     /// at again in the next pass; `recovered` when that goes well.
     virtual void failed(NodeId folder, int error) = 0;
@@ -99,14 +114,16 @@ class PolledRegion {
   [[nodiscard]] bool empty() const { return folders_.empty(); }
   [[nodiscard]] std::size_t folders() const { return folders_.size(); }
   [[nodiscard]] std::chrono::milliseconds interval() const { return interval_; }
+  /// Everything that was stamped before has been looked at: when the last pass began that has seen every folder, in milliseconds since
+  /// 1970.
+  [[nodiscard]] std::uint64_t seenUpTo() const { return seenUpTo_; }
   /// When `work` has something to do; nothing while the region is empty.
   [[nodiscard]] std::optional<Clock::time_point> due() const;
-  /// A pass is due now that sees everything up to now, as when somebody asks for what has happened so far.
+  /// A pass is due now that sees everything up to now, as when somebody asks for what has happened so far; and further ones at once, as
+  /// long as there are folders in the region that were not found in their places, but not for ever.
   /// Returns its number, for `isOver`.
   std::uint32_t hasten();
-  [[nodiscard]] bool isOver(std::uint32_t pass) const {
-    return folders_.empty() || pass_ > pass || (pass_ == pass && phase_ == Phase::Resting);
-  }
+  [[nodiscard]] bool isOver(std::uint32_t pass) const { return folders_.empty() || seenIn_ >= pass; }
   /// Begins the pass that is due, or goes on with the one under way, for at most about `slice` (a large folder is sorted in one go: some
   /// 0.2 s for a million items). Empty the kernel's queues in between. Returns `due()`.
   std::optional<Clock::time_point> work(Host& host, Clock::duration slice);
@@ -126,11 +143,14 @@ class PolledRegion {
   /// Whether there was another folder to come to.
   bool openNext(Host& host);
   FolderPointer nextFolder();
+  enum class Presence { Here, Elsewhere, Replaced };
   /// Whether the folder that was opened is the one that is known.
-  [[nodiscard]] bool isHere(PolledFolder& folder, int descriptor) const;
+  [[nodiscard]] Presence presenceOf(PolledFolder& folder, int descriptor) const;
   void closeCurrent();
   void lookOn(Host& host, Clock::time_point end);
   void tellLook(Host& host, const FolderPointer& folder, const PolledComparison& comparison, int error);
+  /// Has the subfolders taken up that were there at the last look too, and are unknown all the same.
+  static void tellUnknown(Host& host, const FolderPointer& folder, const PolledComparison& comparison);
   /// Whether the folder that was looked at is still in its place.
   [[nodiscard]] bool hasStayed(Host& host, PolledFolder& folder) const;
   void lookFailed(Host& host, PolledFolder& folder, int error);
@@ -147,8 +167,13 @@ class PolledRegion {
   /// The last folder that the pass has come to.
   std::optional<NodeId> reached_;
   bool hasReachedAll_ = false;
-  /// Another pass is due as soon as this one is over.
-  bool isHastened_ = false;
+  /// The pass that was asked for, and the last one that has seen every folder.
+  std::uint32_t wanted_ = 0;
+  std::uint32_t seenIn_ = 0;
+  std::uint64_t began_ = 0;
+  std::uint64_t seenUpTo_;
+  /// What this pass did not find in its place, so that it has not been looked at.
+  std::vector<FolderPointer> missed_;
   bool triesMarks_ = true;
   /// The folder that is being listed, across slices when it is large.
   FolderPointer current_;

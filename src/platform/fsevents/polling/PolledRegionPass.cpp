@@ -5,6 +5,7 @@
 #include <ctime>
 #include <utility>
 
+#include "platform/fsevents/event/EventClock.h"
 #include "platform/fsevents/folders/PathOpener.h"
 #include "platform/fsevents/polling/FolderListing.h"
 #include "platform/fsevents/polling/PolledChanges.h"
@@ -18,6 +19,8 @@ namespace {
 constexpr int kShare = 100;
 /// For how long a slow file system is left alone at most for being slow.
 constexpr std::chrono::seconds kLongestCourtesy(60);
+/// So many passes follow each other at once, at most, while folders are not in their places.
+constexpr std::uint32_t kMostHastened = 8;
 /// How often moved folders are looked at again within one pass, in which more moves may be found.
 constexpr int kMostRounds = 8;
 
@@ -30,12 +33,8 @@ std::chrono::nanoseconds processorTime() {
 }  // namespace
 
 std::uint32_t PolledRegion::hasten() {
-  if (phase_ == Phase::Resting) {
-    due_ = Clock::now();
-  } else {
-    isHastened_ = true;
-  }
-  return pass_ + 1;
+  if (phase_ == Phase::Resting) due_ = Clock::now();
+  return wanted_ = pass_ + 1;
 }
 
 std::optional<PolledRegion::Clock::time_point> PolledRegion::work(Host& host, Clock::duration slice) {
@@ -53,6 +52,7 @@ std::optional<PolledRegion::Clock::time_point> PolledRegion::work(Host& host, Cl
 
 void PolledRegion::beginPass() {
   ++pass_;
+  began_ = EventClock::now();
   phase_ = Phase::Looking;
   reached_.reset();
   hasReachedAll_ = false;
@@ -68,6 +68,7 @@ void PolledRegion::dropPass() {
   changes_->clear();
   leaving_.clear();
   moved_.clear();
+  missed_.clear();
   phase_ = Phase::Resting;
 }
 
@@ -76,8 +77,12 @@ void PolledRegion::endPass(Host& host) {
   interval_ = std::max(
       {shortest_, std::chrono::ceil<std::chrono::milliseconds>(cost_ * kShare), std::chrono::ceil<std::chrono::milliseconds>(courtesy)});
   phase_ = Phase::Resting;
+  const bool hasSeenAll = std::all_of(missed_.begin(), missed_.end(), [](const FolderPointer& folder) { return folder->isRemoved; });
+  if (hasSeenAll) seenUpTo_ = began_;
+  if (hasSeenAll || pass_ >= wanted_ + kMostHastened) seenIn_ = pass_;
+  missed_.clear();
   due_ = Clock::now();
-  if (!std::exchange(isHastened_, false)) due_ += interval_;
+  if (seenIn_ >= wanted_) due_ += interval_;
   for (const FolderPointer& folder : std::exchange(leaving_, {})) {
     if (folder->isRemoved) continue;
     remove(folder->node);
@@ -148,12 +153,21 @@ bool PolledRegion::openNext(Host& host) {
   const int error = errno;
   if (folder->isRemoved) return true;
   if (!opened.isOpen()) {
-    if (!isGone(error)) lookFailed(host, *folder, error);
+    if (!isGone(error)) {
+      lookFailed(host, *folder, error);
+    } else {
+      missed_.push_back(folder);
+    }
     return true;
   }
-  if (!isHere(*folder, opened.fileDescriptor())) return true;
-  isMarked_ = folder->why == Why::MarkRefused && triesMarks_ && host.tryMark(folder->node, opened.fileDescriptor());
-  triesMarks_ = triesMarks_ && (isMarked_ || folder->why != Why::MarkRefused);
+  const Presence presence = presenceOf(*folder, opened.fileDescriptor());
+  if (presence != Presence::Here) missed_.push_back(folder);
+  if (presence == Presence::Replaced) host.replaced(folder->node);
+  if (presence != Presence::Here) return true;
+  const bool triesMark = folder->why == Why::MarkRefused && triesMarks_;
+  const Mark mark = triesMark ? host.tryMark(folder->node, opened.fileDescriptor()) : Mark::NotYet;
+  isMarked_ = mark == Mark::Stands;
+  triesMarks_ = triesMarks_ && mark != Mark::Refused;
   if (folder->isRemoved) return true;
   current_ = folder;
   opened_ = std::move(opened);
@@ -161,17 +175,18 @@ bool PolledRegion::openNext(Host& host) {
   return true;
 }
 
-bool PolledRegion::isHere(PolledFolder& folder, int descriptor) const {
+PolledRegion::Presence PolledRegion::presenceOf(PolledFolder& folder, int descriptor) const {
   int error = 0;
   const PolledItem found = lookAt(descriptor, "", 0, DT_DIR, error);
-  if (error != 0) return true;
-  const bool isKnown = isSameItem(folder.self, found, {timeStep_.count(), foreign_});
-  // That another took its name is told in the folder above, and where this one is. When nobody said so by the next time, it was the file
-  // system that changed its mind about numbers; where those mean little, they say nothing at all.
-  folder.wasDisplaced = !isKnown && !folder.wasDisplaced && !foreign_;
-  if (folder.wasDisplaced) return false;
-  folder.self = found;
-  return true;
+  if (error != 0) return Presence::Here;
+  // Where numbers mean little, they say nothing.
+  if (foreign_ || isSameItem(folder.self, found, {timeStep_.count(), foreign_})) {
+    folder.self = found;
+    folder.wasDisplaced = false;
+    return Presence::Here;
+  }
+  // That another took its name is told in the folder above, and where this one is, before the next look.
+  return std::exchange(folder.wasDisplaced, true) ? Presence::Replaced : Presence::Elsewhere;
 }
 
 void PolledRegion::closeCurrent() {
@@ -191,6 +206,7 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
     if (!comparison.compare(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
   }
   if (error == 0 && comparison.hasDifferences() && !hasStayed(host, *folder)) {
+    missed_.push_back(folder);
     closeCurrent();
     return;
   }
@@ -210,6 +226,7 @@ void PolledRegion::tellLook(Host& host, const FolderPointer& folder, const Polle
   for (const auto& [at, flags] : comparison.changed) {
     if (!folder->isRemoved) host.changed(folder->node, table->name(at), flags);
   }
+  if (folder->why == Why::MarkRefused) tellUnknown(host, folder, comparison);
   if (error != 0) {
     // A folder that was removed while it was open has no list any more.
     if (!isGone(error)) lookFailed(host, *folder, error);
@@ -218,11 +235,25 @@ void PolledRegion::tellLook(Host& host, const FolderPointer& folder, const Polle
   }
 }
 
+void PolledRegion::tellUnknown(Host& host, const FolderPointer& folder, const PolledComparison& comparison) {
+  constexpr FSEventStreamEventFlags kFound = kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemIsDir;
+  const std::shared_ptr<const FolderTable> table = folder->table;
+  auto replaced = comparison.replaced.begin();
+  for (std::uint32_t at = 0; at < table->size() && !folder->isRemoved; ++at) {
+    // In the order of the table. What came in the place of another is told with that one.
+    while (replaced != comparison.replaced.end() && (replaced->second == PolledComparison::kNone || replaced->second < at)) ++replaced;
+    if (replaced != comparison.replaced.end() && replaced->second == at) continue;
+    const PolledItem item = table->item(at);
+    if (item.kind != PolledItem::Kind::Folder || item.isNamedOnly) continue;
+    if (!host.knowsFolder(folder->node, table->name(at))) host.folderFound(folder->node, table->name(at), kFound);
+  }
+}
+
 bool PolledRegion::hasStayed(Host& host, PolledFolder& folder) const {
   // What was seen in it through its descriptor may have happened in another place, which is about to be found out.
   const FileHandle again = host.openFolder(folder.node);
   const bool isDisplaced = std::exchange(folder.wasDisplaced, false);
-  const bool hasStayed = again.isOpen() && !folder.isRemoved && isHere(folder, again.fileDescriptor());
+  const bool hasStayed = again.isOpen() && !folder.isRemoved && presenceOf(folder, again.fileDescriptor()) == Presence::Here;
   folder.wasDisplaced = isDisplaced;
   return hasStayed;
 }

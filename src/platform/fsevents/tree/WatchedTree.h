@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -34,6 +35,10 @@ namespace platform::fsevents {
 /// A folder is marked first and listed after, so nothing that happens in it in the meantime is missed. Changes are applied in the order of
 /// the queue; where the queue and the disk disagree about where a folder is, the folder's key as seen on the disk decides.
 ///
+/// What lies beyond a limit of marks hangs together: no folder below one that is only compared is marked, so the kernel's word is good for
+/// whole paths, and below the compared ones the looks alone decide. A folder that crosses from one to the other is forgotten and found
+/// anew.
+///
 /// No mount point is crossed: what is mounted below is another tree's, and what a mount hides is nobody's until it is uncovered.
 ///
 /// Threads: owned and used by one thread; only the pulse in its options is others'.
@@ -65,6 +70,9 @@ class WatchedTree final : private PolledRegion::Host {
   /// Applies everything that can be applied, without waiting for the second half of a move, and looks at everything that is polled.
   void processAll();
   [[nodiscard]] bool hasBacklog() const;
+  /// What came before has been handed over, when the kernel queue was last known empty at `time`: earlier where folders are compared.
+  /// Milliseconds since 1970.
+  [[nodiscard]] std::uint64_t seenUpTo(std::uint64_t time) const { return region_ ? std::min(time, region_->seenUpTo()) : time; }
   /// Rebuilds what only a new kernel queue can free, if there is anything. Call when the tree has been quiet for a while.
   void tidy();
   [[nodiscard]] bool needsTidying() const;
@@ -94,6 +102,8 @@ class WatchedTree final : private PolledRegion::Host {
   void relocate(std::string reportedPath, std::string openPath);
 
  private:
+  /// Parents kept open while their folders are entered; beyond that folders are opened by their path.
+  static constexpr int kMaximumOpenParents = 128;
   /// The owner's flags of a node.
   static constexpr std::uint8_t kMarked = 0x1;
   /// It could not be read, which a loss tells.
@@ -143,6 +153,7 @@ class WatchedTree final : private PolledRegion::Host {
   void resume(std::uint64_t since);
   void askForQueue();
   [[nodiscard]] const char* sourceName() const;
+  [[nodiscard]] bool hasUnapplied() const;
 
   // WatchedTreeCrawl.cpp: marking and listing.
   /// `parent` is kNoNode for the watched folder itself.
@@ -151,7 +162,8 @@ class WatchedTree final : private PolledRegion::Host {
              std::vector<Pending>& stack);
   /// Reads the queue and says up to where.
   std::uint64_t readQueue();
-  void countMark(NodeId node);
+  /// The folder, which was opened when the queue had been read up to there, has its mark.
+  void marked(NodeId node, std::uint64_t openedAt);
   /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
   NodeId settle(NodeId parent, std::string_view name, std::string_view key);
   NodeId place(NodeId parent, std::string_view name);
@@ -159,17 +171,18 @@ class WatchedTree final : private PolledRegion::Host {
   FSEventStreamEventFlags pastOf(int folder, const char* name, bool amongChanged) const;
   bool tellPastOf(NodeId node, int folder);
   static bool isOwnPreferencesIn(int folder, std::string_view name);
+
+  // WatchedTreeRepair.cpp: made right again after a loss, and marks that only a new queue gets rid of.
   void repair(FSEventStreamEventFlags dropped);
   /// False when it could not begin and is to be tried again.
   bool walkAgain();
   std::optional<Clock::time_point> repairLater();
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
   void doubt();
-  [[nodiscard]] bool hasUnapplied() const;
   void renewQueue();
   int remark(ChangeSource& fresh);
 
-  // WatchedTreeTrouble.cpp: folders that cannot be read or marked.
+  // WatchedTreeTrouble.cpp: folders that cannot be read.
   void openFailed(NodeId parent, std::string_view name, const std::shared_ptr<OpenParent>& open, int error);
   /// Learns the key of a folder that cannot be opened, so that what becomes of it is known.
   void identify(NodeId node, int parentFolder, std::string_view name);
@@ -182,6 +195,14 @@ class WatchedTree final : private PolledRegion::Host {
   std::optional<Clock::time_point> retryTroubled();
   void lookAgain(NodeId node);
   void lookAgainAt(NodeId folder);
+  void recovered(NodeId node) override;
+
+  // WatchedTreePolling.cpp: folders that the kernel does not watch, or not for all who write to them.
+  /// Whether the folder is compared because it could not be marked, so that the kernel tells nothing of what is below it.
+  [[nodiscard]] bool isBeyondKernel(NodeId node) const { return (tree_.flags(node) & (kRefused | kMarked)) == kRefused; }
+  /// Marks the folder, unless the one above it is only compared. Returns errno; the key is told all the same where it is known.
+  int markBelow(NodeId parent, int folder, KernelKey& key);
+  /// False and errno where it cannot be compared either.
   bool poll(NodeId node, int folder, int markError);
   void markLimitReached(int error);
   PolledRegion& region();
@@ -192,15 +213,22 @@ class WatchedTree final : private PolledRegion::Host {
   /// Tells everything that is known in the polled folders at and below `top` as removed.
   void tellPolledRemoved(NodeId top);
   std::optional<Clock::time_point> workOnRegion();
-  FileHandle openFolder(NodeId folder) override { return openFolder(folder, {}); }
-  bool tryMark(NodeId node, int folder) override;
+  PolledRegion::Mark tryMark(NodeId node, int folder) override;
   void left(NodeId node) override;
   void changed(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) override;
   void changedAt(std::string_view formerPlace, std::string_view name, FSEventStreamEventFlags flags) override;
   void folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) override;
   void folderFound(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) override;
+  void replaced(NodeId node) override;
+  bool knowsFolder(NodeId folder, std::string_view name) override;
   void failed(NodeId node, int error) override;
-  void recovered(NodeId node) override;
+  /// `takeUp` below a folder that is only compared.
+  void takeUpCompared(NodeId folder, std::string_view name, FSEventStreamEventFlags report);
+  /// The compared folder was not where the tree has it while it was read: it is forgotten, and looked for again.
+  void leftMeanwhile(NodeId node, FSEventStreamEventFlags report);
+  /// Whether the change comes by a mark that was left on a folder from when it was elsewhere: where it is now the looks decide.
+  [[nodiscard]] bool isLeftMark(NodeId folder, const RawChange& change) const;
+  FileHandle openFolder(NodeId folder) override { return openFolder(folder, {}); }
 
   // WatchedTreeChanges.cpp: applying what the kernel tells.
   void apply(const RawChange& change);
@@ -260,6 +288,7 @@ class WatchedTree final : private PolledRegion::Host {
   bool isGhost(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) const;
   bool isOwnPreferences(NodeId folder, std::string_view name) const;
 
+  // WatchedTreePaths.cpp: the paths of folders, opened and told.
   void report(NodeId folder, std::string_view name, FSEventStreamEventFlags flags, bool needsKind);
   void reportLoss(LossKind kind, NodeId node, const Explanation& why);
   [[nodiscard]] std::string relativePath(NodeId node) const;

@@ -36,6 +36,7 @@ void WatchedTree::apply(const RawChange& change) {
     return;
   }
   NodeId folder = findOf(change.folder);
+  if (folder != kNoNode && (change.bits & RawChange::kRenamed) == 0 && isLeftMark(folder, change)) return;
   if ((change.bits & RawChange::kForgotten) != 0) {
     if (folder != kNoNode && folder != DirectoryTree::kRoot) forget(folder, Why::Removed);
     return;
@@ -95,8 +96,12 @@ bool WatchedTree::isOwnPreferences(NodeId folder, std::string_view name) const {
 }
 
 void WatchedTree::applyRename(const RawChange& change, bool silent) {
-  const NodeId from = findOf(change.folder);
-  const NodeId to = findOf(change.newFolder);
+  const auto told = [this](std::string_view key) {
+    const NodeId node = findOf(key);
+    return node != kNoNode && isBeyondKernel(node) ? kNoNode : node;
+  };
+  const NodeId from = told(change.folder);
+  const NodeId to = told(change.newFolder);
   if (from == DirectoryTree::kRoot) rootLostItem_ = true;
   const FSEventStreamEventFlags flags =
       kFSEventStreamEventFlagItemRenamed | (change.isDirectory ? kFSEventStreamEventFlagItemIsDir : FSEventStreamEventFlags{0});
@@ -118,6 +123,10 @@ void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::strin
 
 void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target) {
   if (!mountPoints_.empty() && mountPoints_.contains(relativePath(folder).append("/").append(name))) return;
+  if (isBeyondKernel(folder)) {
+    takeUpCompared(folder, name, report);
+    return;
+  }
   // By way of the folder, which may not be where the tree has it: then what stands at that path says nothing.
   const std::uint64_t before = readQueue();
   const FileHandle above = openFolder(folder);
@@ -193,6 +202,11 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
     }
   }
   if (node == DirectoryTree::kRoot) return;
+  if (node != kNoNode && !tree_.isDetached(node) && isBeyondKernel(tree_.parent(node))) {
+    if (to == kNoNode) return;  // a look has found it where it went
+    forget(node, Why::Left);
+    node = kNoNode;
+  }
   if (to == kNoNode || isExcluded(to, newName)) {
     if (node != kNoNode) forget(node, Why::Left);
     return;

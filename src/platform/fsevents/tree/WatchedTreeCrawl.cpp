@@ -15,26 +15,15 @@
 namespace platform::fsevents {
 namespace {
 
-/// Parents kept open while their folders are entered; beyond that folders are opened by their path.
-constexpr int kMaximumOpenParents = 128;
-/// How often the kernel queue is emptied while a crawl is under way.
-constexpr int kFoldersBetweenDrains = 64;
+/// How often the kernel queue is emptied while a long folder is listed.
 constexpr int kEntriesBetweenDrains = 8192;
 /// So many names are held until it is certain that their folder was where the tree has it while it was read.
 constexpr std::size_t kHeldNames = 1000;
-/// Until a walk is tried again that could not begin.
-constexpr std::chrono::milliseconds kWalkPause(200);
-/// A new queue costs a walk: it is made so seldom that this costs a thousandth of one processor.
-constexpr int kRenewalRatio = 1000;
+/// Instead of errno: the folder was listed, and is known no longer.
+constexpr int kLeftMeanwhile = -1;
 
 /// Whether a mark was refused because this source cannot serve this file system.
 bool isUnsuitable(int error) { return error == EXDEV || error == EOPNOTSUPP || error == ENODEV || error == ENOSYS || error == EINVAL; }
-
-std::chrono::nanoseconds processorTime() {
-  timespec time{};
-  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
 
 }  // namespace
 
@@ -66,7 +55,7 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   ++options_.pulse->steps;
   const int descriptor = folder.fileDescriptor();
   KernelKey key;
-  int error = source_ ? source_->mark(descriptor, true, key) : queueError_;
+  int error = markBelow(parent, descriptor, key);
   const bool isMarked = source_ && error == 0;
   if (!isMarked && parent != kNoNode && (isGone(error) || isRefused(error))) {
     openFailed(parent, name, nullptr, error);
@@ -74,18 +63,20 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   }
   refusesSource_ = refusesSource_ || (source_ && isUnsuitable(error));
   if (refusesSource_) return;
-  const bool wasKnown = tree_.findByKey(key.view()) != kNoNode;
   const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
-  if (isMarked) countMark(node);
-  if (isMarked && !wasKnown) {
-    if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};
-  }
+  if (isMarked) marked(node, openedAt);
   tree_.setGeneration(node, generation_);
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
+  // Its place before and after it was read: what is seen in between is told there, and missed there later.
+  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {
+    leftMeanwhile(node, report);
+    return;
+  }
   const bool isReadable = !isPolled || poll(node, descriptor, isMarked ? 0 : error);
   error = isReadable ? list(node, std::move(folder), report, stack) : errno;
+  if (error == kLeftMeanwhile) return;
   if (error == 0) {
     recovered(node);
   } else {
@@ -93,10 +84,13 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   }
 }
 
-void WatchedTree::countMark(NodeId node) {
+void WatchedTree::marked(NodeId node, std::uint64_t openedAt) {
   const std::uint8_t flags = tree_.flags(node);
-  if ((flags & kMarked) == 0) ++marked_;
+  if ((flags & kMarked) != 0) return;
+  ++marked_;
   tree_.setFlags(node, flags | kMarked);
+  // What is still in the queue may be of an earlier mark, and of another place.
+  if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};
 }
 
 NodeId WatchedTree::place(NodeId parent, std::string_view name) {
@@ -106,12 +100,25 @@ NodeId WatchedTree::place(NodeId parent, std::string_view name) {
 }
 
 NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_view key) {
-  const NodeId known = tree_.findByKey(key);
-  const NodeId there = parent == kNoNode ? DirectoryTree::kRoot : tree_.child(parent, name);
+  NodeId known = tree_.findByKey(key);
+  NodeId there = parent == kNoNode ? DirectoryTree::kRoot : tree_.child(parent, name);
   if (known != kNoNode && known == there) return there;
   if (parent == kNoNode) {
     if (known == kNoNode) tree_.setKey(there, key);
     return known == kNoNode ? there : kNoNode;
+  }
+  if (isBeyondKernel(parent)) {
+    // Seen in two places by one crawl, or within itself: the next look at the folder around it shows which it was.
+    if (known != kNoNode && (tree_.isBelowOrSame(parent, known) || tree_.generation(known) == generation_)) return kNoNode;
+    if (known != kNoNode) forget(known, Why::Left);
+    if (there != kNoNode && tree_.key(there) == key) return there;
+    if (there != kNoNode) forget(there, Why::Left);
+    return tree_.add(parent, name, source_ && source_->knowsTargets() ? key : std::string_view{});
+  }
+  if (known != kNoNode && isBeyondKernel(known) && tree_.generation(known) != generation_ && !tree_.isBelowOrSame(parent, known)) {
+    forget(known, Why::Left);
+    known = kNoNode;
+    there = tree_.child(parent, name);
   }
   if (known != kNoNode && !repairing_) {
     // It has its mark. Changes that were made in its old place may still be in the queue, and the one that brings it here.
@@ -165,6 +172,7 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
   const bool foldersOnly = flags == 0 && !tellsPast;
   const bool isPolled = region_ && (tree_.flags(node) & kPolled) != 0;
   int listed = 0;
+  const std::size_t pending = stack.size();
   std::vector<std::pair<std::string, FSEventStreamEventFlags>> held;
   bool isInPlace = true;
   const auto tellHeld = [&] {
@@ -195,133 +203,14 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
     stack.push_back({node, name, parent, inherited});
   });
   if (!held.empty()) tellHeld();
+  if (isBeyondKernel(node) && node != DirectoryTree::kRoot) {
+    if (isInPlace && isAtItsPlace(node, descriptor)) return error;
+    stack.erase(stack.begin() + static_cast<std::ptrdiff_t>(pending), stack.end());
+    leftMeanwhile(node, flags);
+    return kLeftMeanwhile;
+  }
   if (!isInPlace && node != DirectoryTree::kRoot) unsettle(tree_.parent(node), tree_.name(node), tree_.key(node), flags, true);
   return error;
-}
-
-void WatchedTree::doubt() {
-  // Where the watched folder itself has gone, that is another's to notice.
-  doubted_ = doubted_ || isStillAt(DirectoryTree::kRoot);
-}
-
-void WatchedTree::repair(FSEventStreamEventFlags dropped) {
-  if (dropped == kFSEventStreamEventFlagKernelDropped) overflowed_ = false;
-  if (dropped == kFSEventStreamEventFlagUserDropped) backlogDropped_ = false;
-  if (dropped == 0) doubted_ = false;
-  const LossKind kind = dropped == kFSEventStreamEventFlagKernelDropped ? LossKind::QueueOverflow
-                        : dropped == kFSEventStreamEventFlagUserDropped ? LossKind::OwnBound
-                                                                        : LossKind::Unexplained;
-  const Explanation why = kind == LossKind::QueueOverflow ? explainOverflow(sourceName())
-                          : kind == LossKind::OwnBound
-                              ? Explanation{"more changes came than could be remembered; the tree is walked again", ""}
-                              : Explanation{"the changes told do not explain what is on the disk; the tree is walked again", ""};
-  static_cast<void>(status_.losses().begin(kind, reportedPathOf(DirectoryTree::kRoot), why.reason, why.remedy));
-  reportRoot(kFSEventStreamEventFlagMustScanSubDirs | dropped | rootKind());
-  if (!walkAgain()) {
-    unwalked_ = Unwalked{kind, dropped, Clock::now() + kWalkPause};
-  } else if (!isStopped()) {
-    status_.losses().end(kind, reportedPathOf(DirectoryTree::kRoot));
-  }
-}
-
-std::optional<WatchedTree::Clock::time_point> WatchedTree::repairLater() {
-  if (!unwalked_) return std::nullopt;
-  if (unwalked_->due > Clock::now()) return unwalked_->due;
-  if (!walkAgain()) {
-    unwalked_->due = Clock::now() + kWalkPause;
-    return unwalked_->due;
-  }
-  // What happened until now was told by nobody.
-  const Unwalked done = *std::exchange(unwalked_, std::nullopt);
-  reportRoot(kFSEventStreamEventFlagMustScanSubDirs | done.dropped | rootKind());
-  status_.losses().end(done.kind, reportedPathOf(DirectoryTree::kRoot));
-  return std::nullopt;
-}
-
-bool WatchedTree::walkAgain() {
-  if (!rootIsFolder_) return true;
-  rootLostItem_ = true;
-  FileHandle opened = openFolder(DirectoryTree::kRoot);
-  // Where the root is gone, that is another's to notice.
-  if (!opened.isOpen()) return isGone(errno) || isCovered(errno);
-  // So that no folder seems to have been seen by a crawl whose number has come round again.
-  tree_.forEach([&](NodeId node) { tree_.setGeneration(node, 0); });
-  generation_ = 0;
-  unsettled_.clear();
-  repairing_ = true;
-  crawl(kNoNode, {}, std::move(opened), 0, 0);
-  repairing_ = false;
-  if (isStopped() || refusesSource_) return true;
-  std::vector<NodeId> stale;
-  tree_.forEach([&](NodeId node) {
-    if (node == DirectoryTree::kRoot || tree_.generation(node) == generation_) return;
-    const NodeId parent = tree_.parent(node);
-    // What is in a folder that cannot be read now has not been looked for.
-    if ((tree_.flags(parent) & kTroubled) != 0) return;
-    if (parent == DirectoryTree::kRoot || tree_.generation(parent) == generation_ || tree_.isDetached(node)) stale.push_back(node);
-  });
-  // What is gone may have been removed or have left: only a new queue makes sure that no mark stays behind.
-  for (const NodeId node : stale) {
-    if (tree_.generation(node) != generation_ && tree_.parent(node) != kNoNode) forget(node, Why::Left);
-  }
-  return true;
-}
-
-bool WatchedTree::needsTidying() const { return source_ && !retiring_ && source_->orphans() > 0; }
-
-void WatchedTree::tidy() {
-  // A folder that has no place at the moment would be passed over.
-  const bool isAtRest = unsettled_.empty() && !hasUnapplied();
-  if (!isAtRest || !needsTidying() || Clock::now() < renewNotBefore_) return;
-  const auto before = processorTime();
-  renewQueue();
-  renewNotBefore_ = Clock::now() + (processorTime() - before) * kRenewalRatio;
-}
-
-void WatchedTree::renewQueue() {
-  std::unique_ptr<ChangeSource> fresh = source_->renewed();
-  if (!fresh) return;
-  const int refused = remark(*fresh);
-  if (isLimitReached(refused)) {
-    // There is no room for both queues: the marks of the old one are freed first, and what happens meanwhile is found by its time.
-    fresh.reset();
-    if (!drain() && !hasUnapplied()) resume(emptyAt_);
-    return;
-  }
-  if (refused != 0) return;
-  // Every folder is marked in both queues now. The old one is emptied once more; what both tell is told twice at worst.
-  retiring_ = std::exchange(source_, std::move(fresh));
-  drain();
-  process();
-  retiring_.reset();
-}
-
-int WatchedTree::remark(ChangeSource& fresh) {
-  struct Folder {
-    NodeId node;
-    std::shared_ptr<OpenParent> open;
-  };
-  std::vector<Folder> stack{{DirectoryTree::kRoot, nullptr}};
-  int refused = 0;
-  for (int entered = 1; !stack.empty() && refused == 0; ++entered) {
-    const Folder next = std::move(stack.back());
-    stack.pop_back();
-    FileHandle opened =
-        next.open ? openFolderIn(next.open->handle.fileDescriptor(), std::string(tree_.name(next.node)).c_str()) : openFolder(next.node);
-    if ((tree_.flags(next.node) & kMarked) != 0) {
-      KernelKey key;
-      refused = opened.isOpen() ? fresh.mark(opened.fileDescriptor(), true, key) : ENOENT;
-      // A folder that is not in its place is about to be told of: not the time for this.
-      if (refused == 0 && key.view() != tree_.key(next.node)) refused = ENOENT;
-    }
-    std::shared_ptr<OpenParent> open;
-    if (opened.isOpen() && openParents_ < kMaximumOpenParents) open = std::make_shared<OpenParent>(std::move(opened), openParents_);
-    tree_.forEachChild(next.node, [&](NodeId child) { stack.push_back({child, open}); });
-    if (entered % kFoldersBetweenDrains == 0) drain();
-    if (isStopped()) refused = EINTR;
-  }
-  closeFolders();
-  return refused;
 }
 
 }  // namespace platform::fsevents

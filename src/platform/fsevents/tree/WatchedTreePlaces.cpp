@@ -55,7 +55,8 @@ bool WatchedTree::isAtItsPlace(NodeId node, int folder) {
 }
 
 void WatchedTree::unsettle(NodeId folder, std::string_view name, std::string_view target, FSEventStreamEventFlags report, bool isUntold) {
-  if (folder == kNoNode || name.empty() || isExcluded(folder, name)) return;
+  // Below a folder that is only compared the next look decides.
+  if (folder == kNoNode || name.empty() || isBeyondKernel(folder) || isExcluded(folder, name)) return;
   unsettled_.add({whereIs(folder), std::string(name), std::string(target), report, isUntold, 0});
 }
 
@@ -198,6 +199,12 @@ bool WatchedTree::resolveFound(Look& look) {
     return false;
   }
   if (known == there || look.isKnownThere) return false;
+  if (isBeyondKernel(known) && !tree_.isBelowOrSame(look.folder, known)) {
+    forget(known, Why::Left);
+    crawl(look.folder, look.place.name, std::move(look.opened), look.openedAt, kFSEventStreamEventFlagItemRenamed);
+    tellPlace(kFSEventStreamEventFlagItemRenamed);
+    return true;
+  }
   if (tree_.isBelowOrSame(look.folder, known)) {
     if (++look.place.tries > kMaximumTries) {
       doubt();

@@ -93,6 +93,11 @@ class Helper {
       tellEvents();
     } else if (command == "delivered") {
       tellEvents();
+    } else if (command == "compared") {
+      unsigned long long folders = 0;
+      const auto regions = stream_->status().objectForKey("regions");
+      for (std::size_t i = 0; i < regions.count(); ++i) folders += regions.objectAtIndex(i).objectForKey("folders").unsignedLongLongValue();
+      answer(std::to_string(folders));
     } else if (command == "status") {
       const auto value = stream_->status().objectForKey(first);
       answer(std::to_string(value.isArray() ? value.count() : value.unsignedLongLongValue()));
