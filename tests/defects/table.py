@@ -500,7 +500,7 @@ DEFECTS = [
     Defect(
         "exclusion-by-prefix",
         "src/platform/fsevents/folders/Exclusions.h",
-        "      if (path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/')) return true;\n",
+        "      if (isAtOrBelowPath(path, place)) return true;\n",
         "      if (path.starts_with(place)) return true;\n",
         "fsevents_tests",
         "*Exclu*",
@@ -1023,8 +1023,8 @@ DEFECTS = [
     Defect(
         "hidden-mount-seen",
         "src/platform/fsevents/mounts/MountTable.cpp",
-        "      if (last && isBelow(mounts_[sibling].point, mounts_[*last].point)) continue;\n",
-        "      static_cast<void>(isBelow);\n",
+        "      if (last && isBelowPath(mounts_[sibling].point, mounts_[*last].point)) continue;\n",
+        "      static_cast<void>(isBelowPath);\n",
         "fsevents_tests",
         "MountTable.*:MountsOf.ShowTheOneOnTop*",
     ),

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/fsevents/engine/EnginePool.h"
 #include "platform/fsevents/engine/StreamEngine.h"

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/fsevents/engine/EngineMounts.h"
 #include "platform/fsevents/engine/EnginePool.h"
@@ -50,7 +51,7 @@ std::vector<EngineMounts::Below> EngineMounts::seenBelow(std::size_t number) con
     std::string relative = path.way.real == "/" ? mount.point : mount.point.substr(path.way.real.size());
     if (isExcludedIn(path.options.exclusions, relative)) continue;
     // Where nothing is entered nothing below is either.
-    if (!pseudo.empty() && mount.point.starts_with(pseudo + "/")) continue;
+    if (!pseudo.empty() && isBelowPath(mount.point, pseudo)) continue;
     if (policyOf(mount).kind == FileSystemKind::Pseudo) pseudo = mount.point;
     seen.push_back({number, std::move(mount), std::move(relative), nullptr, nullptr});
   }
@@ -186,7 +187,7 @@ void EngineMounts::tellAround(WatchedRoots& roots, const Below& below, bool isCo
   std::shared_ptr<StreamEngine> engine = paths_[below.path].engine;
   std::string above;
   for (const Below& each : below_) {
-    const bool isAround = each.path == below.path && below.relative.starts_with(each.relative + "/") && each.relative.size() > above.size();
+    const bool isAround = each.path == below.path && isBelowPath(below.relative, each.relative) && each.relative.size() > above.size();
     if (!isAround) continue;
     above = each.relative;
     tree = each.tree;

@@ -4,6 +4,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/files/Paths.h"
+
 namespace platform::fsevents {
 
 /// Places of a tree that are left out, by whole components, with everything below them. They belong to the path and not to the folder that
@@ -17,7 +19,7 @@ class Exclusions {
   [[nodiscard]] bool empty() const { return places_.empty(); }
   [[nodiscard]] bool contain(std::string_view path) const {
     for (const std::string& place : places_) {
-      if (path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/')) return true;
+      if (isAtOrBelowPath(path, place)) return true;
     }
     return false;
   }
@@ -25,7 +27,7 @@ class Exclusions {
   [[nodiscard]] std::vector<std::string> partsBelow(std::string_view path) const {
     std::vector<std::string> parts;
     for (const std::string& place : places_) {
-      if (place.size() > path.size() && place.starts_with(path) && place[path.size()] == '/') parts.push_back(place.substr(path.size()));
+      if (isBelowPath(place, path)) parts.push_back(place.substr(path.size()));
     }
     return parts;
   }

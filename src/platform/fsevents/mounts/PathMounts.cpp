@@ -88,9 +88,4 @@ bool contains(const MountTable& table, const Mount& mount) {
   return std::any_of(table.all().begin(), table.all().end(), [&](const Mount& each) { return isSameMount(each, mount); });
 }
 
-bool isAtOrBelowPath(const std::string& path, const std::string& folder) {
-  if (folder.empty() || folder == "/") return true;
-  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
-}
-
 }  // namespace platform::fsevents
