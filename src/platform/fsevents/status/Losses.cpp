@@ -6,15 +6,13 @@
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "platform/fsevents/status/ShownPath.h"
 
 namespace platform::fsevents {
 namespace {
 
 /// How many reasons are remembered as said in the log: so many different ones in turn are said again.
 constexpr std::size_t kLoggedReasons = 64;
-
-/// The watched path "/" is reported as the empty text.
-std::string placeOf(const std::string& path) { return path.empty() ? "/" : path; }
 
 std::string beginningOfBelow(std::string_view path) { return path == "/" ? "/" : std::string(path) + "/"; }
 
@@ -49,7 +47,7 @@ Object described(const std::string& path, const auto& record, bool lasting) {
 }  // namespace
 
 bool Losses::begin(LossKind kind, const std::string& path, const std::string& reason, const std::string& remedy) {
-  const std::string place = placeOf(path);
+  const std::string& place = shownPath(path);
   bool isNew = false;
   bool isSaid = false;
   {
@@ -104,7 +102,7 @@ void Losses::widenRest(Rest& rest, const std::string& path) {
 
 bool Losses::end(LossKind kind, const std::string& path) {
   if (!any()) return false;
-  const std::string place = placeOf(path);
+  const std::string& place = shownPath(path);
   const MutexLock lock(mutex_);
   Kind& known = of(kind);
   bool wasLost = false;
@@ -123,7 +121,7 @@ bool Losses::end(LossKind kind, const std::string& path) {
 void Losses::forget(const std::string& path) {
   if (!any()) return;
   const MutexLock lock(mutex_);
-  for (Kind& kind : kinds_) endAtAndBelow(kind, placeOf(path));
+  for (Kind& kind : kinds_) endAtAndBelow(kind, shownPath(path));
   settle();
 }
 
