@@ -13,6 +13,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/fsevents/folders/FolderScan.h"
 #include "platform/fsevents/folders/PathOpener.h"
 #include "platform/fsevents/mounts/PathSteps.h"
 
@@ -53,8 +54,7 @@ bool mayBeEmpty(const std::string& path) {
   while ((count = ::getdents64(folder.fileDescriptor(), buffer.data(), buffer.size())) > 0) {
     for (ssize_t at = 0; at < count;) {
       const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
-      const std::string_view name(entry->d_name);
-      if (name != "." && name != "..") return false;
+      if (!isDots(entry->d_name)) return false;
       at += entry->d_reclen;
     }
   }
