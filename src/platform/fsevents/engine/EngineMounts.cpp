@@ -3,16 +3,13 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
 #include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/files/Paths.h"
-#include "platform/foundation/log/Log.h"
 #include "platform/fsevents/engine/EnginePool.h"
 #include "platform/fsevents/engine/StreamEngine.h"
 #include "platform/fsevents/mounts/FileSystems.h"
-#include "platform/fsevents/source/KernelLimits.h"
 
 namespace platform::fsevents {
 namespace {
@@ -90,7 +87,7 @@ bool EngineMounts::concerns(const MountTable& former) const {
     });
   };
   const auto isNew = [&](const MountTable& table, const Mount& mount) {
-    return std::find(table.all().begin(), table.all().end(), mount) == table.all().end() && isNear(mount);
+    return !table.contains(mount) && isNear(mount);
   };
   const std::vector<Mount>& now = mounts_.table().all();
   return std::any_of(now.begin(), now.end(), [&](const Mount& mount) { return isNew(former, mount); }) ||
