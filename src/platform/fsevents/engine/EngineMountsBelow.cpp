@@ -2,12 +2,12 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/fsevents/engine/EngineMounts.h"
 #include "platform/fsevents/engine/EnginePool.h"
 #include "platform/fsevents/engine/StreamEngine.h"
+#include "platform/fsevents/event/LastSource.h"
 #include "platform/fsevents/folders/Exclusions.h"
 #include "platform/fsevents/mounts/FileSystems.h"
 #include "platform/fsevents/source/KernelLimits.h"
@@ -141,7 +141,8 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
   // Everything that has happened on it until its folders were marked is covered by this.
   if (isNew) tell(below, told);
   if (attached == WatchedTree::Attached::Refused) {
-    status_.losses().begin(LossKind::QueueLimit, reportedPathOf(below), "the kernel offers no queue: " + errnoText(error), "");
+    const Explanation why = explainQueueFailure(lastSource(configuration_.source), error);
+    status_.losses().begin(LossKind::QueueLimit, reportedPathOf(below), why.reason, why.remedy);
     tell(below, kFSEventStreamEventFlagMustScanSubDirs);
   }
 }
