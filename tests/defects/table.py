@@ -600,6 +600,22 @@ DEFECTS = [
         "WorldExclusions.EndBelowAFolderThatIsRenamed/*",
     ),
     Defect(
+        "walk-that-could-not-begin-never-made",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
+        "  sooner(repairLater());\n",
+        "",
+        "fsevents_tests",
+        "WorldRepairs.ThatCannotBeginForWantOfDescriptorsAreMadeAndToldLater/*",
+    ),
+    Defect(
+        "late-walk-not-told",
+        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
+        "  reportRoot(kFSEventStreamEventFlagMustScanSubDirs | done.dropped | rootKind());\n",
+        "",
+        "fsevents_tests",
+        "WorldRepairs.ThatCannotBeginForWantOfDescriptorsAreMadeAndToldLater/*",
+    ),
+    Defect(
         "unlimited-queue-not-asked-for",
         "src/platform/fsevents/source/FanotifySource.cpp",
         "  constexpr unsigned kUnlimited = FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;\n",
