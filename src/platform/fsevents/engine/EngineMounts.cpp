@@ -86,9 +86,7 @@ bool EngineMounts::concerns(const MountTable& former) const {
       return path.way.places.contains(mount.point) || isAtOrBelowPath(mount.point, path.way.real);
     });
   };
-  const auto isNew = [&](const MountTable& table, const Mount& mount) {
-    return !table.contains(mount) && isNear(mount);
-  };
+  const auto isNew = [&](const MountTable& table, const Mount& mount) { return !table.contains(mount) && isNear(mount); };
   const std::vector<Mount>& now = mounts_.table().all();
   return std::any_of(now.begin(), now.end(), [&](const Mount& mount) { return isNew(former, mount); }) ||
          std::any_of(former.all().begin(), former.all().end(), [&](const Mount& mount) { return isNew(mounts_.table(), mount); });
