@@ -34,6 +34,17 @@ constexpr Option kEventsOptions[] = {
     {"--json", "", "one JSON object per line instead of text for people"},
 };
 
+/// As it is printed, so that its lines are its own.
+constexpr std::string_view kEventsDetails =
+    R"(A PATH need not exist: watching begins when it appears. What is printed reaches the reader with each delivery.
+Text: identifier, names of the flags, path (with escapes for what cannot be printed); "watching" on standard error when the watch
+stands. JSON: first {"ready": true, "source": "fanotify"} when the watch stands, then {"id", "flags" (number), "names" (array),
+"path"}, with "path_hex" instead of "path" where its bytes are not UTF-8. An event with MustScanSubDirs says that something
+below its path may have changed untold; look through it. Where that goes on, as at a folder without permission, {"loss": {"path",
+"reason", "remedy"}} says when it begins and {"recovered": {"path"}} when it is over; without --json these are lines on standard
+error. With --since, an event HistoryDone divides what had changed since the identifier (some of it perhaps told before) from what
+changes now. On SIGINT and SIGTERM what is pending is printed first.)";
+
 constexpr ExitNote kEventsExits[] = {
     {ExitCode::Ok, "ended by SIGINT or SIGTERM, or its reader has gone"},
     {ExitCode::Failed, "standard output could not be written"},
@@ -185,21 +196,7 @@ constinit const Command kEventsCommand{
     .name = "events",
     .operands = "PATH...",
     .summary = "Prints the changes below folders and files, one line per event.",
-    .details =
-        "A PATH need not exist: watching begins when it appears. What is printed reaches the reader with each delivery.\n"
-        "Text: identifier, names of the flags, path (with escapes for what cannot be printed); \"watching\" on standard error when the "
-        "watch\n"
-        "stands. JSON: first {\"ready\": true, \"source\": \"fanotify\"} when the watch stands, then {\"id\", \"flags\" (number), "
-        "\"names\" (array),\n"
-        "\"path\"}, with \"path_hex\" instead of \"path\" where its bytes are not UTF-8. An event with MustScanSubDirs says that "
-        "something\n"
-        "below its path may have changed untold; look through it. Where that goes on, as at a folder without permission, {\"loss\": "
-        "{\"path\",\n"
-        "\"reason\", \"remedy\"}} says when it begins and {\"recovered\": {\"path\"}} when it is over; without --json these are lines on "
-        "standard\n"
-        "error. With --since, an event HistoryDone divides what had changed since the identifier (some of it perhaps told before) from "
-        "what\n"
-        "changes now. On SIGINT and SIGTERM what is pending is printed first.",
+    .details = kEventsDetails,
     .options = kEventsOptions,
     .fewestOperands = 1,
     .mostOperands = std::numeric_limits<std::size_t>::max(),

@@ -502,7 +502,7 @@ DEFECTS = [
     Defect(
         "exclusion-by-prefix",
         "src/platform/fsevents/folders/Exclusions.h",
-        "      if (path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/')) return true;\n",
+        "      if (isAtOrBelowPath(path, place)) return true;\n",
         "      if (path.starts_with(place)) return true;\n",
         "fsevents_tests",
         "*Exclu*",
@@ -600,6 +600,22 @@ DEFECTS = [
         "",
         "fsevents_tests",
         "WorldExclusions.EndBelowAFolderThatIsRenamed/*",
+    ),
+    Defect(
+        "walk-that-could-not-begin-never-made",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
+        "  sooner(repairLater());\n",
+        "",
+        "fsevents_tests",
+        "WorldRepairs.ThatCannotBeginForWantOfDescriptorsAreMadeAndToldLater/*",
+    ),
+    Defect(
+        "late-walk-not-told",
+        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
+        "  reportRoot(kFSEventStreamEventFlagMustScanSubDirs | done.dropped | rootKind());\n",
+        "",
+        "fsevents_tests",
+        "WorldRepairs.ThatCannotBeginForWantOfDescriptorsAreMadeAndToldLater/*",
     ),
     Defect(
         "unlimited-queue-not-asked-for",
@@ -1025,8 +1041,8 @@ DEFECTS = [
     Defect(
         "hidden-mount-seen",
         "src/platform/fsevents/mounts/MountTable.cpp",
-        "      if (last && isBelow(mounts_[sibling].point, mounts_[*last].point)) continue;\n",
-        "      static_cast<void>(isBelow);\n",
+        "      if (last && isBelowPath(mounts_[sibling].point, mounts_[*last].point)) continue;\n",
+        "      static_cast<void>(isBelowPath);\n",
         "fsevents_tests",
         "MountTable.*:MountsOf.ShowTheOneOnTop*",
     ),

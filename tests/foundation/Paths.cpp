@@ -132,5 +132,54 @@ TEST(Paths, ComponentsBeginWithTheRoot) {
   EXPECT_EQ(pathComponents("/./.."), (Components{"/", ".", ".."}));
 }
 
+TEST(Paths, LieAtOrBelowAFolderByWholeComponents) {
+  enum class Place { At, Below, Elsewhere };
+  struct PlaceCase {
+    std::string path;
+    std::string folder;
+    Place place;
+  };
+  const std::vector<PlaceCase> cases = {
+      {"/a/b", "/a", Place::Below},
+      {"/a/b/c/d", "/a", Place::Below},
+      {"/a/b/c/d", "/a/b/c", Place::Below},
+      {"/a", "/a", Place::At},
+      {"/a/b", "/a/b", Place::At},
+      {"/ab", "/a", Place::Elsewhere},
+      {"/ab/c", "/a", Place::Elsewhere},
+      {"/a b", "/a", Place::Elsewhere},
+      {"/a.b", "/a", Place::Elsewhere},
+      {"/a", "/ab", Place::Elsewhere},
+      {"/a", "/a/b", Place::Elsewhere},
+      {"/b/a", "/a", Place::Elsewhere},
+      {"/A/b", "/a", Place::Elsewhere},
+      // The root, by either name.
+      {"/", "/", Place::At},
+      {"/", "", Place::At},
+      {"", "/", Place::At},
+      {"", "", Place::At},
+      {"/a", "/", Place::Below},
+      {"/a", "", Place::Below},
+      {"/a/b", "/", Place::Below},
+      {"/", "/a", Place::Elsewhere},
+      {"", "/a", Place::Elsewhere},
+      // Relative paths.
+      {"a/b", "a", Place::Below},
+      {"a", "a", Place::At},
+      {"ab", "a", Place::Elsewhere},
+      {"a", "/", Place::Elsewhere},
+      {"a", "/a", Place::Elsewhere},
+      {"/a", "a", Place::Elsewhere},
+      {".", ".", Place::At},
+      {"./a", ".", Place::Below},
+      {".a", ".", Place::Elsewhere},
+      {"/a/\xFF/b", "/a/\xFF", Place::Below},
+  };
+  for (const PlaceCase& c : cases) {
+    EXPECT_EQ(isAtOrBelowPath(c.path, c.folder), c.place != Place::Elsewhere) << "\"" << c.path << "\" and \"" << c.folder << "\"";
+    EXPECT_EQ(isBelowPath(c.path, c.folder), c.place == Place::Below) << "\"" << c.path << "\" and \"" << c.folder << "\"";
+  }
+}
+
 }  // namespace
 }  // namespace platform

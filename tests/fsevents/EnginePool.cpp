@@ -1,11 +1,9 @@
 #include "platform/fsevents/engine/EnginePool.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
+#include "tests/support/NoDescriptors.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {
@@ -17,24 +15,6 @@ using platform::fsevents::EngineShared;
 using platform::fsevents::HangWatch;
 using platform::fsevents::StreamMailbox;
 using platform::fsevents::StreamStatus;
-
-/// No descriptor is to be had while it stands.
-class NoDescriptors {
- public:
-  NoDescriptors() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ::close(next);
-    const rlimit none{static_cast<rlim_t>(next), before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-  }
-  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-  NoDescriptors(const NoDescriptors&) = delete;
-  NoDescriptors& operator=(const NoDescriptors&) = delete;
-
- private:
-  rlimit before_{};
-};
 
 TEST(EnginePool, SaysWhyThereIsNoFurtherEngineAndHasOneLater) {
   TemporaryDirectory folder;

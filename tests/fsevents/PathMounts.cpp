@@ -107,13 +107,5 @@ TEST(PathMounts, TellsMountsApartByTheirSerials) {
   EXPECT_FALSE(platform::fsevents::isSameMount(one, another));
 }
 
-TEST(PathMounts, ComparesPathsByWholeComponents) {
-  using platform::fsevents::isAtOrBelowPath;
-  EXPECT_TRUE(isAtOrBelowPath("/a/b", "/a"));
-  EXPECT_TRUE(isAtOrBelowPath("/a", "/a"));
-  EXPECT_TRUE(isAtOrBelowPath("/a", "/"));
-  EXPECT_FALSE(isAtOrBelowPath("/ab", "/a"));
-}
-
 }  // namespace
 }  // namespace kestrine::test

@@ -9,14 +9,6 @@
 #include "tests/fsevents/support/StreamTest.h"
 #include "tests/support/Sleep.h"
 
-#if defined(__SANITIZE_THREAD__)
-#define KESTRINE_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define KESTRINE_THREAD_SANITIZER 1
-#endif
-#endif
-
 // What wakes a stream in whose folders nothing happens.
 
 namespace kestrine::test {
@@ -52,9 +44,7 @@ class StreamIdle : public StreamTest {
 KESTRINE_PER_SOURCE(StreamIdle);
 
 TEST_P(StreamIdle, WakesForWhatIsMountedElsewhereAFewTimesAndForNothingElse) {
-#ifdef KESTRINE_THREAD_SANITIZER
-  GTEST_SKIP() << "left out: sleep of all threads, because the thread sanitizer has one of its own that wakes";
-#endif
+  if (const auto why = whySleepIsNotOurs(); !why.empty()) GTEST_SKIP() << "left out: sleep of all threads, because " << why;
   inMountNamespace([this] {
     makeFolders();
     const TemporaryDirectory elsewhere;

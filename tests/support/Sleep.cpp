@@ -12,6 +12,14 @@
 
 #include "tests/support/Eventually.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define KESTRINE_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KESTRINE_THREAD_SANITIZER 1
+#endif
+#endif
+
 namespace kestrine::test {
 
 namespace {
@@ -59,6 +67,14 @@ bool isThisThread(const std::filesystem::path& task) { return task.filename() ==
 std::string folderOf(pid_t process) { return "/proc/" + std::to_string(process); }
 
 }  // namespace
+
+std::string whySleepIsNotOurs() {
+#ifdef KESTRINE_THREAD_SANITIZER
+  return "the thread sanitizer has one of its own that wakes";
+#else
+  return {};
+#endif
+}
 
 std::map<std::string, long> sleepsOf(pid_t process) {
   std::map<std::string, long> sleeps;

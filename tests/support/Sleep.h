@@ -8,6 +8,9 @@
 
 namespace kestrine::test {
 
+/// Why threads of this build wake for what is not the program's; empty where all sleep is its own.
+std::string whySleepIsNotOurs();
+
 /// How often each thread of the process but the calling one went to sleep so far, by name and number; a thread that came or went shows,
 /// too.
 std::map<std::string, long> sleepsOf(pid_t process);

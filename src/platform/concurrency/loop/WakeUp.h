@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/EventDescriptor.h"
 
 namespace platform {
 
@@ -20,14 +20,14 @@ namespace platform {
 class WakeUp {
  public:
   /// Throws std::system_error when the system has no descriptors left.
-  WakeUp();
+  WakeUp() = default;
 
   /// Readable when the sleeper is to wake up.
-  [[nodiscard]] int descriptor() const { return event_.fileDescriptor(); }
+  [[nodiscard]] int descriptor() const { return event_.descriptor(); }
 
   /// Any thread. Whether the caller has to ring.
   [[nodiscard]] bool claim();
-  void ring() const;
+  void ring() const { event_.ring(); }
 
   void fallAsleep();
   /// `wasReadable`: what the poll told of the descriptor.
@@ -36,7 +36,7 @@ class WakeUp {
  private:
   enum class State { Awake, Sleeping, Woken };
 
-  const FileHandle event_;
+  const EventDescriptor event_;
   std::atomic<State> state_ = State::Awake;
 };
 

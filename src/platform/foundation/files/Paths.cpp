@@ -32,6 +32,9 @@ std::string_view lastName(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
 }
 
+/// The root's own separator is the one in front of what lies below it.
+std::string_view withoutRoot(std::string_view path) { return path == "/" ? std::string_view() : path; }
+
 }  // namespace
 
 std::string stringByAppendingPathComponent(std::string_view path, std::string_view component) {
@@ -79,6 +82,16 @@ std::vector<std::string> pathComponents(std::string_view path) {
     path.remove_prefix(std::min(end + 1, path.size()));
   }
   return components;
+}
+
+bool isAtOrBelowPath(std::string_view path, std::string_view folder) {
+  return withoutRoot(path) == withoutRoot(folder) || isBelowPath(path, folder);
+}
+
+bool isBelowPath(std::string_view path, std::string_view folder) {
+  const std::string_view below = withoutRoot(path);
+  const std::string_view above = withoutRoot(folder);
+  return below.size() > above.size() && below.starts_with(above) && below[above.size()] == '/';
 }
 
 }  // namespace platform

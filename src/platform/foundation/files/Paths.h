@@ -23,4 +23,10 @@ std::string stringByAppendingPathExtension(std::string_view path, std::string_vi
 /// "/a/b" gives "/", "a", "b".
 std::vector<std::string> pathComponents(std::string_view path);
 
+/// Whether a path is a folder or lies somewhere below it, and whether it lies strictly below it; as texts, by whole components, so that
+/// "/ab" is not below "/a". Both paths as they stand, with no separator at the end; the root may be "/" or "". Everything absolute is below
+/// the root.
+bool isAtOrBelowPath(std::string_view path, std::string_view folder);
+bool isBelowPath(std::string_view path, std::string_view folder);
+
 }  // namespace platform

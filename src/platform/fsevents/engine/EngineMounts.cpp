@@ -3,15 +3,13 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
 #include "platform/foundation/base/SystemError.h"
-#include "platform/foundation/log/Log.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/fsevents/engine/EnginePool.h"
 #include "platform/fsevents/engine/StreamEngine.h"
 #include "platform/fsevents/mounts/FileSystems.h"
-#include "platform/fsevents/source/KernelLimits.h"
 
 namespace platform::fsevents {
 namespace {
@@ -88,9 +86,7 @@ bool EngineMounts::concerns(const MountTable& former) const {
       return path.way.places.contains(mount.point) || isAtOrBelowPath(mount.point, path.way.real);
     });
   };
-  const auto isNew = [&](const MountTable& table, const Mount& mount) {
-    return std::find(table.all().begin(), table.all().end(), mount) == table.all().end() && isNear(mount);
-  };
+  const auto isNew = [&](const MountTable& table, const Mount& mount) { return !table.contains(mount) && isNear(mount); };
   const std::vector<Mount>& now = mounts_.table().all();
   return std::any_of(now.begin(), now.end(), [&](const Mount& mount) { return isNew(former, mount); }) ||
          std::any_of(former.all().begin(), former.all().end(), [&](const Mount& mount) { return isNew(mounts_.table(), mount); });

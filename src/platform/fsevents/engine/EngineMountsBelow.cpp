@@ -2,32 +2,17 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/fsevents/engine/EngineMounts.h"
 #include "platform/fsevents/engine/EnginePool.h"
 #include "platform/fsevents/engine/StreamEngine.h"
+#include "platform/fsevents/event/LastSource.h"
+#include "platform/fsevents/folders/Exclusions.h"
 #include "platform/fsevents/mounts/FileSystems.h"
 #include "platform/fsevents/source/KernelLimits.h"
 
 namespace platform::fsevents {
-namespace {
-
-/// The exclusions of a tree that hold for the part of it below `relative`.
-std::vector<std::string> exclusionsBelow(const std::vector<std::string>& exclusions, const std::string& relative) {
-  std::vector<std::string> below;
-  for (const std::string& excluded : exclusions) {
-    if (excluded.starts_with(relative + "/")) below.push_back(excluded.substr(relative.size()));
-  }
-  return below;
-}
-
-bool isExcludedIn(const std::vector<std::string>& exclusions, const std::string& relative) {
-  return std::any_of(exclusions.begin(), exclusions.end(),
-                     [&](const std::string& excluded) { return isAtOrBelowPath(relative, excluded); });
-}
-
-}  // namespace
 
 // What is mounted below the watched paths.
 
@@ -45,12 +30,13 @@ bool EngineMounts::mayHang(const Path& path, const Mount& mount) const {
 std::vector<EngineMounts::Below> EngineMounts::seenBelow(std::size_t number) const {
   std::vector<Below> seen;
   const Path& path = paths_[number];
+  const Exclusions exclusions(path.options.exclusions);
   std::string pseudo;
   for (Mount& mount : mounts_.table().below(path.way.real)) {
     std::string relative = path.way.real == "/" ? mount.point : mount.point.substr(path.way.real.size());
-    if (isExcludedIn(path.options.exclusions, relative)) continue;
+    if (exclusions.contain(relative)) continue;
     // Where nothing is entered nothing below is either.
-    if (!pseudo.empty() && mount.point.starts_with(pseudo + "/")) continue;
+    if (!pseudo.empty() && isBelowPath(mount.point, pseudo)) continue;
     if (policyOf(mount).kind == FileSystemKind::Pseudo) pseudo = mount.point;
     seen.push_back({number, std::move(mount), std::move(relative), nullptr, nullptr});
   }
@@ -122,7 +108,7 @@ TreeOptions EngineMounts::optionsOf(const Below& below) const {
   TreeOptions options = paths_[below.path].options;
   options.reportedPath += below.relative;
   options.openPath = below.mount.point;
-  options.exclusions = exclusionsBelow(options.exclusions, below.relative);
+  options.exclusions = Exclusions(std::move(options.exclusions)).partsBelow(below.relative);
   options.policy = policyOf(below.mount);
   return options;
 }
@@ -155,7 +141,8 @@ void EngineMounts::attach(Below& below, When when, std::optional<std::uint64_t> 
   // Everything that has happened on it until its folders were marked is covered by this.
   if (isNew) tell(below, told);
   if (attached == WatchedTree::Attached::Refused) {
-    status_.losses().begin(LossKind::QueueLimit, reportedPathOf(below), "the kernel offers no queue: " + errnoText(error), "");
+    const Explanation why = explainQueueFailure(lastSource(configuration_.source), error);
+    status_.losses().begin(LossKind::QueueLimit, reportedPathOf(below), why.reason, why.remedy);
     tell(below, kFSEventStreamEventFlagMustScanSubDirs);
   }
 }
@@ -186,7 +173,7 @@ void EngineMounts::tellAround(WatchedRoots& roots, const Below& below, bool isCo
   std::shared_ptr<StreamEngine> engine = paths_[below.path].engine;
   std::string above;
   for (const Below& each : below_) {
-    const bool isAround = each.path == below.path && below.relative.starts_with(each.relative + "/") && each.relative.size() > above.size();
+    const bool isAround = each.path == below.path && isBelowPath(below.relative, each.relative) && each.relative.size() > above.size();
     if (!isAround) continue;
     above = each.relative;
     tree = each.tree;

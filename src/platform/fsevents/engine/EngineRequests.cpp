@@ -1,10 +1,5 @@
 #include "platform/fsevents/engine/EngineRequests.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <system_error>
 #include <utility>
 
 namespace platform::fsevents {
@@ -14,22 +9,6 @@ namespace {
 constexpr std::chrono::milliseconds kRefreshPatience(200);
 
 }  // namespace
-
-EngineRequests::EngineRequests() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  // Without it nothing could end the engine.
-  if (!wake_.isOpen()) throw std::system_error(errno, std::generic_category(), "eventfd");
-}
-
-void EngineRequests::wake() const {
-  const std::uint64_t one = 1;
-  // A full counter means that it is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake_.fileDescriptor(), &one, sizeof one);
-}
-
-void EngineRequests::clearWakes() const {
-  std::uint64_t wakes = 0;
-  [[maybe_unused]] const ssize_t count = ::read(wake_.fileDescriptor(), &wakes, sizeof wakes);
-}
 
 void EngineRequests::requestStop() {
   {

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/EventDescriptor.h"
 #include "platform/foundation/base/Mutex.h"
 
 namespace platform::fsevents {
@@ -18,7 +18,8 @@ class EngineRequests {
  public:
   using Clock = std::chrono::steady_clock;
 
-  EngineRequests();
+  /// Throws std::system_error when the system has no descriptor left: nothing could end the engine.
+  EngineRequests() = default;
   EngineRequests(const EngineRequests&) = delete;
   EngineRequests& operator=(const EngineRequests&) = delete;
 
@@ -41,13 +42,13 @@ class EngineRequests {
   bool waitEnded(Clock::time_point deadline) EXCLUDES(mutex_);
   [[nodiscard]] bool hasEnded() const EXCLUDES(mutex_);
   /// Has the engine's thread look around.
-  void wake() const;
+  void wake() const { wake_.ring(); }
 
   // The engine's side.
 
   /// To be waited for; readable until `clearWakes`.
-  [[nodiscard]] int descriptor() const { return wake_.fileDescriptor(); }
-  void clearWakes() const;
+  [[nodiscard]] int descriptor() const { return wake_.descriptor(); }
+  void clearWakes() const { wake_.clear(); }
   void begin() EXCLUDES(mutex_);
   [[nodiscard]] bool isStopRequested() const EXCLUDES(mutex_);
   /// The last tickets.
@@ -60,7 +61,7 @@ class EngineRequests {
   void ended() EXCLUDES(mutex_);
 
  private:
-  const FileHandle wake_;
+  const EventDescriptor wake_;
   mutable Mutex mutex_;
   Condition changed_;
   std::thread::id thread_ GUARDED_BY(mutex_);

@@ -17,6 +17,11 @@ constexpr std::chrono::milliseconds kLongestBackoff(60'000);
 constexpr std::chrono::seconds kFirstAttachPause(1);
 constexpr std::chrono::seconds kLastAttachPause(60);
 
+/// The entry of this tree, or the end.
+auto entryOf(auto& entries, const WatchedTree* tree) {
+  return std::find_if(entries.begin(), entries.end(), [tree](const auto& entry) { return entry.tree.get() == tree; });
+}
+
 }  // namespace
 
 WatchedTree& EngineTrees::add(TreeOptions options) {
@@ -27,16 +32,14 @@ WatchedTree& EngineTrees::add(TreeOptions options) {
 }
 
 void EngineTrees::remove(const WatchedTree& tree) {
-  const auto entry = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& each) { return each.tree.get() == &tree; });
+  const auto entry = entryOf(entries_, &tree);
   if (entry == entries_.end()) return;
   window_.removeTree(entry->number);
   const HangWatch::Inside inside(watch_, watched_, shownPath(tree.options()));
   entries_.erase(entry);
 }
 
-bool EngineTrees::holds(const WatchedTree* tree) const {
-  return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) { return entry.tree.get() == tree; });
-}
+bool EngineTrees::holds(const WatchedTree* tree) const { return entryOf(entries_, tree) != entries_.end(); }
 
 void EngineTrees::clear() {
   while (!entries_.empty()) remove(*entries_.back().tree);
@@ -46,10 +49,9 @@ WatchedTree::Attached EngineTrees::attach(WatchedTree& tree, FSEventStreamEventF
                                           int& error) {
   const HangWatch::Inside inside(watch_, watched_, shownPath(tree.options()));
   const WatchedTree::Attached attached = tree.attach(report, since, error);
-  for (Entry& entry : entries_) {
-    if (entry.tree.get() != &tree) continue;
-    entry.due = Clock::time_point::min();
-    window_.setTree(entry.number, tree.options(), tree.rootKind());
+  if (const auto entry = entryOf(entries_, &tree); entry != entries_.end()) {
+    entry->due = Clock::time_point::min();
+    window_.setTree(entry->number, tree.options(), tree.rootKind());
   }
   return attached;
 }
@@ -57,9 +59,7 @@ WatchedTree::Attached EngineTrees::attach(WatchedTree& tree, FSEventStreamEventF
 WatchedTree::Attached EngineTrees::attachMount(WatchedTree& tree, FSEventStreamEventFlags report, std::optional<std::uint64_t> since,
                                                int& error) {
   const WatchedTree::Attached attached = attach(tree, report, since, error);
-  for (Entry& entry : entries_) {
-    if (entry.tree.get() == &tree) planAttaching(entry, attached, error);
-  }
+  if (const auto entry = entryOf(entries_, &tree); entry != entries_.end()) planAttaching(*entry, attached, error);
   return attached;
 }
 
@@ -83,17 +83,15 @@ void EngineTrees::attachAgain(Entry& entry) {
 
 void EngineTrees::relocate(WatchedTree& tree, std::string reportedPath, std::string openPath) {
   tree.relocate(std::move(reportedPath), std::move(openPath));
-  for (const Entry& entry : entries_) {
-    if (entry.tree.get() == &tree) window_.setTree(entry.number, tree.options(), tree.rootKind());
+  if (const auto entry = entryOf(entries_, &tree); entry != entries_.end()) {
+    window_.setTree(entry->number, tree.options(), tree.rootKind());
   }
 }
 
 void EngineTrees::coverChanged(WatchedTree& tree, const std::string& relative, bool isCovered) {
   const HangWatch::Inside inside(watch_, watched_, shownPath(tree.options()));
   isCovered ? tree.covered(relative) : tree.uncovered(relative);
-  for (Entry& entry : entries_) {
-    if (entry.tree.get() == &tree) entry.due = Clock::time_point::min();
-  }
+  if (const auto entry = entryOf(entries_, &tree); entry != entries_.end()) entry->due = Clock::time_point::min();
 }
 
 void EngineTrees::forEach(const std::function<void(WatchedTree&)>& visit) const {

@@ -12,6 +12,7 @@
 
 #include "platform/fsevents/engine/EngineWindow.h"
 #include "platform/fsevents/engine/HangWatch.h"
+#include "platform/fsevents/status/ShownPath.h"
 #include "platform/fsevents/status/StreamStatus.h"
 #include "platform/fsevents/tree/WatchedTree.h"
 
@@ -98,9 +99,6 @@ class EngineTrees {
 };
 
 /// The path that stands for a tree in what people and callers are told.
-inline const std::string& shownPath(const TreeOptions& options) {
-  static const std::string root = "/";
-  return options.reportedPath.empty() ? root : options.reportedPath;
-}
+inline const std::string& shownPath(const TreeOptions& options) { return shownPath(options.reportedPath); }
 
 }  // namespace platform::fsevents

@@ -54,7 +54,7 @@ class EngineWindow {
 
   /// Tells the clock how far everything has been delivered; `waits` when more is known to come that is not in the window yet.
   void tellClock(bool waits);
-  /// For somebody who tells on behalf of the engine: what it would offer is not older than this.
+  /// The mailbox, and the engine's number in it, for somebody who tells on behalf of an engine that does not get on.
   [[nodiscard]] StreamMailbox::EngineNumber number() const { return number_; }
   StreamMailbox& mailbox() { return *mailbox_; }
   /// Nothing is told from now on, and no identifier waits for it. Any thread.

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -23,12 +22,12 @@ HangWatch::Watched::Watched(std::shared_ptr<TreePulse> pulse, std::function<void
       hangs_(std::move(hangs)),
       answers_(std::move(answers)) {}
 
-HangWatch::HangWatch(Clock::duration patience) : patience_(patience), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+HangWatch::HangWatch(Clock::duration patience) : patience_(patience) {}
 
 void HangWatch::add(const std::shared_ptr<Watched>& watched) {
   const MutexLock lock(mutex_);
   watched_.push_back(watched);
-  wake();
+  wake_.ring();
   // Without a descriptor to wake it by, or a thread, nothing is noticed; the engines do their work all the same.
   if (thread_.joinable() || stop_ || !wake_.isOpen()) return;
   const AllSignalsBlocked blocked;
@@ -41,7 +40,7 @@ void HangWatch::add(const std::shared_ptr<Watched>& watched) {
 
 void HangWatch::remove(const std::shared_ptr<Watched>& watched) {
   const MutexLock lock(mutex_);
-  if (std::erase(watched_, watched) > 0) wake();
+  if (std::erase(watched_, watched) > 0) wake_.ring();
 }
 
 void HangWatch::stop() {
@@ -50,15 +49,9 @@ void HangWatch::stop() {
     const MutexLock lock(mutex_);
     stop_ = true;
     ended.swap(thread_);
-    wake();
+    wake_.ring();
   }
   if (ended.joinable()) ended.join();
-}
-
-void HangWatch::wake() const {
-  const std::uint64_t one = 1;
-  // A full counter means that it is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake_.fileDescriptor(), &one, sizeof one);
 }
 
 void HangWatch::setTimer(const Watched& watched, Clock::duration time) const {
@@ -112,14 +105,14 @@ void HangWatch::run() {
   while (!stop_) {
     // Held, so that no timer is closed while it is waited for.
     const std::vector<std::shared_ptr<Watched>> watched = watched_;
-    std::vector<pollfd> timers{{wake_.fileDescriptor(), POLLIN, 0}};
+    std::vector<pollfd> timers{{wake_.descriptor(), POLLIN, 0}};
     for (const auto& each : watched) timers.push_back({each->timer_.fileDescriptor(), POLLIN, 0});
     lock.unlock();
     ::poll(timers.data(), timers.size(), -1);
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t woken = ::read(wake_.fileDescriptor(), &count, sizeof count);
+    wake_.clear();
     lock.lock();
     if (stop_) break;
+    std::uint64_t count = 0;
     for (const auto& each : watched) {
       if (::read(each->timer_.fileDescriptor(), &count, sizeof count) > 0) look(*each);
     }

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/foundation/base/EventDescriptor.h"
 #include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/base/Mutex.h"
 #include "platform/fsevents/tree/TreeOptions.h"
@@ -78,10 +79,9 @@ class HangWatch {
   /// The timer has run out.
   void look(Watched& watched) REQUIRES(mutex_);
   void setTimer(const Watched& watched, Clock::duration time) const;
-  void wake() const;
 
   const Clock::duration patience_;
-  const FileHandle wake_;
+  const EventDescriptor wake_{std::nothrow};
   Mutex mutex_;
   std::vector<std::shared_ptr<Watched>> watched_ GUARDED_BY(mutex_);
   std::thread thread_ GUARDED_BY(mutex_);

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -14,7 +13,9 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/fsevents/folders/FolderScan.h"
 #include "platform/fsevents/folders/PathOpener.h"
+#include "platform/fsevents/mounts/PathSteps.h"
 
 namespace platform::fsevents {
 namespace {
@@ -24,8 +25,6 @@ constexpr std::uint32_t kAwaitMask = IN_CREATE | IN_MOVED_TO | IN_ATTRIB | kSelf
 /// A file that somebody holds open loses a link long before it is deleted (inotify(7)).
 constexpr std::uint32_t kFileMask = IN_ATTRIB | kSelfMask;
 constexpr std::uint32_t kGuardMask = IN_DELETE | IN_MOVED_TO;
-/// As the kernel counts links before it gives up (path_resolution(7)).
-constexpr int kMaximumLinks = 40;
 constexpr int kAttempts = 5;
 
 std::string handleOf(const std::string& path) {
@@ -46,23 +45,6 @@ RootIdentity identityOf(const std::string& path) {
   return {true, ::makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino, std::move(incarnation)};
 }
 
-/// The components of `text` in reverse, so that the next one is at the end.
-void pushComponents(const std::string& text, std::vector<std::string>& reversed) {
-  std::vector<std::string> parts;
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('/', at), text.size());
-    if (end > at) parts.push_back(text.substr(at, end - at));
-    at = end + 1;
-  }
-  reversed.insert(reversed.end(), std::make_move_iterator(parts.rbegin()), std::make_move_iterator(parts.rend()));
-}
-
-std::string readLink(const std::string& path) {
-  std::array<char, PATH_MAX> target{};
-  const ssize_t count = ::readlink(path.c_str(), target.data(), target.size());
-  return count > 0 ? std::string(target.data(), static_cast<std::size_t>(count)) : std::string();
-}
-
 /// Whether the folder at the path can be removed by rmdir(2) as it stands; true when nobody can tell. False of what is no folder.
 bool mayBeEmpty(const std::string& path) {
   const FileHandle folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
@@ -72,8 +54,7 @@ bool mayBeEmpty(const std::string& path) {
   while ((count = ::getdents64(folder.fileDescriptor(), buffer.data(), buffer.size())) > 0) {
     for (ssize_t at = 0; at < count;) {
       const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
-      const std::string_view name(entry->d_name);
-      if (name != "." && name != "..") return false;
+      if (!isDots(entry->d_name)) return false;
       at += entry->d_reclen;
     }
   }
@@ -131,7 +112,7 @@ void RootMonitor::armPath(std::size_t number, RootIdentity& identity) {
       at = next;
       continue;
     }
-    const std::string target = readLink(next);
+    const std::string target = linkAt(next);
     if (++links > kMaximumLinks || target.empty()) return;
     if (target.front() == '/') at = "/";
     pushComponents(target, left);

@@ -7,7 +7,8 @@
 #include <set>
 #include <utility>
 
-#include "platform/foundation/base/SystemError.h"
+#include "platform/fsevents/event/LastSource.h"
+#include "platform/fsevents/source/KernelLimits.h"
 #include "platform/fsevents/tree/WatchedPath.h"
 
 namespace platform::fsevents {
@@ -102,8 +103,8 @@ bool StreamEngine::attachPlace() {
   const WatchedTree::Attached attached = trees_.attachMount(*placeTree_, 0, since, error);
   FSEventStreamEventFlags told = place_->told;
   if (attached == WatchedTree::Attached::Refused) {
-    const bool isNew = shared_->status->losses().begin(LossKind::QueueLimit, shownPath(place_->options),
-                                                       "the kernel offers no queue for it: " + errnoText(error), "");
+    const Explanation why = explainQueueFailure(lastSource(shared_->configuration.source), error);
+    const bool isNew = shared_->status->losses().begin(LossKind::QueueLimit, shownPath(place_->options), why.reason, why.remedy);
     if (isNew) told |= kFSEventStreamEventFlagMustScanSubDirs;
   }
   if (told != 0) placeTree_->reportRoot(told | kFSEventStreamEventFlagItemIsDir);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/fsevents/event/LastSource.h"
 #include "platform/fsevents/source/KernelLimits.h"
 
 namespace platform::fsevents {
@@ -74,7 +75,7 @@ std::optional<std::string> WatchedRoots::attach(const MountFlags& told, std::opt
     int error = 0;
     switch (trees_.attach(*root.tree, 0, since, error)) {
       case WatchedTree::Attached::Refused:
-        return explainQueueFailure(lastSource(), error).text();
+        return explainQueueFailure(lastSource(configuration_.source), error).text();
       case WatchedTree::Attached::Standing:
         if (told[i] != 0) root.tree->reportRoot(told[i] | root.tree->rootKind());
         break;
@@ -168,11 +169,9 @@ void WatchedRoots::attachRoot(Root& root, FSEventStreamEventFlags report, FSEven
   }
 }
 
-const char* WatchedRoots::lastSource() const { return configuration_.source == FSEventStreamSource::Fanotify ? "fanotify" : "inotify"; }
-
 void WatchedRoots::refused(Root& root, int error) {
   root.isRefused = true;
-  const Explanation why = explainQueueFailure(lastSource(), error);
+  const Explanation why = explainQueueFailure(lastSource(configuration_.source), error);
   const bool isNew = status_.losses().begin(LossKind::QueueLimit, shownPath(root.options), why.reason, why.remedy);
   if (isNew) root.tree->reportRoot(kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir);
 }

@@ -74,7 +74,6 @@ class WatchedRoots {
   void renew(Root& root);
   void makeTree(Root& root);
   void planCheck();
-  [[nodiscard]] const char* lastSource() const;
 
   const EngineConfiguration& configuration_;
   EngineTrees& trees_;

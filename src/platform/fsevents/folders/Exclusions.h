@@ -2,7 +2,10 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+#include "platform/foundation/files/Paths.h"
 
 namespace platform::fsevents {
 
@@ -17,7 +20,7 @@ class Exclusions {
   [[nodiscard]] bool empty() const { return places_.empty(); }
   [[nodiscard]] bool contain(std::string_view path) const {
     for (const std::string& place : places_) {
-      if (path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/')) return true;
+      if (isAtOrBelowPath(path, place)) return true;
     }
     return false;
   }
@@ -25,7 +28,7 @@ class Exclusions {
   [[nodiscard]] std::vector<std::string> partsBelow(std::string_view path) const {
     std::vector<std::string> parts;
     for (const std::string& place : places_) {
-      if (place.size() > path.size() && place.starts_with(path) && place[path.size()] == '/') parts.push_back(place.substr(path.size()));
+      if (isBelowPath(place, path)) parts.push_back(place.substr(path.size()));
     }
     return parts;
   }

@@ -35,7 +35,7 @@ int scanFolder(int folder, bool foldersOnly, const std::function<void(const char
       const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
       at += entry->d_reclen;
       const char* name = entry->d_name;
-      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+      if (isDots(name)) continue;
       if (foldersOnly && entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) continue;
       const FSEventStreamEventFlags kind = kindOfEntry(*entry, folder);
       if (!foldersOnly || kind == kFSEventStreamEventFlagItemIsDir) visit(name, kind);

@@ -7,6 +7,8 @@
 #include <optional>
 #include <utility>
 
+#include "platform/foundation/files/Paths.h"
+
 namespace platform::fsevents {
 namespace {
 
@@ -62,12 +64,6 @@ std::optional<Mount> parseLine(std::string_view line) {
   return mount;
 }
 
-/// Whether `path` is strictly below `folder`.
-bool isBelow(std::string_view path, std::string_view folder) {
-  if (folder == "/") return path.size() > 1;
-  return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
-}
-
 /// Follows the way that the kernel's lookup of a path takes: from the root, and at each mount point on to the mount upon it, which
 /// knows what it is mounted on (`parent`) and not merely under which text.
 class Visibility {
@@ -114,7 +110,7 @@ class Visibility {
                      [this](std::size_t left, std::size_t right) { return isBefore(mounts_[left].point, mounts_[right].point); });
     std::optional<std::size_t> last;
     for (const std::size_t sibling : siblings) {
-      if (last && isBelow(mounts_[sibling].point, mounts_[*last].point)) continue;
+      if (last && isBelowPath(mounts_[sibling].point, mounts_[*last].point)) continue;
       // Two upon one place are seen only in a table that changed while it was read: the later one counts.
       if (last && mounts_[sibling].point == mounts_[*last].point) waiting_.pop_back();
       waiting_.push_back(sibling);

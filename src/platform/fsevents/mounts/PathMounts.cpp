@@ -1,37 +1,14 @@
 #include "platform/fsevents/mounts/PathMounts.h"
 
-#include <limits.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <tuple>
 #include <utility>
 
 #include "platform/fsevents/mounts/FileSystems.h"
+#include "platform/fsevents/mounts/PathSteps.h"
 
 namespace platform::fsevents {
 namespace {
-
-/// As the kernel counts links before it gives up (path_resolution(7)).
-constexpr int kMaximumLinks = 40;
-
-/// The components of `text` in reverse, so that the next one is at the end.
-void pushReversed(const std::string& text, std::vector<std::string>& reversed) {
-  const std::size_t before = reversed.size();
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('/', at), text.size());
-    if (end > at) reversed.push_back(text.substr(at, end - at));
-    at = end + 1;
-  }
-  std::reverse(reversed.begin() + static_cast<std::ptrdiff_t>(before), reversed.end());
-}
-
-std::string linkAt(const std::string& path) {
-  std::array<char, PATH_MAX> target{};
-  const ssize_t count = ::readlink(path.c_str(), target.data(), target.size());
-  return count > 0 ? std::string(target.data(), static_cast<std::size_t>(count)) : std::string();
-}
 
 std::string join(const std::string& folder, const std::string& name) { return (folder == "/" ? "" : folder) + "/" + name; }
 
@@ -45,7 +22,7 @@ bool mayHangOn(const Mount& mount) {
 PathMounts followPath(const MountTable& table, const std::string& path) {
   PathMounts way;
   std::vector<std::string> left;
-  pushReversed(path, left);
+  pushComponents(path, left);
   way.real = "/";
   int links = 0;
   while (true) {
@@ -72,7 +49,7 @@ PathMounts followPath(const MountTable& table, const std::string& path) {
     way.places.insert(next);
     if (++links > kMaximumLinks) break;
     if (target.front() == '/') way.real = "/";
-    pushReversed(target, left);
+    pushComponents(target, left);
   }
   for (; !left.empty(); left.pop_back()) way.real = join(way.real, left.back());
   return way;
@@ -86,11 +63,6 @@ bool isSameMount(const Mount& one, const Mount& other) {
 
 bool contains(const MountTable& table, const Mount& mount) {
   return std::any_of(table.all().begin(), table.all().end(), [&](const Mount& each) { return isSameMount(each, mount); });
-}
-
-bool isAtOrBelowPath(const std::string& path, const std::string& folder) {
-  if (folder.empty() || folder == "/") return true;
-  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
 }  // namespace platform::fsevents

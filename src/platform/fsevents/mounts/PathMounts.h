@@ -31,7 +31,4 @@ PathMounts followPath(const MountTable& table, const std::string& path);
 bool isSameMount(const Mount& one, const Mount& other);
 bool contains(const MountTable& table, const Mount& mount);
 
-/// Whether a path is at or below a folder, by whole components ("" and "/" are the root).
-bool isAtOrBelowPath(const std::string& path, const std::string& folder);
-
 }  // namespace platform::fsevents

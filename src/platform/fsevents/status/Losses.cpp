@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "platform/fsevents/status/ShownPath.h"
 
 namespace platform::fsevents {
 namespace {
@@ -12,18 +14,11 @@ namespace {
 /// How many reasons are remembered as said in the log: so many different ones in turn are said again.
 constexpr std::size_t kLoggedReasons = 64;
 
-/// The watched path "/" is reported as the empty text.
-std::string placeOf(const std::string& path) { return path.empty() ? "/" : path; }
-
 std::string beginningOfBelow(std::string_view path) { return path == "/" ? "/" : std::string(path) + "/"; }
-
-bool isAtOrBelow(std::string_view path, std::string_view above) {
-  return path == above || path.starts_with(above == "/" ? std::string(above) : std::string(above) + "/");
-}
 
 /// The last folder that has both at or below it; "." where that has no name.
 std::string above(std::string_view first, std::string_view second) {
-  while (!first.empty() && first != "/" && !isAtOrBelow(second, first)) {
+  while (!first.empty() && first != "/" && !isAtOrBelowPath(second, first)) {
     const std::size_t slash = first.rfind('/');
     first = slash == std::string_view::npos ? std::string_view() : first.substr(0, std::max<std::size_t>(slash, 1));
   }
@@ -52,7 +47,7 @@ Object described(const std::string& path, const auto& record, bool lasting) {
 }  // namespace
 
 bool Losses::begin(LossKind kind, const std::string& path, const std::string& reason, const std::string& remedy) {
-  const std::string place = placeOf(path);
+  const std::string& place = shownPath(path);
   bool isNew = false;
   bool isSaid = false;
   {
@@ -107,7 +102,7 @@ void Losses::widenRest(Rest& rest, const std::string& path) {
 
 bool Losses::end(LossKind kind, const std::string& path) {
   if (!any()) return false;
-  const std::string place = placeOf(path);
+  const std::string& place = shownPath(path);
   const MutexLock lock(mutex_);
   Kind& known = of(kind);
   bool wasLost = false;
@@ -126,14 +121,14 @@ bool Losses::end(LossKind kind, const std::string& path) {
 void Losses::forget(const std::string& path) {
   if (!any()) return;
   const MutexLock lock(mutex_);
-  for (Kind& kind : kinds_) endAtAndBelow(kind, placeOf(path));
+  for (Kind& kind : kinds_) endAtAndBelow(kind, shownPath(path));
   settle();
 }
 
 void Losses::endAtAndBelow(Kind& kind, const std::string& path) {
   auto places = takeAtAndBelow(kind.lasting, path);
   for (auto& place : places) over(place.key(), std::move(place.mapped()));
-  if (kind.rest.lasts() && isAtOrBelow(kind.rest.path, path)) endRest(kind);
+  if (kind.rest.lasts() && isAtOrBelowPath(kind.rest.path, path)) endRest(kind);
 }
 
 void Losses::endRest(Kind& kind) {
@@ -165,8 +160,8 @@ void Losses::move(const std::string& from, const std::string& to) {
     }
     if (!kind.rest.lasts()) continue;
     // Which they are was known by their paths.
-    if (isAtOrBelow(kind.rest.path, from)) kind.rest.isUncounted = true;
-    if (kind.rest.isUncounted || isAtOrBelow(from, kind.rest.path)) widenRest(kind.rest, to);
+    if (isAtOrBelowPath(kind.rest.path, from)) kind.rest.isUncounted = true;
+    if (kind.rest.isUncounted || isAtOrBelowPath(from, kind.rest.path)) widenRest(kind.rest, to);
   }
   for (auto& [path, record] : left) {
     if (!lastsAt(path)) notices_.add({false, path, record.reason, record.remedy});

@@ -6,6 +6,7 @@
 
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "platform/fsevents/status/ShownPath.h"
 
 namespace platform::fsevents {
 namespace {
@@ -15,9 +16,6 @@ Object texts(const auto& list) {
   for (const std::string& text : list) array.emplace_back(text);
   return Object(std::move(array));
 }
-
-/// The watched path "/" is reported as the empty text.
-std::string pathOf(const std::string& path) { return path.empty() ? "/" : path; }
 
 double seconds(std::chrono::milliseconds time) { return std::chrono::duration<double>(time).count(); }
 
@@ -36,12 +34,12 @@ void StreamStatus::setRegion(const std::string& path, std::size_t folders, std::
   bool isNew = false;
   {
     const MutexLock lock(mutex_);
-    Region& region = regions_[pathOf(path)];
+    Region& region = regions_[shownPath(path)];
     isNew = region.reason != reason;
     region = {folders, interval, reason};
   }
   if (!isNew) return;
-  NSLog(fmt::format("FSEventStream: {} folders at {} are compared every {:.0f} s at least: {}", folders, pathOf(path), seconds(interval),
+  NSLog(fmt::format("FSEventStream: {} folders at {} are compared every {:.0f} s at least: {}", folders, shownPath(path), seconds(interval),
                     reason));
 }
 
@@ -49,19 +47,19 @@ void StreamStatus::removeRegion(const std::string& path) {
   bool wasThere = false;
   {
     const MutexLock lock(mutex_);
-    wasThere = regions_.erase(pathOf(path)) > 0;
+    wasThere = regions_.erase(shownPath(path)) > 0;
   }
-  if (wasThere) NSLog("FSEventStream: no folder at " + pathOf(path) + " is compared any more");
+  if (wasThere) NSLog("FSEventStream: no folder at " + shownPath(path) + " is compared any more");
 }
 
 void StreamStatus::setSource(const std::string& path, const std::string& name) {
   const MutexLock lock(mutex_);
-  sourceOf_[pathOf(path)] = name;
+  sourceOf_[shownPath(path)] = name;
 }
 
 void StreamStatus::removeSource(const std::string& path) {
   const MutexLock lock(mutex_);
-  sourceOf_.erase(pathOf(path));
+  sourceOf_.erase(shownPath(path));
 }
 
 void StreamStatus::addSource(const std::string& name) {
