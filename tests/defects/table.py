@@ -566,8 +566,8 @@ DEFECTS = [
         "TruthWorkload.*/fanotify",
     ),
     # What the random workloads needed at most to notice it in ten runs, of what they do: 7,800 of 100,000 changes that are read and 9 of 20 rounds of
-    # several writers; unread, 13 of 32 rounds below the queue's length, 17 of 40 steps after overflows, and (eight runs) 84,000 of 150,000 changes
-    # without mercy.
+    # several writers; unread, 13 of 32 rounds below the queue's length, 17 of 40 steps after overflows, and 108,000 of 300,000 changes without
+    # mercy (150,000 noticed it nine times of ten).
     Defect(
         "older-change-taken-in-a-random-workload",
         "src/platform/fsevents/tree/WatchedTreeChanges.cpp",

@@ -102,7 +102,7 @@ TEST_P(StreamModelUnread, BeyondTheQueuesLengthIsCoveredAndExactAfterwards) {
 
 TEST_P(StreamModelUnread, WithoutMercyIsCovered) {
   // As fast as possible, while the reader is stopped and continued at random: it may overflow or not.
-  const int changes = longOrShort(150000, 6000);
+  const int changes = longOrShort(300000, 6000);
   begin();
   std::mt19937 random(number_);
   std::vector<FSEvent> events;
