@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
@@ -108,6 +109,20 @@ TEST_F(HangWatchTest, TellsNothingOfOneWhoWasRemovedOrAfterItsEnd) {
   const HangWatch::Inside late(watch, *left, "/left");
   std::this_thread::sleep_for(4 * kShort);
   EXPECT_THAT(told(), IsEmpty());
+}
+
+TEST_F(HangWatchTest, IsAsPatientAsTheEnvironmentSays) {
+  const struct {
+    const char* text;
+    int milliseconds;
+  } cases[] = {{"1", 1000},    {"0.5", 500},   {"0.1", 100}, {"3600", 3'600'000}, {"", 5000},    {"0", 5000},
+               {"0.09", 5000}, {"3601", 5000}, {"-1", 5000}, {"1s", 5000},        {"nan", 5000}, {"1e400", 5000}};
+  for (const auto& [text, milliseconds] : cases) {
+    setenv("KESTRINE_FSEVENTS_PATIENCE", text, 1);
+    EXPECT_EQ(HangWatch::chosenPatience().count(), milliseconds) << '"' << text << '"';
+  }
+  unsetenv("KESTRINE_FSEVENTS_PATIENCE");
+  EXPECT_EQ(HangWatch::chosenPatience().count(), 5000);
 }
 
 }  // namespace

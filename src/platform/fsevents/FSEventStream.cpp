@@ -159,7 +159,8 @@ bool FSEventStream::Impl::start() {
     const MutexLock lock(mutex_);
     if (state_ == State::Started || state_ == State::Invalid) return state_ == State::Started;
   }
-  auto shared = std::make_shared<EngineShared>(EngineShared{configuration_, status_, mailbox_, std::make_shared<HangWatch>()});
+  auto shared = std::make_shared<EngineShared>(
+      EngineShared{configuration_, status_, mailbox_, std::make_shared<HangWatch>(HangWatch::chosenPatience())});
   auto engines = std::make_shared<EnginePool>(std::move(shared));
   if (configuration_.asksForHistory() && !configuration_.paths.empty()) mailbox_->expectHistory(configuration_.paths.front());
   if (!mayStart() || !engines->start()) {

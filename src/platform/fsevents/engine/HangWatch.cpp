@@ -5,8 +5,12 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <charconv>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -21,6 +25,15 @@ HangWatch::Watched::Watched(std::shared_ptr<TreePulse> pulse, std::function<void
       timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       hangs_(std::move(hangs)),
       answers_(std::move(answers)) {}
+
+std::chrono::milliseconds HangWatch::chosenPatience() {
+  const char* value = std::getenv("KESTRINE_FSEVENTS_PATIENCE");  // NOLINT(concurrency-mt-unsafe): set before the process has threads
+  const std::string_view text = value == nullptr ? "" : value;
+  double seconds = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  const bool isInRange = error == std::errc{} && end == text.data() + text.size() && seconds >= 0.1 && seconds <= 3600;
+  return isInRange ? std::chrono::milliseconds(std::lround(seconds * 1000)) : kPatience;
+}
 
 HangWatch::HangWatch(Clock::duration patience) : patience_(patience) {}
 

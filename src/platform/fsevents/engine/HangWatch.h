@@ -25,6 +25,9 @@ class HangWatch {
   using Clock = std::chrono::steady_clock;
   /// As long as a disk may take to spin up, and a network file system to find a path again.
   static constexpr std::chrono::milliseconds kPatience{5000};
+  /// What the environment variable KESTRINE_FSEVENTS_PATIENCE says, in seconds ("30", "0.5") from a tenth of one to an hour; else
+  /// kPatience.
+  static std::chrono::milliseconds chosenPatience();
 
   /// One watched thread. It says when it goes inside and comes back; its pulse says that it gets on while it is there.
   class Watched {
