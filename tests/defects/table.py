@@ -638,6 +638,22 @@ DEFECTS = [
         "WorldRepairs.ThatCannotBeginForWantOfDescriptorsAreMadeAndToldLater/*",
     ),
     Defect(
+        "trouble-that-stays-where-the-folder-was",
+        "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
+        "  if (!troubles_.empty() || wasDetached) troublesMoved(node);\n",
+        "",
+        "fsevents_tests",
+        "WorldDisks.ThatFailAtAFolderWhichIsRenamedAreReadAtItsNewPlace/fanotify",
+    ),
+    Defect(
+        "folder-that-cannot-be-opened-taken-for-gone",
+        "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
+        "    return isGone(error) || isCovered(error) ? Presence::Elsewhere : presenceOfClosed(node);\n",
+        "    return Presence::Elsewhere;\n",
+        "fsevents_tests",
+        "WorldRights.*Renamed*",
+    ),
+    Defect(
         "unlimited-queue-not-asked-for",
         "src/platform/fsevents/source/FanotifySource.cpp",
         "  constexpr unsigned kUnlimited = FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;\n",

@@ -148,6 +148,31 @@ TEST_P(WorldDisks, ThatFailAtAFolderWhichGoesHaveLostNothingMore) {
   });
 }
 
+TEST_P(WorldDisks, ThatFailAtAFolderWhichIsRenamedAreReadAtItsNewPlace) {
+  run({"ok/bad/sub/deep", "other"}, [this](TestFuse& disk) {
+    for (const auto* place : {"ok/bad", "ok/moved", "other/moved"}) disk.fail("opendir", place, EIO);
+    const auto stream = watchRoot();
+    ASSERT_TRUE(stream->waitFor(in("disk/ok/bad"), kMustScan)) << stream->describe();
+    // Within its folder, and out of it.
+    moveItem(in("disk/ok/bad"), in("disk/ok/moved"));
+    stream->flush();
+    EXPECT_TRUE(isLasting(*stream, in("disk/ok/moved"))) << stream->stream().status().description();
+    moveItem(in("disk/ok/moved"), in("disk/other/moved"));
+    stream->flush();
+    EXPECT_TRUE(isLasting(*stream, in("disk/other/moved"))) << stream->stream().status().description();
+    EXPECT_FALSE(isLasting(*stream, in("disk/ok"))) << stream->stream().status().description();
+    stream->clear();
+    disk.heal();
+    EXPECT_TRUE(eventually([&] { return !isLasting(*stream, in("disk")); })) << stream->stream().status().description();
+    stream->flush();
+    EXPECT_EQ(told(*stream, in("disk/other/moved"), kMustScan), 1U) << stream->describe();
+    stream->clear();
+    EXPECT_TRUE(isWatched(*stream, in("disk/other/moved"), "file"));
+    EXPECT_TRUE(isWatched(*stream, in("disk/other/moved/sub/deep"), "file"));
+    EXPECT_TRUE(nothingIsLost(*stream));
+  });
+}
+
 TEST_P(WorldDisks, ThatFailAtTheirRootAreToldThere) {
   run({"ok"}, [this](TestFuse& disk) {
     disk.fail("opendir", "", EIO);

@@ -141,6 +141,32 @@ TEST_P(WorldRights, MissingForAFolderThatIsRemovedAreNoLossAnyMore) {
   });
 }
 
+TEST_P(WorldRights, MissingForAFolderThatIsRenamedAreMissingAtItsNewPlace) {
+  run([this] {
+    setMode(in("closed"), 0);
+    const auto stream = watchRoot();
+    ASSERT_TRUE(stream->waitFor(in("closed"), kMustScan)) << stream->describe();
+    moveItem(in("closed"), in("moved"));
+    stream->flush();
+    EXPECT_TRUE(isListed(*stream, in("moved"))) << stream->stream().status().description();
+    EXPECT_FALSE(isListed(*stream, in("closed"))) << stream->stream().status().description();
+    setMode(in("moved"), 0755);
+    expectAllIsWell(*stream, {in("moved"), in("moved/inner"), in("moved/inner/deep")});
+  });
+}
+
+TEST_P(WorldRights, TakenFromAFolderThatIsRenamedThenLeaveItWatched) {
+  run([this] {
+    const auto stream = watchRoot();
+    setMode(in("closed"), 0);
+    stream->flush();
+    moveItem(in("closed"), in("moved"));
+    stream->flush();
+    setMode(in("moved"), 0755);
+    expectAllIsWell(*stream, {in("moved"), in("moved/inner"), in("moved/inner/deep")});
+  });
+}
+
 TEST_P(WorldRights, MissingForAFolderThatMovesOutAreNoLossAnyMore) {
   run([this] {
     setMode(in("closed/inner"), 0);

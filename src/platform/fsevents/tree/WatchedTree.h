@@ -250,6 +250,8 @@ class WatchedTree final : private PolledRegion::Host {
   /// Where a folder is that the tree has at a place; unknown while there are no descriptors to look.
   enum class Presence { There, Elsewhere, Unknown };
   Presence presenceOf(NodeId node);
+  /// The same of one that cannot be opened, by its name in the folder around it.
+  Presence presenceOfClosed(NodeId node);
   bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
   /// Whether the open folder is where the tree has the node at this moment.
   bool isAtItsPlace(NodeId node, int folder);

@@ -38,12 +38,26 @@ NodeId WatchedTree::findByPath(std::string_view relative) const {
 
 WatchedTree::Presence WatchedTree::presenceOf(NodeId node) {
   const FileHandle opened = openFolder(node);
-  if (!opened.isOpen()) return isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;
+  if (!opened.isOpen()) {
+    const int error = errno;
+    if (isShortage(error)) return Presence::Unknown;
+    return isGone(error) || isCovered(error) ? Presence::Elsewhere : presenceOfClosed(node);
+  }
   if (!source_) return Presence::There;
   KernelKey found;
   if (const int error = source_->keyOf(opened.fileDescriptor(), found); error != 0)
     return isShortage(error) ? Presence::Unknown : Presence::Elsewhere;
   return found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
+}
+
+WatchedTree::Presence WatchedTree::presenceOfClosed(NodeId node) {
+  if (node == DirectoryTree::kRoot || !source_) return Presence::Elsewhere;
+  const FileHandle above = openFolder(tree_.parent(node));
+  if (!above.isOpen()) return isShortage(errno) ? Presence::Unknown : Presence::Elsewhere;
+  KernelKey found;
+  source_->identify(above.fileDescriptor(), std::string(tree_.name(node)).c_str(), found);
+  // Where the source cannot tell, what it told before holds.
+  return found.empty() || found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
 }
 
 bool WatchedTree::isAtItsPlace(NodeId node, int folder) {
