@@ -318,7 +318,13 @@ DEFECTS = [
         "  if (refusesSource_) return;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
-        "  if (isMarked) marked(node, openedAt);\n"
+        "  if (isMarked) {\n"
+        "    marked(node, openedAt);\n"
+        "  } else {\n"
+        "    seenAhead(node, openedAt);\n"
+        "  }\n"
+        "  // All that is in it is told, or covered by the loss that is told, or was never told.\n"
+        "  if (isMarked && !options_.policy.isForeign()) pollNoLonger(node);\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -339,7 +345,13 @@ DEFECTS = [
         "  if (refusesSource_) return;\n"
         "  const NodeId node = settle(parent, name, key.view());\n"
         "  if (node == kNoNode) return;\n"
-        "  if (isMarked) marked(node, openedAt);\n"
+        "  if (isMarked) {\n"
+        "    marked(node, openedAt);\n"
+        "  } else {\n"
+        "    seenAhead(node, openedAt);\n"
+        "  }\n"
+        "  // All that is in it is told, or covered by the loss that is told, or was never told.\n"
+        "  if (isMarked && !options_.policy.isForeign()) pollNoLonger(node);\n"
         "  tree_.setGeneration(node, generation_);\n"
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
@@ -631,7 +643,7 @@ DEFECTS = [
     ),
     Defect(
         "late-walk-not-told",
-        "src/platform/fsevents/tree/WatchedTreeCrawl.cpp",
+        "src/platform/fsevents/tree/WatchedTreeRepair.cpp",
         "  reportRoot(kFSEventStreamEventFlagMustScanSubDirs | done.dropped | rootKind());\n",
         "",
         "fsevents_tests",
@@ -1107,6 +1119,14 @@ DEFECTS = [
         "FileSystems.*:FileSystemAbilitiesOf.*ext4small",
     ),
     # Folders that are polled.
+    Defect(
+        "marked-below-a-compared-folder",
+        "src/platform/fsevents/tree/WatchedTreePolling.cpp",
+        "  if (parent == kNoNode || !isBeyondKernel(parent)) return source_->mark(folder, true, key);\n",
+        "  if (parent != kNoNode - 1) return source_->mark(folder, true, key);\n",
+        "fsevents_tests",
+        "WorldBorders.HaveMarkedFoldersBelowMarkedOnesOnly/inotify",
+    ),
     Defect(
         "polled-equal-stamps-taken-for-no-change",
         "src/platform/fsevents/polling/FolderListing.cpp",

@@ -117,9 +117,9 @@ void TruthJudge::check(const TruthRecord& record, std::uint32_t folder, const Tr
   fault("not covered:" + describe(record, record.before), chronicle_.pathAt(folder, record.before) + "/" + place.name, record.before);
 }
 
-// All of the window, in the order of time, for whoever looks for the cause of what is wrong with it.
+// All of the window after those before, in the order of time, for whoever looks for the cause of what is wrong with it.
 void TruthJudge::dump(const char* file) const {
-  std::ofstream out(file);
+  std::ofstream out(file, std::ios::app);
   for (const auto& record : records_) out << record.before << describe(record, records_.front().before).substr(1) << "\n";
   for (const auto& told : *events_) out << told.time << " told " << describeEvent(told.event) << "\n";
 }

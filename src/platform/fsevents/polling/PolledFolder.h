@@ -52,6 +52,8 @@ struct PolledFolder {
   bool isWaitedFor = false;
   bool isRemoved = false;
   bool hasFailed = false;
+  /// Its mark stood at the last look, which was to be the last of all and failed if the folder is still here.
+  bool isMarked = false;
   bool isLeaving = false;
 
   std::shared_ptr<FormerPlace> placeOfLook() { return place ? place : place = std::make_shared<FormerPlace>(); }

@@ -75,7 +75,7 @@ bool PolledRegion::add(NodeId folder, int descriptor, Why why) {
   }
   offset_ = std::max(offset_, listing.offset());
   remove(folder);
-  if (folders_.empty() && phase_ == Phase::Resting) due_ = Clock::now() + interval_;
+  if (folders_.empty() && phase_ == Phase::Resting && seenIn_ >= wanted_) due_ = Clock::now() + interval_;
   folders_.emplace(folder, std::move(fresh));
   return true;
 }

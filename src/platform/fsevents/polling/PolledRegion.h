@@ -77,8 +77,8 @@ class PolledRegion {
     /// Whether the tree knows the subfolder, or is not to. One that it does not know is told by `folderFound` as created at each look,
     /// whatever was told of it before: its owner may have been too late for it.
     [[nodiscard]] virtual bool knowsFolder(NodeId folder, std::string_view name) = 0;
-    /// Another folder stands where this one was, at two looks in succession, and nobody has said so. What is known of it is of another
-    /// place.
+    /// Another folder stands where this one was, or none, at two looks in succession, and nobody has said so. What is known of it may be of
+    /// another place.
     virtual void replaced(NodeId folder) = 0;
     /// The folder could not be opened or listed, or one of its items could not be looked at. What is known of it is kept, and it is looked
     /// at again in the next pass; `recovered` when that goes well.

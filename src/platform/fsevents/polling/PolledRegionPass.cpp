@@ -19,8 +19,9 @@ namespace {
 constexpr int kShare = 100;
 /// For how long a slow file system is left alone at most for being slow.
 constexpr std::chrono::seconds kLongestCourtesy(60);
-/// So many passes follow each other at once, at most, while folders are not in their places.
-constexpr std::uint32_t kMostHastened = 8;
+/// So many passes follow each other soon, at most, while folders are not in their places: the queue is about to tell where they are.
+constexpr std::uint32_t kMostHastened = 20;
+constexpr std::chrono::milliseconds kSoon(5);
 /// How often moved folders are looked at again within one pass, in which more moves may be found.
 constexpr int kMostRounds = 8;
 
@@ -81,8 +82,7 @@ void PolledRegion::endPass(Host& host) {
   if (hasSeenAll) seenUpTo_ = began_;
   if (hasSeenAll || pass_ >= wanted_ + kMostHastened) seenIn_ = pass_;
   missed_.clear();
-  due_ = Clock::now();
-  if (seenIn_ >= wanted_) due_ += interval_;
+  due_ = Clock::now() + (seenIn_ >= wanted_ ? interval_ : kSoon);
   for (const FolderPointer& folder : std::exchange(leaving_, {})) {
     if (folder->isRemoved) continue;
     remove(folder->node);
@@ -155,18 +155,19 @@ bool PolledRegion::openNext(Host& host) {
   if (!opened.isOpen()) {
     if (!isGone(error)) {
       lookFailed(host, *folder, error);
-    } else {
-      missed_.push_back(folder);
+      return true;
     }
+    missed_.push_back(folder);
+    if (std::exchange(folder->wasDisplaced, true) && folder->why == Why::MarkRefused) host.replaced(folder->node);
     return true;
   }
   const Presence presence = presenceOf(*folder, opened.fileDescriptor());
   if (presence != Presence::Here) missed_.push_back(folder);
   if (presence == Presence::Replaced) host.replaced(folder->node);
   if (presence != Presence::Here) return true;
-  const bool triesMark = folder->why == Why::MarkRefused && triesMarks_;
+  const bool triesMark = folder->why == Why::MarkRefused && (triesMarks_ || folder->isMarked);
   const Mark mark = triesMark ? host.tryMark(folder->node, opened.fileDescriptor()) : Mark::NotYet;
-  isMarked_ = mark == Mark::Stands;
+  isMarked_ = folder->isMarked = mark == Mark::Stands;
   triesMarks_ = triesMarks_ && mark != Mark::Refused;
   if (folder->isRemoved) return true;
   current_ = folder;
@@ -245,7 +246,9 @@ void PolledRegion::tellUnknown(Host& host, const FolderPointer& folder, const Po
     if (replaced != comparison.replaced.end() && replaced->second == at) continue;
     const PolledItem item = table->item(at);
     if (item.kind != PolledItem::Kind::Folder || item.isNamedOnly) continue;
-    if (!host.knowsFolder(folder->node, table->name(at))) host.folderFound(folder->node, table->name(at), kFound);
+    if (host.knowsFolder(folder->node, table->name(at))) continue;
+    host.changed(folder->node, table->name(at), kFound);
+    host.folderFound(folder->node, table->name(at), kFound);
   }
 }
 

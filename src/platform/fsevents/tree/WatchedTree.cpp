@@ -260,9 +260,9 @@ void WatchedTree::processAll() {
         region = region_.get();
         pass = region_->hasten();
         structure = structure_;
-      } else if (region_->isOver(pass)) {
-        break;
+        continue;
       }
+      if (region_->isOver(pass)) break;
     }
     if (!again) continue;
     // A move's first half waits for its second: the wait is bounded to milliseconds by the source.

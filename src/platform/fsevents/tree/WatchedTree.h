@@ -164,6 +164,8 @@ class WatchedTree final : private PolledRegion::Host {
   std::uint64_t readQueue();
   /// The folder, which was opened when the queue had been read up to there, has its mark.
   void marked(NodeId node, std::uint64_t openedAt);
+  /// The folder was seen at its place ahead of the queue.
+  void seenAhead(NodeId node, std::uint64_t openedAt);
   /// The node of the folder that was found at the place and has this key; kNoNode where it must not be entered.
   NodeId settle(NodeId parent, std::string_view name, std::string_view key);
   NodeId place(NodeId parent, std::string_view name);
@@ -337,7 +339,9 @@ class WatchedTree final : private PolledRegion::Host {
   std::unique_ptr<PolledRegion> region_;
   std::size_t refusedFolders_ = 0;
   bool limitTold_ = false;
-  bool regionTold_ = false;
+  /// As the status has them.
+  std::size_t foldersTold_ = 0;
+  std::chrono::milliseconds intervalTold_{};
   /// While the past is being told.
   std::optional<PastChanges> past_;
   /// The coarse clock (milliseconds) at the last look that found the queue empty and everything applied.

@@ -191,12 +191,14 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
   const FSEventStreamEventFlags flags = silent ? 0 : kFSEventStreamEventFlagItemRenamed;
   NodeId node = findOf(target);
   if (node == kNoNode && tree_.findByKey(target) != kNoNode) return;  // it is known where it went
+  bool isGuess = false;
   if (target.empty() && from != kNoNode) {
     // Of a folder that is not watched the kernel tells the names only. One that is known under that name all the same is another, that came
     // after it; or it moved after it had been opened and before it was marked.
     const NodeId namesake = tree_.child(from, oldName);
     if (namesake != kNoNode && (tree_.key(namesake).empty() || mayHaveMovedUnmarked(namesake))) {
       node = namesake;
+      isGuess = tree_.key(namesake).empty();
     } else if (namesake != kNoNode) {
       unsettle(from, oldName, tree_.key(namesake), flags);
     }
@@ -209,6 +211,8 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
   }
   if (to == kNoNode || isExcluded(to, newName)) {
     if (node != kNoNode) forget(node, Why::Left);
+    // Perhaps it was another, that came after the one of which this is told.
+    if (isGuess) takeUp(from, oldName, flags);
     return;
   }
   if (node == kNoNode) {
@@ -226,6 +230,7 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
   if (occupant == node) return;
   if (occupant != kNoNode) displace(occupant);
   moveNode(node, to, newName);
+  if (isGuess) takeUp(from, oldName, flags);
 }
 
 NodeId WatchedTree::findOf(std::string_view key) {

@@ -65,7 +65,13 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   if (refusesSource_) return;
   const NodeId node = settle(parent, name, key.view());
   if (node == kNoNode) return;
-  if (isMarked) marked(node, openedAt);
+  if (isMarked) {
+    marked(node, openedAt);
+  } else {
+    seenAhead(node, openedAt);
+  }
+  // All that is in it is told, or covered by the loss that is told, or was never told.
+  if (isMarked && !options_.policy.isForeign()) pollNoLonger(node);
   tree_.setGeneration(node, generation_);
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
@@ -89,8 +95,12 @@ void WatchedTree::marked(NodeId node, std::uint64_t openedAt) {
   if ((flags & kMarked) != 0) return;
   ++marked_;
   tree_.setFlags(node, flags | kMarked);
+  seenAhead(node, openedAt);
+}
+
+void WatchedTree::seenAhead(NodeId node, std::uint64_t openedAt) {
   // What is still in the queue may be of an earlier mark, and of another place.
-  if (const std::uint64_t after = readQueue(); source_->position() < after) young_[node] = {openedAt, after};
+  if (const std::uint64_t after = readQueue(); source_ && source_->position() < after) young_[node] = {openedAt, after};
 }
 
 NodeId WatchedTree::place(NodeId parent, std::string_view name) {

@@ -238,6 +238,11 @@ bool WatchedTree::resolveFound(Look& look) {
 void WatchedTree::resolveMissing(Look& look) {
   const NodeId node = tree_.findByKey(look.place.target);
   if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere || unsettled_.hasTarget(look.place.target)) return;
+  // What was resolved before it may have found the folder where it is now.
+  if (const Presence now = presenceOf(node); now != Presence::Elsewhere) {
+    if (now == Presence::Unknown) unsettled_.add(std::move(look.place));
+    return;
+  }
   if (look.isTargetGone) {
     // Where another stands now, the folder's own change says what is to be known.
     const NodeId there = tree_.child(tree_.parent(node), tree_.name(node));
@@ -254,6 +259,7 @@ void WatchedTree::resolveMissing(Look& look) {
 
 void WatchedTree::moveNode(NodeId node, NodeId newParent, std::string_view newName) {
   pathsChanged();
+  ++structure_;
   movedFolders_ = true;
   const bool hasLosses = status_.losses().any();
   const std::string from = !exclusions_.empty() || hasLosses || region_ ? relativePath(node) : std::string();

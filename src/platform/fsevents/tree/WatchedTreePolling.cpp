@@ -77,6 +77,7 @@ void WatchedTree::pollNoLonger(NodeId node) {
 }
 
 void WatchedTree::takeUpCompared(NodeId folder, std::string_view name, FSEventStreamEventFlags report) {
+  const std::uint64_t before = readQueue();
   FileHandle opened = openFolder(folder, name);
   if (!opened.isOpen()) {
     // Of what is gone by now the next look finds out.
@@ -87,7 +88,7 @@ void WatchedTree::takeUpCompared(NodeId folder, std::string_view name, FSEventSt
   if (!source_ || source_->keyOf(opened.fileDescriptor(), key) != 0) key.clear();
   const NodeId there = tree_.child(folder, name);
   const bool isKnown = there != kNoNode && !key.empty() && tree_.key(there) == key.view();
-  if (!isKnown || (tree_.flags(there) & kTroubled) != 0) crawl(folder, name, std::move(opened), 0, report);
+  if (!isKnown || (tree_.flags(there) & kTroubled) != 0) crawl(folder, name, std::move(opened), before, report);
 }
 
 void WatchedTree::leftMeanwhile(NodeId node, FSEventStreamEventFlags report) {
@@ -113,8 +114,6 @@ PolledRegion& WatchedTree::region() {
 
 std::optional<WatchedTree::Clock::time_point> WatchedTree::workOnRegion() {
   if (!region_) return std::nullopt;
-  const std::size_t before = region_->folders();
-  const auto interval = region_->interval();
   const auto next = region_->work(*this, kPollSlice);
   if (limitTold_ && refusedFolders_ == 0) {
     limitTold_ = false;
@@ -122,13 +121,13 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::workOnRegion() {
   }
   const bool isOver = region_->empty();
   if (isOver) region_.reset();
-  if (isOver || !regionTold_ || before != region_->folders() || interval != region_->interval()) tellRegion();
-  regionTold_ = !isOver;
+  if (isOver || foldersTold_ != region_->folders() || intervalTold_ != region_->interval()) tellRegion();
   return isOver ? std::nullopt : next;
 }
 
 void WatchedTree::tellRegion() {
-  if (!region_ || region_->empty()) {
+  foldersTold_ = region_ ? region_->folders() : 0;
+  if (foldersTold_ == 0) {
     status_.removeRegion(options_.reportedPath);
     return;
   }
@@ -136,7 +135,8 @@ void WatchedTree::tellRegion() {
                        : source_                   ? "the kernel marks no further folder"
                        : kernel_ == Kernel::None   ? "this file system cannot be watched"
                                                    : "the kernel offers no queue";
-  status_.setRegion(options_.reportedPath, region_->folders(), region_->interval(), reason);
+  intervalTold_ = region_->interval();
+  status_.setRegion(options_.reportedPath, foldersTold_, intervalTold_, reason);
 }
 
 void WatchedTree::updatePolled(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
@@ -199,8 +199,8 @@ void WatchedTree::replaced(NodeId node) {
   if (node == DirectoryTree::kRoot) return;  // the root monitor's to notice
   const NodeId parent = tree_.parent(node);
   const std::string name(tree_.name(node));
-  report(parent, name, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir, false);
   forget(node, Why::Left);
+  report(parent, {}, kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagItemIsDir, false);
   takeUp(parent, name, kFSEventStreamEventFlagItemCreated);
 }
 
