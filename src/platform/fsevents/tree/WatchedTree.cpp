@@ -73,6 +73,8 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
     emptyAt_ = EventClock::now();
     status_.losses().end(LossKind::Rights, options_.reportedPath);
     status_.losses().end(LossKind::InputOutput, options_.reportedPath);
+    // Said by one that was stopped meanwhile: it answers, as has just been seen.
+    status_.losses().end(LossKind::Hang, options_.reportedPath);
     begin(std::move(opened), report);
     if (!refusesSource_) break;
     letGo();
