@@ -329,7 +329,7 @@ DEFECTS = [
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
         "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
-        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "  if (!isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
         "    leftMeanwhile(node, report);\n"
         "    return;\n"
         "  }\n"
@@ -356,7 +356,7 @@ DEFECTS = [
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
         "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
-        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "  if (!isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
         "    leftMeanwhile(node, report);\n"
         "    return;\n"
         "  }\n"
@@ -618,8 +618,8 @@ DEFECTS = [
     Defect(
         "parent-not-looked-at",
         "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
-        "  if (!isAboveThere) {\n",
-        "  if (!isAboveThere && !above.isOpen()) {\n",
+        "  if (!isNode(above, folder)) {\n",
+        "  if (!above.isOpen()) {\n",
         "fsevents_tests",
         "TruthWorkload.*:WatchedTreeAhead.*",
     ),

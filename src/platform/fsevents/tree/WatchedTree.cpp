@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/fsevents/event/EventClock.h"
+#include "platform/fsevents/event/LastSource.h"
 #include "platform/fsevents/folders/PathOpener.h"
 
 namespace platform::fsevents {
@@ -116,10 +117,7 @@ void WatchedTree::markFile(int file) {
   tree_.setFlags(DirectoryTree::kRoot, kMarked);
 }
 
-const char* WatchedTree::sourceName() const {
-  if (source_) return source_->name();
-  return options_.source == FSEventStreamSource::Fanotify ? "fanotify" : "inotify";
-}
+const char* WatchedTree::sourceName() const { return source_ ? source_->name() : lastSource(options_.source); }
 
 std::unique_ptr<ChangeSource> WatchedTree::makeSource(int& error) {
   using Source = FSEventStreamSource;

@@ -83,8 +83,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
   /// The places of folders ("/a/b") that could not be entered because something is mounted there, since the last call.
   [[nodiscard]] std::vector<std::string> takeCovered() { return std::exchange(covered_, {}); }
-  /// Places ("/a/b") that a walk does not look into, since something is mounted there: before Linux 6.18 even the look that refuses to
-  /// cross a mount point has an automount mount what it stands for (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
+  /// Places ("/a/b") that a walk does not look into, since something is mounted there: that a look which refuses to cross a mount point
+  /// leaves an automount alone is nowhere promised (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
   void avoid(std::set<std::string, std::less<>> mountPoints) { mountPoints_ = std::move(mountPoints); }
   /// Something was mounted on the folder at `relative` ("/a/b"): what it hides is forgotten.
   void covered(std::string_view relative);
@@ -255,6 +255,8 @@ class WatchedTree final : private PolledRegion::Host {
   /// The same of one that cannot be opened, by its name in the folder around it.
   Presence presenceOfClosed(NodeId node);
   bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
+  /// Whether the open folder is the one that the tree has as this node; where it has no key, whatever stands at its path is.
+  [[nodiscard]] bool isNode(const FileHandle& opened, NodeId node);
   /// Whether the open folder is where the tree has the node at this moment.
   bool isAtItsPlace(NodeId node, int folder);
   /// What was seen at a place, before the queue was read to its end once more.
