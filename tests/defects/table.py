@@ -600,6 +600,22 @@ DEFECTS = [
         "StreamModel.OfMany*/inotify:StreamModel.BySeveral*/inotify:StreamModelUnread.*/inotify",
     ),
     Defect(
+        "merged-renames-believed",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
+        "  followMerged(change);\n",
+        "",
+        "fsevents_tests",
+        "StreamMergedRenames.*/fanotify",
+    ),
+    Defect(
+        "merged-renames-looked-for-on-the-disk-alone",
+        "src/platform/fsevents/tree/WatchedTreeMerges.cpp",
+        "  std::optional<Place> place = nextDeparture(rename.target);\n",
+        "  std::optional<Place> place;\n",
+        "fsevents_tests",
+        "StreamMergedRenames.*/fanotify",
+    ),
+    Defect(
         "look-ahead-of-the-queue-believed",
         "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "if (waits || structure_ != before || ",

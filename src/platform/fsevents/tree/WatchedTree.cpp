@@ -224,6 +224,10 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (retiring_) sooner(retiring_->dispatch(visit));
   if (source_) sooner(source_->dispatch(visit));
   if (!young_.empty() && !hasUnapplied()) young_.clear();
+  if (!trail_.empty() && !hasUnapplied()) {
+    trail_.clear();
+    looksAhead_ = 0;
+  }
   // Not while changes wait behind the first half of a move: they may explain what is in doubt.
   if (!again) resolveUnsettled();
   if (!unsettled_.empty()) sooner(Clock::now() + (isBlind_ ? kBlindPause : kSoon));

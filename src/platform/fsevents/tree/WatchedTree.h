@@ -23,6 +23,7 @@
 #include "platform/fsevents/source/ChangeSource.h"
 #include "platform/fsevents/source/KernelLimits.h"
 #include "platform/fsevents/status/StreamStatus.h"
+#include "platform/fsevents/tree/RenameTrail.h"
 #include "platform/fsevents/tree/TreeOptions.h"
 #include "platform/fsevents/tree/Unsettled.h"
 
@@ -239,6 +240,10 @@ class WatchedTree final : private PolledRegion::Host {
   void folderRemoved(NodeId folder, std::string_view name, std::string_view target);
   void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
   void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target = {});
+  // WatchedTreeMerges.cpp: renames that the kernel has merged into earlier ones.
+  void followMerged(const RawChange& rename);
+  /// From where the folder of this key goes away by the next of its renames that was read and not yet applied.
+  [[nodiscard]] std::optional<RenameTrail::Place> nextDeparture(std::string_view target) const;
   void attributesChanged(NodeId node);
 
   /// The node of this key, unless the change that is being applied is older than its being known.
@@ -371,6 +376,9 @@ class WatchedTree final : private PolledRegion::Host {
     std::uint64_t marked;
   };
   std::map<NodeId, Youth> young_;
+  /// Of what was read together, and how often what follows in it was searched.
+  RenameTrail trail_;
+  int looksAhead_ = 0;
   /// Grows with every folder that came, went or moved, as the queue tells it.
   std::uint64_t structure_ = 0;
   bool repairing_ = false;

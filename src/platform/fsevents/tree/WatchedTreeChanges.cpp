@@ -113,7 +113,9 @@ void WatchedTree::applyRename(const RawChange& change, bool silent) {
   reportSide(to, change.newName);
   updatePolled(from, change.name, flags);
   updatePolled(to, change.newName, flags);
-  if (change.isDirectory) folderRenamed(from, change.name, to, change.newName, change.target, silent);
+  if (!change.isDirectory) return;
+  folderRenamed(from, change.name, to, change.newName, change.target, silent);
+  followMerged(change);
 }
 
 void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::string_view target) {
