@@ -329,7 +329,7 @@ DEFECTS = [
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
         "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
-        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "  if (!isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
         "    leftMeanwhile(node, report);\n"
         "    return;\n"
         "  }\n"
@@ -356,7 +356,7 @@ DEFECTS = [
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
         "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
-        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "  if (!isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
         "    leftMeanwhile(node, report);\n"
         "    return;\n"
         "  }\n"
@@ -600,6 +600,22 @@ DEFECTS = [
         "StreamModel.OfMany*/inotify:StreamModel.BySeveral*/inotify:StreamModelUnread.*/inotify",
     ),
     Defect(
+        "merged-renames-believed",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
+        "  followMerged(change);\n",
+        "",
+        "fsevents_tests",
+        "StreamMergedRenames.*/fanotify",
+    ),
+    Defect(
+        "merged-renames-looked-for-on-the-disk-alone",
+        "src/platform/fsevents/tree/WatchedTreeMerges.cpp",
+        "  std::optional<Place> place = nextDeparture(rename.target);\n",
+        "  std::optional<Place> place;\n",
+        "fsevents_tests",
+        "StreamMergedRenames.*/fanotify",
+    ),
+    Defect(
         "look-ahead-of-the-queue-believed",
         "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "if (waits || structure_ != before || ",
@@ -618,8 +634,8 @@ DEFECTS = [
     Defect(
         "parent-not-looked-at",
         "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
-        "  if (!isAboveThere) {\n",
-        "  if (!isAboveThere && !above.isOpen()) {\n",
+        "  if (!isNode(above, folder)) {\n",
+        "  if (!above.isOpen()) {\n",
         "fsevents_tests",
         "TruthWorkload.*:WatchedTreeAhead.*",
     ),

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/fsevents/event/EventClock.h"
+#include "platform/fsevents/event/LastSource.h"
 #include "platform/fsevents/folders/PathOpener.h"
 
 namespace platform::fsevents {
@@ -116,10 +117,7 @@ void WatchedTree::markFile(int file) {
   tree_.setFlags(DirectoryTree::kRoot, kMarked);
 }
 
-const char* WatchedTree::sourceName() const {
-  if (source_) return source_->name();
-  return options_.source == FSEventStreamSource::Fanotify ? "fanotify" : "inotify";
-}
+const char* WatchedTree::sourceName() const { return source_ ? source_->name() : lastSource(options_.source); }
 
 std::unique_ptr<ChangeSource> WatchedTree::makeSource(int& error) {
   using Source = FSEventStreamSource;
@@ -226,6 +224,10 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (retiring_) sooner(retiring_->dispatch(visit));
   if (source_) sooner(source_->dispatch(visit));
   if (!young_.empty() && !hasUnapplied()) young_.clear();
+  if (!trail_.empty() && !hasUnapplied()) {
+    trail_.clear();
+    looksAhead_ = 0;
+  }
   // Not while changes wait behind the first half of a move: they may explain what is in doubt.
   if (!again) resolveUnsettled();
   if (!unsettled_.empty()) sooner(Clock::now() + (isBlind_ ? kBlindPause : kSoon));

@@ -23,6 +23,7 @@
 #include "platform/fsevents/source/ChangeSource.h"
 #include "platform/fsevents/source/KernelLimits.h"
 #include "platform/fsevents/status/StreamStatus.h"
+#include "platform/fsevents/tree/RenameTrail.h"
 #include "platform/fsevents/tree/TreeOptions.h"
 #include "platform/fsevents/tree/Unsettled.h"
 
@@ -83,8 +84,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
   /// The places of folders ("/a/b") that could not be entered because something is mounted there, since the last call.
   [[nodiscard]] std::vector<std::string> takeCovered() { return std::exchange(covered_, {}); }
-  /// Places ("/a/b") that a walk does not look into, since something is mounted there: before Linux 6.18 even the look that refuses to
-  /// cross a mount point has an automount mount what it stands for (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
+  /// Places ("/a/b") that a walk does not look into, since something is mounted there: that a look which refuses to cross a mount point
+  /// leaves an automount alone is nowhere promised (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
   void avoid(std::set<std::string, std::less<>> mountPoints) { mountPoints_ = std::move(mountPoints); }
   /// Something was mounted on the folder at `relative` ("/a/b"): what it hides is forgotten.
   void covered(std::string_view relative);
@@ -239,6 +240,10 @@ class WatchedTree final : private PolledRegion::Host {
   void folderRemoved(NodeId folder, std::string_view name, std::string_view target);
   void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
   void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target = {});
+  // WatchedTreeMerges.cpp: renames that the kernel has merged into earlier ones.
+  void followMerged(const RawChange& rename);
+  /// From where the folder of this key goes away by the next of its renames that was read and not yet applied.
+  [[nodiscard]] std::optional<RenameTrail::Place> nextDeparture(std::string_view target) const;
   void attributesChanged(NodeId node);
 
   /// The node of this key, unless the change that is being applied is older than its being known.
@@ -255,6 +260,8 @@ class WatchedTree final : private PolledRegion::Host {
   /// The same of one that cannot be opened, by its name in the folder around it.
   Presence presenceOfClosed(NodeId node);
   bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
+  /// Whether the open folder is the one that the tree has as this node; where it has no key, whatever stands at its path is.
+  [[nodiscard]] bool isNode(const FileHandle& opened, NodeId node);
   /// Whether the open folder is where the tree has the node at this moment.
   bool isAtItsPlace(NodeId node, int folder);
   /// What was seen at a place, before the queue was read to its end once more.
@@ -369,6 +376,9 @@ class WatchedTree final : private PolledRegion::Host {
     std::uint64_t marked;
   };
   std::map<NodeId, Youth> young_;
+  /// Of what was read together, and how often what follows in it was searched.
+  RenameTrail trail_;
+  int looksAhead_ = 0;
   /// Grows with every folder that came, went or moved, as the queue tells it.
   std::uint64_t structure_ = 0;
   bool repairing_ = false;

@@ -113,7 +113,9 @@ void WatchedTree::applyRename(const RawChange& change, bool silent) {
   reportSide(to, change.newName);
   updatePolled(from, change.name, flags);
   updatePolled(to, change.newName, flags);
-  if (change.isDirectory) folderRenamed(from, change.name, to, change.newName, change.target, silent);
+  if (!change.isDirectory) return;
+  folderRenamed(from, change.name, to, change.newName, change.target, silent);
+  followMerged(change);
 }
 
 void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::string_view target) {
@@ -130,11 +132,7 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
   // By way of the folder, which may not be where the tree has it: then what stands at that path says nothing.
   const std::uint64_t before = readQueue();
   const FileHandle above = openFolder(folder);
-  KernelKey key;
-  const bool isAboveThere =
-      above.isOpen() &&
-      (tree_.key(folder).empty() || (source_ && source_->keyOf(above.fileDescriptor(), key) == 0 && key.view() == tree_.key(folder)));
-  if (!isAboveThere) {
+  if (!isNode(above, folder)) {
     unsettle(folder, name, target, report);
     return;
   }
@@ -149,6 +147,7 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
     return;
   }
   // Asked without a mark: the crawl marks, and says what a refusal means.
+  KernelKey key;
   if (!source_ || source_->keyOf(opened.fileDescriptor(), key) != 0) key.clear();
   const NodeId known = tree_.findByKey(key.view());
   if (known == kNoNode) {

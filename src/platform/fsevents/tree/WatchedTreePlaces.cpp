@@ -60,6 +60,12 @@ WatchedTree::Presence WatchedTree::presenceOfClosed(NodeId node) {
   return found.empty() || found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
 }
 
+bool WatchedTree::isNode(const FileHandle& opened, NodeId node) {
+  if (!opened.isOpen()) return false;
+  KernelKey found;
+  return tree_.key(node).empty() || (source_ && source_->keyOf(opened.fileDescriptor(), found) == 0 && found.view() == tree_.key(node));
+}
+
 bool WatchedTree::isAtItsPlace(NodeId node, int folder) {
   const FileHandle there = openFolder(node);
   struct stat expected {};
@@ -162,9 +168,7 @@ bool WatchedTree::lookAt(Look& look) {
   look.openedAt = readQueue();
   const FileHandle above = openFolder(look.folder);
   look.isBlind = look.isBlind || (!above.isOpen() && isShortage(errno));
-  KernelKey key;
-  look.isFolderThere = above.isOpen() && (tree_.key(look.folder).empty() || (source_ && source_->keyOf(above.fileDescriptor(), key) == 0 &&
-                                                                             key.view() == tree_.key(look.folder)));
+  look.isFolderThere = isNode(above, look.folder);
   if (!look.isFolderThere) return true;
   look.opened = openFolderIn(above.fileDescriptor(), look.place.name.c_str());
   look.error = look.opened.isOpen() ? 0 : errno;

@@ -90,13 +90,9 @@ WatchedTree::Trouble& WatchedTree::troubleOf(NodeId node) {
 }
 
 void WatchedTree::troublesMoved(NodeId top) {
-  std::vector<NodeId> stack{top};
-  while (!stack.empty()) {
-    const NodeId node = stack.back();
-    stack.pop_back();
+  tree_.forEachBelow(top, [&](NodeId node) {
     if ((tree_.flags(node) & kTroubled) != 0) static_cast<void>(troubleOf(node));
-    tree_.forEachChild(node, [&](NodeId child) { stack.push_back(child); });
-  }
+  });
 }
 
 void WatchedTree::recovered(NodeId node) {
