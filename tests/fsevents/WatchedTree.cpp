@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -122,6 +123,16 @@ TEST_P(WatchedTreeTest, ThatIsAttachedEndsAHangOfItsPathAndOfNoOther) {
   ASSERT_EQ(tree.attach(0, std::nullopt, error), fsevents::WatchedTree::Attached::Standing);
   EXPECT_THAT(recovered(), ::testing::ElementsAre(root_));
   EXPECT_TRUE(status_.losses().end(fsevents::LossKind::Hang, beside)) << "nobody has seen it answer";
+}
+
+TEST_P(WatchedTreeTest, ThatFindsNothingAtItsPathEndsAHangOfItToo) {
+  status_.losses().begin(fsevents::LossKind::Hang, root_, "the file system does not answer", "");
+  removeItem(root_);
+  fsevents::WatchedTree tree(0, options(), coalescer_, status_);
+  int error = 0;
+  ASSERT_EQ(tree.attach(0, std::nullopt, error), fsevents::WatchedTree::Attached::Missing);
+  EXPECT_EQ(error, ENOENT);
+  EXPECT_THAT(recovered(), ::testing::ElementsAre(root_));
 }
 
 }  // namespace
