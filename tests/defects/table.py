@@ -615,6 +615,17 @@ DEFECTS = [
         "fsevents_tests",
         "StreamMergedRenames.*/fanotify",
     ),
+    # Without pauses: 8 of 16 rounds over inotify (40 runs of 40; 4 rounds noticed it 26 times of 30), 2 over fanotify.
+    Defect(
+        "change-after-a-windows-end-dropped",
+        "src/platform/fsevents/tree/WatchedTreePaths.cpp",
+        "  if (folder == lastFolder_ && name == lastName_ && lastEpoch_ == coalescer_.epoch()) {\n"
+        "    coalescer_.merge(lastNumber_, flags, needsKind);\n",
+        "  if (folder == lastFolder_ && name == lastName_) {\n"
+        "    if (lastEpoch_ == coalescer_.epoch()) coalescer_.merge(lastNumber_, flags, needsKind);\n",
+        "fsevents_tests",
+        "StreamModel.WithNoPause*",
+    ),
     Defect(
         "look-ahead-of-the-queue-believed",
         "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
