@@ -54,6 +54,8 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
     // The path's own symbolic links are followed; O_NONBLOCK, so that a pipe in its place holds nobody up.
     FileHandle opened(::open(options_.openPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     const int openError = opened.isOpen() ? 0 : errno;
+    // Said by one that was stopped meanwhile: it answers, be it that nothing is there.
+    status_.losses().end(LossKind::Hang, options_.reportedPath);
     // Also for a missing path: whether it can be watched when it appears is better known now.
     queueError_ = 0;
     source_ = makeSource(queueError_);
@@ -74,8 +76,6 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
     emptyAt_ = EventClock::now();
     status_.losses().end(LossKind::Rights, options_.reportedPath);
     status_.losses().end(LossKind::InputOutput, options_.reportedPath);
-    // Said by one that was stopped meanwhile: it answers, as has just been seen.
-    status_.losses().end(LossKind::Hang, options_.reportedPath);
     begin(std::move(opened), report);
     if (!refusesSource_) break;
     letGo();
