@@ -627,6 +627,14 @@ DEFECTS = [
         "StreamModel.WithNoPause*",
     ),
     Defect(
+        "hidden-folders-looked-for-by-their-former-path",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
+        "hidden ? find(hidden.mapped().first) : findByPath(",
+        "findByPath(",
+        "fsevents_tests",
+        "WorldHiddenFolders.*",
+    ),
+    Defect(
         "look-ahead-of-the-queue-believed",
         "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "if (waits || structure_ != before || ",

@@ -281,6 +281,11 @@ void WatchedTree::processAll() {
 }
 
 void WatchedTree::covered(std::string_view relative) {
+  const std::size_t slash = relative.rfind('/');
+  if (slash == std::string_view::npos) return;
+  if (const NodeId parent = findByPath(relative.substr(0, slash)); parent != kNoNode) {
+    hidden_.insert_or_assign(std::string(relative), std::pair(whereIs(parent), std::string(relative.substr(slash + 1))));
+  }
   const NodeId node = findByPath(relative);
   if (node != kNoNode && node != DirectoryTree::kRoot) forget(node, Why::Left);
   closeFolders();
@@ -290,8 +295,9 @@ void WatchedTree::covered(std::string_view relative) {
 void WatchedTree::uncovered(std::string_view relative) {
   const std::size_t slash = relative.rfind('/');
   if (!attached_ || slash == std::string_view::npos) return;
-  const NodeId parent = findByPath(relative.substr(0, slash));
-  const std::string name(relative.substr(slash + 1));
+  const auto hidden = hidden_.extract(std::string(relative));
+  const NodeId parent = hidden ? find(hidden.mapped().first) : findByPath(relative.substr(0, slash));
+  const std::string name(hidden ? hidden.mapped().second : relative.substr(slash + 1));
   // Nothing in it was seen to come: the mount's end is told, and who is told of it looks.
   if (parent != kNoNode && !isExcluded(parent, name)) takeUp(parent, name, 0);
   closeFolders();

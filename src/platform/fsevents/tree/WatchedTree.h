@@ -249,6 +249,8 @@ class WatchedTree final : private PolledRegion::Host {
   /// The node of this key, unless the change that is being applied is older than its being known.
   [[nodiscard]] NodeId findOf(std::string_view key);
   [[nodiscard]] bool mayHaveMovedUnmarked(NodeId node);
+  /// One of those that had this place until another took it.
+  [[nodiscard]] NodeId displacedUnmarked(NodeId folder, std::string_view name);
 
   // WatchedTreePlaces.cpp: settling where a folder is.
   [[nodiscard]] Where whereIs(NodeId node) const;
@@ -274,8 +276,7 @@ class WatchedTree final : private PolledRegion::Host {
     std::uint64_t openedAt = 0;
     int error = 0;
     KernelKey key;
-    /// The folder of that key, known in another place, is there too; and the target, where it is known.
-    bool isKnownThere = false;
+    /// The target is where it is known.
     bool isTargetThere = false;
     /// Another is there or none, in the folder that the tree has it in.
     bool isTargetGone = false;
@@ -305,8 +306,9 @@ class WatchedTree final : private PolledRegion::Host {
   [[nodiscard]] std::string relativePath(NodeId node) const;
   [[nodiscard]] std::string reportedPathOf(NodeId node) const;
   [[nodiscard]] bool isExcluded(NodeId folder, std::string_view name) const;
-  /// Whether the folder at the place is not to be looked into.
-  [[nodiscard]] bool isLeftOut(NodeId folder, std::string_view name) const;
+  /// Whether the folder at the place is not to be looked into. Takes note of what a mount hides.
+  [[nodiscard]] bool isLeftOut(NodeId folder, std::string_view name);
+  [[nodiscard]] bool isHidden(NodeId folder, std::string_view name);
   FileHandle openFolder(NodeId folder, std::string_view name);
   int rootDescriptor();
   /// Lets go of every folder at the end of a batch, so that what was removed can go and what is mounted can be unmounted.
@@ -367,6 +369,9 @@ class WatchedTree final : private PolledRegion::Host {
   bool rootLostItem_ = false;
   bool movedFolders_ = false;
   std::vector<std::string> covered_;
+  /// Folders that a mount hides, by the path that they had when that was found: in which folder, which may be elsewhere by the time at which
+  /// they are uncovered, and under which name.
+  std::map<std::string, std::pair<Where, std::string>, std::less<>> hidden_;
   Unsettled unsettled_;
   bool isBlind_ = false;
   /// Of folders that were found ahead of the queue: up to where it had been read before the folder was opened, and after it was marked.

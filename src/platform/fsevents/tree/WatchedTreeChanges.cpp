@@ -124,7 +124,7 @@ void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::strin
 }
 
 void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target) {
-  if (!mountPoints_.empty() && mountPoints_.contains(relativePath(folder).append("/").append(name))) return;
+  if (isHidden(folder, name)) return;
   if (isBeyondKernel(folder)) {
     takeUpCompared(folder, name, report);
     return;
@@ -198,7 +198,7 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
     if (namesake != kNoNode && (tree_.key(namesake).empty() || mayHaveMovedUnmarked(namesake))) {
       node = namesake;
       isGuess = tree_.key(namesake).empty();
-    } else if (namesake != kNoNode) {
+    } else if (node = displacedUnmarked(from, oldName); node == kNoNode && namesake != kNoNode) {
       unsettle(from, oldName, tree_.key(namesake), flags);
     }
   }
@@ -239,6 +239,14 @@ NodeId WatchedTree::findOf(std::string_view key) {
   const auto youth = young_.find(node);
   const bool isOlder = youth != young_.end() && now < youth->second.opened;
   return isOlder ? kNoNode : node;
+}
+
+NodeId WatchedTree::displacedUnmarked(NodeId folder, std::string_view name) {
+  for (const auto& [node, youth] : young_) {
+    const bool isOfPlace = tree_.isDetached(node) && tree_.parent(node) == folder && tree_.name(node) == name;
+    if (isOfPlace && mayHaveMovedUnmarked(node)) return node;
+  }
+  return kNoNode;
 }
 
 bool WatchedTree::mayHaveMovedUnmarked(NodeId node) {

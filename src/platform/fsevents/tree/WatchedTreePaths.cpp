@@ -29,10 +29,14 @@ bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
   return exclusions_.contain(path);
 }
 
-bool WatchedTree::isLeftOut(NodeId folder, std::string_view name) const {
-  if (exclusions_.empty() && mountPoints_.empty()) return false;
-  const std::string path = relativePath(folder).append("/").append(name);
-  return exclusions_.contain(path) || mountPoints_.contains(path);
+bool WatchedTree::isLeftOut(NodeId folder, std::string_view name) { return isExcluded(folder, name) || isHidden(folder, name); }
+
+bool WatchedTree::isHidden(NodeId folder, std::string_view name) {
+  if (mountPoints_.empty()) return false;
+  std::string path = relativePath(folder).append("/").append(name);
+  if (!mountPoints_.contains(path)) return false;
+  hidden_.insert_or_assign(std::move(path), std::pair(whereIs(folder), std::string(name)));
+  return true;
 }
 
 int WatchedTree::rootDescriptor() {

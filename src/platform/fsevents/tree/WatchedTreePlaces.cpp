@@ -174,8 +174,6 @@ bool WatchedTree::lookAt(Look& look) {
   look.error = look.opened.isOpen() ? 0 : errno;
   look.isBlind = look.isBlind || isShortage(look.error);
   if (look.opened.isOpen() && source_ && source_->keyOf(look.opened.fileDescriptor(), look.key) != 0) look.key.clear();
-  const NodeId known = tree_.findByKey(look.key.view());
-  look.isKnownThere = known != kNoNode && !tree_.isDetached(known) && isStillAt(known);
   return true;
 }
 
@@ -216,7 +214,8 @@ bool WatchedTree::resolveFound(Look& look) {
     tellPlace(flags);
     return false;
   }
-  if (known == there || look.isKnownThere) return false;
+  // What was resolved before it may have found the folder where it is now.
+  if (known == there || (!tree_.isDetached(known) && isStillAt(known))) return false;
   if (isBeyondKernel(known) && !tree_.isBelowOrSame(look.folder, known)) {
     forget(known, Why::Left);
     crawl(look.folder, look.place.name, std::move(look.opened), look.openedAt, kFSEventStreamEventFlagItemRenamed);
@@ -241,7 +240,9 @@ bool WatchedTree::resolveFound(Look& look) {
 
 void WatchedTree::resolveMissing(Look& look) {
   const NodeId node = tree_.findByKey(look.place.target);
-  if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere || unsettled_.hasTarget(look.place.target)) return;
+  if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere) return;
+  // At the place where it is missing others may ask for it in vain, as long as they lie within it.
+  if (unsettled_.hasTarget(look.place.target, whereIs(tree_.parent(node)), tree_.name(node))) return;
   // What was resolved before it may have found the folder where it is now.
   if (const Presence now = presenceOf(node); now != Presence::Elsewhere) {
     if (now == Presence::Unknown) unsettled_.add(std::move(look.place));

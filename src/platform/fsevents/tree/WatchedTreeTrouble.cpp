@@ -25,6 +25,7 @@ void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::sh
   if (isCovered(error)) {
     // Something is mounted on it: that is another tree's, and what it hides is taken up when it is uncovered.
     covered_.push_back(relativePath(parent).append("/").append(name));
+    hidden_.insert_or_assign(covered_.back(), std::pair(whereIs(parent), std::string(name)));
     if (const NodeId node = tree_.child(parent, name); node != kNoNode) forget(node, Why::Left);
     return;
   }
