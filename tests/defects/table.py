@@ -192,10 +192,35 @@ DEFECTS = [
     Defect(
         "property-list-nested-without-bound",
         "src/platform/foundation/formats/PropertyListXMLReader.cpp",
-        '      if (open_.size() == kPropertyListMaximumDepth) fail("nested too deeply");\n',
+        "      PropertyListBounds::enter(open_.size());\n",
         "",
         "foundation_tests",
         "PropertyList.*",
+    ),
+    Defect(
+        "property-list-written-deeper-than-read",
+        "src/platform/foundation/formats/PropertyListXMLWriter.cpp",
+        '        PropertyListBounds::enter(depth);\n        open("array");\n',
+        '        open("array");\n',
+        "foundation_tests",
+        "PropertyListBounds.AreTheSame*",
+    ),
+    Defect(
+        "binary-size-behind-the-marker-not-skipped",
+        "src/platform/foundation/formats/PropertyListBinaryReader.cpp",
+        "    const auto indexes = references(at, size(at, low));\n",
+        "    const auto from = at;\n    const auto count = size(at, low);\n    auto begin = from;\n"
+        "    const auto indexes = references(begin, count);\n",
+        "foundation_tests",
+        "BinaryPropertyList.*",
+    ),
+    Defect(
+        "fractions-of-dates-lost",
+        "src/platform/foundation/formats/PropertyListXMLWriter.cpp",
+        "    if (!text || std::floor(date.timeIntervalSince1970) != date.timeIntervalSince1970) throw NotForXML();\n",
+        "    if (!text) throw NotForXML();\n",
+        "foundation_tests",
+        "PropertyListOfOthers.*",
     ),
     Defect(
         "date-beyond-the-last-year",
