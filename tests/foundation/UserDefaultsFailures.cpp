@@ -192,6 +192,14 @@ TEST(UserDefaultsFailures, SurviveAFullDisk) {
   EXPECT_EQ(occurrences(outcome.errorOutput, "full.plist cannot be written"), 2) << outcome.errorOutput;
 }
 
+TEST(UserDefaultsFailures, SurviveTheSignalOfALimitOfFileSizesAndLeaveNothing) {
+  const TemporaryDirectory folder;
+  const auto outcome = runHelper({.name = "exceedLimitUnprepared", .folder = folder.path()});
+  EXPECT_EQ(outcome.status, 0) << outcome.output << outcome.errorOutput;
+  EXPECT_EQ(outcome.output, "written: no\nwriting the temporary file: File too large\n");
+  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) EXPECT_EQ(entry.path().filename(), "full.plist.lock");
+}
+
 TEST(UserDefaultsFailures, SurviveALimitOfFileSizesAndWriteLater) {
   const TemporaryDirectory folder;
   const auto outcome = runHelper({.name = "exceedLimit", .folder = folder.path()});

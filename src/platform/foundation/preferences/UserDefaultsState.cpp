@@ -176,7 +176,7 @@ Object UserDefaultsState::exchange(std::string_view key, const std::function<Obj
   const Turn turn(*this, end);
   if (!turn.isTaken()) {
     noteWrite(file_.path(), Turn::notTaken());
-    return value(key);
+    return valueOnDisk(key);
   }
   Object found;
   bool asked = false;
@@ -210,7 +210,10 @@ Object UserDefaultsState::exchange(std::string_view key, const std::function<Obj
     const MutexLock lock(mutex_);
     changes_.drop(key);
   }
-  if (asked) return found;
+  return asked ? found : valueOnDisk(key);
+}
+
+Object UserDefaultsState::valueOnDisk(std::string_view key) {
   const Known now = refreshed(known());
   return now.contents ? now.contents->values.objectForKey(key) : Object();
 }

@@ -49,6 +49,7 @@ class UserDefaultsState {
   [[nodiscard]] PreferencesSnapshot known() EXCLUDES(mutex_);
   /// What is on disk, read again if that may be something else.
   Known refreshed(const PreferencesSnapshot& known) EXCLUDES(mutex_);
+  Object valueOnDisk(std::string_view key) EXCLUDES(mutex_);
   void install(const PreferencesFile::Outcome& outcome) EXCLUDES(mutex_);
   /// The cheap look: the file is the one last read, is durable and holds the changes, which are forgotten then.
   bool isThereAlready() EXCLUDES(mutex_);
