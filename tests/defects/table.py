@@ -28,10 +28,18 @@ DEFECTS = [
     Defect(
         "flag-not-synchronised",
         "src/watcher/FileWatcherServiceXPC.cpp",
-        "  defaults.synchronize();\n",
-        "",
+        "  if (!defaults.synchronize()) synchronizeLater();\n",
+        "  static_cast<void>(synchronizeLater);\n",
         "watcher_tests",
         "RaiseFileWatcherStatus.*",
+    ),
+    Defect(
+        "unwritten-flag-waits-for-the-next-event",
+        "src/watcher/FileWatcherServiceXPC.cpp",
+        "  if (!defaults.synchronize()) synchronizeLater();\n",
+        "  static_cast<void>(synchronizeLater);\n  defaults.synchronize();\n",
+        "watcher_tests",
+        "RaiseFileWatcherStatus.GoesOnTrying*",
     ),
     Defect(
         "flag-raised-once-only",

@@ -19,6 +19,7 @@
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "tests/foundation/UserDefaultsModel.h"
 
 namespace kestrine::test {
 
@@ -209,6 +210,8 @@ constexpr struct {
   const char* name;
   void (*run)(const HelperJob&);
 } kJobs[] = {
+    {"workOnTheModel", workOnTheModel},
+    {"cutThePower", cutThePower},
     {"editInPlace", editInPlace},
     {"stopWithTheLock", stopWithTheLock},
     {"forkWithTheLock", forkWithTheLock},

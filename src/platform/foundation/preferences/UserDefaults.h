@@ -58,8 +58,8 @@ class UserDefaults {
   /// Writes the remembered changes. Costs one stat when the file is the one last read and already holds them; a change that another process
   /// made since, to the same key too, is noticed and overwritten by ours. Waits 10 s at most for the domain's lock. True when the disk now
   /// holds our changes, file and folder flushed; false, with the reason in `lastError` and in the log (once per reason), when not: the
-  /// changes stay remembered for the next call, but for values that would take the domain beyond the bounds of a property list. These are
-  /// refused alone and forgotten.
+  /// changes stay remembered for the next call (which is true when there are none), but for values that would take the domain beyond the
+  /// bounds of a property list. These are refused alone and forgotten.
   bool synchronize();
 
   /// Reads `key` from disk and, when `decide` returns a value other than nil for it, stores that, all under the domain's lock: no other

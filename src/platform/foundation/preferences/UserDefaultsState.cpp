@@ -142,7 +142,11 @@ bool UserDefaultsState::synchronize() {
     isFlushOwed = isFlushOwed_;
   }
   Known now{known(), false};
-  if (pending.empty() && !isFlushOwed) return refreshed(now.contents).isCurrent;
+  if (pending.empty() && !isFlushOwed) {
+    // Nothing of ours is missing, whatever others do to the file.
+    refreshed(now.contents);
+    return true;
+  }
   // What may be the file that was read is looked at without the lock; what is another is read under it.
   if (now.contents && now.contents->version.compare(file_.path()) != Answer::Different) now = refreshed(now.contents);
   if (!now.isCurrent || !pending.areIn(now.contents->values)) return write(pending, now.contents, end);
