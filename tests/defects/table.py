@@ -158,9 +158,9 @@ DEFECTS = [
     Defect(
         "version-of-another-read",
         "src/platform/foundation/preferences/PreferencesReading.cpp",
-        "    contents->version = std::move(version);\n    contents->durable",
+        "    contents->version = std::move(version);\n    if (takeKnown",
         "    std::this_thread::sleep_for(std::chrono::milliseconds(30));\n    contents->version = FileVersion(openForReading(path_));\n"
-        "    contents->durable",
+        "    if (takeKnown",
         "foundation_tests",
         "UserDefaultsProcesses.LoseNoSignalHoweverFastItIsSetAndReset",
     ),

@@ -98,6 +98,7 @@ PreferencesFile::Outcome PreferencesFile::apply(const PreferencesPlace& place, c
       after->version = FileVersion(FileHandle());
     } else {
       after->version = replace(place, lock, decision.bytes, found);
+      after->hash = hashOfPreferences(decision.bytes);
     }
     after->values = std::move(decision.values);
     contents = std::move(after);

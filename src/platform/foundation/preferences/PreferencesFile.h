@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -19,11 +20,16 @@ namespace platform {
 class PreferencesFolder;
 class PreferencesPlace;
 
+/// Of a file's bytes.
+inline std::size_t hashOfPreferences(std::string_view bytes) { return std::hash<std::string_view>()(bytes); }
+
 /// What a preferences file holds, as it was read or written. Threads: constant but for `durable`.
 struct PreferencesContents {
   /// A dictionary; nil when there is no file.
   Object values;
   FileVersion version;
+  /// Of the file's bytes, so that equal ones are not read as a property list again. Empty when there is no file.
+  std::optional<std::size_t> hash = {};
   /// File and folder are known to have been flushed since.
   mutable std::atomic<bool> durable = false;
 };

@@ -36,9 +36,12 @@ FileHandle openForReading(const std::string& path) {
   return file;
 }
 
-/// Equal bytes under the same stamps are as durable as they were.
-bool isAsDurable(const PreferencesSnapshot& known, const PreferencesContents& now) {
-  return known && known->durable && known->version.hasStampsOf(now.version) && known->values == now.values;
+/// What is known of the same bytes under the same stamps, which are as durable as they were.
+bool takeKnown(const PreferencesSnapshot& known, PreferencesContents& now) {
+  if (!known || known->hash != now.hash || !known->version.hasStampsOf(now.version)) return false;
+  now.values = known->values;
+  now.durable = known->durable.load();
+  return true;
 }
 
 }  // namespace
@@ -54,16 +57,17 @@ PreferencesFile::Loaded PreferencesFile::load(const PreferencesSnapshot& known) 
     const auto bytes = readAll(version.descriptor(), kPropertyListMaximumSize);
     if (!bytes) throwError(bytes.error(), "reading");
     if (version.compareOpen() == FileVersion::Answer::Different && reads < kReadsAtOnce) continue;
+    contents->hash = hashOfPreferences(*bytes);
+    contents->version = std::move(version);
+    if (takeKnown(known, *contents)) return {std::move(contents), std::nullopt, {}};
     try {
       contents->values = readPropertyList(*bytes);
-      if (!contents->values.isDictionary()) return {nullptr, PreferencesError{Kind::Damaged, "it holds no dictionary"}, std::move(version)};
+      if (contents->values.isDictionary()) return {std::move(contents), std::nullopt, {}};
+      return {nullptr, PreferencesError{Kind::Damaged, "it holds no dictionary"}, std::move(contents->version)};
     } catch (const PropertyListError& error) {
       const Kind kind = error.kind() == PropertyListError::Kind::TooLarge ? Kind::TooLarge : Kind::Damaged;
-      return {nullptr, PreferencesError{kind, error.what()}, std::move(version)};
+      return {nullptr, PreferencesError{kind, error.what()}, std::move(contents->version)};
     }
-    contents->version = std::move(version);
-    contents->durable = isAsDurable(known, *contents);
-    return {std::move(contents), std::nullopt, {}};
   }
 }
 
