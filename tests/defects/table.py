@@ -322,8 +322,8 @@ DEFECTS = [
     Defect(
         "failed-flush-forgotten",
         "src/platform/foundation/preferences/UserDefaultsState.cpp",
-        "  isFlushOwed_ = outcome.error && outcome.error->kind == Kind::NotFlushed;\n",
-        "  isFlushOwed_ = false;\n",
+        "  if (outcome.error && outcome.error->kind == Kind::NotFlushed) isFlushOwed_ = true;\n",
+        "",
         "foundation_tests",
         "UserDefaultsFlushes.*",
     ),

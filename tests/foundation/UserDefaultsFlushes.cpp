@@ -91,6 +91,7 @@ TEST_F(UserDefaultsFlushes, AreOwedForAnExchangeToo) {
   defaults.exchange(
       "key", [](const Object&) { return Object("value"); }, &failed);
   EXPECT_TRUE(failed);
+  defaults.exchange("key", [](const Object&) { return Object(); });
   FlushControl::folders = 0;
   EXPECT_TRUE(defaults.synchronize());
   EXPECT_EQ(FlushControl::folders, 1);

@@ -1,10 +1,10 @@
 #include "platform/foundation/preferences/PreferencesAttributes.h"
 
+#include <linux/limits.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <string_view>
 
@@ -34,9 +34,10 @@ std::string extendedAttribute(int descriptor, const char* name) {
 
 std::vector<std::pair<std::string, std::string>> extendedAttributes(int descriptor) {
   std::vector<std::pair<std::string, std::string>> found;
-  std::array<char, 65536> names{};
   // A file system without them has none; a list longer than the kernel allows there is not.
-  const ssize_t size = flistxattr(descriptor, names.data(), names.size());
+  std::string names;
+  if (flistxattr(descriptor, nullptr, 0) > 0) names.resize(XATTR_LIST_MAX);
+  const ssize_t size = names.empty() ? 0 : flistxattr(descriptor, names.data(), names.size());
   for (ssize_t at = 0; at < size;) {
     const std::string name = names.data() + at;
     at += static_cast<ssize_t>(name.size()) + 1;
@@ -72,7 +73,9 @@ void PreferencesAttributes::putOn(int descriptor) const {
     if (fsetxattr(descriptor, name.c_str(), value.data(), value.size(), 0) != 0 && (errno == ENOSPC || errno == EDQUOT))
       throwLastError("giving the temporary file the attributes of the former");
   }
-  if (fchmod(descriptor, mode_) != 0) throwLastError("giving the temporary file the mode of the former");
+  // An access control list has its say in the mode.
+  if (((status.st_mode & 07777U) != mode_ || !extended_.empty()) && fchmod(descriptor, mode_) != 0)
+    throwLastError("giving the temporary file the mode of the former");
 }
 
 void giveToOwnerOf(const struct stat& folder, int descriptor) {

@@ -92,7 +92,7 @@ PreferencesFile::Outcome PreferencesFile::apply(const PreferencesPlace& place, c
     auto after = std::make_shared<PreferencesContents>();
     if (decision.values.isNil()) {
       if (found.damage)
-        static_cast<void>(keepAside(place, found.damaged, name_ + "." + std::to_string(getpid()) + std::string(kAsideSuffix)));
+        static_cast<void>(keepAside(place, found.damaged, place.name() + "." + std::to_string(getpid()) + std::string(kAsideSuffix)));
       requireOurs(lock);
       place.folder().remove(place.name());
       after->version = FileVersion(FileHandle());

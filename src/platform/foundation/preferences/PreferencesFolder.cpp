@@ -105,6 +105,8 @@ FileHandle PreferencesFolder::openLock(const std::string& lockName, bool writabl
   struct stat status {};
   if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at the lock file");
   if (!S_ISREG(status.st_mode)) throwError(ENOTSUP, "the lock file is no regular file");
+  // Root once made it for itself, and the folder's owner cannot open it.
+  if (status.st_uid == 0) giveToOwnerOf(status_, file.fileDescriptor());
   return file;
 }
 

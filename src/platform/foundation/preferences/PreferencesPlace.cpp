@@ -18,7 +18,7 @@ constexpr int kLinksAtMost = 40;
 
 /// What the link says; nullopt when it is none.
 std::optional<std::string> linkIn(int folder, const std::string& name) {
-  std::array<char, PATH_MAX> text{};
+  std::array<char, PATH_MAX> text;
   const ssize_t size = readlinkat(folder, name.c_str(), text.data(), text.size());
   if (size >= 0) return std::string(text.data(), static_cast<std::size_t>(size));
   if (errno != EINVAL && errno != ENOENT) throwLastError("following the link");

@@ -108,7 +108,8 @@ void UserDefaultsState::install(const PreferencesFile::Outcome& outcome) {
     onDisk_ = outcome.contents;
     readError_.reset();
   }
-  isFlushOwed_ = outcome.error && outcome.error->kind == Kind::NotFlushed;
+  if (outcome.error && outcome.error->kind == Kind::NotFlushed) isFlushOwed_ = true;
+  if (outcome.contents && outcome.contents->durable) isFlushOwed_ = false;
 }
 
 bool UserDefaultsState::isThereAlready() {
