@@ -1,6 +1,7 @@
 #include "platform/foundation/preferences/PreferencesWrites.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>

@@ -108,7 +108,7 @@ class Worker {
 
   void run() {
     while (ledger_.operations.fetch_add(1) < ledger_.goal && ledger_.faults == 0) {
-      const unsigned choice = random_() % 100;
+      const auto choice = random_() % 100;
       if (choice < 45) {
         writeKeys();
       } else if (choice < 60) {
