@@ -483,7 +483,7 @@ DEFECTS = [
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
         "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
-        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "  if (!isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
         "    leftMeanwhile(node, report);\n"
         "    return;\n"
         "  }\n"
@@ -510,7 +510,7 @@ DEFECTS = [
         "  // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.\n"
         "  const bool isPolled = !isMarked || options_.policy.isForeign();\n"
         "  // Its place before and after it was read: what is seen in between is told there, and missed there later.\n"
-        "  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
+        "  if (!isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {\n"
         "    leftMeanwhile(node, report);\n"
         "    return;\n"
         "  }\n"
@@ -754,6 +754,30 @@ DEFECTS = [
         "StreamModel.OfMany*/inotify:StreamModel.BySeveral*/inotify:StreamModelUnread.*/inotify",
     ),
     Defect(
+        "merged-renames-believed",
+        "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
+        "  followMerged(change);\n",
+        "",
+        "fsevents_tests",
+        "StreamMergedRenames.*/fanotify",
+    ),
+    Defect(
+        "merged-renames-looked-for-on-the-disk-alone",
+        "src/platform/fsevents/tree/WatchedTreeMerges.cpp",
+        "  std::optional<Place> place = nextDeparture(rename.target);\n",
+        "  std::optional<Place> place;\n",
+        "fsevents_tests",
+        "StreamMergedRenames.*/fanotify",
+    ),
+    Defect(
+        "hidden-folders-looked-for-by-their-former-path",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
+        "hidden ? find(hidden.mapped().first) : findByPath(",
+        "findByPath(",
+        "fsevents_tests",
+        "WorldHiddenFolders.*",
+    ),
+    Defect(
         "look-ahead-of-the-queue-believed",
         "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "if (waits || structure_ != before || ",
@@ -772,8 +796,8 @@ DEFECTS = [
     Defect(
         "parent-not-looked-at",
         "src/platform/fsevents/tree/WatchedTreeChanges.cpp",
-        "  if (!isAboveThere) {\n",
-        "  if (!isAboveThere && !above.isOpen()) {\n",
+        "  if (!isNode(above, folder)) {\n",
+        "  if (!above.isOpen()) {\n",
         "fsevents_tests",
         "TruthWorkload.*:WatchedTreeAhead.*",
     ),
@@ -1328,5 +1352,109 @@ DEFECTS = [
         "  static_cast<void>(item);\n",
         "fsevents_tests",
         "PolledRegionTold.ByAListing*",
+    ),
+    Defect(
+        "compared-folders-new-mode-ignored",
+        "src/platform/fsevents/tree/WatchedTreePolling.cpp",
+        "  if ((flags & kAttributes) == kAttributes && !name.empty()) attributesChanged(tree_.child(folder, name));\n",
+        "  if ((flags & kAttributes) == kAttributes && name.empty()) attributesChanged(tree_.child(folder, name));\n",
+        "fsevents_tests",
+        "WorldBorders.AreNoneForFoldersThatMayBeEnteredAgain/*",
+    ),
+    Defect(
+        "unknown-subfolder-not-taken-up",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "  if (folder->why == Why::MarkRefused) tellUnknown(host, folder, comparison);\n",
+        "",
+        "fsevents_tests",
+        "PolledRegionPlaces.OfSubfoldersThatNobodyKnows*",
+    ),
+    Defect(
+        "new-subfolder-taken-up-twice",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "    if (replaced != comparison.replaced.end() && replaced->second == at) continue;\n",
+        "",
+        "fsevents_tests",
+        "PolledRegionPlaces.OfSubfoldersThatCameBetweenTwoLooks*",
+    ),
+    Defect(
+        "anothers-place-given-up-at-once",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "  return std::exchange(folder.wasDisplaced, true) ? Presence::Replaced : Presence::Elsewhere;\n",
+        "  folder.wasDisplaced = true;\n  return Presence::Replaced;\n",
+        "fsevents_tests",
+        "PolledRegionPlaces.WhereAnotherFolderStands*",
+    ),
+    Defect(
+        "empty-place-given-up-at-once",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "    if (std::exchange(folder->wasDisplaced, true) && folder->why == Why::MarkRefused) host.replaced(folder->node);\n",
+        "    folder->wasDisplaced = true;\n    if (folder->why == Why::MarkRefused) host.replaced(folder->node);\n",
+        "fsevents_tests",
+        "PolledRegionPlaces.WhereNothingStands*",
+    ),
+    Defect(
+        "two-looks-long-ago-taken-for-two-in-succession",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "    folder.wasDisplaced = false;\n    return Presence::Here;\n",
+        "    return Presence::Here;\n",
+        "fsevents_tests",
+        "PolledRegionPlaces.ThatAreTheirOwnAgain*",
+    ),
+    Defect(
+        "look-at-a-folder-that-left-believed",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "  if (error == 0 && comparison.hasDifferences() && !hasStayed(host, *folder)) {\n",
+        "  if (error == 0 && comparison.hasDifferences() && folder->isRemoved && !hasStayed(host, *folder)) {\n",
+        "fsevents_tests",
+        "PolledRegionPlaces.ThatTheFolderLeft*",
+    ),
+    Defect(
+        "missed-folder-taken-for-seen",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "  if (hasSeenAll) seenUpTo_ = began_;\n",
+        "  seenUpTo_ = began_;\n",
+        "fsevents_tests",
+        "PolledRegionPlaces.*",
+    ),
+    Defect(
+        "pass-over-with-a-folder-missed",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "  if (hasSeenAll || pass_ >= wanted_ + kMostHastened) seenIn_ = pass_;\n",
+        "  if (hasSeenAll || pass_ + kMostHastened >= wanted_) seenIn_ = pass_;\n",
+        "fsevents_tests",
+        "PolledRegionPlaces.*",
+    ),
+    Defect(
+        "missed-folder-waited-for-without-end",
+        "src/platform/fsevents/polling/PolledRegionPass.cpp",
+        "constexpr std::uint32_t kMostHastened = 20;\n",
+        "constexpr std::uint32_t kMostHastened = 1U << 30U;\n",
+        "fsevents_tests",
+        "PolledRegionPlaces.ThatAreMissedForEver*",
+    ),
+    Defect(
+        "identifier-later-than-what-is-not-compared",
+        "src/platform/fsevents/tree/WatchedTree.h",
+        "return region_ ? std::min(time, region_->seenUpTo()) : time;",
+        "return region_ ? std::max(time, region_->seenUpTo()) : time;",
+        "fsevents_tests",
+        "WorldIdentifiers.AreNotLater*",
+    ),
+    Defect(
+        "hang-of-a-path-that-is-watched-anew",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
+        "    status_.losses().end(LossKind::Hang, options_.reportedPath);\n",
+        "",
+        "fsevents_tests",
+        "WatchedTreeTest.ThatIsAttachedEndsAHang*",
+    ),
+    Defect(
+        "hang-of-a-path-where-nothing-is-left",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
+        "    status_.losses().end(LossKind::Hang, options_.reportedPath);\n",
+        "    if (opened.isOpen()) status_.losses().end(LossKind::Hang, options_.reportedPath);\n",
+        "fsevents_tests",
+        "WatchedTreeTest.ThatFindsNothing*",
     ),
 ]

@@ -15,8 +15,6 @@ class StreamLimits : public StreamTest {
     if (IsSkipped()) return;
     if (const auto why = StreamProcess::whyNoNamespaces(); !why.empty()) GTEST_SKIP() << "left out: the kernel's limits, because " << why;
   }
-  [[nodiscard]] static std::string itemLimit() { return GetParam() == Source::Fanotify ? "max_fanotify_marks" : "max_inotify_watches"; }
-  [[nodiscard]] static std::string groupLimit() { return GetParam() == Source::Fanotify ? "max_fanotify_groups" : "max_inotify_instances"; }
   static std::string lower(const std::string& limit, int value) { return "echo " + std::to_string(value) + " > /proc/sys/user/" + limit; }
   std::unique_ptr<StreamProcess> start(const std::string& lowered) {
     return std::make_unique<StreamProcess>(
@@ -40,7 +38,7 @@ KESTRINE_PER_SOURCE(StreamLimits);
 
 TEST_P(StreamLimits, OfMarksAtTheStartAreToldAsARescan) {
   for (int i = 0; i < kFolders; ++i) makeFolder(in(std::to_string(i)));
-  const auto process = start(lower(itemLimit(), kLimit));
+  const auto process = start(lower(markLimitOf(GetParam()), kLimit));
   ASSERT_EQ(process->source(), sourceName(GetParam())) << process->error();
   std::vector<FSEvent> events;
   const auto unmarked = [&] {
@@ -57,12 +55,12 @@ TEST_P(StreamLimits, OfMarksAtTheStartAreToldAsARescan) {
   EXPECT_GE(process->statusNumber("losses"), 1U);
   EXPECT_LT(process->statusNumber("foldersMarked"), static_cast<std::size_t>(kFolders));
   EXPECT_GT(process->statusNumber("foldersMarked"), 5U);
-  EXPECT_TRUE(eventually([&] { return process->log().find(itemLimit()) != std::string::npos; })) << process->log();
-  expectSaidOnce(process->log(), {itemLimit(), std::to_string(kLimit), "sysctl"});
+  EXPECT_TRUE(eventually([&] { return process->log().find(markLimitOf(GetParam())) != std::string::npos; })) << process->log();
+  expectSaidOnce(process->log(), {markLimitOf(GetParam()), std::to_string(kLimit), "sysctl"});
 }
 
 TEST_P(StreamLimits, OfMarksReachedLaterAreToldAsARescan) {
-  const auto process = start(lower(itemLimit(), kLimit));
+  const auto process = start(lower(markLimitOf(GetParam()), kLimit));
   ASSERT_EQ(process->source(), sourceName(GetParam())) << process->error();
   for (int i = 0; i < kFolders; ++i) {
     makeFolder(in(std::to_string(i)));
@@ -71,24 +69,24 @@ TEST_P(StreamLimits, OfMarksReachedLaterAreToldAsARescan) {
   const auto events = process->flush();
   for (int i = 0; i < kFolders; ++i) EXPECT_TRUE(covered(events, in(std::to_string(i)) + "/file")) << i;
   EXPECT_TRUE(std::any_of(events.begin(), events.end(), [](const FSEvent& event) { return (event.flags & kMustScan) != 0; }));
-  EXPECT_TRUE(eventually([&] { return process->log().find(itemLimit()) != std::string::npos; })) << process->log();
-  expectSaidOnce(process->log(), {itemLimit(), std::to_string(kLimit), "sysctl"});
+  EXPECT_TRUE(eventually([&] { return process->log().find(markLimitOf(GetParam())) != std::string::npos; })) << process->log();
+  expectSaidOnce(process->log(), {markLimitOf(GetParam()), std::to_string(kLimit), "sysctl"});
 }
 
 TEST_P(StreamLimits, ThatAreNotReachedAreNotSpokenOf) {
   for (int i = 0; i < 5; ++i) makeFolder(in(std::to_string(i)));
-  const auto process = start(lower(itemLimit(), kFolders));
+  const auto process = start(lower(markLimitOf(GetParam()), kFolders));
   ASSERT_EQ(process->source(), sourceName(GetParam())) << process->error();
   writeFile(in("3/file"), "text");
   const auto events = process->flush();
   EXPECT_NE(test::flagsOf(events, in("3/file")) & kCreated, 0U);
   EXPECT_EQ(process->statusNumber("losses"), 0U);
-  EXPECT_THAT(process->log(), testing::Not(testing::HasSubstr(itemLimit())));
+  EXPECT_THAT(process->log(), testing::Not(testing::HasSubstr(markLimitOf(GetParam()))));
 }
 
 TEST_P(StreamLimits, OfMarksFreedAgainServeNewFolders) {
   for (int i = 0; i < kFolders; ++i) makeFolder(in(std::to_string(i)));
-  const auto process = start(lower(itemLimit(), kLimit));
+  const auto process = start(lower(markLimitOf(GetParam()), kLimit));
   ASSERT_EQ(process->source(), sourceName(GetParam())) << process->error();
   process->flush();
   for (int i = 0; i < kFolders; ++i) removeTree(in(std::to_string(i)));
@@ -100,13 +98,13 @@ TEST_P(StreamLimits, OfMarksFreedAgainServeNewFolders) {
 }
 
 TEST_P(StreamLimits, OfGroupsAreToldWithTheRemedyAndAskForARescan) {
-  const auto process = start(lower(groupLimit(), 0));
+  const auto process = start(lower(queueLimitOf(GetParam()), 0));
   EXPECT_EQ(process->source(), "polling");
   EXPECT_NE(test::flagsOf(process->flush(), root_) & kMustScan, 0U);
   writeFile(in("file"), "text");
   EXPECT_NE(test::flagsOf(process->flush(), in("file")) & kCreated, 0U);
-  EXPECT_TRUE(eventually([&] { return process->log().find(groupLimit()) != std::string::npos; })) << process->log();
-  expectSaidOnce(process->log(), {groupLimit(), " 0", "sysctl"});
+  EXPECT_TRUE(eventually([&] { return process->log().find(queueLimitOf(GetParam())) != std::string::npos; })) << process->log();
+  expectSaidOnce(process->log(), {queueLimitOf(GetParam()), " 0", "sysctl"});
 }
 
 TEST(StreamLimitsOfGroups, MakeAutomaticTakeTheOtherSource) {

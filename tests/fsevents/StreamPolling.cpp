@@ -2,7 +2,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <stdexcept>
 
 #include "tests/fsevents/support/MountNamespace.h"
 #include "tests/fsevents/support/WorldTest.h"
@@ -30,12 +29,6 @@ class StreamPolling : public WorldTest {
         Rights::OfAnOrdinaryUser);
   }
   [[nodiscard]] std::string folder(int index) const { return in("f" + std::to_string(index)); }
-  static void limit(const char* fanotify, const char* inotify, int value) {
-    std::ofstream file(std::string("/proc/sys/user/") + (GetParam() == Source::Fanotify ? fanotify : inotify));
-    if (!(file << value << std::flush)) throw std::runtime_error("the limit cannot be set");
-  }
-  static void limitMarks(int value) { limit("max_fanotify_marks", "max_inotify_watches", value); }
-  static void limitQueues(int value) { limit("max_fanotify_groups", "max_inotify_instances", value); }
   static platform::Object regionsOf(WatchedStream& stream) { return stream.stream().status().objectForKey("regions"); }
   /// What the events since the last `clear` lack of these paths and flags, and of what they must not say.
   static std::vector<std::string> missing(const WatchedStream& stream, const std::map<std::string, FSEventStreamEventFlags>& wanted) {

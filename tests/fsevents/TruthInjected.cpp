@@ -107,9 +107,8 @@ TEST_P(TruthInjected, ALimitOfMarksIsCovered) {
                     "thirty runs of eight thousand changes names a path that never was, and one of two hundred misses a change";
   }
   if (const auto why = StreamProcess::whyNoNamespaces(); !why.empty()) GTEST_SKIP() << "left out: the kernel's limits, because " << why;
-  const std::string limit = GetParam() == Source::Fanotify ? "max_fanotify_marks" : "max_inotify_watches";
   constexpr int kMarks = 40;
-  begin("echo " + std::to_string(kMarks) + " > /proc/sys/user/" + limit);
+  begin("echo " + std::to_string(kMarks) + " > /proc/sys/user/" + markLimitOf(GetParam()));
   // What is compared from time to time is found in the end, if it lasts.
   expectFine(run_->windows(changes(), {.rules = {.maySayLost = true, .onlyLasting = true}}));
   ASSERT_FALSE(HasFatalFailure());

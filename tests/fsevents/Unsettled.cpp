@@ -51,10 +51,15 @@ TEST(UnsettledTest, HandsOverThePlacesOfOneTargetInSuccessionAndThoseOfNoneFirst
 TEST(UnsettledTest, KnowsWhoseTargetItStillHas) {
   Unsettled unsettled;
   unsettled.add({.folder = {"key", ""}, .name = "a", .target = "target"});
-  EXPECT_TRUE(unsettled.hasTarget("target"));
-  EXPECT_FALSE(unsettled.hasTarget("targe"));
-  EXPECT_FALSE(unsettled.hasTarget("targets"));
-  EXPECT_FALSE(unsettled.hasTarget(""));
+  EXPECT_TRUE(unsettled.hasTarget("target", {}, ""));
+  EXPECT_FALSE(unsettled.hasTarget("targe", {}, ""));
+  EXPECT_FALSE(unsettled.hasTarget("targets", {}, ""));
+  EXPECT_FALSE(unsettled.hasTarget("", {}, ""));
+  EXPECT_FALSE(unsettled.hasTarget("target", {"key", ""}, "a"));
+  EXPECT_TRUE(unsettled.hasTarget("target", {"key", ""}, "b"));
+  EXPECT_TRUE(unsettled.hasTarget("target", {"other", ""}, "a"));
+  unsettled.add({.folder = {"key", ""}, .name = "b", .target = "target"});
+  EXPECT_TRUE(unsettled.hasTarget("target", {"key", ""}, "a"));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -41,6 +42,14 @@ class WatchedTreeTest : public StreamTest {
   std::vector<std::string> told() {
     std::vector<std::string> paths;
     for (auto& event : coalescer_.take()) paths.push_back(std::move(event.path));
+    return paths;
+  }
+  // The paths that are told to have recovered since the last call.
+  std::vector<std::string> recovered() {
+    std::vector<std::string> paths;
+    for (auto& notice : status_.losses().takeNotices()) {
+      if (!notice.begins) paths.push_back(std::move(notice.path));
+    }
     return paths;
   }
   fsevents::Coalescer coalescer_;
@@ -102,6 +111,28 @@ TEST_P(WatchedTreeTest, ThatWasLeftBehindLeavesLossesAlone) {
   };
   EXPECT_TRUE(losses(true));
   EXPECT_FALSE(losses(false));
+}
+
+// Whoever was said to hang may have been stopped since, and then nobody else is left to say that it does not any more.
+TEST_P(WatchedTreeTest, ThatIsAttachedEndsAHangOfItsPathAndOfNoOther) {
+  const auto beside = base_ / "outside";
+  for (const auto& path : {root_, beside}) status_.losses().begin(fsevents::LossKind::Hang, path, "the file system does not answer", "");
+  EXPECT_THAT(recovered(), ::testing::IsEmpty());
+  fsevents::WatchedTree tree(0, options(), coalescer_, status_);
+  int error = 0;
+  ASSERT_EQ(tree.attach(0, std::nullopt, error), fsevents::WatchedTree::Attached::Standing);
+  EXPECT_THAT(recovered(), ::testing::ElementsAre(root_));
+  EXPECT_TRUE(status_.losses().end(fsevents::LossKind::Hang, beside)) << "nobody has seen it answer";
+}
+
+TEST_P(WatchedTreeTest, ThatFindsNothingAtItsPathEndsAHangOfItToo) {
+  status_.losses().begin(fsevents::LossKind::Hang, root_, "the file system does not answer", "");
+  removeItem(root_);
+  fsevents::WatchedTree tree(0, options(), coalescer_, status_);
+  int error = 0;
+  ASSERT_EQ(tree.attach(0, std::nullopt, error), fsevents::WatchedTree::Attached::Missing);
+  EXPECT_EQ(error, ENOENT);
+  EXPECT_THAT(recovered(), ::testing::ElementsAre(root_));
 }
 
 }  // namespace

@@ -1,10 +1,6 @@
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <stdexcept>
 
 #include "tests/fsevents/support/MountNamespace.h"
 #include "tests/fsevents/support/WorldTest.h"
@@ -29,18 +25,6 @@ class WorldLimits : public WorldTest {
         Rights::OfAnOrdinaryUser);
   }
   [[nodiscard]] std::string folder(int index) const { return in("f" + std::to_string(index)); }
-  static void limit(const char* fanotify, const char* inotify, int value) {
-    std::ofstream file(std::string("/proc/sys/user/") + (GetParam() == Source::Fanotify ? fanotify : inotify));
-    if (!(file << value << std::flush)) throw std::runtime_error("the limit cannot be set");
-  }
-  static void limitMarks(int value) { limit("max_fanotify_marks", "max_inotify_watches", value); }
-  static void limitQueues(int value) { limit("max_fanotify_groups", "max_inotify_instances", value); }
-  static bool isMarked(const std::string& path) {
-    struct stat facts {};
-    if (::stat(path.c_str(), &facts) != 0) return false;
-    const auto marks = kernelMarks();
-    return std::find(marks.begin(), marks.end(), facts.st_ino) != marks.end();
-  }
   // Folders with nothing of theirs (and nothing above but the root) marked, and such with everything marked.
   void sortFolders(std::vector<std::string>& marked, std::vector<std::string>& polled) const {
     for (int i = 0; i < kFolders; ++i) {
@@ -248,13 +232,13 @@ TEST_P(WorldLimits, AreOneLossThatLastsWithTheRemedy) {
   run([this] {
     limitMarks(kLimit);
     const auto stream = watchRoot();
-    const auto* name = GetParam() == Source::Fanotify ? "max_fanotify_marks" : "max_inotify_watches";
     for (int turn = 0; turn < 3; ++turn) EXPECT_TRUE(isPolled(*stream, folder(kFolders - 1), "file" + std::to_string(turn)));
     const auto losses = stream->stream().status().objectForKey("losses");
     ASSERT_EQ(losses.count(), 1U) << losses.description();
     const auto loss = losses.objectAtIndex(0);
     EXPECT_TRUE(loss.objectForKey("lasting").boolValue()) << losses.description();
-    EXPECT_THAT(loss.objectForKey("reason").stringValue() + loss.objectForKey("remedy").stringValue(), testing::HasSubstr(name));
+    EXPECT_THAT(loss.objectForKey("reason").stringValue() + loss.objectForKey("remedy").stringValue(),
+                testing::HasSubstr(markLimitOf(GetParam())));
     std::size_t rescans = 0;
     for (const auto& event : stream->events()) rescans += (event.flags & kMustScan) != 0 ? 1 : 0;
     EXPECT_LE(rescans, 1U) << stream->describe();

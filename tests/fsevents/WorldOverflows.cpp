@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <fstream>
 #include <set>
 #include <thread>
 
@@ -27,10 +26,6 @@ class WorldOverflows : public WorldTest {
     timespec time{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-  }
-  static void limitMarks(int value) {
-    const auto* name = GetParam() == Source::Fanotify ? "max_fanotify_marks" : "max_inotify_watches";
-    std::ofstream(std::string("/proc/sys/user/") + name) << value << std::flush;
   }
 };
 KESTRINE_PER_SOURCE(WorldOverflows);

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -27,34 +28,40 @@ void readMarks(const fs::path& file, std::vector<std::uint64_t>& marks) {
   }
 }
 
-std::uint64_t inodeOf(const fs::path& path) {
+// Folders by inode and device, each with one path to speak of it. Folders of several file systems may have one inode number in common, and
+// a mark does not tell them apart.
+using Folders = std::map<std::uint64_t, std::map<dev_t, std::string>>;
+
+void addFolder(const fs::path& path, Folders& folders) {
   struct stat facts {};
-  return ::stat(path.c_str(), &facts) == 0 ? facts.st_ino : 0;
+  if (::stat(path.c_str(), &facts) == 0) folders[facts.st_ino].emplace(facts.st_dev, path.string());
 }
 
-// Folders by inode, each with one path to speak of it.
-std::map<std::uint64_t, std::string> foldersOf(const std::vector<std::string>& roots) {
-  std::map<std::uint64_t, std::string> folders;
+Folders foldersOf(const std::vector<std::string>& roots, const std::vector<std::string>& excluded) {
+  Folders folders;
   for (const auto& root : roots) {
     if (!fs::is_directory(root)) continue;
-    folders.emplace(inodeOf(root), root);
+    addFolder(root, folders);
     for (auto entry = fs::recursive_directory_iterator(root, fs::directory_options::skip_permission_denied);
          entry != fs::recursive_directory_iterator(); ++entry) {
-      if (entry->is_directory() && !entry->is_symlink()) folders.emplace(inodeOf(entry->path()), entry->path().string());
+      if (!entry->is_directory() || entry->is_symlink()) continue;
+      if (std::find(excluded.begin(), excluded.end(), entry->path().string()) != excluded.end()) {
+        entry.disable_recursion_pending();
+      } else {
+        addFolder(entry->path(), folders);
+      }
     }
   }
   return folders;
 }
 
-// The folders that a change of `roots` themselves may be seen in: every ancestor, of the path as it is spelled and of what it resolves to,
-// by inode and by device. Folders of several file systems may have one inode number in common, and a mark does not tell them apart.
-std::map<std::uint64_t, std::map<dev_t, std::string>> waysTo(const std::vector<std::string>& roots) {
-  std::map<std::uint64_t, std::map<dev_t, std::string>> ways;
+// The folders that a change of `roots` themselves may be seen in: every ancestor, of the path as it is spelled and of what it resolves to.
+Folders waysTo(const std::vector<std::string>& roots) {
+  Folders ways;
   for (const auto& root : roots) {
     for (const auto& start : {fs::absolute(root), fs::weakly_canonical(root)}) {
       for (fs::path path = start;; path = path.parent_path()) {
-        struct stat facts {};
-        if (::stat(path.c_str(), &facts) == 0) ways[facts.st_ino].emplace(facts.st_dev, path.string());
+        addFolder(path, ways);
         if (path == path.parent_path()) break;
       }
     }
@@ -71,23 +78,30 @@ std::vector<std::uint64_t> kernelMarks(pid_t process) {
   return marks;
 }
 
-std::size_t countFolders(const std::vector<std::string>& roots) { return foldersOf(roots).size(); }
+std::size_t countFolders(const std::vector<std::string>& roots, const std::vector<std::string>& excluded) {
+  std::size_t count = 0;
+  for (const auto& [inode, paths] : foldersOf(roots, excluded)) count += paths.size();
+  return count;
+}
 
-std::string differenceOfMarks(const std::vector<std::uint64_t>& marks, const std::vector<std::string>& roots) {
-  const auto folders = foldersOf(roots);
+std::string differenceOfMarks(const std::vector<std::uint64_t>& marks, const std::vector<std::string>& roots,
+                              const std::vector<std::string>& excluded) {
+  const auto folders = foldersOf(roots, excluded);
   const auto ways = waysTo(roots);
-  std::map<std::uint64_t, int> counts;
+  std::map<std::uint64_t, std::size_t> counts;
   for (const auto inode : marks) ++counts[inode];
   std::string difference;
-  for (const auto& [inode, path] : folders) {
-    if (!counts.contains(inode)) difference += "not marked: " + path + "\n";
+  const auto ofInode = [](const Folders& all, std::uint64_t inode) { return all.contains(inode) ? all.at(inode).size() : 0; };
+  for (const auto& [inode, paths] : folders) {
+    const auto found = counts.find(inode);
+    if (found == counts.end() || found->second < paths.size()) difference += "not marked: " + paths.begin()->second + "\n";
   }
   for (const auto& [inode, count] : counts) {
-    const bool content = folders.contains(inode);
-    const auto way = ways.find(inode);
-    const int allowed = (content ? 1 : 0) + (way == ways.end() ? 0 : static_cast<int>(way->second.size()));
+    const auto allowed = ofInode(folders, inode) + ofInode(ways, inode);
     if (count <= allowed) continue;
-    const auto name = content ? folders.at(inode) : way != ways.end() ? way->second.begin()->second : "inode " + std::to_string(inode);
+    const auto name = folders.contains(inode) ? folders.at(inode).begin()->second
+                      : ways.contains(inode)  ? ways.at(inode).begin()->second
+                                              : "inode " + std::to_string(inode);
     difference += std::to_string(count) + " marks instead of at most " + std::to_string(allowed) + ": " + name + "\n";
   }
   return difference;

@@ -34,6 +34,7 @@ std::vector<std::string> argumentsOf(const StreamProcess::Options& options) {
   }
   arguments.insert(arguments.end(), {helperProgram(), options.source, std::to_string(options.latency), std::to_string(options.flags)});
   arguments.insert(arguments.end(), options.paths.begin(), options.paths.end());
+  for (const auto& excluded : options.exclusions) arguments.push_back("-" + excluded);
   return arguments;
 }
 

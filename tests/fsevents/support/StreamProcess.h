@@ -26,6 +26,7 @@ class StreamProcess {
  public:
   struct Options {
     std::vector<std::string> paths = {};  // none: no stream, only commands
+    std::vector<std::string> exclusions = {};
     std::string source = "auto";
     platform::FSEventStreamCreateFlags flags = kFileEvents;
     double latency = 0.03;

@@ -42,6 +42,10 @@ std::string whyInotifyIsMissing() {
 
 std::string sourceName(Source source) { return source == Source::Fanotify ? "fanotify" : "inotify"; }
 
+std::string markLimitOf(Source source) { return source == Source::Fanotify ? "max_fanotify_marks" : "max_inotify_watches"; }
+
+std::string queueLimitOf(Source source) { return source == Source::Fanotify ? "max_fanotify_groups" : "max_inotify_instances"; }
+
 std::string nameOfParameter(const testing::TestParamInfo<Source>& parameter) { return sourceName(parameter.param); }
 
 std::string whyMissing(Source source) {

@@ -47,6 +47,9 @@ inline constexpr platform::FSEventStreamCreateFlags kFileEvents = 0x10;
 
 /// "fanotify" or "inotify": the source as `status()` names it.
 std::string sourceName(Source source);
+/// What the kernel calls the limits of a user's marks and queues of this source, below /proc/sys/user.
+std::string markLimitOf(Source source);
+std::string queueLimitOf(Source source);
 /// Why this machine cannot give `source` to this user (asked from the kernel itself); empty when it can.
 std::string whyMissing(Source source);
 

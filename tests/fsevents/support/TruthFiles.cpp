@@ -96,7 +96,7 @@ void TruthWorker::renameFile() {
   const Held held(world_);
   const auto slot = ownPlace();
   const auto target = oneOf(2) ? slot : ownPlace();
-  auto* item = slot == kNoSlot || target == kNoSlot ? nullptr : anyItem(slot, false);
+  auto* item = slot == kNoSlot || target == kNoSlot || mountOf(slot) != mountOf(target) ? nullptr : anyItem(slot, false);
   if (item == nullptr) return;
   auto* place = oneOf(4) ? anyItem(target, false) : nullptr;
   const bool replaces = place != nullptr;
@@ -118,7 +118,7 @@ void TruthWorker::linkFile() {
   const Held held(world_);
   const auto slot = ownPlace();
   const auto target = ownPlace();
-  auto* item = slot == kNoSlot || target == kNoSlot ? nullptr : anyItem(slot, true);
+  auto* item = slot == kNoSlot || target == kNoSlot || mountOf(slot) != mountOf(target) ? nullptr : anyItem(slot, true);
   auto* place = item == nullptr ? nullptr : freeItem(target);
   const auto name = anyName();
   if (place == nullptr || isTaken(target, name)) return;
@@ -154,7 +154,7 @@ void TruthWorker::createOther() {
 void TruthWorker::changeFolderAttributes() {
   const Held held(world_);
   const auto slot = ownPlace();
-  if (slot == kNoSlot || slot <= TruthWorld::kOutside) return;
+  if (slot == kNoSlot || slot < TruthWorld::kFirst) return;
   const auto path = pathOf(slot);
   const auto before = truthClock();
   require(::chmod(path.c_str(), oneOf(2) ? 0700 : 0750) == 0, "chmod", path);

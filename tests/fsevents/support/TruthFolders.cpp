@@ -66,8 +66,12 @@ void TruthWorker::makeOutside() {
   makeChainIn(TruthWorld::kOutside, 1 + pick(3));
 }
 
+bool TruthWorker::isMovable(Slot folder, Slot target) const {
+  return !isWithin(target, folder) && depthOf(target) < kDeepest && !hasMounts(folder) && mountOf(folder) == mountOf(target);
+}
+
 bool TruthWorker::move(Slot folder, Slot target, const TruthName& name) {
-  if (isWithin(target, folder) || isTaken(target, name) || depthOf(target) >= kDeepest) return false;
+  if (!isMovable(folder, target) || isTaken(target, name)) return false;
   const auto path = pathOf(folder);
   const auto before = truthClock();
   require(::rename(path.c_str(), pathOf(target, name).c_str()) == 0, "rename", path);
@@ -119,6 +123,7 @@ void TruthWorker::exchangeFolders() {
   const auto one = anyFolder(TruthWorld::kWatched);
   const auto other = anyFolder(TruthWorld::kWatched);
   if (one == kNoSlot || other == kNoSlot || isWithin(one, other) || isWithin(other, one)) return;
+  if (hasMounts(one) || hasMounts(other)) return;
   const auto path = pathOf(one);
   const auto before = truthClock();
   if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, pathOf(other).c_str(), RENAME_EXCHANGE) != 0) return;  // not on every file system
@@ -135,7 +140,7 @@ void TruthWorker::replaceFolder() {
   const HeldAlone held(world_);
   const auto folder = anyFolder(TruthWorld::kWatched);
   const auto target = anyPlace();
-  if (folder == kNoSlot || isWithin(target, folder) || depthOf(target) >= kDeepest) return;
+  if (folder == kNoSlot || !isMovable(folder, target)) return;
   const auto victim = makeFolderIn(target, anyName());
   if (victim == kNoSlot) return;
   const auto name = at(victim).name;
@@ -168,7 +173,7 @@ void TruthWorker::removeBelow(Slot folder) {
     record(What::Removed, folder, item.name, before);
     item = {};
   }
-  for (Slot slot = 2; slot < TruthWorld::kFolders; ++slot) {
+  for (Slot slot = TruthWorld::kFirst; slot < TruthWorld::kFolders; ++slot) {
     if (!at(slot).isAlive || at(slot).parent != folder) continue;
     removeBelow(slot);
     removeFolder(slot);
@@ -179,7 +184,7 @@ void TruthWorker::removeTree() {
   const HeldAlone held(world_);
   const auto folder = anyFolder(oneOf(6) ? TruthWorld::kOutside : TruthWorld::kWatched);
   // Large ones only where there is no more room.
-  if (folder == kNoSlot || (hasFolders(folder) && !isCrowded())) return;
+  if (folder == kNoSlot || hasMounts(folder) || (hasFolders(folder) && !isCrowded())) return;
   removeBelow(folder);
   removeFolder(folder);
 }
@@ -187,7 +192,7 @@ void TruthWorker::removeTree() {
 void TruthWorker::recreate() {
   const HeldAlone held(world_);
   const auto folder = anyFolder(TruthWorld::kWatched);
-  if (folder == kNoSlot || hasFolders(folder)) return;
+  if (folder == kNoSlot || hasMounts(folder) || hasFolders(folder)) return;
   const auto parent = at(folder).parent;
   const auto name = at(folder).name;
   removeBelow(folder);

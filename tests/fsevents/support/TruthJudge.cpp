@@ -89,6 +89,7 @@ void TruthJudge::hear(const TimedEvent& told, const Rules& rules) {
     return;
   }
   if (isAtOrBelow(path, kFlood)) return;
+  if (isExcluded(path)) return fault("told though it is excluded: " + describeEvent(event), event.path, told.time);
   const auto meanings = chronicle_.meaningsOf(path, told.time);
   if (meanings.empty()) return fault("a path that never was: " + describeEvent(event), event.path, told.time);
   for (const auto& meaning : meanings) {
@@ -98,6 +99,10 @@ void TruthJudge::hear(const TimedEvent& told, const Rules& rules) {
     auto& folder = folders_[meaning.item];
     folder = std::max(folder, std::min(told.time, meaning.until));
   }
+}
+
+bool TruthJudge::isExcluded(const std::string& path) const {
+  return std::any_of(excluded_.begin(), excluded_.end(), [&](const std::string& excluded) { return isAtOrBelow(path, excluded); });
 }
 
 bool TruthJudge::isCovered(const Place& place, const std::vector<std::uint32_t>& way, std::int64_t time) const {
@@ -113,8 +118,29 @@ void TruthJudge::check(const TruthRecord& record, std::uint32_t folder, const Tr
   const auto way = chronicle_.waysUp(folder, record.before);
   if (way.back() != TruthWorld::kWatchedNumber) return;
   const Place place{folder, std::string(textOf(name))};
-  if (isCovered(place, way, record.before)) return;
-  fault("not covered:" + describe(record, record.before), chronicle_.pathAt(folder, record.before) + "/" + place.name, record.before);
+  const auto isBrief = [this](std::uint32_t number) { return briefRoots_.contains(number); };
+  const bool isMount = record.folder == TruthWorld::kHiddenNumber || record.newFolder == TruthWorld::kHiddenNumber;
+  if (isBrief(record.item) || (isMount && brieflyHidden_.contains(record.item))) return;
+  if (std::any_of(way.begin(), way.end(), isBrief) || isCovered(place, way, record.before)) return;
+  const auto path = chronicle_.pathAt(folder, record.before) + "/" + place.name;
+  if (!isExcluded(path)) fault("not covered:" + describe(record, record.before), path, record.before);
+}
+
+void TruthJudge::findBriefMounts() {
+  using What = TruthRecord::What;
+  // A root comes at the time at which what it hides goes, and goes at the time at which that comes.
+  std::unordered_map<std::int64_t, std::uint32_t> hiddenAt;
+  std::unordered_map<std::uint32_t, std::uint32_t> hiddenBy;
+  for (const auto& record : records_) {
+    if (record.newFolder == TruthWorld::kHiddenNumber) hiddenAt[record.before] = record.item;
+    const auto hidden = hiddenAt.find(record.before);
+    if (record.what == What::Made && record.item != 0 && hidden != hiddenAt.end()) hiddenBy[hidden->second] = record.item;
+    const auto root = hiddenBy.find(record.item);
+    if (record.folder == TruthWorld::kHiddenNumber && root != hiddenBy.end()) {
+      brieflyHidden_.insert(record.item);
+      briefRoots_.insert(root->second);
+    }
+  }
 }
 
 // All of the window after those before, in the order of time, for whoever looks for the cause of what is wrong with it.
@@ -130,6 +156,7 @@ std::vector<std::string> TruthJudge::judge(std::vector<TruthRecord> records, con
   records_ = std::move(records);
   events_ = &events;
   chronicle_.take(records_);
+  findBriefMounts();
   if (const char* file = std::getenv("KESTRINE_TRUTH_DUMP"); file != nullptr) dump(file);
   for (const auto& event : events) hear(event, rules);
   for (const auto& record : records_) {
@@ -141,6 +168,8 @@ std::vector<std::string> TruthJudge::judge(std::vector<TruthRecord> records, con
   }
   chronicle_.settle();
   records_.clear();
+  briefRoots_.clear();
+  brieflyHidden_.clear();
   places_.clear();
   folders_.clear();
   return std::exchange(faults_, {});

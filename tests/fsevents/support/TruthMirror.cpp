@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <memory>
 #include <set>
 #include <utility>
@@ -16,7 +17,13 @@ constexpr FSEventStreamEventFlags kWhole = kMustScan | kCreated | kRemoved | kRe
 
 }  // namespace
 
-TruthMirror::TruthMirror(std::string root) : root_(std::move(root)) { visit(root_, true); }
+TruthMirror::TruthMirror(std::string root, std::vector<std::string> excluded) : root_(std::move(root)), excluded_(std::move(excluded)) {
+  visit(root_, true);
+}
+
+bool TruthMirror::isExcluded(const std::string& path) const {
+  return std::find(excluded_.begin(), excluded_.end(), path) != excluded_.end();
+}
 
 bool TruthMirror::look(const std::string& path, Facts& facts) {
   struct stat info {};
@@ -27,7 +34,7 @@ bool TruthMirror::look(const std::string& path, Facts& facts) {
   return true;
 }
 
-void TruthMirror::read(const std::string& folder, Copy& copy) {
+void TruthMirror::read(const std::string& folder, Copy& copy) const {
   const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), ::closedir);
   if (!open) return;
   while (const auto* entry = ::readdir(open.get())) {
@@ -35,7 +42,7 @@ void TruthMirror::read(const std::string& folder, Copy& copy) {
     if (name == "." || name == "..") continue;
     const auto path = folder + "/" + name;
     Facts facts;
-    if (!look(path, facts)) continue;
+    if (isExcluded(path) || !look(path, facts)) continue;
     copy.insert_or_assign(path, facts);
     if (S_ISDIR(facts.mode)) read(path, copy);
   }
@@ -69,7 +76,8 @@ void TruthMirror::visitNames(const std::string& folder) {
   while (const auto* entry = open ? ::readdir(open.get()) : nullptr) {
     const std::string name = entry->d_name;
     // What was known there before is told of by itself.
-    if (name != "." && name != ".." && paths.erase(below + name) == 0) visit(below + name, true);
+    if (name == "." || name == ".." || isExcluded(below + name)) continue;
+    if (paths.erase(below + name) == 0) visit(below + name, true);
   }
   for (const auto& gone : paths) drop(gone);
 }

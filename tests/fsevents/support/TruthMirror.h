@@ -15,7 +15,8 @@ namespace kestrine::test {
 /// its presence counts, since a write through one name is told under that.
 class TruthMirror {
  public:
-  explicit TruthMirror(std::string root);
+  /// What is at or below an excluded path is not looked at.
+  TruthMirror(std::string root, std::vector<std::string> excluded);
   void follow(const std::vector<TimedEvent>& events);
   /// What differs, a line each; at most some. Empty when nothing does.
   [[nodiscard]] std::vector<std::string> differences() const;
@@ -31,13 +32,16 @@ class TruthMirror {
   };
   using Copy = std::map<std::string, Facts>;
   static bool look(const std::string& path, Facts& facts);
-  static void read(const std::string& folder, Copy& copy);
+  void read(const std::string& folder, Copy& copy) const;
   static std::string differ(const Facts& known, const Facts& present);
   void drop(const std::string& path);
   void visit(const std::string& path, bool whole);
   void visitNames(const std::string& folder);
 
+  [[nodiscard]] bool isExcluded(const std::string& path) const;
+
   std::string root_;
+  std::vector<std::string> excluded_;
   /// By path; a folder's content follows it, since '/' is made to sort before every other byte.
   Copy copy_;
 };

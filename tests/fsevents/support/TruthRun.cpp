@@ -40,14 +40,18 @@ TruthRun::TruthRun(Options options)
       watched_(options.folder + "/watched"),
       outside_(options.folder + "/outer"),
       world_(TruthWorld::make()),
-      judge_(watched_) {
+      judge_(watched_, options.exclusions) {
+  for (const auto& path : options.exclusions) exclusions_.push_back(watched_ + path);
   makeFolder(watched_);
   makeFolder(outside_);
   makeFolder(watched_ + TruthJudge::kFlood);
   startWorkers();
-  process_ = std::make_unique<StreamProcess>(StreamProcess::Options{
-      .paths = {watched_}, .source = options.source, .latency = options.latency, .inNamespace = options.inNamespace});
-  mirror_ = std::make_unique<TruthMirror>(watched_);
+  process_ = std::make_unique<StreamProcess>(StreamProcess::Options{.paths = {watched_},
+                                                                    .exclusions = exclusions_,
+                                                                    .source = options.source,
+                                                                    .latency = options.latency,
+                                                                    .inNamespace = options.inNamespace});
+  mirror_ = std::make_unique<TruthMirror>(watched_, exclusions_);
 }
 
 TruthRun::~TruthRun() {
@@ -114,6 +118,7 @@ std::vector<std::string> TruthRun::window(std::size_t changes, const Window& how
   const auto share = static_cast<std::uint32_t>(std::max<std::size_t>(changes / workers_.size(), 1));
   if (how.isUnread) process_->halt();
   world_->hides = how.hides;
+  world_->mounts = how.mounts;
   for (std::size_t i = 0; i < workers_.size(); ++i) {
     world_->quota[i] = share;
     ::sem_post(&world_->begin[i]);
@@ -183,7 +188,7 @@ std::string TruthRun::differenceOfAllMarks() {
   std::string difference;
   static_cast<void>(eventually([&] {
     difference.clear();
-    std::istringstream lines(differenceOfMarks(kernelMarks(process_->pid()), {watched_}));
+    std::istringstream lines(differenceOfMarks(kernelMarks(process_->pid()), {watched_}, exclusions_));
     for (std::string line; std::getline(lines, line);) {
       const bool isOuter = line.starts_with("1 marks") && outer.contains(line.substr(std::min(line.size(), line.rfind("inode "))));
       if (!isOuter) difference += line + "\n";

@@ -29,6 +29,8 @@ class TruthRun {
     /// Lines of shell that run before the stream, in a user namespace of its own.
     std::string inNamespace = {};
     double latency = 0.004;
+    /// Below the watched folder: "/a/b".
+    std::vector<std::string> exclusions = {};
   };
   explicit TruthRun(Options options);
   ~TruthRun();
@@ -47,6 +49,8 @@ class TruthRun {
     bool isUnread = false;
     /// Folders are without any rights for moments.
     bool hides = false;
+    /// File systems are mounted and unmounted; only in a mount namespace of the test's own.
+    bool mounts = false;
     /// Runs while the workers do.
     std::function<void()> meanwhile = {};
   };
@@ -60,6 +64,8 @@ class TruthRun {
   void starve();
   /// What is wrong with the marks; waits for them to become right.
   std::string differenceOfAllMarks();
+  /// Folders in the watched one that are not excluded.
+  [[nodiscard]] std::size_t watchedFolders() const { return countFolders({watched_}, exclusions_); }
   /// Changes that were made, and events that were told of them.
   [[nodiscard]] std::size_t done() const { return done_; }
   [[nodiscard]] std::size_t told() const { return told_; }
@@ -81,6 +87,8 @@ class TruthRun {
   std::mt19937 random_;
   std::string watched_;
   std::string outside_;
+  /// As whole paths.
+  std::vector<std::string> exclusions_;
   TruthWorld* world_;
   std::array<pid_t, TruthWorld::kWorkers> workers_{};
   std::unique_ptr<StreamProcess> process_;

@@ -53,7 +53,7 @@ void TruthWorker::work() {
       Weighed{&TruthWorker::renameFolder, 6},    Weighed{&TruthWorker::dance, 1},         Weighed{&TruthWorker::swapFolders, 1},
       Weighed{&TruthWorker::exchangeFolders, 1}, Weighed{&TruthWorker::replaceFolder, 1}, Weighed{&TruthWorker::removeTree, 3},
       Weighed{&TruthWorker::recreate, 1},        Weighed{&TruthWorker::moveOut, 2},       Weighed{&TruthWorker::moveIn, 2},
-      Weighed{&TruthWorker::makeOutside, 1},     Weighed{&TruthWorker::hideFolder, 1}};
+      Weighed{&TruthWorker::makeOutside, 1},     Weighed{&TruthWorker::hideFolder, 1},    Weighed{&TruthWorker::mountOrUnmount, 1}};
   static const unsigned kAll = [] {
     unsigned all = 0;
     for (const auto& operation : kOperations) all += operation.weight;
@@ -79,19 +79,19 @@ std::string TruthWorker::pathOf(Slot folder) const {
 
 bool TruthWorker::isWithin(Slot folder, Slot above) const {
   for (; folder != above; folder = at(folder).parent) {
-    if (folder <= TruthWorld::kOutside) return false;
+    if (folder < TruthWorld::kFirst) return false;
   }
   return true;
 }
 
 std::size_t TruthWorker::depthOf(Slot folder) const {
   std::size_t depth = 0;
-  for (; folder > TruthWorld::kOutside; folder = at(folder).parent) ++depth;
+  for (; folder >= TruthWorld::kFirst; folder = at(folder).parent) ++depth;
   return depth;
 }
 
 bool TruthWorker::hasFolders(Slot folder) const {
-  return std::any_of(world_.folders.begin() + 2, world_.folders.end(),
+  return std::any_of(world_.folders.begin() + TruthWorld::kFirst, world_.folders.end(),
                      [&](const TruthFolder& other) { return other.isAlive && other.parent == folder; });
 }
 
@@ -99,7 +99,7 @@ bool TruthWorker::isTaken(Slot folder, const TruthName& name) const {
   for (const auto& item : at(folder).items) {
     if (item.kind != TruthItem::Kind::None && item.name == name) return true;
   }
-  return std::any_of(world_.folders.begin() + 2, world_.folders.end(),
+  return std::any_of(world_.folders.begin() + TruthWorld::kFirst, world_.folders.end(),
                      [&](const TruthFolder& other) { return other.isAlive && other.parent == folder && other.name == name; });
 }
 
@@ -107,7 +107,7 @@ bool TruthWorker::isCrowded() const { return world_.alive * 10 > TruthWorld::kFo
 
 TruthWorker::Slot TruthWorker::anyFolder(Slot above) {
   for (int i = 0; i < kTries; ++i) {
-    const auto slot = static_cast<Slot>(2 + pick(TruthWorld::kFolders - 2));
+    const auto slot = static_cast<Slot>(TruthWorld::kFirst + pick(TruthWorld::kFolders - TruthWorld::kFirst));
     if (at(slot).isAlive && isWithin(slot, above)) return slot;
   }
   return kNoSlot;
@@ -121,13 +121,13 @@ TruthWorker::Slot TruthWorker::anyPlace() {
 TruthWorker::Slot TruthWorker::ownPlace() {
   for (int i = 0; i < kTries; ++i) {
     const auto slot = static_cast<Slot>(pick(TruthWorld::kFolders));
-    if (at(slot).isAlive && at(slot).owner == number_) return slot;
+    if (at(slot).isAlive && at(slot).owner == number_ && !isWithin(slot, TruthWorld::kHidden)) return slot;
   }
   return kNoSlot;
 }
 
 TruthWorker::Slot TruthWorker::add(Slot parent, const TruthName& name) {
-  for (Slot slot = 2; slot < TruthWorld::kFolders; ++slot) {
+  for (Slot slot = TruthWorld::kFirst; slot < TruthWorld::kFolders; ++slot) {
     auto& folder = at(slot);
     if (folder.isAlive) continue;
     folder = TruthFolder{};

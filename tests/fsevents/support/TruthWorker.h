@@ -34,6 +34,10 @@ class TruthWorker {
   [[nodiscard]] std::size_t depthOf(Slot folder) const;
   [[nodiscard]] bool isTaken(Slot folder, const TruthName& name) const;
   [[nodiscard]] bool hasFolders(Slot folder) const;
+  /// The root of the mounted file system that the folder lies on; kWatched for that of all the rest.
+  [[nodiscard]] Slot mountOf(Slot folder) const;
+  /// Whether it, or a folder below it, is the root of one.
+  [[nodiscard]] bool hasMounts(Slot folder) const;
   [[nodiscard]] bool isCrowded() const;
   /// A folder that is not the watched or the outer one itself, below `above`; and any, those included. kNoSlot when none was found.
   Slot anyFolder(Slot above);
@@ -75,9 +79,18 @@ class TruthWorker {
   void moveIn();
   void makeOutside();
   void hideFolder();
+  /// Whether the system allows the rename, and the depth. Mounts are not taken along: two queues of the kernel's, which have no order
+  /// between them, tell then of what is above a mount point and of what is below it, so that paths of the moment cannot be known.
+  [[nodiscard]] bool isMovable(Slot folder, Slot target) const;
   bool move(Slot folder, Slot target, const TruthName& name);
   void removeBelow(Slot folder);
   void removeFolder(Slot folder);
+
+  // TruthMounts.cpp: file systems that come and go, with all that is in them.
+  void mountOrUnmount();
+  void mountOn(Slot folder);
+  void unmount(Slot root);
+  void forget(Slot folder);
 
   TruthWorld& world_;
   std::size_t number_;

@@ -22,12 +22,14 @@ TruthWorld* TruthWorld::make() {
   ::pthread_rwlockattr_destroy(&attributes);
   for (auto& semaphore : world->begin) ::sem_init(&semaphore, 1, 0);
   for (auto& semaphore : world->done) ::sem_init(&semaphore, 1, 0);
-  world->lastNumber = kOutsideNumber;
-  world->alive = 2;
-  world->folders[kWatched].isAlive = world->folders[kOutside].isAlive = true;
+  world->lastNumber = kHiddenNumber;
+  world->alive = kFirst;
+  world->folders[kWatched].isAlive = world->folders[kOutside].isAlive = world->folders[kHidden].isAlive = true;
   world->folders[kWatched].number = kWatchedNumber;
   world->folders[kOutside].number = kOutsideNumber;
   world->folders[kOutside].owner = 1;
+  world->folders[kHidden].number = kHiddenNumber;
+  world->folders[kHidden].owner = kWorkers;
   return world;
 }
 

@@ -50,6 +50,8 @@ struct TruthFolder {
   std::uint16_t parent = 0;
   std::uint32_t number = 0;
   TruthName name{};
+  /// Of the root of a mounted file system: the folder that it hides, which has its place again afterwards. Otherwise 0.
+  std::uint16_t hidden = 0;
   std::array<TruthItem, kItems> items{};
 };
 
@@ -64,8 +66,12 @@ struct TruthWorld {
   static constexpr std::size_t kRecords = 65536;
   static constexpr std::uint16_t kWatched = 0;
   static constexpr std::uint16_t kOutside = 1;
+  /// No folder: what is hidden by mounts is kept here.
+  static constexpr std::uint16_t kHidden = 2;
+  static constexpr std::uint16_t kFirst = 3;
   static constexpr std::uint32_t kWatchedNumber = 1;
   static constexpr std::uint32_t kOutsideNumber = 2;
+  static constexpr std::uint32_t kHiddenNumber = 3;
 
   pthread_rwlock_t lock{};
   std::array<sem_t, kWorkers> begin{};
@@ -74,6 +80,8 @@ struct TruthWorld {
   std::array<std::atomic<std::uint32_t>, kWorkers> quota{};
   /// Whether folders lose their rights for moments.
   std::atomic<bool> hides{false};
+  /// Whether file systems are mounted and unmounted.
+  std::atomic<bool> mounts{false};
   /// Why a worker has ended early.
   std::array<std::array<char, 256>, kWorkers> fault{};
 

@@ -1,11 +1,22 @@
 #include "tests/fsevents/support/WorldTest.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <fstream>
 #include <stdexcept>
 
 #include "tests/fsevents/support/MountNamespace.h"
 
 namespace kestrine::test {
+namespace {
+
+void setLimit(const std::string& name, int value) {
+  std::ofstream file("/proc/sys/user/" + name);
+  if (!(file << value << std::flush)) throw std::runtime_error("the limit cannot be set: " + name);
+}
+
+}  // namespace
 
 std::size_t WorldTest::told(const WatchedStream& stream, const std::string& path, FSEventStreamEventFlags flag) {
   const auto events = stream.eventsOf(path);
@@ -61,6 +72,17 @@ std::vector<std::string> WorldTest::listed(WatchedStream& stream, const char* ke
     paths.push_back(entry.isString() ? entry.stringValue() : entry.objectForKey("path").stringValue());
   }
   return paths;
+}
+
+void WorldTest::limitMarks(int value) { setLimit(markLimitOf(GetParam()), value); }
+
+void WorldTest::limitQueues(int value) { setLimit(queueLimitOf(GetParam()), value); }
+
+bool WorldTest::isMarked(const std::string& folder) {
+  struct stat facts {};
+  if (::stat(folder.c_str(), &facts) != 0) return false;
+  const auto marks = kernelMarks();
+  return std::find(marks.begin(), marks.end(), facts.st_ino) != marks.end();
 }
 
 }  // namespace kestrine::test

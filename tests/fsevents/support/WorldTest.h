@@ -28,6 +28,12 @@ class WorldTest : public StreamTest {
   static testing::AssertionResult nothingIsLost(const WatchedStream& stream);
   /// Entries of a list in the status: the "path" of each where they are dictionaries.
   static std::vector<std::string> listed(WatchedStream& stream, const char* key);
+  /// Sets the kernel's limit of marks, or of queues, of the source under test: for a user namespace of the test's own (`inMountNamespace`
+  /// with the rights of an ordinary user), in which nothing counts but what is marked in it.
+  static void limitMarks(int value);
+  static void limitQueues(int value);
+  /// Whether the folder has a mark of this process.
+  static bool isMarked(const std::string& folder);
   static std::int64_t foldersMarked(WatchedStream& stream) {
     return stream.stream().status().objectForKey("foldersMarked").longLongValue();
   }

@@ -12,7 +12,7 @@
 
 #include "platform/fsevents/engine/EngineWindow.h"
 #include "platform/fsevents/engine/HangWatch.h"
-#include "platform/fsevents/status/ShownPath.h"
+#include "platform/fsevents/event/ShownPath.h"
 #include "platform/fsevents/status/StreamStatus.h"
 #include "platform/fsevents/tree/WatchedTree.h"
 

@@ -4,6 +4,8 @@
 #include <functional>
 #include <utility>
 
+#include "platform/fsevents/event/ShownPath.h"
+
 namespace platform::fsevents {
 namespace {
 
@@ -87,7 +89,7 @@ void Coalescer::giveUpLargest() {
 
 void Coalescer::giveUp(std::uint32_t number) {
   Tree& given = tree(number);
-  const std::string root = given.root.empty() ? "/" : given.root;
+  const std::string root = shownPath(given.root);
   const Clock::time_point opened = opened_;
   std::vector<PendingEvent> former = std::exchange(events_, {});
   byPath_.clear();

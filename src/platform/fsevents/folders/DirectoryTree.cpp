@@ -187,4 +187,14 @@ void DirectoryTree::forEachChild(NodeId node, const std::function<void(NodeId)>&
   }
 }
 
+void DirectoryTree::forEachBelow(NodeId top, const std::function<void(NodeId)>& visit) const {
+  std::vector<NodeId> stack{top};
+  while (!stack.empty()) {
+    const NodeId node = stack.back();
+    stack.pop_back();
+    visit(node);
+    forEachChild(node, [&](NodeId child) { stack.push_back(child); });
+  }
+}
+
 }  // namespace platform::fsevents

@@ -60,6 +60,8 @@ class DirectoryTree {
   void forEach(const std::function<void(NodeId)>& visit) const;
   /// The children of `node` in no particular order, detached ones included.
   void forEachChild(NodeId node, const std::function<void(NodeId)>& visit) const;
+  /// `top` and every folder below it, each before what it holds, detached ones included; `visit` must not add, move or remove any.
+  void forEachBelow(NodeId top, const std::function<void(NodeId)>& visit) const;
 
  private:
   struct Node {

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "platform/fsevents/folders/FolderScan.h"
+
 #ifndef STATX_ATTR_MOUNT_ROOT
 #define STATX_ATTR_MOUNT_ROOT 0x00002000
 #endif
@@ -25,8 +27,6 @@ constexpr std::int64_t kAhead = 60'000 * kMillisecond;
 
 constexpr unsigned kWanted =
     STATX_TYPE | STATX_MODE | STATX_INO | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_BTIME | STATX_UID | STATX_GID;
-
-bool isDots(const char* name) { return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')); }
 
 }  // namespace
 

@@ -35,7 +35,7 @@ struct PolledFolder {
   const PolledRegion::Why why;
   /// The folder itself.
   PolledItem self;
-  /// Another was found in its place at the last look.
+  /// Another was found in its place at the last look, or none.
   bool wasDisplaced = false;
   /// Never changed while PolledChanges speaks of it.
   std::shared_ptr<FolderTable> table = std::make_shared<FolderTable>();
@@ -52,7 +52,7 @@ struct PolledFolder {
   bool isWaitedFor = false;
   bool isRemoved = false;
   bool hasFailed = false;
-  /// Its mark stood at the last look, which was to be the last of all and failed if the folder is still here.
+  /// Its mark stands as of this look, which is to be the last of all; that has failed if the folder is still here afterwards.
   bool isMarked = false;
   bool isLeaving = false;
 

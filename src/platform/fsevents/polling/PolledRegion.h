@@ -124,8 +124,8 @@ class PolledRegion {
   /// Returns its number, for `isOver`.
   std::uint32_t hasten();
   [[nodiscard]] bool isOver(std::uint32_t pass) const { return folders_.empty() || seenIn_ >= pass; }
-  /// Begins the pass that is due, or goes on with the one under way, for at most about `slice` (a large folder is sorted in one go: some
-  /// 0.2 s for a million items). Empty the kernel's queues in between. Returns `due()`.
+  /// Begins the pass that is due, or goes on with the one under way, for at most about `slice` (a large folder is sorted in one go).
+  /// Empty the kernel's queues in between. Returns `due()`.
   std::optional<Clock::time_point> work(Host& host, Clock::duration slice);
 
  private:
@@ -179,7 +179,6 @@ class PolledRegion {
   FolderPointer current_;
   FileHandle opened_;
   std::unique_ptr<FolderListing> listing_;
-  bool isMarked_ = false;
   std::unique_ptr<PolledChanges> changes_;
   /// Folders that were found in new places, to be looked at there before the pass tells anything; how often that came round.
   std::vector<FolderPointer> moved_;

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
 #include <utility>
 
+#include "platform/foundation/base/ProcessorTime.h"
 #include "platform/fsevents/event/EventClock.h"
 #include "platform/fsevents/folders/PathOpener.h"
 #include "platform/fsevents/polling/FolderListing.h"
@@ -24,12 +24,6 @@ constexpr std::uint32_t kMostHastened = 20;
 constexpr std::chrono::milliseconds kSoon(5);
 /// How often moved folders are looked at again within one pass, in which more moves may be found.
 constexpr int kMostRounds = 8;
-
-std::chrono::nanoseconds processorTime() {
-  timespec now{};
-  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-}
 
 }  // namespace
 
@@ -91,7 +85,7 @@ void PolledRegion::endPass(Host& host) {
 }
 
 bool PolledRegion::look(Host& host, Clock::time_point end) {
-  const auto cost = processorTime();
+  const auto cost = threadProcessorTime();
   const auto begin = Clock::now();
   bool isInTime = true;
   bool isOver = false;
@@ -101,7 +95,7 @@ bool PolledRegion::look(Host& host, Clock::time_point end) {
     isOver = isOver || (!isLookingAgain_ && changes_->isFull());
     isInTime = Clock::now() < end;
   }
-  cost_ += processorTime() - cost;
+  cost_ += threadProcessorTime() - cost;
   elapsed_ += Clock::now() - begin;
   if (!isOver) return false;
   changes_->arrange();
@@ -167,7 +161,7 @@ bool PolledRegion::openNext(Host& host) {
   if (presence != Presence::Here) return true;
   const bool triesMark = folder->why == Why::MarkRefused && (triesMarks_ || folder->isMarked);
   const Mark mark = triesMark ? host.tryMark(folder->node, opened.fileDescriptor()) : Mark::NotYet;
-  isMarked_ = folder->isMarked = mark == Mark::Stands;
+  folder->isMarked = mark == Mark::Stands;
   triesMarks_ = triesMarks_ && mark != Mark::Refused;
   if (folder->isRemoved) return true;
   current_ = folder;
@@ -204,7 +198,7 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
   PolledComparison comparison;
   if (progress == FolderListing::Progress::Done) {
     offset_ = std::max(offset_, listing_->offset());
-    if (!comparison.compare(*folder, *listing_, {{timeStep_.count(), foreign_}, isMarked_, offset_})) error = errno;
+    if (!comparison.compare(*folder, *listing_, {{timeStep_.count(), foreign_}, folder->isMarked, offset_})) error = errno;
   }
   if (error == 0 && comparison.hasDifferences() && !hasStayed(host, *folder)) {
     missed_.push_back(folder);
@@ -215,7 +209,7 @@ void PolledRegion::lookOn(Host& host, Clock::time_point end) {
     error = listing_->itemError();
     comparison.take(*folder, *listing_);
   }
-  folder->isLeaving = isMarked_ && error == 0;
+  folder->isLeaving = folder->isMarked && error == 0;
   if (folder->isLeaving) leaving_.push_back(folder);
   closeCurrent();
   tellLook(host, folder, comparison, error);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -76,6 +77,10 @@ class ChangeSource {
   [[nodiscard]] virtual std::size_t orphans() const = 0;
   /// An empty queue of the same kind whose keys mean the same; nothing where the source needs none or the kernel refuses.
   [[nodiscard]] virtual std::unique_ptr<ChangeSource> renewed() const { return nullptr; }
+  /// Whether the kernel takes a rename for part of an equal one that is unread, so that it is told once and too early.
+  [[nodiscard]] virtual bool mergesRenames() const { return false; }
+  /// Visits the renames of folders that were read and not yet handed over, in order; for visitors of `dispatch`.
+  virtual void forEachRenameAhead(const Visitor& visit) const { static_cast<void>(visit); }
   /// Whether the kernel names the changed item's own key.
   [[nodiscard]] virtual bool knowsTargets() const = 0;
 
@@ -101,6 +106,10 @@ class ChangeSource {
   virtual std::size_t dispatchOne(char* bytes, std::size_t count, const Visitor& visit, std::optional<Clock::time_point>& wait) = 0;
   /// When the bytes that `dispatchOne` is looking at were read.
   [[nodiscard]] Clock::time_point readAt();
+  /// What was read and not handed over, in two parts, either of which may be empty; it begins with what is being handed over.
+  [[nodiscard]] std::array<std::string_view, 2> unread() const {
+    return {std::string_view(current_.data() + begin_, current_.size() - begin_), std::string_view(backlog_.data(), backlog_.size())};
+  }
   /// Whether more was read than `dispatchOne` is shown; it is shown more when it waits.
   [[nodiscard]] bool hasMore() const { return !backlog_.empty(); }
 

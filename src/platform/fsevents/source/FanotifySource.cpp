@@ -66,6 +66,7 @@ class FanotifySource final : public ChangeSource {
 
   [[nodiscard]] const char* name() const override { return "fanotify"; }
   [[nodiscard]] bool knowsTargets() const override { return true; }
+  [[nodiscard]] bool mergesRenames() const override { return true; }
   [[nodiscard]] std::size_t orphans() const override { return orphans_; }
   // A mark is removed through the folder, and only who may open files by their handles (CAP_DAC_READ_SEARCH) can tell where it went; the
   // kernel removes it with the folder.
@@ -101,14 +102,27 @@ class FanotifySource final : public ChangeSource {
     if (const_cast<FanotifySource*>(this)->makeKey(parent, name, 0, key) != 0) key.clear();  // NOLINT: fills a cache of file systems
   }
 
+  void forEachRenameAhead(const Visitor& visit) const override {
+    bool isCurrent = true;
+    for (std::string_view bytes : unread()) {
+      fanotify_event_metadata event;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the next line
+      for (; readEvent(bytes, event); bytes.remove_prefix(event.event_len)) {
+        if (std::exchange(isCurrent, false) || (event.mask & FAN_RENAME) == 0 || (event.mask & FAN_ONDIR) == 0) continue;
+        RawChange rename;
+        KernelKey keys[3];  // NOLINT(modernize-avoid-c-arrays): folder, new folder, target
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): fills a cache of file systems
+        const_cast<FanotifySource*>(this)->readRecords(bytes.data() + event.metadata_len, event.event_len - event.metadata_len, rename,
+                                                       keys);
+        visit(rename);
+      }
+    }
+  }
+
  protected:
   std::size_t dispatchOne(char* bytes, std::size_t count, const Visitor& visit, std::optional<Clock::time_point>& wait) override {
     static_cast<void>(wait);
-    if (count < sizeof(fanotify_event_metadata)) return count;
-    // Copied: the kernel aligns events to four bytes, the structure wants eight.
     fanotify_event_metadata event;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the next line
-    std::memcpy(&event, bytes, sizeof event);
-    if (event.event_len < sizeof event || event.event_len > count || event.vers != FANOTIFY_METADATA_VERSION) return count;
+    if (!readEvent({bytes, count}, event)) return count;
     RawChange change;
     for (const BitRow& row : kBits) {
       if ((event.mask & row.kernel) != 0) change.bits |= row.ours;
@@ -123,6 +137,13 @@ class FanotifySource final : public ChangeSource {
   }
 
  private:
+  static bool readEvent(std::string_view bytes, fanotify_event_metadata& event) {
+    if (bytes.size() < sizeof event) return false;
+    // Copied: the kernel aligns events to four bytes, the structure wants eight.
+    std::memcpy(&event, bytes.data(), sizeof event);
+    return event.event_len >= sizeof event && event.event_len <= bytes.size() && event.vers == FANOTIFY_METADATA_VERSION;
+  }
+
   bool unmark(std::string_view key, int onFileSystem) {
     if (onFileSystem < 0 || !mayOpenByHandle_ || identificationOnly_ != 0 || key.size() < 2) return false;
     HandleBuffer handle;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the next lines

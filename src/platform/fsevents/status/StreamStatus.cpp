@@ -6,7 +6,7 @@
 
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/value/Dictionary.h"
-#include "platform/fsevents/status/ShownPath.h"
+#include "platform/fsevents/event/ShownPath.h"
 
 namespace platform::fsevents {
 namespace {

@@ -17,9 +17,13 @@ void Unsettled::add(UnsettledPlace place) {
   places_.emplace(std::move(at), std::move(place));
 }
 
-bool Unsettled::hasTarget(std::string_view key) const {
-  const auto first = places_.lower_bound({std::string(key), FolderReference{}, std::string()});
-  return first != places_.end() && first->second.target == key;
+bool Unsettled::hasTarget(std::string_view key, const FolderReference& otherThan, std::string_view name) const {
+  const auto isElsewhere = [&](const UnsettledPlace& place) { return place.folder != otherThan || place.name != name; };
+  for (auto each = places_.lower_bound({std::string(key), FolderReference{}, std::string()}); each != places_.end(); ++each) {
+    if (each->second.target != key) return false;
+    if (isElsewhere(each->second)) return true;
+  }
+  return false;
 }
 
 std::vector<UnsettledPlace> Unsettled::take() {

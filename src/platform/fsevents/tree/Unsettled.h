@@ -46,7 +46,8 @@ class Unsettled {
   void add(UnsettledPlace place);
   [[nodiscard]] bool empty() const { return places_.empty(); }
   [[nodiscard]] std::size_t size() const { return places_.size(); }
-  [[nodiscard]] bool hasTarget(std::string_view key) const;
+  /// Whether the folder of this key is to be looked for at another place than this.
+  [[nodiscard]] bool hasTarget(std::string_view key, const FolderReference& otherThan, std::string_view name) const;
   /// All of them, those of one target in succession, those of none first; the list is empty then.
   std::vector<UnsettledPlace> take();
   void clear() { places_.clear(); }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/foundation/files/Paths.h"
 #include "platform/fsevents/mounts/PathMounts.h"
 
 namespace platform::fsevents {
@@ -31,9 +32,9 @@ std::string plain(const std::string& path) {
 }
 
 void addExclusion(const std::string& root, const std::string& excluded, std::vector<std::string>& list) {
-  if (root == excluded || root.starts_with(excluded + "/")) {
+  if (isAtOrBelowPath(root, excluded)) {
     list.emplace_back();
-  } else if (excluded.starts_with(root + "/")) {
+  } else if (isBelowPath(excluded, root)) {
     list.push_back(excluded.substr(root.size()));
   }
 }

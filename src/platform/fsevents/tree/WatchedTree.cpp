@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/fsevents/event/EventClock.h"
+#include "platform/fsevents/event/LastSource.h"
 #include "platform/fsevents/folders/PathOpener.h"
 
 namespace platform::fsevents {
@@ -53,6 +54,8 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
     // The path's own symbolic links are followed; O_NONBLOCK, so that a pipe in its place holds nobody up.
     FileHandle opened(::open(options_.openPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     const int openError = opened.isOpen() ? 0 : errno;
+    // Said by one that was stopped meanwhile: it answers, be it that nothing is there.
+    status_.losses().end(LossKind::Hang, options_.reportedPath);
     // Also for a missing path: whether it can be watched when it appears is better known now.
     queueError_ = 0;
     source_ = makeSource(queueError_);
@@ -73,8 +76,6 @@ WatchedTree::Attached WatchedTree::attachFrom(FSEventStreamEventFlags report, in
     emptyAt_ = EventClock::now();
     status_.losses().end(LossKind::Rights, options_.reportedPath);
     status_.losses().end(LossKind::InputOutput, options_.reportedPath);
-    // Said by one that was stopped meanwhile: it answers, as has just been seen.
-    status_.losses().end(LossKind::Hang, options_.reportedPath);
     begin(std::move(opened), report);
     if (!refusesSource_) break;
     letGo();
@@ -116,10 +117,7 @@ void WatchedTree::markFile(int file) {
   tree_.setFlags(DirectoryTree::kRoot, kMarked);
 }
 
-const char* WatchedTree::sourceName() const {
-  if (source_) return source_->name();
-  return options_.source == FSEventStreamSource::Fanotify ? "fanotify" : "inotify";
-}
+const char* WatchedTree::sourceName() const { return source_ ? source_->name() : lastSource(options_.source); }
 
 std::unique_ptr<ChangeSource> WatchedTree::makeSource(int& error) {
   using Source = FSEventStreamSource;
@@ -226,6 +224,10 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (retiring_) sooner(retiring_->dispatch(visit));
   if (source_) sooner(source_->dispatch(visit));
   if (!young_.empty() && !hasUnapplied()) young_.clear();
+  if (!trail_.empty() && !hasUnapplied()) {
+    trail_.clear();
+    looksAhead_ = 0;
+  }
   // Not while changes wait behind the first half of a move: they may explain what is in doubt.
   if (!again) resolveUnsettled();
   if (!unsettled_.empty()) sooner(Clock::now() + (isBlind_ ? kBlindPause : kSoon));
@@ -279,6 +281,11 @@ void WatchedTree::processAll() {
 }
 
 void WatchedTree::covered(std::string_view relative) {
+  const std::size_t slash = relative.rfind('/');
+  if (slash == std::string_view::npos) return;
+  if (const NodeId parent = findByPath(relative.substr(0, slash)); parent != kNoNode) {
+    hidden_.insert_or_assign(std::string(relative), std::pair(whereIs(parent), std::string(relative.substr(slash + 1))));
+  }
   const NodeId node = findByPath(relative);
   if (node != kNoNode && node != DirectoryTree::kRoot) forget(node, Why::Left);
   closeFolders();
@@ -288,8 +295,9 @@ void WatchedTree::covered(std::string_view relative) {
 void WatchedTree::uncovered(std::string_view relative) {
   const std::size_t slash = relative.rfind('/');
   if (!attached_ || slash == std::string_view::npos) return;
-  const NodeId parent = findByPath(relative.substr(0, slash));
-  const std::string name(relative.substr(slash + 1));
+  const auto hidden = hidden_.extract(std::string(relative));
+  const NodeId parent = hidden ? find(hidden.mapped().first) : findByPath(relative.substr(0, slash));
+  const std::string name(hidden ? hidden.mapped().second : relative.substr(slash + 1));
   // Nothing in it was seen to come: the mount's end is told, and who is told of it looks.
   if (parent != kNoNode && !isExcluded(parent, name)) takeUp(parent, name, 0);
   closeFolders();

@@ -23,6 +23,7 @@
 #include "platform/fsevents/source/ChangeSource.h"
 #include "platform/fsevents/source/KernelLimits.h"
 #include "platform/fsevents/status/StreamStatus.h"
+#include "platform/fsevents/tree/RenameTrail.h"
 #include "platform/fsevents/tree/TreeOptions.h"
 #include "platform/fsevents/tree/Unsettled.h"
 
@@ -83,8 +84,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool takeMovedFolders() { return std::exchange(movedFolders_, false); }
   /// The places of folders ("/a/b") that could not be entered because something is mounted there, since the last call.
   [[nodiscard]] std::vector<std::string> takeCovered() { return std::exchange(covered_, {}); }
-  /// Places ("/a/b") that a walk does not look into, since something is mounted there: before Linux 6.18 even the look that refuses to
-  /// cross a mount point has an automount mount what it stands for (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
+  /// Places ("/a/b") that a walk does not look into, since something is mounted there: that a look which refuses to cross a mount point
+  /// leaves an automount alone is nowhere promised (openat2(2), RESOLVE_NO_XDEV). Without them nothing is crossed either.
   void avoid(std::set<std::string, std::less<>> mountPoints) { mountPoints_ = std::move(mountPoints); }
   /// Something was mounted on the folder at `relative` ("/a/b"): what it hides is forgotten.
   void covered(std::string_view relative);
@@ -239,11 +240,17 @@ class WatchedTree final : private PolledRegion::Host {
   void folderRemoved(NodeId folder, std::string_view name, std::string_view target);
   void folderRenamed(NodeId from, std::string_view oldName, NodeId to, std::string_view newName, std::string_view target, bool silent);
   void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target = {});
+  // WatchedTreeMerges.cpp: renames that the kernel has merged into earlier ones.
+  void followMerged(const RawChange& rename);
+  /// From where the folder of this key goes away by the next of its renames that was read and not yet applied.
+  [[nodiscard]] std::optional<RenameTrail::Place> nextDeparture(std::string_view target) const;
   void attributesChanged(NodeId node);
 
   /// The node of this key, unless the change that is being applied is older than its being known.
   [[nodiscard]] NodeId findOf(std::string_view key);
   [[nodiscard]] bool mayHaveMovedUnmarked(NodeId node);
+  /// One of those that had this place until another took it.
+  [[nodiscard]] NodeId displacedUnmarked(NodeId folder, std::string_view name);
 
   // WatchedTreePlaces.cpp: settling where a folder is.
   [[nodiscard]] Where whereIs(NodeId node) const;
@@ -255,6 +262,8 @@ class WatchedTree final : private PolledRegion::Host {
   /// The same of one that cannot be opened, by its name in the folder around it.
   Presence presenceOfClosed(NodeId node);
   bool isStillAt(NodeId node) { return presenceOf(node) == Presence::There; }
+  /// Whether the open folder is the one that the tree has as this node; where it has no key, whatever stands at its path is.
+  [[nodiscard]] bool isNode(const FileHandle& opened, NodeId node);
   /// Whether the open folder is where the tree has the node at this moment.
   bool isAtItsPlace(NodeId node, int folder);
   /// What was seen at a place, before the queue was read to its end once more.
@@ -267,8 +276,7 @@ class WatchedTree final : private PolledRegion::Host {
     std::uint64_t openedAt = 0;
     int error = 0;
     KernelKey key;
-    /// The folder of that key, known in another place, is there too; and the target, where it is known.
-    bool isKnownThere = false;
+    /// The target is where it is known.
     bool isTargetThere = false;
     /// Another is there or none, in the folder that the tree has it in.
     bool isTargetGone = false;
@@ -298,8 +306,9 @@ class WatchedTree final : private PolledRegion::Host {
   [[nodiscard]] std::string relativePath(NodeId node) const;
   [[nodiscard]] std::string reportedPathOf(NodeId node) const;
   [[nodiscard]] bool isExcluded(NodeId folder, std::string_view name) const;
-  /// Whether the folder at the place is not to be looked into.
-  [[nodiscard]] bool isLeftOut(NodeId folder, std::string_view name) const;
+  /// Whether the folder at the place is not to be looked into. Takes note of what a mount hides.
+  [[nodiscard]] bool isLeftOut(NodeId folder, std::string_view name);
+  [[nodiscard]] bool isHidden(NodeId folder, std::string_view name);
   FileHandle openFolder(NodeId folder, std::string_view name);
   int rootDescriptor();
   /// Lets go of every folder at the end of a batch, so that what was removed can go and what is mounted can be unmounted.
@@ -360,6 +369,9 @@ class WatchedTree final : private PolledRegion::Host {
   bool rootLostItem_ = false;
   bool movedFolders_ = false;
   std::vector<std::string> covered_;
+  /// Folders that a mount hides, by the path that they had when that was found: in which folder, which may be elsewhere by the time at which
+  /// they are uncovered, and under which name.
+  std::map<std::string, std::pair<Where, std::string>, std::less<>> hidden_;
   Unsettled unsettled_;
   bool isBlind_ = false;
   /// Of folders that were found ahead of the queue: up to where it had been read before the folder was opened, and after it was marked.
@@ -369,6 +381,9 @@ class WatchedTree final : private PolledRegion::Host {
     std::uint64_t marked;
   };
   std::map<NodeId, Youth> young_;
+  /// Of what was read together, and how often what follows in it was searched.
+  RenameTrail trail_;
+  int looksAhead_ = 0;
   /// Grows with every folder that came, went or moved, as the queue tells it.
   std::uint64_t structure_ = 0;
   bool repairing_ = false;

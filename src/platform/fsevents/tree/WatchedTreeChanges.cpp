@@ -113,7 +113,9 @@ void WatchedTree::applyRename(const RawChange& change, bool silent) {
   reportSide(to, change.newName);
   updatePolled(from, change.name, flags);
   updatePolled(to, change.newName, flags);
-  if (change.isDirectory) folderRenamed(from, change.name, to, change.newName, change.target, silent);
+  if (!change.isDirectory) return;
+  folderRenamed(from, change.name, to, change.newName, change.target, silent);
+  followMerged(change);
 }
 
 void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::string_view target) {
@@ -122,7 +124,7 @@ void WatchedTree::folderCreated(NodeId folder, std::string_view name, std::strin
 }
 
 void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target) {
-  if (!mountPoints_.empty() && mountPoints_.contains(relativePath(folder).append("/").append(name))) return;
+  if (isHidden(folder, name)) return;
   if (isBeyondKernel(folder)) {
     takeUpCompared(folder, name, report);
     return;
@@ -130,11 +132,7 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
   // By way of the folder, which may not be where the tree has it: then what stands at that path says nothing.
   const std::uint64_t before = readQueue();
   const FileHandle above = openFolder(folder);
-  KernelKey key;
-  const bool isAboveThere =
-      above.isOpen() &&
-      (tree_.key(folder).empty() || (source_ && source_->keyOf(above.fileDescriptor(), key) == 0 && key.view() == tree_.key(folder)));
-  if (!isAboveThere) {
+  if (!isNode(above, folder)) {
     unsettle(folder, name, target, report);
     return;
   }
@@ -149,6 +147,7 @@ void WatchedTree::takeUp(NodeId folder, std::string_view name, FSEventStreamEven
     return;
   }
   // Asked without a mark: the crawl marks, and says what a refusal means.
+  KernelKey key;
   if (!source_ || source_->keyOf(opened.fileDescriptor(), key) != 0) key.clear();
   const NodeId known = tree_.findByKey(key.view());
   if (known == kNoNode) {
@@ -199,7 +198,7 @@ void WatchedTree::folderRenamed(NodeId from, std::string_view oldName, NodeId to
     if (namesake != kNoNode && (tree_.key(namesake).empty() || mayHaveMovedUnmarked(namesake))) {
       node = namesake;
       isGuess = tree_.key(namesake).empty();
-    } else if (namesake != kNoNode) {
+    } else if (node = displacedUnmarked(from, oldName); node == kNoNode && namesake != kNoNode) {
       unsettle(from, oldName, tree_.key(namesake), flags);
     }
   }
@@ -240,6 +239,14 @@ NodeId WatchedTree::findOf(std::string_view key) {
   const auto youth = young_.find(node);
   const bool isOlder = youth != young_.end() && now < youth->second.opened;
   return isOlder ? kNoNode : node;
+}
+
+NodeId WatchedTree::displacedUnmarked(NodeId folder, std::string_view name) {
+  for (const auto& [node, youth] : young_) {
+    const bool isOfPlace = tree_.isDetached(node) && tree_.parent(node) == folder && tree_.name(node) == name;
+    if (isOfPlace && mayHaveMovedUnmarked(node)) return node;
+  }
+  return kNoNode;
 }
 
 bool WatchedTree::mayHaveMovedUnmarked(NodeId node) {

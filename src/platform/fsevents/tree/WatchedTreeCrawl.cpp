@@ -76,7 +76,7 @@ void WatchedTree::enter(NodeId parent, std::string_view name, FileHandle folder,
   // What the polling compares with is read before the listing: what comes in between is in the listing, and found once more.
   const bool isPolled = !isMarked || options_.policy.isForeign();
   // Its place before and after it was read: what is seen in between is told there, and missed there later.
-  if (isPolled && !isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {
+  if (!isMarked && node != DirectoryTree::kRoot && !isAtItsPlace(node, descriptor)) {
     leftMeanwhile(node, report);
     return;
   }
@@ -111,7 +111,7 @@ NodeId WatchedTree::place(NodeId parent, std::string_view name) {
 
 NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_view key) {
   NodeId known = tree_.findByKey(key);
-  NodeId there = parent == kNoNode ? DirectoryTree::kRoot : tree_.child(parent, name);
+  const NodeId there = parent == kNoNode ? DirectoryTree::kRoot : tree_.child(parent, name);
   if (known != kNoNode && known == there) return there;
   if (parent == kNoNode) {
     if (known == kNoNode) tree_.setKey(there, key);
@@ -128,7 +128,6 @@ NodeId WatchedTree::settle(NodeId parent, std::string_view name, std::string_vie
   if (known != kNoNode && isBeyondKernel(known) && tree_.generation(known) != generation_ && !tree_.isBelowOrSame(parent, known)) {
     forget(known, Why::Left);
     known = kNoNode;
-    there = tree_.child(parent, name);
   }
   if (known != kNoNode && !repairing_) {
     // It has its mark. Changes that were made in its old place may still be in the queue, and the one that brings it here.
@@ -212,15 +211,16 @@ int WatchedTree::list(NodeId node, FileHandle folder, FSEventStreamEventFlags fl
     if (!parent && openParents_ < kMaximumOpenParents) parent = std::make_shared<OpenParent>(std::move(folder), openParents_);
     stack.push_back({node, name, parent, inherited});
   });
-  if (!held.empty()) tellHeld();
-  if (isBeyondKernel(node) && node != DirectoryTree::kRoot) {
-    if (isInPlace && isAtItsPlace(node, descriptor)) return error;
-    stack.erase(stack.begin() + static_cast<std::ptrdiff_t>(pending), stack.end());
-    leftMeanwhile(node, flags);
-    return kLeftMeanwhile;
+  const bool isCompared = isBeyondKernel(node);
+  if (!held.empty() || isCompared) tellHeld();
+  if (isInPlace || node == DirectoryTree::kRoot) return error;
+  if (!isCompared) {
+    unsettle(tree_.parent(node), tree_.name(node), tree_.key(node), flags, true);
+    return error;
   }
-  if (!isInPlace && node != DirectoryTree::kRoot) unsettle(tree_.parent(node), tree_.name(node), tree_.key(node), flags, true);
-  return error;
+  stack.erase(stack.begin() + static_cast<std::ptrdiff_t>(pending), stack.end());
+  leftMeanwhile(node, flags);
+  return kLeftMeanwhile;
 }
 
 }  // namespace platform::fsevents

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/fsevents/event/ShownPath.h"
 #include "platform/fsevents/folders/PathOpener.h"
 #include "platform/fsevents/tree/WatchedTree.h"
 
@@ -18,7 +19,7 @@ std::string WatchedTree::relativePath(NodeId node) const {
 std::string WatchedTree::reportedPathOf(NodeId node) const {
   std::string path = options_.reportedPath;
   tree_.appendPath(node, path);
-  return path.empty() ? "/" : path;
+  return shownPath(path);
 }
 
 bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
@@ -28,10 +29,14 @@ bool WatchedTree::isExcluded(NodeId folder, std::string_view name) const {
   return exclusions_.contain(path);
 }
 
-bool WatchedTree::isLeftOut(NodeId folder, std::string_view name) const {
-  if (exclusions_.empty() && mountPoints_.empty()) return false;
-  const std::string path = relativePath(folder).append("/").append(name);
-  return exclusions_.contain(path) || mountPoints_.contains(path);
+bool WatchedTree::isLeftOut(NodeId folder, std::string_view name) { return isExcluded(folder, name) || isHidden(folder, name); }
+
+bool WatchedTree::isHidden(NodeId folder, std::string_view name) {
+  if (mountPoints_.empty()) return false;
+  std::string path = relativePath(folder).append("/").append(name);
+  if (!mountPoints_.contains(path)) return false;
+  hidden_.insert_or_assign(std::move(path), std::pair(whereIs(folder), std::string(name)));
+  return true;
 }
 
 int WatchedTree::rootDescriptor() {
@@ -55,7 +60,7 @@ FileHandle WatchedTree::openFolder(NodeId folder, std::string_view name) {
 
 void WatchedTree::reportRoot(FSEventStreamEventFlags flags) {
   const FSEventStreamEventFlags items = options_.fileEvents ? ~FSEventStreamEventFlags{0} : 0xFFU;
-  coalescer_.add(number_, options_.reportedPath.empty() ? "/" : options_.reportedPath, flags & items, false);
+  coalescer_.add(number_, shownPath(options_.reportedPath), flags & items, false);
 }
 
 void WatchedTree::reportLoss(LossKind kind, NodeId node, const Explanation& why) {
@@ -85,7 +90,7 @@ void WatchedTree::report(NodeId folder, std::string_view name, FSEventStreamEven
   }
   pathBuffer_.resize(cachedLength_);
   if (!name.empty()) pathBuffer_.append("/").append(name);
-  lastNumber_ = coalescer_.add(number_, pathBuffer_.empty() ? "/" : std::string_view(pathBuffer_), flags, needsKind);
+  lastNumber_ = coalescer_.add(number_, shownPath(pathBuffer_), flags, needsKind);
   lastEpoch_ = coalescer_.epoch();
   lastFolder_ = folder;
   lastName_ = name;

@@ -60,6 +60,12 @@ WatchedTree::Presence WatchedTree::presenceOfClosed(NodeId node) {
   return found.empty() || found.view() == tree_.key(node) ? Presence::There : Presence::Elsewhere;
 }
 
+bool WatchedTree::isNode(const FileHandle& opened, NodeId node) {
+  if (!opened.isOpen()) return false;
+  KernelKey found;
+  return tree_.key(node).empty() || (source_ && source_->keyOf(opened.fileDescriptor(), found) == 0 && found.view() == tree_.key(node));
+}
+
 bool WatchedTree::isAtItsPlace(NodeId node, int folder) {
   const FileHandle there = openFolder(node);
   struct stat expected {};
@@ -162,16 +168,12 @@ bool WatchedTree::lookAt(Look& look) {
   look.openedAt = readQueue();
   const FileHandle above = openFolder(look.folder);
   look.isBlind = look.isBlind || (!above.isOpen() && isShortage(errno));
-  KernelKey key;
-  look.isFolderThere = above.isOpen() && (tree_.key(look.folder).empty() || (source_ && source_->keyOf(above.fileDescriptor(), key) == 0 &&
-                                                                             key.view() == tree_.key(look.folder)));
+  look.isFolderThere = isNode(above, look.folder);
   if (!look.isFolderThere) return true;
   look.opened = openFolderIn(above.fileDescriptor(), look.place.name.c_str());
   look.error = look.opened.isOpen() ? 0 : errno;
   look.isBlind = look.isBlind || isShortage(look.error);
   if (look.opened.isOpen() && source_ && source_->keyOf(look.opened.fileDescriptor(), look.key) != 0) look.key.clear();
-  const NodeId known = tree_.findByKey(look.key.view());
-  look.isKnownThere = known != kNoNode && !tree_.isDetached(known) && isStillAt(known);
   return true;
 }
 
@@ -212,7 +214,8 @@ bool WatchedTree::resolveFound(Look& look) {
     tellPlace(flags);
     return false;
   }
-  if (known == there || look.isKnownThere) return false;
+  // What was resolved before it may have found the folder where it is now.
+  if (known == there || (!tree_.isDetached(known) && isStillAt(known))) return false;
   if (isBeyondKernel(known) && !tree_.isBelowOrSame(look.folder, known)) {
     forget(known, Why::Left);
     crawl(look.folder, look.place.name, std::move(look.opened), look.openedAt, kFSEventStreamEventFlagItemRenamed);
@@ -237,7 +240,9 @@ bool WatchedTree::resolveFound(Look& look) {
 
 void WatchedTree::resolveMissing(Look& look) {
   const NodeId node = tree_.findByKey(look.place.target);
-  if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere || unsettled_.hasTarget(look.place.target)) return;
+  if (node == kNoNode || node == DirectoryTree::kRoot || look.isTargetThere) return;
+  // At the place where it is missing others may ask for it in vain, as long as they lie within it.
+  if (unsettled_.hasTarget(look.place.target, whereIs(tree_.parent(node)), tree_.name(node))) return;
   // What was resolved before it may have found the folder where it is now.
   if (const Presence now = presenceOf(node); now != Presence::Elsewhere) {
     if (now == Presence::Unknown) unsettled_.add(std::move(look.place));

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/fsevents/event/ShownPath.h"
 #include "platform/fsevents/folders/PathOpener.h"
 #include "platform/fsevents/tree/WatchedTree.h"
 
@@ -145,23 +146,17 @@ void WatchedTree::updatePolled(NodeId folder, std::string_view name, FSEventStre
 }
 
 void WatchedTree::polledMoved(NodeId top, const std::string& formerPath) {
-  std::vector<std::pair<NodeId, std::string>> stack{{top, formerPath}};
-  while (!stack.empty()) {
-    const auto [node, path] = std::move(stack.back());
-    stack.pop_back();
-    if ((tree_.flags(node) & kPolled) != 0) region_->moved(node, path);
-    tree_.forEachChild(node, [&, &above = path](NodeId child) { stack.emplace_back(child, above + "/" + std::string(tree_.name(child))); });
-  }
+  const std::size_t length = relativePath(top).size();
+  tree_.forEachBelow(top, [&](NodeId node) {
+    if ((tree_.flags(node) & kPolled) != 0) region_->moved(node, formerPath + relativePath(node).substr(length));
+  });
 }
 
 void WatchedTree::tellPolledRemoved(NodeId top) {
-  std::vector<NodeId> stack{top};
-  while (region_ && !stack.empty()) {
-    const NodeId node = stack.back();
-    stack.pop_back();
-    tree_.forEachChild(node, [&](NodeId child) { stack.push_back(child); });
+  if (!region_) return;
+  tree_.forEachBelow(top, [&](NodeId node) {
     if ((tree_.flags(node) & kPolled) != 0) region_->tellAllRemoved(node, *this);
-  }
+  });
 }
 
 void WatchedTree::changed(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {
@@ -174,7 +169,7 @@ void WatchedTree::changedAt(std::string_view formerPlace, std::string_view name,
   std::string path = options_.reportedPath;
   path.append(formerPlace);
   if (options_.fileEvents) path.append("/").append(name);
-  coalescer_.add(number_, path.empty() ? "/" : path, options_.fileEvents ? flags : 0, false);
+  coalescer_.add(number_, shownPath(path), options_.fileEvents ? flags : 0, false);
 }
 
 void WatchedTree::folderGone(NodeId folder, std::string_view name, FSEventStreamEventFlags flags) {

@@ -1,7 +1,7 @@
 #include <cerrno>
-#include <ctime>
 #include <utility>
 
+#include "platform/foundation/base/ProcessorTime.h"
 #include "platform/fsevents/folders/PathOpener.h"
 #include "platform/fsevents/source/KernelLimits.h"
 #include "platform/fsevents/tree/WatchedTree.h"
@@ -15,12 +15,6 @@ constexpr std::chrono::milliseconds kWalkPause(200);
 constexpr int kRenewalRatio = 1000;
 /// How often the queue is read while folders are marked anew.
 constexpr int kFoldersBetweenDrains = 64;
-
-std::chrono::nanoseconds processorTime() {
-  timespec time{};
-  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
 
 }  // namespace
 
@@ -100,9 +94,9 @@ void WatchedTree::tidy() {
   // A folder that has no place at the moment would be passed over.
   const bool isAtRest = unsettled_.empty() && !hasUnapplied();
   if (!isAtRest || !needsTidying() || Clock::now() < renewNotBefore_) return;
-  const auto before = processorTime();
+  const auto before = threadProcessorTime();
   renewQueue();
-  renewNotBefore_ = Clock::now() + (processorTime() - before) * kRenewalRatio;
+  renewNotBefore_ = Clock::now() + (threadProcessorTime() - before) * kRenewalRatio;
 }
 
 void WatchedTree::renewQueue() {

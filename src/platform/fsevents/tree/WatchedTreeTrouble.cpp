@@ -25,6 +25,7 @@ void WatchedTree::openFailed(NodeId parent, std::string_view name, const std::sh
   if (isCovered(error)) {
     // Something is mounted on it: that is another tree's, and what it hides is taken up when it is uncovered.
     covered_.push_back(relativePath(parent).append("/").append(name));
+    hidden_.insert_or_assign(covered_.back(), std::pair(whereIs(parent), std::string(name)));
     if (const NodeId node = tree_.child(parent, name); node != kNoNode) forget(node, Why::Left);
     return;
   }
@@ -90,13 +91,9 @@ WatchedTree::Trouble& WatchedTree::troubleOf(NodeId node) {
 }
 
 void WatchedTree::troublesMoved(NodeId top) {
-  std::vector<NodeId> stack{top};
-  while (!stack.empty()) {
-    const NodeId node = stack.back();
-    stack.pop_back();
+  tree_.forEachBelow(top, [&](NodeId node) {
     if ((tree_.flags(node) & kTroubled) != 0) static_cast<void>(troubleOf(node));
-    tree_.forEachChild(node, [&](NodeId child) { stack.push_back(child); });
-  }
+  });
 }
 
 void WatchedTree::recovered(NodeId node) {

@@ -1,6 +1,6 @@
 // A stream in a process of its own, driven by lines on its standard input:
 //
-//   StreamHelper SOURCE LATENCY FLAGS PATH...
+//   StreamHelper SOURCE LATENCY FLAGS PATH... -EXCLUDED...
 //
 // It says "ready SOURCE" or "failed REASON", then answers each command with any number of lines and "done". Ends when its input ends.
 
@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -33,7 +34,17 @@ using platform::FSEventStream;
 
 class Helper {
  public:
-  Helper(FSEventStream::Source source, double latency, platform::FSEventStreamCreateFlags flags, std::vector<std::string> paths) {
+  Helper(FSEventStream::Source source, double latency, platform::FSEventStreamCreateFlags flags,
+         const std::vector<std::string>& arguments) {
+    std::vector<std::string> paths;
+    std::vector<std::string> exclusions;
+    for (const auto& argument : arguments) {
+      if (argument.starts_with("-")) {
+        exclusions.push_back(argument.substr(1));
+      } else {
+        paths.push_back(argument);
+      }
+    }
     if (paths.empty()) return;
     stream_ = std::make_unique<FSEventStream>(
         [this](FSEventStream&, std::span<const FSEvent> events) {
@@ -42,6 +53,7 @@ class Helper {
           for (const auto& event : events) events_.emplace_back(event, now);
         },
         std::move(paths), platform::kFSEventStreamEventIdSinceNow, latency, flags, source);
+    if (!exclusions.empty() && !stream_->setExclusionPaths(std::move(exclusions))) throw std::runtime_error("too many exclusions");
   }
 
   int run() {
