@@ -6,6 +6,7 @@
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/value/Dictionary.h"
 #include "tests/foundation/FlushControl.h"
+#include "tests/foundation/PreferencesLimitsFor.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -106,6 +107,22 @@ TEST_F(UserDefaultsFlushes, AreMadeForWhatAnotherHasWritten) {
   EXPECT_EQ(FlushControl::files, 1);
   EXPECT_EQ(FlushControl::folders, 1);
   EXPECT_EQ(readFile(folder_ / "domain.plist"), "<plist><dict><key>key</key><string>value</string></dict></plist>");
+}
+
+TEST_F(UserDefaultsFlushes, OfTheCopyOfADamagedFileComeBeforeItIsReplaced) {
+  const LimitsInForce limits(kSettledAtOnce);
+  writeFile(folder_ / "domain.plist", "no property list");
+  UserDefaults defaults("domain", folder_.path());
+  defaults.setObject_forKey("value", "key");
+  FlushControl::foldersToFail = 1;
+  EXPECT_FALSE(defaults.synchronize());
+  expectNotFlushed(defaults);
+  EXPECT_EQ(readFile(folder_ / "domain.plist"), "no property list");
+  FlushControl::reset();
+  EXPECT_TRUE(defaults.synchronize());
+  EXPECT_EQ(FlushControl::files, 2);
+  EXPECT_EQ(FlushControl::folders, 2);
+  EXPECT_EQ(defaults.objectForKey("key"), Object("value"));
 }
 
 TEST_F(UserDefaultsFlushes, OfNewFoldersAreMadeInThoseAbove) {

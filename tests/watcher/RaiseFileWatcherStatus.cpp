@@ -73,7 +73,7 @@ TEST_F(RaiseFileWatcherStatus, GoesOnTryingWhileTheFlagCannotBeWritten) {
   CapturedLog log;
   const std::string file = platform::preferencesFilePath(kServiceDomain);
   // Nothing can be written in place of a folder, by root neither.
-  makeFolder(file);
+  std::filesystem::create_directories(file);
   {
     const auto events = watch(raiseFileWatcherStatus);
     CDEventsCallback(*events, batchWithFlags({0, 0}));
