@@ -48,7 +48,7 @@ TEST(UserDefaultsLock, IsWaitedForNoLongerThanItsBound) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(defaults.synchronize());
   EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(400));
-  const std::string who = "process " + std::to_string(holder.process().pid()) + " (foundation_test";
+  const std::string who = "process " + std::to_string(holder.process().pid()) + " (";
   ASSERT_TRUE(defaults.lastError());
   EXPECT_EQ(defaults.lastError()->kind, Kind::Locked);
   EXPECT_THAT(defaults.lastError()->reason, testing::HasSubstr(who));
