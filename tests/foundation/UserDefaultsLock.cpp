@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -68,6 +69,25 @@ TEST(UserDefaultsLock, IsWaitedForNoLongerThanItsBound) {
   EXPECT_TRUE(defaults.synchronize());
   EXPECT_FALSE(defaults.lastError());
   EXPECT_EQ(UserDefaults("locked", holder.folder()).objectForKey("key"), Object("new"));
+}
+
+TEST(UserDefaultsLock, IsWaitedForLessLongWhenThatWasInVain) {
+  constexpr milliseconds kBound(600);
+  const LimitsInForce limits({.lock = kBound, .lockSaid = kPatience});
+  StoppedHolder holder;
+  UserDefaults defaults("locked", holder.folder());
+  defaults.setObject_forKey("new", "key");
+  EXPECT_FALSE(defaults.synchronize());
+  auto shortest = std::chrono::steady_clock::duration::max();
+  for (int i = 0; i < 10; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(defaults.synchronize());
+    shortest = std::min(shortest, std::chrono::steady_clock::now() - begin);
+  }
+  EXPECT_LT(shortest, kBound);
+  holder.process().signal(SIGCONT);
+  EXPECT_EQ(holder.process().wait(), 0);
+  EXPECT_TRUE(defaults.synchronize());
 }
 
 TEST(UserDefaultsLock, IsNotWaitedForByReadersOfTheSameObject) {

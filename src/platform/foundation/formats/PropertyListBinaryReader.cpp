@@ -9,6 +9,7 @@
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/formats/PropertyListText.h"
 #include "platform/foundation/formats/PropertyListWriters.h"
+#include "platform/foundation/formats/PropertyListXML.h"
 #include "platform/foundation/text/UTF8.h"
 #include "platform/foundation/value/Dictionary.h"
 
@@ -163,9 +164,7 @@ class BinaryReader {
     const auto high = integer(taken.substr(0, 8));
     if (high == 0) return number(value);
     if (~high == 0 && (value >> 63U) != 0) return Object::numberWithLongLong(static_cast<std::int64_t>(value));
-    std::string digits = digitsOf({high, value});
-    const double nearest = static_cast<double>(static_cast<std::int64_t>(high)) * 0x1p64 + static_cast<double>(value);
-    return Object::numberWithDigits(std::move(digits), nearest);
+    return propertyListInteger(digitsOf({high, value}));
   }
 
   double real(std::uint64_t& at, unsigned low) {

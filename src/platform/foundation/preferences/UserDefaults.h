@@ -56,10 +56,10 @@ class UserDefaults {
   void setObject_forKey(const Object& value, std::string_view key);
   void removeObjectForKey(std::string_view key);
   /// Writes the remembered changes. Costs one stat when the file is the one last read and already holds them; a change that another process
-  /// made since, to the same key too, is noticed and overwritten by ours. Waits 10 s at most for the domain's lock. True when the disk now
-  /// holds our changes, file and folder flushed; false, with the reason in `lastError` and in the log (once per reason), when not: the
-  /// changes stay remembered for the next call (which is true when there are none), but for values that would take the domain beyond the
-  /// bounds of a property list. These are refused alone and forgotten.
+  /// made since, to the same key too, is noticed and overwritten by ours. Waits 10 s at most for the domain's lock, and 1 s when the last
+  /// attempt was in vain. True when the disk now holds our changes, file and folder flushed, or there are none; false, with the reason in
+  /// `lastError` and in the log (once per reason), when not: the changes stay remembered for the next call, but for values that would take
+  /// the domain beyond the bounds of a property list. These are refused alone and forgotten.
   bool synchronize();
 
   /// Reads `key` from disk and, when `decide` returns a value other than nil for it, stores that, all under the domain's lock: no other

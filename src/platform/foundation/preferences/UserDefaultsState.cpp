@@ -112,6 +112,14 @@ void UserDefaultsState::install(const PreferencesFile::Outcome& outcome) {
   if (outcome.contents && outcome.contents->durable) isFlushOwed_ = false;
 }
 
+UserDefaultsState::Clock::time_point UserDefaultsState::endOfWait() {
+  const auto bound = preferencesLimits().lock;
+  const MutexLock lock(mutex_);
+  const bool wasLocked = writeError_ && writeError_->kind == Kind::Locked;
+  // Who has many things to write shall not wait so long for each while somebody keeps the lock.
+  return Clock::now() + (wasLocked ? bound / 10 : bound);
+}
+
 bool UserDefaultsState::isThereAlready() {
   PreferencesSnapshot contents;
   std::uint64_t latest = 0;
@@ -132,7 +140,7 @@ bool UserDefaultsState::isThereAlready() {
 
 bool UserDefaultsState::synchronize() {
   if (isThereAlready()) return true;
-  const auto end = Clock::now() + preferencesLimits().lock;
+  const auto end = endOfWait();
   const Turn turn(*this, end);
   if (!turn.isTaken()) return noteWrite(file_.path(), Turn::notTaken());
   PreferencesChanges pending;
@@ -177,7 +185,7 @@ bool UserDefaultsState::write(const PreferencesChanges& pending, const Preferenc
 
 Object UserDefaultsState::exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed) {
   if (failed != nullptr) *failed = true;
-  const auto end = Clock::now() + preferencesLimits().lock;
+  const auto end = endOfWait();
   const Turn turn(*this, end);
   if (!turn.isTaken()) {
     noteWrite(file_.path(), Turn::notTaken());

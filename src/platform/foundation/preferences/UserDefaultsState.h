@@ -46,6 +46,7 @@ class UserDefaultsState {
     bool isCurrent = false;
   };
 
+  [[nodiscard]] Clock::time_point endOfWait() EXCLUDES(mutex_);
   [[nodiscard]] PreferencesSnapshot known() EXCLUDES(mutex_);
   /// What is on disk, read again if that may be something else.
   Known refreshed(const PreferencesSnapshot& known) EXCLUDES(mutex_);
