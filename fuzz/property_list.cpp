@@ -1,16 +1,15 @@
-// Any bytes are a property list, as XML or binary, or a PropertyListError. What is read can be written, and is then the same again but for
-// the fractions of its dates' seconds, which have no place in a file. Not written is only what has grown beyond the bound on the way: a
-// text or an array that a binary list shares, and escapes.
+// Any bytes are a property list, as XML or binary, or a PropertyListError. What is read can be written, and is then the same again. Not
+// written is only what has grown beyond the bound on the way: a text or an array that a binary list shares, and escapes.
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/PropertyList.h"
+#include "platform/foundation/formats/PropertyListText.h"
 #include "platform/foundation/value/Dictionary.h"
 
 namespace {
@@ -21,27 +20,34 @@ void require(bool holds) {
   if (!holds) std::abort();
 }
 
-/// `value` with its dates in whole seconds. `finite` becomes false when a number in it is not.
-Object inWholeSeconds(const Object& value, bool& finite) {
+/// `value` as an application would store it, with its dates in whole seconds. `storable` becomes false when something in it has no place in
+/// XML.
+Object stored(const Object& value, bool& storable) {
   switch (value.kind()) {
     case Object::Kind::Date:
+      storable = storable && platform::propertyListDateText(value.dateValue());
       return platform::Date{std::floor(value.dateValue().timeIntervalSince1970)};
     case Object::Kind::Number:
-      finite = finite && std::isfinite(value.doubleValue());
+      storable = storable && (!value.numberDigits().empty() || std::isfinite(value.doubleValue()));
       return value;
     case Object::Kind::Array: {
       platform::Array array;
       array.reserve(value.count());
-      for (const Object& each : value.arrayValue()) array.push_back(inWholeSeconds(each, finite));
+      for (const Object& each : value.arrayValue()) array.push_back(stored(each, storable));
       return array;
     }
     case Object::Kind::Dictionary: {
       platform::Dictionary dictionary;
       dictionary.reserve(value.count());
-      for (const auto& [key, each] : value.dictionaryValue()) dictionary.emplace(key, inWholeSeconds(each, finite));
+      for (const auto& [key, each] : value.dictionaryValue()) {
+        storable = storable && platform::isPropertyListText(key);
+        dictionary.emplace(key, stored(each, storable));
+      }
       return dictionary;
     }
     case Object::Kind::String:
+      storable = storable && platform::isPropertyListText(value.stringView());
+      return value;
     case Object::Kind::Data:
       return value;
     default:
@@ -67,15 +73,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const platform::PropertyListError&) {
     return 0;
   }
-  bool finite = true;
-  const Object expected = inWholeSeconds(value, finite);
-  require(valueOf(value) == (finite ? std::optional(expected) : std::nullopt));
+  bool storable = true;
+  const Object expected = stored(value, storable);
+  require(valueOf(value) == (storable ? std::optional(expected) : std::nullopt));
   std::string written;
   try {
     written = platform::writePropertyList(value);
-  } catch (const platform::PropertyListError&) {
+  } catch (const platform::PropertyListError& error) {
+    // Digits of any length have no place beside what only the binary form holds.
+    require(error.kind() == platform::PropertyListError::Kind::TooLarge || !storable);
     return 0;
   }
-  require(platform::readPropertyList(written) == expected);
+  require(platform::readPropertyList(written) == value);
   return 0;
 }

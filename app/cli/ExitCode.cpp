@@ -14,6 +14,7 @@ constexpr ExitNote kExitCodes[] = {
     {ExitCode::TimedOut, "no answer, or no end, within the time allowed"},
     {ExitCode::NoService, "the service is not installed, or does not start"},
     {ExitCode::NotFound, "no such preferences domain or key"},
+    {ExitCode::Damaged, "the file of a preferences domain is damaged"},
 };
 
 }  // namespace

@@ -16,6 +16,7 @@ enum class ExitCode : int {
   TimedOut = 6,
   NoService = 7,
   NotFound = 8,
+  Damaged = 9,
 };
 
 /// An exit code and when a command gives it.

@@ -16,6 +16,9 @@ namespace {
 
 using platform::Object;
 using platform::UserDefaults;
+using Kind = platform::PreferencesError::Kind;
+
+bool isDamage(const platform::PreferencesError& error) { return error.kind == Kind::Damaged || error.kind == Kind::TooLarge; }
 
 constexpr Option kDefaultsOptions[] = {
     {"--type", "TYPE", "what 'write' stores: string (if not given), int, float or bool"},
@@ -25,6 +28,7 @@ constexpr ExitNote kDefaultsExits[] = {
     {ExitCode::Ok, "done"},
     {ExitCode::Failed, "the preferences could not be read or written"},
     {ExitCode::NotFound, "no such domain or key"},
+    {ExitCode::Damaged, "the domain's file is no property list, or too large for one"},
 };
 
 void checkName(const std::string& domain) {
@@ -32,23 +36,29 @@ void checkName(const std::string& domain) {
   throw CommandError(ExitCode::Usage, fmt::format("defaults: '{}' is no name of a domain; it may not be empty or hold '/'", domain));
 }
 
-/// The domain as it is on disk. "It does not exist" and "it may not be read" are different things to the user.
+/// "It does not exist", "it may not be read" and "it is damaged" are different things to the user.
+[[noreturn]] void refuseToRead(const std::string& domain, const platform::PreferencesError& error) {
+  const std::string path = platform::preferencesFilePath(domain);
+  if (error.kind == Kind::NoSuchDomain) {
+    throw CommandError(ExitCode::NotFound,
+                       fmt::format("no preferences domain '{}'; 'kestrine defaults list' names those that exist", domain));
+  }
+  if (isDamage(error)) throw CommandError(ExitCode::Damaged, fmt::format("'{}' holds no preferences: {}", path, error.reason));
+  throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", path, error.reason));
+}
+
+/// The domain as it is on disk.
 Object read(const std::string& domain) {
   checkName(domain);
   auto values = platform::readPreferencesDomain(domain);
-  if (values) return *std::move(values);
-  const platform::PreferencesError& error = values.error();
-  switch (error.kind) {
-    case platform::PreferencesError::Kind::NoSuchDomain:
-      throw CommandError(ExitCode::NotFound,
-                         fmt::format("no preferences domain '{}'; 'kestrine defaults list' names those that exist", domain));
-    case platform::PreferencesError::Kind::Refused:
-      throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be read: {}", platform::preferencesFilePath(domain), error.reason));
-    case platform::PreferencesError::Kind::Damaged:
-      break;
-  }
-  throw CommandError(ExitCode::Failed,
-                     fmt::format("'{}' holds no preferences; the log above says why", platform::preferencesFilePath(domain)));
+  if (!values) refuseToRead(domain, values.error());
+  return *std::move(values);
+}
+
+[[noreturn]] void refuseToWrite(const std::string& domain, std::string_view what, const UserDefaults& defaults) {
+  const auto error = defaults.lastError();
+  throw CommandError(ExitCode::Failed, fmt::format("'{}' cannot be {}: {}", platform::preferencesFilePath(domain), what,
+                                                   error ? error->reason : "the log above says why"));
 }
 
 Object readKey(const std::string& domain, const std::string& key) {
@@ -96,9 +106,7 @@ Object parseValue(const Arguments& arguments, const std::string& text) {
 void store(const std::string& domain, const std::string& key, const Object& value) {
   UserDefaults defaults(domain);
   defaults.setObject_forKey(value, key);
-  if (defaults.synchronize()) return;
-  throw CommandError(ExitCode::Failed,
-                     fmt::format("'{}' cannot be written; the log above says why", platform::preferencesFilePath(domain)));
+  if (!defaults.synchronize()) refuseToWrite(domain, "written", defaults);
 }
 
 void printRead(const Arguments& arguments) {
@@ -119,11 +127,13 @@ void remove(const Arguments& arguments) {
     readKey(operands[1], operands[2]);
     return store(operands[1], operands[2], nullptr);
   }
-  read(operands[1]);
-  if (!UserDefaults::standardUserDefaults().removePersistentDomainForName(operands[1])) {
-    throw CommandError(ExitCode::Failed,
-                       fmt::format("'{}' cannot be removed; the log above says why", platform::preferencesFilePath(operands[1])));
+  checkName(operands[1]);
+  // What is damaged can go as well.
+  if (const auto values = platform::readPreferencesDomain(operands[1]); !values && !isDamage(values.error())) {
+    refuseToRead(operands[1], values.error());
   }
+  UserDefaults& defaults = UserDefaults::standardUserDefaults();
+  if (!defaults.removePersistentDomainForName(operands[1])) refuseToWrite(operands[1], "removed", defaults);
 }
 
 void list(const Arguments& arguments) {

@@ -2,11 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <utility>
 
 #include "contract/SharedPreferences.h"
 #include "contract/SyncFolder.h"
 #include "platform/concurrency/loop/RunLoop.h"
+#include "platform/concurrency/loop/RunLoopTimer.h"
 #include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Contained.h"
@@ -30,6 +32,18 @@ std::vector<platform::URL> listOfURL(const std::string& text) {
   return {*std::move(url)};
 }
 
+/// Nobody may change anything for a long time: a flag that could not be written does not wait for the next event. One timer for the loop.
+void synchronizeLater() {
+  constexpr double kInterval = 1.0;
+  thread_local std::weak_ptr<platform::RunLoopTimer> waiting;
+  if (const auto timer = waiting.lock(); timer && timer->isValid()) return;
+  const auto timer = platform::RunLoopTimer::create(kInterval, 0, [] {
+    if (!platform::UserDefaults::standardUserDefaults().synchronize()) synchronizeLater();
+  });
+  waiting = timer;
+  platform::RunLoop::current()->add(timer);
+}
+
 }  // namespace
 
 platform::FSEventStreamCreateFlags watchCreationFlags(const std::function<bool(std::int32_t major, std::int32_t minor)>& isAtLeast) {
@@ -43,7 +57,7 @@ void raiseFileWatcherStatus(CDEvents& URLWatcher, const std::shared_ptr<const CD
   platform::UserDefaults& defaults = platform::UserDefaults::standardUserDefaults();
   defaults.setObject_forKey(kFlagRaised, kFlagKey);
   platform::NSLog("FileWatcher 1 in filewatcher service");
-  defaults.synchronize();
+  if (!defaults.synchronize()) synchronizeLater();
   platform::NSLog(fmt::format("[Block] URLWatcher: {}\nEvent: {}", URLWatcher.description(), event->description()));
 }
 

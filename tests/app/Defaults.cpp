@@ -83,6 +83,48 @@ TEST(DefaultsCommand, SaysWhenPreferencesCannotBeWritten) {
   EXPECT_THAT(outcome.errorOutput, HasSubstr("Domain.plist' cannot be written"));
 }
 
+TEST(DefaultsCommand, TellsADamagedDomainFromAMissingOneHoweverOftenItIsAsked) {
+  const Sandbox sandbox;
+  ASSERT_EQ(sandbox.run({"defaults", "write", "Damaged", "key", "value"}).status, 0);
+  const std::string path = sandbox.preferences() + "/Damaged.plist";
+  writeFile(path, "no property list");
+  for (int i = 0; i < 2; ++i) {
+    for (const std::vector<std::string>& rest :
+         {std::vector<std::string>{"read", "Damaged"}, {"read", "Damaged", "key"}, {"list", "Damaged"}, {"delete", "Damaged", "key"}}) {
+      std::vector<std::string> command = {"defaults"};
+      command.insert(command.end(), rest.begin(), rest.end());
+      const Outcome outcome = sandbox.run(command);
+      EXPECT_EQ(outcome.status, 9) << rest.front();
+      EXPECT_THAT(outcome.errorOutput, HasSubstr("Damaged.plist' holds no preferences: text between elements"));
+    }
+  }
+  EXPECT_EQ(readFile(path), "no property list");
+  // What is written takes its place, and what is deleted goes; a copy of the damaged file stays.
+  EXPECT_EQ(sandbox.run({"defaults", "write", "Damaged", "key", "new"}).status, 0);
+  EXPECT_EQ(sandbox.run({"defaults", "read", "Damaged", "key"}).output, "new\n");
+  EXPECT_EQ(readFile(path + ".corrupt"), "no property list");
+  writeFile(path, "no property list again");
+  EXPECT_EQ(sandbox.run({"defaults", "delete", "Damaged"}).status, 0);
+  EXPECT_EQ(readFile(path + ".corrupt.2"), "no property list again");
+  EXPECT_EQ(sandbox.run({"defaults", "read", "Damaged"}).status, 8);
+}
+
+TEST(DefaultsCommand, DoesNotWaitForAPipe) {
+  const Sandbox sandbox;
+  ASSERT_EQ(sandbox.run({"defaults", "write", "Other", "key", "value"}).status, 0);
+  ASSERT_EQ(mkfifo((sandbox.preferences() + "/Pipe.plist").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((sandbox.preferences() + "/Locked.plist.lock").c_str(), 0600), 0);
+  for (const std::vector<std::string>& rest : {std::vector<std::string>{"read", "Pipe"},
+                                               {"list", "Pipe"},
+                                               {"write", "Pipe", "key", "value"},
+                                               {"delete", "Pipe"},
+                                               {"write", "Locked", "key", "value"}}) {
+    std::vector<std::string> command = {"defaults"};
+    command.insert(command.end(), rest.begin(), rest.end());
+    EXPECT_EQ(sandbox.run(command).status, 1) << rest.front() << " " << rest[1];
+  }
+}
+
 TEST(DefaultsCommand, TellsAForbiddenFileFromAMissingOne) {
   if (geteuid() == 0) GTEST_SKIP() << "left out: a preferences file without permission, because root may read every file";
   const Sandbox sandbox;

@@ -12,6 +12,7 @@
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/preferences/PreferencesFolder.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrine::test {
@@ -30,13 +31,6 @@ Status statusOf(const std::string& path) {
   struct stat status {};
   EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
   return {status.st_ino, status.st_mode & 07777U};
-}
-
-std::vector<std::string> namesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 TEST(UserDefaults, RemembersAValueUntilItIsSynchronized) {

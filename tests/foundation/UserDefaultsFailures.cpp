@@ -8,6 +8,7 @@
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "tests/foundation/PreferencesLimitsFor.h"
 #include "tests/foundation/UserDefaultsHelper.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -18,45 +19,56 @@ using platform::Dictionary;
 using platform::Object;
 using platform::UserDefaults;
 
-TEST(UserDefaultsFailures, MoveACorruptFileAsideSayItAndCountItAsEmpty) {
+TEST(UserDefaultsFailures, KeepACorruptFileAsideSayItAndCountItAsEmpty) {
+  const LimitsInForce limits(kSettledAtOnce);
   const TemporaryDirectory folder;
   testing::internal::CaptureStderr();
   UserDefaults reader("domain", folder.path());
   writeFile(folder / "domain.plist", "no property list");
   EXPECT_TRUE(reader.objectForKey("key").isNil());
-  EXPECT_FALSE(std::filesystem::exists(folder / "domain.plist"));
-  EXPECT_EQ(readFile(folder / "domain.plist.corrupt"), "no property list");
-  writeFile(folder / "domain.plist", "<plist><array/></plist>");
+  EXPECT_EQ(readFile(folder / "domain.plist"), "no property list");
   UserDefaults writer("domain", folder.path());
   writer.setObject_forKey("value", "key");
   EXPECT_TRUE(writer.synchronize());
-  EXPECT_EQ(readFile(folder / "domain.plist.corrupt.2"), "<plist><array/></plist>");
   EXPECT_EQ(readFile(folder / "domain.plist.corrupt"), "no property list");
   EXPECT_EQ(reader.objectForKey("key"), Object("value"));
+
+  writeFile(folder / "domain.plist", "<plist><array/></plist>");
+  EXPECT_EQ(reader.objectForKey("key"), Object("value"));
+  UserDefaults newWriter("domain", folder.path());
+  EXPECT_TRUE(newWriter.objectForKey("key").isNil());
+  newWriter.setObject_forKey("new", "other");
+  EXPECT_TRUE(newWriter.synchronize());
+  EXPECT_EQ(readFile(folder / "domain.plist.corrupt.2"), "<plist><array/></plist>");
+  EXPECT_EQ(readFile(folder / "domain.plist.corrupt"), "no property list");
+  EXPECT_TRUE(reader.objectForKey("key").isNil());
+  EXPECT_EQ(reader.objectForKey("other"), Object("new"));
   EXPECT_EQ(reader.persistentDomainNames(), std::vector<std::string>({"domain"}));
   platform::flushLog();
   EXPECT_EQ(occurrences(testing::internal::GetCapturedStderr(), "are no property list"), 2);
 }
 
 TEST(UserDefaultsFailures, KeepABoundedNumberOfCorruptFiles) {
+  const LimitsInForce limits(kSettledAtOnce);
   const TemporaryDirectory folder;
   testing::internal::CaptureStderr();
   UserDefaults defaults("domain", folder.path());
   for (int i = 0; i < 110; ++i) {
     writeFile(folder / "domain.plist", "corrupt " + std::to_string(i));
-    EXPECT_TRUE(defaults.objectForKey("key").isNil());
+    defaults.setObject_forKey(Object::numberWithLongLong(i), "key");
+    EXPECT_TRUE(defaults.synchronize());
   }
   platform::flushLog();
   EXPECT_EQ(occurrences(testing::internal::GetCapturedStderr(), "are no property list"), 110);
   const auto files = std::distance(std::filesystem::directory_iterator(folder.path()), std::filesystem::directory_iterator());
-  EXPECT_EQ(files, 101);  // 100 of them and the lock file
+  EXPECT_EQ(files, 102);  // 100 of them, the file and the lock file
   EXPECT_EQ(readFile(folder / "domain.plist.corrupt"), "corrupt 0");
   EXPECT_EQ(readFile(folder / "domain.plist.corrupt.100"), "corrupt 109");
 }
 
 TEST(UserDefaultsFailures, SurviveHostileFiles) {
+  const LimitsInForce limits(kSettledAtOnce);
   const TemporaryDirectory folder;
-  UserDefaults defaults("domain", folder.path());
   std::string deep = "<plist><dict><key>a</key>";
   for (int i = 0; i < 100000; ++i) deep += "<array>";
   using namespace std::string_literals;
@@ -66,14 +78,16 @@ TEST(UserDefaultsFailures, SurviveHostileFiles) {
       "",   "\0"s, "<plist><dict><key>a</key><string>" + std::string(20U << 20U, 'a') + "</string></dict></plist>"};
   int number = 1;
   for (const auto& each : hostile) {
+    UserDefaults defaults("domain", folder.path());
     writeFile(folder / "domain.plist", each);
     EXPECT_TRUE(defaults.objectForKey("a").isNil());
+    EXPECT_EQ(std::filesystem::file_size(folder / "domain.plist"), each.size());
+    defaults.setObject_forKey("value", "a");
+    EXPECT_TRUE(defaults.synchronize());
     EXPECT_EQ(std::filesystem::file_size(folder / ("domain.plist.corrupt" + (number == 1 ? "" : "." + std::to_string(number)))),
               each.size());
     ++number;
   }
-  defaults.setObject_forKey("value", "a");
-  EXPECT_TRUE(defaults.synchronize());
 }
 
 TEST(UserDefaultsFailures, RefuseToWriteMoreThanCouldBeReadAgain) {
@@ -176,6 +190,14 @@ TEST(UserDefaultsFailures, SurviveAFullDisk) {
             "small written: yes\nlarge written: no\nlarge written: no\nlarge written: no\nstill there: small\nsmall written again: yes\n"
             "large written again: no\n");
   EXPECT_EQ(occurrences(outcome.errorOutput, "full.plist cannot be written"), 2) << outcome.errorOutput;
+}
+
+TEST(UserDefaultsFailures, SurviveTheSignalOfALimitOfFileSizesAndLeaveNothing) {
+  const TemporaryDirectory folder;
+  const auto outcome = runHelper({.name = "exceedLimitUnprepared", .folder = folder.path()});
+  EXPECT_EQ(outcome.status, 0) << outcome.output << outcome.errorOutput;
+  EXPECT_EQ(outcome.output, "written: no\nwriting the temporary file: File too large\n");
+  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) EXPECT_EQ(entry.path().filename(), "full.plist.lock");
 }
 
 TEST(UserDefaultsFailures, SurviveALimitOfFileSizesAndWriteLater) {

@@ -8,15 +8,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "tests/foundation/UserDefaultsModel.h"
 
 namespace kestrine::test {
 
@@ -147,10 +150,73 @@ void exceedLimit(const HelperJob& job) {
   say("large written without limit: " + yesOrNo(defaults.synchronize()));
 }
 
+/// As an editor that opens the file for writing, truncates it and writes it in pieces: "1" to `count`, and takes its time in between.
+void editInPlace(const HelperJob& job) {
+  for (int round = 1; round <= job.count; ++round) {
+    const std::string text = "<plist><dict><key>key</key><string>" + std::to_string(round) + "</string></dict></plist>";
+    const int file = open((job.folder + "/edited.plist").c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    if (file < 0) throw std::runtime_error("the file is not there");
+    usleep(500);
+    for (std::size_t at = 0; at < text.size(); at += 20) {
+      const auto piece = text.substr(at, 20);
+      if (write(file, piece.data(), piece.size()) != static_cast<ssize_t>(piece.size())) throw std::runtime_error("not written");
+      usleep(300);
+    }
+    close(file);
+  }
+}
+
+/// Is stopped with the lock, and when it goes on gives it back.
+void stopWithTheLock(const HelperJob& job) {
+  UserDefaults defaults("locked", job.folder);
+  defaults.exchange("key", [](const Object&) {
+    say("holding");
+    raise(SIGSTOP);
+    return Object();
+  });
+}
+
+/// Makes a child while it has the lock, says its number and waits to be killed. So does the child.
+void forkWithTheLock(const HelperJob& job) {
+  UserDefaults defaults("locked", job.folder);
+  defaults.exchange("key", [](const Object&) {
+    const pid_t child = fork();
+    if (child != 0) say(std::to_string(child) + "\nforked");
+    while (true) pause();
+    return Object();
+  });
+}
+
+/// One write that the limit of file sizes stops, with the signal as every program finds it.
+void exceedLimitUnprepared(const HelperJob& job) {
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  limit.rlim_cur = 4096;
+  setrlimit(RLIMIT_FSIZE, &limit);
+  UserDefaults defaults("full", job.folder);
+  defaults.setObject_forKey(std::string(200000, 'x'), "large");
+  say("written: " + yesOrNo(defaults.synchronize()));
+  say(defaults.lastError() ? defaults.lastError()->reason : "no reason");
+}
+
+/// Writes one key as the user that it becomes.
+void writeOneKey(const HelperJob& job) {
+  UserDefaults defaults("domain", job.folder);
+  defaults.setObject_forKey("of the user", "user");
+  say("written: " + yesOrNo(defaults.synchronize()));
+}
+
 constexpr struct {
   const char* name;
   void (*run)(const HelperJob&);
 } kJobs[] = {
+    {"workOnTheModel", workOnTheModel},
+    {"cutThePower", cutThePower},
+    {"editInPlace", editInPlace},
+    {"stopWithTheLock", stopWithTheLock},
+    {"forkWithTheLock", forkWithTheLock},
+    {"exceedLimitUnprepared", exceedLimitUnprepared},
+    {"writeOneKey", writeOneKey},
     {"writeForEver", writeForEver},
     {"raiseFlags", raiseFlags},
     {"writeWithoutRights", writeWithoutRights},
@@ -226,6 +292,13 @@ void giveToUnprivileged(const std::string& folder, unsigned permissions) {
 
 void useMemoryForTemporaryFolders() {
   if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+}
+
+std::vector<std::string> namesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 int occurrences(const std::string& text, const std::string& piece) {

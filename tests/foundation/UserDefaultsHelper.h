@@ -32,6 +32,9 @@ void giveToUnprivileged(const std::string& folder, unsigned permissions);
 /// tests of syncing.
 void useMemoryForTemporaryFolders();
 
+/// What is in the folder, sorted.
+std::vector<std::string> namesIn(const std::string& folder);
+
 /// How often `piece` stands in `text`.
 int occurrences(const std::string& text, const std::string& piece);
 

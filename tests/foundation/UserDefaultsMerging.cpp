@@ -58,6 +58,22 @@ TEST(UserDefaultsMerging, OverwritesAnotherWritersValueOfTheSameKey) {
   }
 }
 
+TEST(UserDefaultsMerging, WritesAgainWhatAnotherHasResetWithoutReadingItBefore) {
+  useMemoryForTemporaryFolders();
+  const TemporaryDirectory folder;
+  UserDefaults service("domain", folder.path());
+  UserDefaults application("domain", folder.path());
+  for (int round = 0; round < 50; ++round) {
+    for (int event = 0; event < 3; ++event) {
+      service.setObject_forKey("1", "flag");
+      ASSERT_TRUE(service.synchronize());
+    }
+    ASSERT_EQ(application.exchange("flag", [](const Object&) { return Object("0"); }), Object("1")) << "round " << round;
+    // Until the version that the service wrote last is old enough to be believed at a glance.
+    if (round % 10 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+}
+
 TEST(UserDefaultsMerging, SeesARemovedFile) {
   const TemporaryDirectory folder;
   UserDefaults service("domain", folder.path());

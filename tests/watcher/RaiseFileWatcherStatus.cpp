@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/value/Dictionary.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"
@@ -64,6 +67,20 @@ TEST_F(RaiseFileWatcherStatus, TreatsAllEventsAlike) {
   // Nothing, history done, dropped by the user's and by the kernel's side, root changed, mounted, a bit without a meaning.
   CDEventsCallback(*events, batchWithFlags({0x0, 0x10, 0x3, 0x5, 0x20, 0x40, 0x80000000}));
   EXPECT_EQ(writes, 7);
+}
+
+TEST_F(RaiseFileWatcherStatus, GoesOnTryingWhileTheFlagCannotBeWritten) {
+  CapturedLog log;
+  const std::string file = platform::preferencesFilePath(kServiceDomain);
+  // Nothing can be written in place of a folder, by root neither.
+  std::filesystem::create_directories(file);
+  {
+    const auto events = watch(raiseFileWatcherStatus);
+    CDEventsCallback(*events, batchWithFlags({0, 0}));
+  }
+  EXPECT_TRUE(statusOnDisk().isNil());
+  std::filesystem::remove(file);
+  EXPECT_TRUE(runLoopUntil([] { return statusOnDisk() == Object("1"); }));
 }
 
 TEST_F(RaiseFileWatcherStatus, StoresNothingElse) {

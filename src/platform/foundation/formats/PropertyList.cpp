@@ -6,6 +6,7 @@
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/formats/PropertyListText.h"
+#include "platform/foundation/formats/PropertyListWriters.h"
 #include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
@@ -20,6 +21,7 @@ Object integerValue(std::uint64_t value) {
 }
 
 Object numberValue(const Object& number) {
+  if (!number.numberDigits().empty()) return number;
   const auto type = number.numberType();
   if (type == NumberType::Bool) return Object::numberWithBool(number.boolValue());
   if (type == NumberType::UnsignedLongLong) return integerValue(number.unsignedLongLongValue());
@@ -32,6 +34,18 @@ Object numberValue(const Object& number) {
 Object dateValue(Date date) {
   if (!propertyListDateText(date)) refuse("a date outside the years 1 to 9999");
   return Date{std::floor(date.timeIntervalSince1970)};
+}
+
+Object normalised(const Object& value, int depth);
+
+/// The outermost key is the one that the caller knows.
+Object normalisedUnder(const std::string& key, const Object& value, int depth) {
+  try {
+    return normalised(value, depth);
+  } catch (const Exception& refusal) {
+    if (depth > 1) throw;
+    throw Exception(refusal.name(), refusal.reason() + ", under the key \"" + key + "\"");
+  }
 }
 
 Object normalised(const Object& value, int depth) {
@@ -57,7 +71,7 @@ Object normalised(const Object& value, int depth) {
       Dictionary dictionary;
       for (const auto& [key, entry] : value.dictionaryValue()) {
         requirePropertyListText(key);
-        dictionary.emplace_hint(dictionary.end(), key, normalised(entry, depth + 1));
+        dictionary.emplace_hint(dictionary.end(), key, normalisedUnder(key, entry, depth + 1));
       }
       return dictionary;
     }
@@ -77,6 +91,13 @@ Object normalised(const Object& value, int depth) {
 
 Object readPropertyList(std::string_view bytes) {
   return bytes.starts_with("bplist") ? readBinaryPropertyList(bytes) : readXMLPropertyList(bytes);
+}
+
+std::string writePropertyList(const Object& value) {
+  for (const bool spacious : {true, false}) {
+    if (auto text = writeXMLPropertyList(value, spacious)) return *std::move(text);
+  }
+  return writeBinaryPropertyList(value);
 }
 
 Object propertyListValue(const Object& value) { return normalised(value, 0); }

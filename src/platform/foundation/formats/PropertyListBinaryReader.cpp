@@ -8,16 +8,19 @@
 
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/formats/PropertyListText.h"
+#include "platform/foundation/formats/PropertyListWriters.h"
+#include "platform/foundation/formats/PropertyListXML.h"
+#include "platform/foundation/text/UTF8.h"
 #include "platform/foundation/value/Dictionary.h"
 
 namespace platform {
 
 namespace {
 
-/// Dates are counted from 2001-01-01T00:00:00Z.
-constexpr double kReferenceDate = 978307200;
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kTrailerSize = 32;
+/// The top, and a key with each value.
+constexpr std::size_t kObjectsAtMost = 2 * kPropertyListMaximumCount + 1;
 
 /// Objects are found through a table of offsets, so a hostile list can make one object contain itself, share one among many or lay many
 /// over the same bytes. Each is read once; the depth, the number of values with shared ones counted wherever they appear, and the sum of
@@ -25,7 +28,7 @@ constexpr std::size_t kTrailerSize = 32;
 class BinaryReader {
  public:
   explicit BinaryReader(std::string_view bytes) : bytes_(bytes) {
-    if (bytes.size() > kPropertyListMaximumSize) fail("larger than a property list may be");
+    PropertyListBounds::size(bytes.size());
     if (bytes.size() < kHeaderSize + kTrailerSize || !bytes.starts_with("bplist0")) fail("no header or no trailer");
     const std::string_view trailer = bytes.substr(bytes.size() - kTrailerSize);
     offsetSize_ = integer(trailer.substr(6, 1));
@@ -36,7 +39,7 @@ class BinaryReader {
     const auto tableEnd = bytes.size() - kTrailerSize;
     if (offsetSize_ < 1 || offsetSize_ > 8 || referenceSize_ < 1 || referenceSize_ > 8) fail("bad integer sizes");
     if (table < kHeaderSize || table > tableEnd || objects > (tableEnd - table) / offsetSize_ || top_ >= objects) fail("a bad table");
-    if (objects > kPropertyListMaximumCount) fail("too many values");
+    if (objects > kObjectsAtMost) PropertyListBounds::refuse("too many values");
     objectsEnd_ = table;
     offsets_ = bytes.substr(table, objects * offsetSize_);
     read_.resize(objects);
@@ -82,7 +85,7 @@ class BinaryReader {
       readInto(entry, integer(offsets_.substr(index * offsetSize_, offsetSize_)), depth);
       entry.state = State::Read;
     }
-    if (depth + entry.height > kPropertyListMaximumDepth) fail("nested too deeply");
+    if (entry.height > 0) PropertyListBounds::enter(static_cast<std::size_t>(depth + entry.height - 1));
     return entry;
   }
 
@@ -114,12 +117,14 @@ class BinaryReader {
         entry.value = text(std::string(take(at, size(at, low))));
         return;
       case 0x6:
-        entry.value = text(fromUTF16(take(at, doubled(size(at, low)))));
+        entry.value = text(utf8FromUTF16(take(at, doubled(size(at, low))), false));
         return;
+      case 0x8:
+        return readIdentifier(entry, at, low);
       case 0xA:
-        return readArray(entry, at, size(at, low), depth);
+        return readArray(entry, at, low, depth);
       case 0xD:
-        return readDictionary(entry, at, size(at, low), depth);
+        return readDictionary(entry, at, low, depth);
       default:
         fail("an object of no known kind");
     }
@@ -137,14 +142,29 @@ class BinaryReader {
     return 2 * size;
   }
 
-  // Up to four bytes are unsigned, eight are signed, and sixteen hold what eight cannot.
+  // An identifier has no element of its own in XML: there it is this dictionary.
+  void readIdentifier(Entry& entry, std::uint64_t& at, unsigned low) {
+    if (low > 7) fail("a bad identifier");
+    entry.value = Dictionary{{"CF$UID", number(integer(take(at, low + 1)))}};
+    entry.height = 1;
+    entry.count = 2;
+  }
+
+  static Object number(std::uint64_t value) {
+    if (value > std::uint64_t{std::numeric_limits<std::int64_t>::max()}) return Object::numberWithUnsignedLongLong(value);
+    return Object::numberWithLongLong(static_cast<std::int64_t>(value));
+  }
+
+  // Up to four bytes are unsigned, eight are signed, and sixteen, signed too, hold what eight cannot.
   Object number(std::uint64_t& at, unsigned low) {
     if (low > 4) fail("a bad integer");
     const auto taken = take(at, 1ULL << low);
     const auto value = integer(low == 4 ? taken.substr(8) : taken);
-    if (low == 4 && integer(taken.substr(0, 8)) != 0) fail("an integer of more than 64 bits");
-    if (low == 4 && value > std::uint64_t{std::numeric_limits<std::int64_t>::max()}) return Object::numberWithUnsignedLongLong(value);
-    return Object::numberWithLongLong(static_cast<std::int64_t>(value));
+    if (low < 4) return Object::numberWithLongLong(static_cast<std::int64_t>(value));
+    const auto high = integer(taken.substr(0, 8));
+    if (high == 0) return number(value);
+    if (~high == 0 && (value >> 63U) != 0) return Object::numberWithLongLong(static_cast<std::int64_t>(value));
+    return propertyListInteger(digitsOf({high, value}));
   }
 
   double real(std::uint64_t& at, unsigned low) {
@@ -154,20 +174,18 @@ class BinaryReader {
   }
 
   static Object date(double sinceReference) {
-    const Date date{sinceReference + kReferenceDate};
-    if (!propertyListDateText(date)) fail("a date outside the years 1 to 9999");
+    const Date date{sinceReference + kPropertyListReferenceDate};
+    if (!std::isfinite(date.timeIntervalSince1970)) fail("a date that is not finite");
     return date;
   }
 
   static Object text(std::string text) {
-    if (!isPropertyListText(text)) fail("text that is not Unicode or has forbidden characters");
+    if (!isUTF8(text)) fail("text that is not Unicode");
     return text;
   }
 
-  static std::string fromUTF16(std::string_view units);
-
   std::vector<std::uint64_t> references(std::uint64_t& at, std::uint64_t count) {
-    if (count > kPropertyListMaximumCount) fail("too many values");
+    if (count > kPropertyListMaximumCount) PropertyListBounds::refuse("too many values");
     const auto taken = take(at, count * referenceSize_);
     std::vector<std::uint64_t> found(count);
     for (std::size_t i = 0; i < count; ++i) found[i] = integer(taken.substr(i * referenceSize_, referenceSize_));
@@ -179,35 +197,37 @@ class BinaryReader {
     const Entry& inner = object(index, depth + 1);
     entry.height = std::max(entry.height, inner.height + 1);
     entry.count += inner.count;
-    if (entry.count > kPropertyListMaximumCount) fail("too many values");
+    if (entry.count > kPropertyListMaximumCount) PropertyListBounds::refuse("too many values");
     return inner.value;
   }
 
-  void readArray(Entry& entry, std::uint64_t at, std::uint64_t count, int depth) {
+  void readArray(Entry& entry, std::uint64_t at, unsigned low, int depth) {
     enter(entry, depth);
-    const auto indexes = references(at, count);
+    const auto indexes = references(at, size(at, low));
     Array array;
     array.reserve(indexes.size());
     for (const auto index : indexes) array.push_back(part(entry, index, depth));
     entry.value = std::move(array);
   }
 
-  void readDictionary(Entry& entry, std::uint64_t at, std::uint64_t count, int depth) {
+  void readDictionary(Entry& entry, std::uint64_t at, unsigned low, int depth) {
     enter(entry, depth);
+    const std::uint64_t count = size(at, low);
     const auto keys = references(at, count);
     const auto values = references(at, count);
     std::vector<Dictionary::value_type> entries;
     entries.reserve(keys.size());
     for (std::size_t i = 0; i < count; ++i) {
-      const Object& key = part(entry, keys[i], depth);
+      const Object& key = object(keys[i], depth + 1).value;
       if (!key.isString()) fail("a key that is not text");
+      bounds_.key(key.stringView().size());
       entries.emplace_back(key.stringView(), part(entry, values[i], depth));
     }
     entry.value = Dictionary::withEntries(std::move(entries));
   }
 
   static void enter(Entry& entry, int depth) {
-    if (depth == kPropertyListMaximumDepth) fail("nested too deeply");
+    PropertyListBounds::enter(static_cast<std::size_t>(depth));
     entry.height = 1;
   }
 
@@ -218,22 +238,9 @@ class BinaryReader {
   std::uint64_t top_ = 0;
   std::uint64_t objectsEnd_ = 0;
   std::uint64_t taken_ = 0;
+  PropertyListBounds bounds_;
   std::vector<Entry> read_;
 };
-
-std::string BinaryReader::fromUTF16(std::string_view units) {
-  std::string text;
-  const auto unit = [units](std::size_t i) { return static_cast<std::uint32_t>(integer(units.substr(i, 2))); };
-  for (std::size_t i = 0; i < units.size(); i += 2) {
-    std::uint32_t character = unit(i);
-    if ((character & 0xFC00U) == 0xD800U && i + 2 < units.size() && (unit(i + 2) & 0xFC00U) == 0xDC00U) {
-      character = 0x10000 + ((character & 0x3FFU) << 10U | (unit(i + 2) & 0x3FFU));
-      i += 2;
-    }
-    appendCharacter(text, character);
-  }
-  return text;
-}
 
 }  // namespace
 

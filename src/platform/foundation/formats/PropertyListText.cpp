@@ -38,6 +38,11 @@ bool isPropertyListCharacter(char32_t character) {
 bool isPropertyListText(std::string_view text) {
   char32_t character = 0;
   while (!text.empty()) {
+    // Nearly all of nearly every text.
+    if (text.front() >= 0x20) {
+      text.remove_prefix(1);
+      continue;
+    }
     const std::size_t length = utf8Decode(text, character);
     if (length == 0 || !isPropertyListCharacter(character)) return false;
     text.remove_prefix(length);
@@ -63,6 +68,85 @@ void appendCharacter(std::string& text, std::uint32_t character) {
     putTail(6);
     putTail(0);
   }
+}
+
+bool isASCIIText(std::string_view text) {
+  return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+std::string utf8FromUTF16(std::string_view units, bool littleEndian) {
+  const auto unit = [units, littleEndian](std::size_t i) {
+    const auto first = static_cast<unsigned char>(units[i]);
+    const auto second = static_cast<unsigned char>(units[i + 1]);
+    return static_cast<std::uint32_t>(littleEndian ? second << 8U | first : first << 8U | second);
+  };
+  std::string text;
+  text.reserve(units.size() / 2);
+  for (std::size_t i = 0; i + 1 < units.size(); i += 2) {
+    std::uint32_t character = unit(i);
+    if ((character & 0xFC00U) == 0xD800U && i + 3 < units.size() && (unit(i + 2) & 0xFC00U) == 0xDC00U) {
+      character = 0x10000 + ((character & 0x3FFU) << 10U | (unit(i + 2) & 0x3FFU));
+      i += 2;
+    }
+    appendCharacter(text, character);
+  }
+  return text;
+}
+
+std::string utf16FromUTF8(std::string_view text) {
+  std::string units;
+  units.reserve(2 * text.size());
+  const auto put = [&units](std::uint32_t unit) {
+    units += static_cast<char>(unit >> 8U & 0xFFU);
+    units += static_cast<char>(unit & 0xFFU);
+  };
+  char32_t character = 0;
+  for (std::size_t length = 0; !text.empty(); text.remove_prefix(length)) {
+    length = utf8Decode(text, character);
+    if (length == 0) break;
+    if (character < 0x10000) {
+      put(character);
+    } else {
+      put(0xD800U | ((character - 0x10000U) >> 10U));
+      put(0xDC00U | ((character - 0x10000U) & 0x3FFU));
+    }
+  }
+  return units;
+}
+
+bool isWholeNumber(std::string_view digits) {
+  if (digits.starts_with('-')) digits.remove_prefix(1);
+  return !digits.empty() && std::ranges::all_of(digits, isASCIIDigit);
+}
+
+std::optional<WideInteger> integerOf128Bits(std::string_view digits) {
+  if (!isWholeNumber(digits)) return std::nullopt;
+  const bool isNegative = digits.starts_with('-');
+  if (isNegative) digits.remove_prefix(1);
+  // Bits, of which a number in two's complement has one less for its size.
+  __extension__ using Wide = unsigned __int128;
+  const Wide limit = (Wide{1} << 127U) - (isNegative ? 0 : 1);
+  Wide value = 0;
+  for (const char digit : digits) {
+    const auto next = static_cast<unsigned>(digit - '0');
+    if (value > (limit - next) / 10) return std::nullopt;
+    value = value * 10 + next;
+  }
+  if (isNegative) value = ~value + 1;
+  return WideInteger{static_cast<std::uint64_t>(value >> 64U), static_cast<std::uint64_t>(value)};
+}
+
+std::string digitsOf(WideInteger integer) {
+  __extension__ using Wide = unsigned __int128;
+  Wide value = Wide{integer.high} << 64U | integer.low;
+  const bool isNegative = (integer.high >> 63U) != 0;
+  if (isNegative) value = ~value + 1;
+  std::string digits;
+  do digits += static_cast<char>('0' + static_cast<int>(value % 10));
+  while ((value /= 10) != 0);
+  if (isNegative) digits += '-';
+  std::ranges::reverse(digits);
+  return digits;
 }
 
 std::optional<std::string> propertyListDateText(Date date) {

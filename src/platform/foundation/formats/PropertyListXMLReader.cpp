@@ -1,13 +1,14 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <limits>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/formats/PropertyListText.h"
+#include "platform/foundation/formats/PropertyListWriters.h"
+#include "platform/foundation/formats/PropertyListXML.h"
 #include "platform/foundation/text/ASCII.h"
 #include "platform/foundation/value/Dictionary.h"
 
@@ -144,38 +145,6 @@ class Tokens {
   std::string_view rest_;
 };
 
-template <class Number>
-std::optional<Number> parsed(std::string_view text, int base = 10) {
-  Number number{};
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
-}
-
-Object integerFrom(std::string_view text) {
-  text = trimmed(text, kPropertyListBlanks);
-  if (text.starts_with('+')) text.remove_prefix(1);
-  if (const auto number = parsed<std::int64_t>(text)) return Object::numberWithLongLong(*number);
-  if (const auto number = parsed<std::uint64_t>(text)) return Object::numberWithUnsignedLongLong(*number);
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    const auto number = parsed<std::uint64_t>(text.substr(2), 16);
-    if (number && *number <= std::uint64_t{std::numeric_limits<std::int64_t>::max()}) {
-      return Object::numberWithLongLong(static_cast<std::int64_t>(*number));
-    }
-    if (number) return Object::numberWithUnsignedLongLong(*number);
-  }
-  fail("a bad integer");
-}
-
-Object realFrom(std::string_view text) {
-  text = trimmed(text, kPropertyListBlanks);
-  if (text.starts_with('+')) text.remove_prefix(1);
-  double number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) fail("a bad real number");
-  return Object::numberWithDouble(number);
-}
-
 Object dateFrom(std::string_view text) {
   const auto date = propertyListDate(trimmed(text, kPropertyListBlanks));
   if (!date) fail("a bad date");
@@ -194,8 +163,8 @@ struct LeafKind {
 };
 constexpr LeafKind kLeaves[] = {
     {"string", [](std::string_view text) { return Object(text); }},
-    {"integer", integerFrom},
-    {"real", realFrom},
+    {"integer", propertyListInteger},
+    {"real", propertyListReal},
     {"date", dateFrom},
     {"data", dataFrom},
     {"true", [](std::string_view) { return Object::numberWithBool(true); }},
@@ -246,7 +215,7 @@ class XMLReader {
   void takeContainer(const Tag& tag) {
     const bool isDictionary = tag.name == "dict";
     if (!tag.closing) {
-      if (open_.size() == kPropertyListMaximumDepth) fail("nested too deeply");
+      PropertyListBounds::enter(open_.size());
       open_.emplace_back().isDictionary = isDictionary;
       if (!tag.empty) return;
     }
@@ -258,7 +227,7 @@ class XMLReader {
   }
 
   void deliver(Object value) {
-    if (++count_ > kPropertyListMaximumCount) fail("too many values");
+    bounds_.count();
     if (open_.empty()) {
       if (!root_.isNil()) fail("more than one value");
       root_ = std::move(value);
@@ -277,13 +246,16 @@ class XMLReader {
   Tokens tokens_;
   std::vector<Container> open_;
   Object root_;
-  std::size_t count_ = 0;
+  PropertyListBounds bounds_;
 };
 
 }  // namespace
 
 Object readXMLPropertyList(std::string_view text) {
-  if (text.size() > kPropertyListMaximumSize) fail("larger than a property list may be");
+  PropertyListBounds::size(text.size());
+  const auto converted = utf8FromXML(text);
+  if (converted) text = *converted;
+  PropertyListBounds::size(text.size());
   if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
   return XMLReader(text).read();
 }

@@ -28,14 +28,10 @@ std::string preferencesFilePath(std::string_view domain, const std::string& fold
 Result<Object, PreferencesError> readPreferencesDomain(std::string_view domain, const std::string& folder) {
   using Kind = PreferencesError::Kind;
   requirePreferencesDomainName(domain);
-  const auto contents = PreferencesFile(folder.empty() ? preferencesFolder() : folder, domain).read();
-  if (!contents) {
-    const int error = contents.error().code().value();
-    return PreferencesError{error == ENOTDIR ? Kind::NoSuchDomain : Kind::Refused, errnoText(error)};
-  }
-  if (!contents->damage.empty()) return PreferencesError{Kind::Damaged, contents->damage};
-  if (contents->values.isNil()) return PreferencesError{Kind::NoSuchDomain, errnoText(ENOENT)};
-  return contents->values;
+  const auto reading = PreferencesFile(folder.empty() ? preferencesFolder() : folder, domain).readPatiently();
+  if (reading.error) return *reading.error;
+  if (reading.contents->values.isNil()) return PreferencesError{Kind::NoSuchDomain, errnoText(ENOENT)};
+  return reading.contents->values;
 }
 
 }  // namespace platform

@@ -1,178 +1,172 @@
 #include "platform/foundation/preferences/PreferencesFile.h"
 
-#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
-#include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/foundation/log/Log.h"
+#include "platform/foundation/preferences/PreferencesAside.h"
 #include "platform/foundation/preferences/PreferencesDomain.h"
-#include "platform/foundation/preferences/PreferencesFolder.h"
-#include "platform/foundation/preferences/PreferencesReasons.h"
+#include "platform/foundation/preferences/PreferencesPlace.h"
 #include "platform/foundation/text/ASCII.h"
 
 namespace platform {
 
 namespace {
 
-constexpr std::string_view kTemporarySuffix = ".tmp";
-constexpr int kCorruptFilesKept = 100;
+using Kind = PreferencesError::Kind;
 
-FileHandle openForReading(const std::string& path) {
-  FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file.isOpen()) {
-    if (errno == ENOENT) return file;
-    throwLastError("opening");
-  }
-  struct stat status {};
-  if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at it");
-  if (!S_ISREG(status.st_mode)) throwError(S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP, "it is no regular file");
-  return file;
-}
+constexpr std::string_view kTemporarySuffix = ".tmp";
+constexpr std::string_view kAsideSuffix = ".aside.tmp";
 
 bool isDigits(std::string_view text) { return !text.empty() && std::ranges::all_of(text, isASCIIDigit); }
 
-}  // namespace
-
-FileVersion::FileVersion(FileHandle file) : known_(true), file_(std::move(file)) {
-  if (file_.isOpen() && fstat(file_.fileDescriptor(), &status_) != 0) known_ = false;
+/// "<name>.<process>.tmp" or "<name>.<process>.aside.tmp"
+bool isLeftover(std::string_view candidate, std::string_view name) {
+  if (!candidate.starts_with(name) || !candidate.substr(name.size()).starts_with('.')) return false;
+  candidate.remove_prefix(name.size() + 1);
+  for (const std::string_view suffix : {kAsideSuffix, kTemporarySuffix}) {
+    if (candidate.ends_with(suffix)) return isDigits(candidate.substr(0, candidate.size() - suffix.size()));
+  }
+  return false;
 }
 
-bool FileVersion::isStillAt(const std::string& path) const {
-  if (!known_) return false;
-  struct stat now {};
-  if (stat(path.c_str(), &now) != 0) return errno == ENOENT && !exists();
-  return exists() && now.st_dev == status_.st_dev && now.st_ino == status_.st_ino && now.st_size == status_.st_size &&
-         now.st_mtim.tv_sec == status_.st_mtim.tv_sec && now.st_mtim.tv_nsec == status_.st_mtim.tv_nsec;
+void requireOurs(const PreferencesLock& lock) {
+  if (!lock.isOurs()) throw PreferencesFailure(Kind::Locked, "this process was made while its parent was writing them");
+}
+
+}  // namespace
+
+PreferencesDecision PreferencesDecision::put(Object values) {
+  std::string bytes = values.isNil() ? std::string() : writePropertyList(values);
+  return {Kind::Put, std::move(values), std::move(bytes)};
 }
 
 PreferencesFile::PreferencesFile(std::string folder, std::string_view domain)
     : folder_(std::move(folder)), name_(preferencesFileName(domain)), path_(folder_ + "/" + name_) {}
 
-PreferencesFile::Contents PreferencesFile::load(std::optional<Unusable>* unusable) const {
-  FileHandle file = openForReading(path_);
-  if (!file.isOpen()) return {Object(), FileVersion(FileHandle())};
-  const auto bytes = readAll(file.fileDescriptor(), kPropertyListMaximumSize);
-  if (!bytes) throwError(bytes.error(), "reading");
-  try {
-    auto values = readPropertyList(*bytes);
-    if (values.isDictionary()) return {std::move(values), FileVersion(std::move(file))};
-    *unusable = Unusable{"it holds no dictionary"};
-  } catch (const PropertyListError& error) {
-    *unusable = Unusable{error.what()};
-  }
-  return {Object(), FileVersion()};
-}
-
-PreferencesFile::Contents PreferencesFile::loadLocked(const PreferencesFolder& folder) const {
-  std::optional<Unusable> unusable;
-  auto contents = load(&unusable);
-  if (!unusable) return contents;
-  setAside(folder, unusable->why);
-  return {Object(), FileVersion(FileHandle()), unusable->why};
-}
-
-Result<PreferencesFile::Contents, std::system_error> PreferencesFile::read() const {
-  std::optional<Unusable> unusable;
-  try {
-    auto contents = load(&unusable);
-    if (unusable) {
-      // Looked at again under the lock: a writer may have replaced it by now.
-      const PreferencesFolder folder(folder_, false);
-      const PreferencesLock lock = folder.lock(name_ + ".lock");
-      contents = loadLocked(folder);
-    }
-    PreferencesReasons::shared().succeeded(path_, PreferencesReasons::Operation::Read);
-    return contents;
-  } catch (const std::system_error& error) {
-    if (!unusable) return error;
-    // What is unusable and must stay where it is counts as empty all the same.
-    failed(false, unusable->why + ", and it cannot be moved aside: " + error.what());
-    Contents empty;
-    empty.damage = unusable->why;
-    return empty;
-  }
-}
-
-std::optional<PreferencesFile::Contents> PreferencesFile::readOrSay() const {
-  auto contents = read();
-  if (contents) return std::move(*contents);
-  failed(false, contents.error().what());
-  return std::nullopt;
-}
-
-std::optional<PreferencesFile::Contents> PreferencesFile::update(const Change& change) const {
+PreferencesFile::Outcome PreferencesFile::update(const Change& change, const PreferencesSnapshot& known, Clock::time_point end) const {
   try {
     const PreferencesFolder folder(folder_, true);
-    const PreferencesLock lock = folder.lock(name_ + ".lock");
-    auto contents = loadLocked(folder);
-    if (auto values = change(contents.values)) {
-      if (values->isNil()) {
-        folder.remove(name_);
-        contents.version = FileVersion(FileHandle());
-      } else {
-        contents.version = replace(folder, writePropertyList(*values));
-      }
-      contents.values = std::move(*values);
-    }
-    PreferencesReasons::shared().succeeded(path_, PreferencesReasons::Operation::Write);
-    return contents;
+    const PreferencesLock lock(folder, name_ + ".lock", path_, end);
+    return updateLocked(folder, lock, change, known, end);
+  } catch (const PreferencesFailure& failure) {
+    return {nullptr, failure.error()};
   } catch (const std::system_error& error) {
-    failed(true, error.what());
+    return {nullptr, PreferencesError{Kind::Refused, error.what()}};
   } catch (const PropertyListError& error) {
-    failed(true, error.what());
+    return {nullptr, PreferencesError{Kind::TooLarge, error.what()}};
   }
-  return std::nullopt;
 }
 
-FileVersion PreferencesFile::replace(const PreferencesFolder& folder, const std::string& bytes) const {
-  removeLeftovers(folder);
-  const std::string temporary = name_ + "." + std::to_string(getpid()) + std::string(kTemporarySuffix);
-  FileHandle file = folder.write(temporary, bytes);
+PreferencesFile::Outcome PreferencesFile::updateLocked(const PreferencesFolder& folder, const PreferencesLock& lock, const Change& change,
+                                                       const PreferencesSnapshot& known, Clock::time_point end) const {
+  Loaded found;
+  if (known && known->version.compare(path_) == FileVersion::Answer::Same) {
+    found.contents = known;
+  } else {
+    found = loadSettled(known, end);
+  }
+  // The last good values stay in force.
+  if (found.damage) found.contents = nullptr;
+  const PreferencesSnapshot before = found.damage ? known : found.contents;
+  PreferencesDecision decision = change(before ? before->values : Object());
+  requireOurs(lock);
+  if (decision.kind == PreferencesDecision::Kind::Leave) return {found.contents, found.damage};
+  if (decision.kind == PreferencesDecision::Kind::Keep && found.damage) {
+    if (!before || before->values.isNil()) return {nullptr, found.damage};
+    // It is kept nowhere but in memory.
+    decision = PreferencesDecision::put(before->values);
+  }
+  return apply(PreferencesPlace(folder, folder_, name_), lock, std::move(decision), found);
+}
+
+PreferencesFile::Outcome PreferencesFile::apply(const PreferencesPlace& place, const PreferencesLock& lock, PreferencesDecision decision,
+                                                const Loaded& found) const {
+  PreferencesSnapshot contents = found.contents;
+  if (decision.kind == PreferencesDecision::Kind::Put) {
+    auto after = std::make_shared<PreferencesContents>();
+    if (decision.values.isNil()) {
+      if (found.damage)
+        static_cast<void>(keepAside(place, found.damaged, place.name() + "." + std::to_string(getpid()) + std::string(kAsideSuffix)));
+      requireOurs(lock);
+      place.folder().remove(place.name());
+      after->version = FileVersion(FileHandle());
+    } else {
+      after->version = replace(place, lock, decision.bytes, found);
+      after->hash = hashOfPreferences(decision.bytes);
+    }
+    after->values = std::move(decision.values);
+    contents = std::move(after);
+  } else if (contents->durable) {
+    return {std::move(contents), std::nullopt};
+  } else if (contents->version.exists()) {
+    flushOrThrow(contents->version.descriptor(), "flushing the file");
+  }
   try {
-    folder.rename(temporary, name_);
-  } catch (const std::system_error&) {
-    folder.removeLeftover(temporary);
+    place.folder().flush();
+  } catch (const PreferencesFailure& failure) {
+    // Every reader sees it already.
+    return {std::move(contents), failure.error()};
+  }
+  contents->durable = true;
+  return {std::move(contents), std::nullopt};
+}
+
+FileVersion PreferencesFile::replace(const PreferencesPlace& place, const PreferencesLock& lock, const std::string& bytes,
+                                     const Loaded& found) const {
+  const PreferencesFolder& folder = place.folder();
+  removeLeftovers(place);
+  const std::string prefix = place.name() + "." + std::to_string(getpid());
+  const std::string temporary = prefix + std::string(kTemporarySuffix);
+  const std::string temporaryAside = prefix + std::string(kAsideSuffix);
+  const FileVersion& former = found.damage ? found.damaged : found.contents->version;
+  FileHandle file =
+      folder.write(temporary, bytes, former.exists() ? PreferencesAttributes(former.descriptor()) : PreferencesAttributes(folder.status()));
+  try {
+    std::string aside;
+    if (found.damage) aside = keepAside(place, found.damaged, temporaryAside);
+    requireOurs(lock);
+    folder.rename(temporary, place.name());
+    if (found.damage) {
+      NSLog("The preferences " + path_ + " are no property list (" + found.damage->reason + "); they are kept as " + aside);
+      // Who had it open to write may have gone on until now.
+      if (found.damaged.hasOtherBytes())
+        NSLog("What was written into them last is kept as " + keepAside(place, found.damaged, temporaryAside));
+    }
+  } catch (...) {
+    if (lock.isOurs()) folder.removeLeftover(temporary);
     throw;
   }
+  return file.isOpen() ? FileVersion(std::move(file)) : FileVersion();
+}
+
+std::optional<PreferencesError> PreferencesFile::flush(const PreferencesContents& contents) const {
   try {
-    folder.sync();
+    const PreferencesFolder folder(folder_, false);
+    if (contents.version.exists()) flushOrThrow(contents.version.descriptor(), "flushing the file");
+    PreferencesPlace(folder, folder_, name_).folder().flush();
+    contents.durable = true;
+    return std::nullopt;
+  } catch (const PreferencesFailure& failure) {
+    return failure.error();
   } catch (const std::system_error& error) {
-    // Every reader sees the new file already; only a power failure could still bring the old one back.
-    failed(true, error.what());
+    // Without a folder there is nothing that could come back.
+    if (error.code() == std::errc::no_such_file_or_directory && !contents.version.exists()) return std::nullopt;
+    return PreferencesError{Kind::NotFlushed, error.what()};
   }
-  return FileVersion(std::move(file));
 }
 
 // Whoever holds the lock is the only writer, so any temporary file of the domain was left by one that was killed.
-void PreferencesFile::removeLeftovers(const PreferencesFolder& folder) const {
-  const std::string prefix = name_ + ".";
-  for (const auto& name : folder.names()) {
-    if (name.size() <= prefix.size() + kTemporarySuffix.size() || !name.starts_with(prefix) || !name.ends_with(kTemporarySuffix)) continue;
-    if (isDigits(std::string_view(name).substr(prefix.size(), name.size() - prefix.size() - kTemporarySuffix.size())))
-      folder.removeLeftover(name);
+void PreferencesFile::removeLeftovers(const PreferencesPlace& place) const {
+  if (isCleaned_.exchange(true)) return;
+  for (const auto& name : place.folder().names()) {
+    if (isLeftover(name, place.name())) place.folder().removeLeftover(name);
   }
-}
-
-void PreferencesFile::setAside(const PreferencesFolder& folder, const std::string& why) const {
-  const std::string base = name_ + ".corrupt";
-  std::string aside = base;
-  for (int number = 2; !folder.renameToFree(name_, aside); ++number) {
-    if (number > kCorruptFilesKept) {
-      folder.remove(aside);
-    } else {
-      aside = base + "." + std::to_string(number);
-    }
-  }
-  NSLog("The preferences " + path_ + " are no property list (" + why + "); they are kept as " + aside + " and count as empty");
-}
-
-void PreferencesFile::failed(bool writing, const std::string& reason) const {
-  PreferencesReasons::shared().failed(path_, writing ? PreferencesReasons::Operation::Write : PreferencesReasons::Operation::Read, reason);
 }
 
 }  // namespace platform

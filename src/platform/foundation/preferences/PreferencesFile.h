@@ -1,85 +1,118 @@
 #pragma once
 
-#include <sys/stat.h>
-
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 
-#include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/base/Result.h"
+#include "platform/foundation/preferences/PreferencesError.h"
+#include "platform/foundation/preferences/PreferencesLock.h"
+#include "platform/foundation/preferences/PreferencesVersion.h"
 #include "platform/foundation/value/Object.h"
 
 namespace platform {
 
 class PreferencesFolder;
+class PreferencesPlace;
 
-/// Which version of a preferences file was read. The file stays open, so that its inode is not given to another file as long as this is
-/// kept: since every writer replaces the file by renaming, an equal device and inode mean an unchanged file. (Size and change time are
-/// compared too, for the sake of people who edit the file where it stands.) Also stands for "no file" and, when new, for "never looked".
-class FileVersion {
- public:
-  FileVersion() = default;
-  /// The version that `file` is open on; none when it is not open.
-  explicit FileVersion(FileHandle file);
+/// Of a file's bytes.
+inline std::size_t hashOfPreferences(std::string_view bytes) { return std::hash<std::string_view>()(bytes); }
 
-  /// Whether the file at `path` is still this version. One stat.
-  [[nodiscard]] bool isStillAt(const std::string& path) const;
-  /// Whether there was a file.
-  [[nodiscard]] bool exists() const { return file_.isOpen(); }
+/// What a preferences file holds, as it was read or written. Threads: constant but for `durable`.
+struct PreferencesContents {
+  /// A dictionary; nil when there is no file.
+  Object values;
+  FileVersion version;
+  /// Of the file's bytes, so that equal ones are not read as a property list again. Empty when there is no file.
+  std::optional<std::size_t> hash = {};
+  /// File and folder are known to have been flushed since.
+  mutable std::atomic<bool> durable = false;
+};
+using PreferencesSnapshot = std::shared_ptr<const PreferencesContents>;
 
- private:
-  bool known_ = false;
-  FileHandle file_;
-  struct stat status_ {};
+/// What is to become of a file, given what it holds.
+struct PreferencesDecision {
+  enum class Kind {
+    Leave,  ///< it was only looked at
+    Keep,   ///< it holds what is wanted, which is made durable
+    Put,    ///< `values` are written, and nil removes the file
+  };
+  Kind kind = Kind::Leave;
+  Object values = {};
+  /// The same as a property list.
+  std::string bytes = {};
+
+  static PreferencesDecision leave() { return {}; }
+  static PreferencesDecision keep() { return {Kind::Keep}; }
+  /// Throws PropertyListError when a property list cannot hold them.
+  static PreferencesDecision put(Object values);
 };
 
 /// The file of one domain: reading it, and changing it under its lock.
 ///
-/// Threads: any thread may call anything; writers of the same file exclude each other across threads and processes.
+/// Readers wait neither for the lock nor for a flush and change nothing on disk. Writers of the same file exclude each other across threads
+/// and processes. Threads: any thread may call anything.
 class PreferencesFile {
  public:
-  struct Contents {
-    /// A dictionary; nil when there is no file.
-    Object values;
-    FileVersion version;
-    /// What is wrong with the file that stood there; empty when nothing is. It counts as no file.
-    std::string damage = {};
+  using Clock = PreferencesLock::Clock;
+  using Change = std::function<PreferencesDecision(const Object& values)>;
+
+  struct Outcome {
+    /// What is on disk afterwards; null when that is not known.
+    PreferencesSnapshot contents;
+    std::optional<PreferencesError> error;
   };
-  /// What the file is to hold, given what it holds: a dictionary, nil for no file, or nullopt to leave it.
-  using Change = std::function<std::optional<Object>(const Object& values)>;
 
   PreferencesFile(std::string folder, std::string_view domain);
 
   [[nodiscard]] const std::string& path() const { return path_; }
 
-  /// What is on disk now. A file that is no property list is moved aside, which the log says, and counts as none. The error that names the
-  /// step, when a file is there and cannot be read.
-  [[nodiscard]] Result<Contents, std::system_error> read() const;
-  /// The same with the error in the log, once per reason.
-  [[nodiscard]] std::optional<Contents> readOrSay() const;
+  struct Reading {
+    /// Null when the file cannot be read.
+    PreferencesSnapshot contents;
+    std::optional<PreferencesError> error;
+    /// The file that `error` is about.
+    FileVersion damaged;
+  };
+  /// What is on disk now. `known`, when it is not null, is what was read before: its durability carries over to an equal file.
+  [[nodiscard]] Reading read(const PreferencesSnapshot& known = nullptr) const;
+  /// The same; a damaged file that changed just now, which somebody may be writing, is read again for a moment.
+  [[nodiscard]] Reading readPatiently() const;
 
-  /// Changes the file under its lock. Returns what is on disk afterwards, or nullopt, with the reason in the log, when it could not be read
-  /// or written; the old file is untouched then. Exceptions of `change` pass.
-  std::optional<Contents> update(const Change& change) const;
+  /// Changes the file under its lock, for which it waits until `end`. `known`, when it is not null, is what was read before: it is not read
+  /// again when nothing has changed, and takes the place of a damaged file. A damaged file that nobody has changed for a while is kept
+  /// aside before it is replaced. Exceptions of `change`, which is called once at most, pass.
+  [[nodiscard]] Outcome update(const Change& change, const PreferencesSnapshot& known, Clock::time_point end) const;
+  /// Makes durable what was read. An error when it cannot be.
+  [[nodiscard]] std::optional<PreferencesError> flush(const PreferencesContents& contents) const;
 
  private:
-  struct Unusable {
-    std::string why;
+  struct Loaded {
+    PreferencesSnapshot contents;
+    std::optional<PreferencesError> damage;
+    FileVersion damaged;
   };
 
-  [[nodiscard]] Contents load(std::optional<Unusable>* unusable) const;
-  [[nodiscard]] Contents loadLocked(const PreferencesFolder& folder) const;
-  [[nodiscard]] FileVersion replace(const PreferencesFolder& folder, const std::string& bytes) const;
-  void setAside(const PreferencesFolder& folder, const std::string& why) const;
-  void removeLeftovers(const PreferencesFolder& folder) const;
-  void failed(bool writing, const std::string& reason) const;
+  [[nodiscard]] Loaded load(const PreferencesSnapshot& known) const;
+  [[nodiscard]] Loaded loadSettled(const PreferencesSnapshot& known, Clock::time_point end) const;
+  [[nodiscard]] Outcome updateLocked(const PreferencesFolder& folder, const PreferencesLock& lock, const Change& change,
+                                     const PreferencesSnapshot& known, Clock::time_point end) const;
+  [[nodiscard]] Outcome apply(const PreferencesPlace& place, const PreferencesLock& lock, PreferencesDecision decision,
+                              const Loaded& found) const;
+  [[nodiscard]] FileVersion replace(const PreferencesPlace& place, const PreferencesLock& lock, const std::string& bytes,
+                                    const Loaded& found) const;
+  void removeLeftovers(const PreferencesPlace& place) const;
 
   const std::string folder_;
   const std::string name_;
   const std::string path_;
+  /// What killed writers left is looked for once.
+  mutable std::atomic<bool> isCleaned_ = false;
 };
 
 }  // namespace platform

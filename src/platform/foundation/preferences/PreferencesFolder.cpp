@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,10 +11,14 @@
 #include <memory>
 
 #include "platform/foundation/base/DescriptorIO.h"
+#include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/files/FileManager.h"
 #include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
+#include "platform/foundation/preferences/FileSizeSignal.h"
+#include "platform/foundation/preferences/PreferencesError.h"
 #include "platform/foundation/preferences/PreferencesWrites.h"
+#include "platform/foundation/preferences/UnflushedFolders.h"
 
 namespace platform {
 
@@ -46,11 +49,17 @@ class Expected {
 /// mkdir, announced. 0 or an errno.
 int makeFolder(const std::string& path) {
   struct stat above {};
-  if (stat(stringByDeletingLastPathComponent(path).c_str(), &above) != 0) return errno;
+  const std::string parent = stringByDeletingLastPathComponent(path);
+  if (stat(parent.c_str(), &above) != 0) return errno;
   const std::string name = lastPathComponent(path);
   Expected event(above.st_dev, above.st_ino, name);
   if (mkdir(path.c_str(), 0700) != 0) return errno;
   event.happened();
+  UnflushedFolders::shared().add(parent);
+  if (geteuid() == 0 && above.st_uid != 0) {
+    const FileHandle made(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (made.isOpen()) giveToOwnerOf(above, made.fileDescriptor());
+  }
   return 0;
 }
 
@@ -66,55 +75,45 @@ std::string preferencesFolder() {
   return base + "/Preferences";
 }
 
-PreferencesLock::~PreferencesLock() {
-  if (file_.isOpen()) flock(file_.fileDescriptor(), LOCK_UN);
-}
-
 PreferencesFolder::PreferencesFolder(const std::string& path, bool make) : folder_(openFolder(path)) {
   if (!folder_.isOpen() && errno == ENOENT && make) {
     if (const int error = makeFolders(path, makeFolder); error != 0) throwError(error, "making the folder");
     folder_ = openFolder(path);
   }
-  struct stat status {};
-  if (!folder_.isOpen() || fstat(descriptor(), &status) != 0) throwLastError("opening the folder");
-  device_ = status.st_dev;
-  inode_ = status.st_ino;
+  if (!folder_.isOpen() || fstat(descriptor(), &status_) != 0) throwLastError("opening the folder");
+  if (make) UnflushedFolders::shared().flushAbove(path);
 }
 
-FileHandle PreferencesFolder::openLock(const std::string& lockName) const {
-  FileHandle file(openat(descriptor(), lockName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (!file.isOpen() && errno == ENOENT) {
-    PreferencesWrites::shared().recordOwnName(device_, inode_, lockName);
-    file = FileHandle(openat(descriptor(), lockName.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+FileHandle PreferencesFolder::openLock(const std::string& lockName, bool writable) const {
+  const int flags = (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  FileHandle file;
+  while (!file.isOpen()) {
+    // Closing it after writing is an event.
+    if (writable) PreferencesWrites::shared().recordOwnName(status_.st_dev, status_.st_ino, lockName);
+    file = FileHandle(openat(descriptor(), lockName.c_str(), flags));
+    if (file.isOpen()) break;
+    if (errno != ENOENT) throwLastError("opening the lock file");
+    PreferencesWrites::shared().recordOwnName(status_.st_dev, status_.st_ino, lockName);
+    file = FileHandle(openat(descriptor(), lockName.c_str(), flags | O_CREAT | O_EXCL, 0600));
+    if (file.isOpen()) {
+      giveToOwnerOf(status_, file.fileDescriptor());
+      static_cast<void>(!fchmod(file.fileDescriptor(), 0600));
+    } else if (errno != EEXIST) {
+      throwLastError("opening the lock file");
+    }
   }
-  if (!file.isOpen()) throwLastError("opening the lock file");
+  struct stat status {};
+  if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at the lock file");
+  if (!S_ISREG(status.st_mode)) throwError(ENOTSUP, "the lock file is no regular file");
+  // Root once made it for itself, and the folder's owner cannot open it.
+  if (status.st_uid == 0) giveToOwnerOf(status_, file.fileDescriptor());
   return file;
 }
 
-PreferencesLock PreferencesFolder::lock(const std::string& lockName) const {
-  while (true) {
-    FileHandle file = openLock(lockName);
-    int result = 0;
-    do {
-      result = flock(file.fileDescriptor(), LOCK_EX);
-      if (result != 0 && errno == EBADF) {
-        // Network file systems lock for writing only what is open for writing.
-        file = FileHandle(openat(descriptor(), lockName.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-        PreferencesWrites::shared().recordOwnName(device_, inode_, lockName);
-        if (!file.isOpen()) throwLastError("opening the lock file");
-        result = flock(file.fileDescriptor(), LOCK_EX);
-      }
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) throwLastError("taking the lock");
-    // Somebody may have removed the lock file while we waited; then others lock another one.
-    if (isCalled(file, lockName)) return PreferencesLock(std::move(file));
-  }
-}
-
-bool PreferencesFolder::isCalled(const FileHandle& file, const std::string& name) const {
+bool PreferencesFolder::isCalled(int file, const std::string& name) const {
   struct stat opened {};
   struct stat named {};
-  if (fstat(file.fileDescriptor(), &opened) != 0) throwLastError("looking at the lock file");
+  if (fstat(file, &opened) != 0) throwLastError("looking at the lock file");
   if (fstatat(descriptor(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno == ENOENT) return false;
     throwLastError("looking at the lock file");
@@ -124,15 +123,25 @@ bool PreferencesFolder::isCalled(const FileHandle& file, const std::string& name
 
 // The file is opened for reading before the descriptor that wrote it closes, and has its final name only after that: a watcher that looks
 // at the final name sees the rename and nothing else.
-FileHandle PreferencesFolder::write(const std::string& temporaryName, const std::string& bytes) const {
-  PreferencesWrites::shared().recordOwnName(device_, inode_, temporaryName);
-  const FileHandle file(openat(descriptor(), temporaryName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+template <class Fill>
+FileHandle PreferencesFolder::writtenBy(const Fill& fill, const std::string& temporaryName, const PreferencesAttributes& attributes) const {
+  PreferencesWrites::shared().recordOwnName(status_.st_dev, status_.st_ino, temporaryName);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
+  FileHandle file(openat(descriptor(), temporaryName.c_str(), kFlags, 0600));
+  if (!file.isOpen() && errno == EEXIST) {
+    // Of a process that had our number and was killed: who holds the lock is the only writer.
+    removeLeftover(temporaryName);
+    file = FileHandle(openat(descriptor(), temporaryName.c_str(), kFlags, 0600));
+  }
   if (!file.isOpen()) throwLastError("making the temporary file");
   try {
-    if (const int error = writeAll(file.fileDescriptor(), bytes); error != 0) throwError(error, "writing the temporary file");
-    if (fsync(file.fileDescriptor()) != 0) throwLastError("syncing the temporary file");
+    const FileSizeSignalTaken signal;
+    if (const int error = fill(file.fileDescriptor()); error != 0) throwError(error, "writing the temporary file");
+    attributes.putOn(file.fileDescriptor());
+    if (fsync(file.fileDescriptor()) != 0) throwLastError("flushing the temporary file");
     FileHandle reader(openat(descriptor(), temporaryName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!reader.isOpen()) throwLastError("opening the temporary file");
+    // A mode that lets not even its owner read is no reason to lose what is to be written.
+    if (!reader.isOpen() && errno != EACCES) throwLastError("opening the temporary file");
     return reader;
   } catch (...) {
     removeLeftover(temporaryName);
@@ -140,16 +149,36 @@ FileHandle PreferencesFolder::write(const std::string& temporaryName, const std:
   }
 }
 
+FileHandle PreferencesFolder::write(const std::string& temporaryName, const std::string& bytes,
+                                    const PreferencesAttributes& attributes) const {
+  return writtenBy([&bytes](int file) { return writeAll(file, bytes); }, temporaryName, attributes);
+}
+
+FileHandle PreferencesFolder::copy(const std::string& temporaryName, int source, const PreferencesAttributes& attributes) const {
+  const auto fill = [source](int file) {
+    std::string piece(std::size_t{1} << 20U, '\0');
+    for (off_t at = 0;;) {
+      const ssize_t count = pread(source, piece.data(), piece.size(), at);
+      if (count < 0 && errno == EINTR) continue;
+      if (count < 0) return errno;
+      if (count == 0) return 0;
+      at += count;
+      if (const int error = writeAll(file, std::string_view(piece).substr(0, static_cast<std::size_t>(count))); error != 0) return error;
+    }
+  };
+  return writtenBy(fill, temporaryName, attributes);
+}
+
 void PreferencesFolder::rename(const std::string& temporaryName, const std::string& finalName) const {
-  Expected event(device_, inode_, finalName);
+  Expected event(status_.st_dev, status_.st_ino, finalName);
   if (renameat(descriptor(), temporaryName.c_str(), descriptor(), finalName.c_str()) != 0) throwLastError("renaming the temporary file");
   event.happened();
 }
 
 bool PreferencesFolder::renameToFree(const std::string& name, const std::string& newName) const {
   if (faccessat(descriptor(), newName.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return false;
-  Expected gone(device_, inode_, name);
-  Expected come(device_, inode_, newName);
+  Expected gone(status_.st_dev, status_.st_ino, name);
+  Expected come(status_.st_dev, status_.st_ino, newName);
   if (renameat2(descriptor(), name.c_str(), descriptor(), newName.c_str(), RENAME_NOREPLACE) != 0) {
     if (errno == EEXIST) return false;
     // Some file systems cannot promise that; the lock keeps other writers away all the same.
@@ -162,7 +191,7 @@ bool PreferencesFolder::renameToFree(const std::string& name, const std::string&
 }
 
 void PreferencesFolder::remove(const std::string& name) const {
-  Expected event(device_, inode_, name);
+  Expected event(status_.st_dev, status_.st_ino, name);
   if (unlinkat(descriptor(), name.c_str(), 0) == 0) {
     event.happened();
   } else if (errno != ENOENT) {
@@ -171,12 +200,17 @@ void PreferencesFolder::remove(const std::string& name) const {
 }
 
 void PreferencesFolder::removeLeftover(const std::string& name) const noexcept {
-  PreferencesWrites::shared().recordOwnName(device_, inode_, name);
+  PreferencesWrites::shared().recordOwnName(status_.st_dev, status_.st_ino, name);
   unlinkat(descriptor(), name.c_str(), 0);
 }
 
-void PreferencesFolder::sync() const {
-  if (fsync(descriptor()) != 0 && errno != EINVAL && errno != ENOSYS) throwLastError("syncing the folder");
+void PreferencesFolder::flush() const { flushOrThrow(descriptor(), "flushing the folder"); }
+
+void flushOrThrow(int descriptor, const std::string& step) {
+  // A file system that gave up after an error may call the flush of a folder well done (xfs does), but not let it be looked at.
+  struct stat status {};
+  if (fsync(descriptor) == 0 ? fstat(descriptor, &status) == 0 : errno == EINVAL || errno == ENOSYS) return;
+  throw PreferencesFailure(PreferencesError::Kind::NotFlushed, step + ": " + errnoText(errno));
 }
 
 std::vector<std::string> PreferencesFolder::names() const {
@@ -187,7 +221,10 @@ std::vector<std::string> PreferencesFolder::names() const {
   if (!folder) throwLastError("listing the folder");
   own.release();
   std::vector<std::string> found;
-  while (const dirent* entry = readdir(folder.get())) found.emplace_back(entry->d_name);
+  while (const dirent* entry = readdir(folder.get())) {
+    const bool mayBeLink = entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN;
+    if (!mayBeLink || faccessat(descriptor(), entry->d_name, F_OK, 0) == 0) found.emplace_back(entry->d_name);
+  }
   return found;
 }
 

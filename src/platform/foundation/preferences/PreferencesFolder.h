@@ -1,33 +1,18 @@
 #pragma once
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/preferences/PreferencesAttributes.h"
 
 namespace platform {
 
 /// The folder of the preferences: ${XDG_CONFIG_HOME:-~/.config}/Preferences. Not made here. Any thread.
 std::string preferencesFolder();
-
-/// The lock of one preferences file for as long as this lives. Given back by name, not by closing: a child process that is about to run
-/// another program may share the descriptor.
-class PreferencesLock {
- public:
-  explicit PreferencesLock(FileHandle file) : file_(std::move(file)) {}
-  PreferencesLock(PreferencesLock&&) = default;
-  PreferencesLock& operator=(PreferencesLock&&) = delete;
-  PreferencesLock(const PreferencesLock&) = delete;
-  PreferencesLock& operator=(const PreferencesLock&) = delete;
-  ~PreferencesLock();
-
- private:
-  FileHandle file_;
-};
 
 /// The folder of the preferences, opened, with what a writer does in it. Every change is told to PreferencesWrites before it is made.
 /// Failures are std::system_error whose text names the step.
@@ -35,15 +20,20 @@ class PreferencesLock {
 /// Threads: a value of one thread.
 class PreferencesFolder {
  public:
-  /// Opens the folder at `path`; makes it, and the folders above it, with permissions 0700 when `make` is set.
+  /// Opens the folder at `path`; makes it, and the folders above it, with permissions 0700 when `make` is set. Those that this process made
+  /// are then durable.
   PreferencesFolder(const std::string& path, bool make);
 
-  /// Takes the lock whose file is called `lockName`, and waits for it. The lock file stays for good, is never written to, and is opened for
-  /// reading, so that taking it is no change that a watcher would see.
-  [[nodiscard]] PreferencesLock lock(const std::string& lockName) const;
+  /// Opens a lock file, and makes it when there is none. It stays for good, is never written to, and is opened for reading, so that taking
+  /// it is no change that a watcher would see; `writable` for file systems that demand it.
+  [[nodiscard]] FileHandle openLock(const std::string& lockName, bool writable) const;
+  /// Whether the file that is open still has that name.
+  [[nodiscard]] bool isCalled(int file, const std::string& name) const;
 
-  /// Writes a new file and syncs it. Returns it opened for reading.
-  [[nodiscard]] FileHandle write(const std::string& temporaryName, const std::string& bytes) const;
+  /// Writes a new file, gives it the attributes and flushes it. Returns it opened for reading.
+  [[nodiscard]] FileHandle write(const std::string& temporaryName, const std::string& bytes, const PreferencesAttributes& attributes) const;
+  /// The same with what another file holds.
+  [[nodiscard]] FileHandle copy(const std::string& temporaryName, int source, const PreferencesAttributes& attributes) const;
   /// Gives the file its final name, replacing another.
   void rename(const std::string& temporaryName, const std::string& finalName) const;
   /// Renames without replacing; false when the new name is taken.
@@ -53,18 +43,23 @@ class PreferencesFolder {
   /// Removes a file of this writer's kind that nobody uses any more; failures do not matter.
   void removeLeftover(const std::string& name) const noexcept;
   /// Makes the names durable. A file system that cannot is no failure.
-  void sync() const;
+  void flush() const;
+  /// Of all that is in it but symbolic links that lead nowhere.
   [[nodiscard]] std::vector<std::string> names() const;
 
- private:
-  [[nodiscard]] FileHandle openLock(const std::string& lockName) const;
-  [[nodiscard]] bool isCalled(const FileHandle& file, const std::string& name) const;
   [[nodiscard]] int descriptor() const { return folder_.fileDescriptor(); }
+  [[nodiscard]] const struct stat& status() const { return status_; }
+
+ private:
+  template <class Fill>
+  [[nodiscard]] FileHandle writtenBy(const Fill& fill, const std::string& temporaryName, const PreferencesAttributes& attributes) const;
 
   FileHandle folder_;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  struct stat status_ {};
 };
+
+/// fsync(2); a file system that cannot is no failure. Throws PreferencesFailure (NotFlushed) with the step.
+void flushOrThrow(int descriptor, const std::string& step);
 
 /// Throws std::system_error for the error number, or for errno.
 [[noreturn]] void throwError(int error, const std::string& step);

@@ -16,8 +16,8 @@ class PreferencesReasons {
 
   static PreferencesReasons& shared();
 
-  void failed(const std::string& path, Operation operation, const std::string& reason) EXCLUDES(mutex_);
-  void succeeded(const std::string& path, Operation operation) EXCLUDES(mutex_);
+  /// An empty reason says that it worked.
+  void note(const std::string& path, Operation operation, const std::string& reason) EXCLUDES(mutex_);
 
  private:
   Mutex mutex_;

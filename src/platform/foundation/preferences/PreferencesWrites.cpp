@@ -1,10 +1,14 @@
 #include "platform/foundation/preferences/PreferencesWrites.h"
 
+#include <memory>
+
+#include "platform/foundation/preferences/Forks.h"
+
 namespace platform {
 
 PreferencesWrites& PreferencesWrites::shared() {
-  static PreferencesWrites& writes = *new PreferencesWrites;
-  return writes;
+  static constinit PerProcess<PreferencesWrites> writes;
+  return writes.get([] { return std::make_unique<PreferencesWrites>(); });
 }
 
 PreferencesWrites::Record& PreferencesWrites::touch(dev_t folderDevice, ino_t folderInode, std::string_view name) {

@@ -56,6 +56,12 @@ Object Object::numberWithUnsignedLongLong(std::uint64_t value) { return Number{N
 Object Object::numberWithFloat(float value) { return Number{NumberType::Float, double{value}}; }
 Object Object::numberWithDouble(double value) { return Number{NumberType::Double, value}; }
 
+Object Object::numberWithDigits(std::string digits, double nearest) {
+  Object object;
+  object.value_ = std::make_shared<const WideNumber>(WideNumber{Number{NumberType::Double, nearest}, std::move(digits)});
+  return object;
+}
+
 Object Object::dictionaryOfTexts(std::span<const ConstantKeyText> entries) {
   Object object;
   object.value_ = std::make_shared<const TextTable>(entries);
@@ -63,7 +69,8 @@ Object Object::dictionaryOfTexts(std::span<const ConstantKeyText> entries) {
 }
 
 Object::Kind Object::kind() const noexcept {
-  static_assert(std::variant_size_v<Value> == kKindNames.size() + 1, "Kind follows the order of the alternatives");
+  static_assert(std::variant_size_v<Value> == kKindNames.size() + 2, "Kind follows the order of the alternatives");
+  if (std::holds_alternative<Shared<WideNumber>>(value_)) return Kind::Number;
   return static_cast<Kind>(std::min(value_.index(), static_cast<std::size_t>(Kind::Dictionary)));
 }
 

@@ -74,6 +74,9 @@ class Object {
   static Object numberWithUnsignedLongLong(std::uint64_t value);
   static Object numberWithFloat(float value);
   static Object numberWithDouble(double value);
+  /// A number that none of the above holds, as the files of others may: its digits as they stand there, which are kept to be written again,
+  /// and the nearest real number, which is what it is to everybody who asks for its value.
+  static Object numberWithDigits(std::string digits, double nearest);
   /// A dictionary, as any other; cheaper to make and to write where the keys are constants and the values are texts. See TextTable for
   /// what it demands.
   static Object dictionaryOfTexts(std::span<const ConstantKeyText> entries);
@@ -97,6 +100,8 @@ class Object {
   [[nodiscard]] std::int64_t longLongValue() const;
   [[nodiscard]] std::uint64_t unsignedLongLongValue() const;
   [[nodiscard]] double doubleValue() const;
+  /// What `numberWithDigits` was given; empty for all other objects.
+  [[nodiscard]] std::string_view numberDigits() const noexcept;
 
   // The other kinds; nil gives an empty or zero value. References stay valid while this object or a copy of it lives.
   [[nodiscard]] const std::string& stringValue() const;
@@ -132,15 +137,22 @@ class Object {
     std::variant<std::int64_t, std::uint64_t, double> value;
     bool operator==(const Number& other) const;
   };
+  struct WideNumber {
+    Number nearest;
+    std::string digits;
+    friend bool operator==(const WideNumber&, const WideNumber&) = default;
+  };
   struct NullTag {
     friend bool operator==(const NullTag&, const NullTag&) = default;
   };
   template <class T>
   using Shared = std::shared_ptr<const T>;
-  /// In the order of Kind, and the second form of a dictionary behind them.
+  /// In the order of Kind, and the second forms of a dictionary and of a number behind them.
   using Value = std::variant<std::monostate, NullTag, Number, SharedText, Shared<platform::Data>, platform::Date, platform::UUID,
-                             Shared<platform::FileHandle>, Shared<platform::Array>, Shared<platform::Dictionary>, Shared<TextTable>>;
+                             Shared<platform::FileHandle>, Shared<platform::Array>, Shared<platform::Dictionary>, Shared<TextTable>,
+                             Shared<WideNumber>>;
   Object(Number number);  // NOLINT(google-explicit-constructor)
+  [[nodiscard]] const Number* number() const noexcept;
   [[noreturn]] void throwWrongKind(std::string_view asked) const;
 
   Value value_;

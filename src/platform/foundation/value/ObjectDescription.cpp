@@ -61,6 +61,7 @@ std::string describeData(const Data& data) {
 }
 
 std::string describeNumber(const Object& number) {
+  if (const std::string_view digits = number.numberDigits(); !digits.empty()) return std::string(digits);
   switch (number.numberType()) {
     case NumberType::Float:
       return fmt::format("{}", static_cast<float>(number.doubleValue()));

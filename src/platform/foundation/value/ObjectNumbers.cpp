@@ -90,8 +90,18 @@ Integer toInteger(From value) {
 
 }  // namespace
 
+const Object::Number* Object::number() const noexcept {
+  if (const auto* wide = std::get_if<Shared<WideNumber>>(&value_)) return &(*wide)->nearest;
+  return std::get_if<Number>(&value_);
+}
+
+std::string_view Object::numberDigits() const noexcept {
+  const auto* wide = std::get_if<Shared<WideNumber>>(&value_);
+  return wide == nullptr ? std::string_view() : std::string_view((*wide)->digits);
+}
+
 NumberType Object::numberType() const {
-  if (const auto* number = std::get_if<Number>(&value_)) return number->type;
+  if (const Number* number = this->number()) return number->type;
   if (!isNil()) throwWrongKind("numberType");
   return NumberType{};
 }
@@ -99,21 +109,21 @@ NumberType Object::numberType() const {
 bool Object::boolValue() const {
   if (isNil()) return false;
   if (isString()) return boolOfText(stringView());
-  if (const auto* number = std::get_if<Number>(&value_)) return std::visit([](auto value) { return value != 0; }, number->value);
+  if (const Number* number = this->number()) return std::visit([](auto value) { return value != 0; }, number->value);
   throwWrongKind("boolValue");
 }
 
 int Object::intValue() const {
   if (isNil()) return 0;
   if (isString()) return integerOfText<int>(stringView());
-  if (const auto* number = std::get_if<Number>(&value_)) return std::visit([](auto value) { return toInteger<int>(value); }, number->value);
+  if (const Number* number = this->number()) return std::visit([](auto value) { return toInteger<int>(value); }, number->value);
   throwWrongKind("intValue");
 }
 
 std::int64_t Object::longLongValue() const {
   if (isNil()) return 0;
   if (isString()) return integerOfText<std::int64_t>(stringView());
-  if (const auto* number = std::get_if<Number>(&value_)) {
+  if (const Number* number = this->number()) {
     return std::visit([](auto value) { return toInteger<std::int64_t>(value); }, number->value);
   }
   throwWrongKind("longLongValue");
@@ -122,7 +132,7 @@ std::int64_t Object::longLongValue() const {
 std::uint64_t Object::unsignedLongLongValue() const {
   if (isNil()) return 0;
   if (isString()) return unsignedOfText(stringView());
-  if (const auto* number = std::get_if<Number>(&value_)) {
+  if (const Number* number = this->number()) {
     // A negative fraction wraps as a negative integer does.
     if (const auto* real = std::get_if<double>(&number->value); real != nullptr && *real < 0) {
       return static_cast<std::uint64_t>(toInteger<std::int64_t>(*real));
@@ -135,8 +145,7 @@ std::uint64_t Object::unsignedLongLongValue() const {
 double Object::doubleValue() const {
   if (isNil()) return 0;
   if (isString()) return doubleOfText(stringView());
-  if (const auto* number = std::get_if<Number>(&value_))
-    return std::visit([](auto value) { return static_cast<double>(value); }, number->value);
+  if (const Number* number = this->number()) return std::visit([](auto value) { return static_cast<double>(value); }, number->value);
   throwWrongKind("doubleValue");
 }
 

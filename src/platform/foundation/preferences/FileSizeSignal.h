@@ -1,0 +1,21 @@
+#pragma once
+
+#include <csignal>
+
+namespace platform {
+
+/// While it stands, a write beyond the process's limit of file sizes (setrlimit(2)) fails with EFBIG and nothing else: the signal that
+/// comes with it, which ends a process that does not expect it, is taken away. Used by one thread, for that thread.
+class FileSizeSignalTaken {
+ public:
+  FileSizeSignalTaken() noexcept;
+  ~FileSizeSignalTaken();
+  FileSizeSignalTaken(const FileSizeSignalTaken&) = delete;
+  FileSizeSignalTaken& operator=(const FileSizeSignalTaken&) = delete;
+
+ private:
+  sigset_t former_;
+  bool wasPending_;
+};
+
+}  // namespace platform

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string_view>
+
+#include "platform/foundation/value/Object.h"
+
+namespace platform {
+
+/// The value as it would be read back from under `key` of a domain. Throws Exception(NSInvalidArgumentException), which names the key, when
+/// no domain can hold it: PropertyList.h says which, and its nesting has one level less, since the domain is one.
+Object storableValue(const Object& value, std::string_view key);
+
+}  // namespace platform
