@@ -59,6 +59,18 @@ TEST_P(StreamMergedRenames, EndWhereTheNextRenameBegins) {
   EXPECT_EQ(pathsEndingIn(events, "other"), std::vector{in("beside/three/other")});
 }
 
+TEST_P(StreamMergedRenames, EndWhereTheFolderIsRemoved) {
+  const auto events = process_->toldOf([this] {
+    move("one", "two");
+    move("two", "one");
+    move("one", "two");
+    touchAndRemove("two/file");
+    removeTree(in("two"));
+  });
+  EXPECT_EQ(pathsEndingIn(events, "file"), std::vector{in("two/file")});
+  EXPECT_EQ(pathsEndingIn(events, "within"), std::vector{in("two/within")});
+}
+
 TEST_P(StreamMergedRenames, MayHaveGoneRoundMoreThanTwoPlaces) {
   const auto events = process_->toldOf([this] {
     move("one", "two");

@@ -79,8 +79,9 @@ class ChangeSource {
   [[nodiscard]] virtual std::unique_ptr<ChangeSource> renewed() const { return nullptr; }
   /// Whether the kernel takes a rename for part of an equal one that is unread, so that it is told once and too early.
   [[nodiscard]] virtual bool mergesRenames() const { return false; }
-  /// Visits the renames of folders that were read and not yet handed over, in order; for visitors of `dispatch`.
-  virtual void forEachRenameAhead(const Visitor& visit) const { static_cast<void>(visit); }
+  /// Visits the renames and removals of folders that were read and not yet handed over, in order: `folder`, `name` and `target` of each.
+  /// For visitors of `dispatch`.
+  virtual void forEachDepartureAhead(const Visitor& visit) const { static_cast<void>(visit); }
   /// Whether the kernel names the changed item's own key.
   [[nodiscard]] virtual bool knowsTargets() const = 0;
 

@@ -102,18 +102,18 @@ class FanotifySource final : public ChangeSource {
     if (const_cast<FanotifySource*>(this)->makeKey(parent, name, 0, key) != 0) key.clear();  // NOLINT: fills a cache of file systems
   }
 
-  void forEachRenameAhead(const Visitor& visit) const override {
+  void forEachDepartureAhead(const Visitor& visit) const override {
     bool isCurrent = true;
     for (std::string_view bytes : unread()) {
       fanotify_event_metadata event;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the next line
       for (; readEvent(bytes, event); bytes.remove_prefix(event.event_len)) {
-        if (std::exchange(isCurrent, false) || (event.mask & FAN_RENAME) == 0 || (event.mask & FAN_ONDIR) == 0) continue;
-        RawChange rename;
+        if (std::exchange(isCurrent, false) || (event.mask & (FAN_RENAME | FAN_DELETE)) == 0 || (event.mask & FAN_ONDIR) == 0) continue;
+        RawChange departure;
         KernelKey keys[3];  // NOLINT(modernize-avoid-c-arrays): folder, new folder, target
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): fills a cache of file systems
-        const_cast<FanotifySource*>(this)->readRecords(bytes.data() + event.metadata_len, event.event_len - event.metadata_len, rename,
+        const_cast<FanotifySource*>(this)->readRecords(bytes.data() + event.metadata_len, event.event_len - event.metadata_len, departure,
                                                        keys);
-        visit(rename);
+        visit(departure);
       }
     }
   }

@@ -242,7 +242,7 @@ class WatchedTree final : private PolledRegion::Host {
   void takeUp(NodeId folder, std::string_view name, FSEventStreamEventFlags report, std::string_view target = {});
   // WatchedTreeMerges.cpp: renames that the kernel has merged into earlier ones.
   void followMerged(const RawChange& rename);
-  /// From where the folder of this key goes away by the next of its renames that was read and not yet applied.
+  /// From where the folder of this key goes away next, by a rename or its removal, in what was read and not yet applied.
   [[nodiscard]] std::optional<RenameTrail::Place> nextDeparture(std::string_view target) const;
   void attributesChanged(NodeId node);
 

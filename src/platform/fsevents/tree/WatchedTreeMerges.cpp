@@ -46,8 +46,8 @@ void WatchedTree::followMerged(const RawChange& rename) {
 
 std::optional<RenameTrail::Place> WatchedTree::nextDeparture(std::string_view target) const {
   std::optional<RenameTrail::Place> place;
-  source_->forEachRenameAhead([&](const RawChange& rename) {
-    if (!place && rename.target == target) place = {std::string(rename.folder), std::string(rename.name)};
+  source_->forEachDepartureAhead([&](const RawChange& departure) {
+    if (!place && departure.target == target) place = {std::string(departure.folder), std::string(departure.name)};
   });
   return place;
 }
