@@ -360,6 +360,22 @@ DEFECTS = [
         "UserDefaultsFailures.SurviveTheSignal*",
     ),
     Defect(
+        "edit-without-the-lock-overwritten",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
+        "    if (former.compare(path_) == FileVersion::Answer::Different) throw ChangedMeanwhile();\n",
+        "",
+        "foundation_tests",
+        "*UserDefaultsMeanwhile*",
+    ),
+    Defect(
+        "each-wait-for-a-kept-lock-in-full",
+        "src/platform/foundation/preferences/UserDefaultsState.cpp",
+        "(wasLocked ? bound / 10 : bound)",
+        "(wasLocked ? bound / 1 : bound)",
+        "foundation_tests",
+        "UserDefaultsLock.*",
+    ),
+    Defect(
         "interrupted-read-is-an-error",
         "src/platform/foundation/base/DescriptorIO.cpp",
         "    const ssize_t count = ::read(descriptor, piece.data(), piece.size());\n    if (count < 0 && errno == EINTR) continue;\n",

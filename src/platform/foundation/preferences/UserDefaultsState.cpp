@@ -196,14 +196,19 @@ Object UserDefaultsState::exchange(std::string_view key, const std::function<Obj
   bool decided = false;
   std::vector<std::string> refused;
   std::string why;
+  PreferencesChanges changes;
   const auto change = [&](const Object& values) {
-    found = values.objectForKey(key);
-    asked = true;
-    const Object wanted = decide(found);
-    if (wanted.isNil()) return PreferencesDecision::leave();
-    decided = true;
-    PreferencesChanges changes;
-    changes.put(key, storableValue(wanted, key));
+    const Object now = values.objectForKey(key);
+    // It is asked once; what somebody has put there since without the lock is not overwritten by an answer that is about something else.
+    if (asked && !(now == found)) throw PreferencesFailure(Kind::Refused, "somebody changed the value without the lock");
+    if (!asked) {
+      found = now;
+      asked = true;
+      const Object wanted = decide(found);
+      if (wanted.isNil()) return PreferencesDecision::leave();
+      decided = true;
+      changes.put(key, storableValue(wanted, key));
+    }
     return changes.decide(values, refused, why);
   };
   const PreferencesFile::Outcome outcome = file_.update(change, known(), end);
