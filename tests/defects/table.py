@@ -354,7 +354,7 @@ DEFECTS = [
     Defect(
         "signal-of-file-sizes-let-through",
         "src/platform/foundation/preferences/PreferencesFolder.cpp",
-        "    const FileSizeSignalTaken signal;\n",
+        "    if (error == EFBIG) signal.exceeded();\n",
         "",
         "foundation_tests",
         "UserDefaultsFailures.SurviveTheSignal*",

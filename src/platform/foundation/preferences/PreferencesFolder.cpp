@@ -135,8 +135,10 @@ FileHandle PreferencesFolder::writtenBy(const Fill& fill, const std::string& tem
   }
   if (!file.isOpen()) throwLastError("making the temporary file");
   try {
-    const FileSizeSignalTaken signal;
-    if (const int error = fill(file.fileDescriptor()); error != 0) throwError(error, "writing the temporary file");
+    FileSizeSignalTaken signal;
+    const int error = fill(file.fileDescriptor());
+    if (error == EFBIG) signal.exceeded();
+    if (error != 0) throwError(error, "writing the temporary file");
     attributes.putOn(file.fileDescriptor());
     if (fsync(file.fileDescriptor()) != 0) throwLastError("flushing the temporary file");
     FileHandle reader(openat(descriptor(), temporaryName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
