@@ -785,6 +785,17 @@ DEFECTS = [
         "fsevents_tests",
         "StreamMergedRenames.*/fanotify",
     ),
+    # Without pauses: 8 of 16 rounds over inotify (40 runs of 40; 4 rounds noticed it 26 times of 30), 2 over fanotify.
+    Defect(
+        "change-after-a-windows-end-dropped",
+        "src/platform/fsevents/tree/WatchedTreePaths.cpp",
+        "  if (folder == lastFolder_ && name == lastName_ && lastEpoch_ == coalescer_.epoch()) {\n"
+        "    coalescer_.merge(lastNumber_, flags, needsKind);\n",
+        "  if (folder == lastFolder_ && name == lastName_) {\n"
+        "    if (lastEpoch_ == coalescer_.epoch()) coalescer_.merge(lastNumber_, flags, needsKind);\n",
+        "fsevents_tests",
+        "StreamModel.WithNoPause*",
+    ),
     Defect(
         "hidden-folders-looked-for-by-their-former-path",
         "src/platform/fsevents/tree/WatchedTree.cpp",
@@ -1431,7 +1442,7 @@ DEFECTS = [
         "  if (hasSeenAll) seenUpTo_ = began_;\n",
         "  seenUpTo_ = began_;\n",
         "fsevents_tests",
-        "PolledRegionPlaces.*",
+        "PolledRegionPlaces.ThatWereMissed*",
     ),
     Defect(
         "pass-over-with-a-folder-missed",
@@ -1439,7 +1450,7 @@ DEFECTS = [
         "  if (hasSeenAll || pass_ >= wanted_ + kMostHastened) seenIn_ = pass_;\n",
         "  if (hasSeenAll || pass_ + kMostHastened >= wanted_) seenIn_ = pass_;\n",
         "fsevents_tests",
-        "PolledRegionPlaces.*",
+        "PolledRegionPlaces.ThatWereMissed*",
     ),
     Defect(
         "missed-folder-waited-for-without-end",

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <map>
 
 #include "tests/fsevents/support/MountNamespace.h"
@@ -163,8 +162,7 @@ TEST_P(StreamPolling, EndsWhenTheLimitIsRaised) {
 
 TEST_P(StreamPolling, ServesAStreamThatGetsNoQueueUntilItGetsOne) {
   run([this] {
-    // Both kinds, so that no other source can stand in.
-    for (const auto* name : {"max_inotify_instances", "max_fanotify_groups"}) std::ofstream(std::string("/proc/sys/user/") + name) << 0;
+    limitAllQueues(0);
     WatchedStream stream(GetParam(), {.paths = {root_}});
     ASSERT_TRUE(stream.started());
     EXPECT_EQ(foldersMarked(stream), 0);
@@ -181,7 +179,7 @@ TEST_P(StreamPolling, ServesAStreamThatGetsNoQueueUntilItGetsOne) {
     }
     stream.flush();
     EXPECT_EQ(missing(stream, wanted), std::vector<std::string>{});
-    for (const auto* name : {"max_inotify_instances", "max_fanotify_groups"}) std::ofstream(std::string("/proc/sys/user/") + name) << 100;
+    limitAllQueues(100);
     EXPECT_TRUE(eventually([&] { return regionsOf(stream).count() == 0; })) << stream.stream().status().description();
     EXPECT_TRUE(marksAreThoseOf(stream, {root_}));
     stream.flush();

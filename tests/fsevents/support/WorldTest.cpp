@@ -78,6 +78,10 @@ void WorldTest::limitMarks(int value) { setLimit(markLimitOf(GetParam()), value)
 
 void WorldTest::limitQueues(int value) { setLimit(queueLimitOf(GetParam()), value); }
 
+void WorldTest::limitAllQueues(int value) {
+  for (const Source source : {Source::Fanotify, Source::Inotify}) setLimit(queueLimitOf(source), value);
+}
+
 bool WorldTest::isMarked(const std::string& folder) {
   struct stat facts {};
   if (::stat(folder.c_str(), &facts) != 0) return false;

@@ -32,6 +32,8 @@ class WorldTest : public StreamTest {
   /// with the rights of an ordinary user), in which nothing counts but what is marked in it.
   static void limitMarks(int value);
   static void limitQueues(int value);
+  /// Of every source, so that no other can stand in.
+  static void limitAllQueues(int value);
   /// Whether the folder has a mark of this process.
   static bool isMarked(const std::string& folder);
   static std::int64_t foldersMarked(WatchedStream& stream) {
