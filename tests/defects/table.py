@@ -142,7 +142,7 @@ DEFECTS = [
     Defect(
         "cache-misses-the-reset",
         "src/platform/foundation/preferences/UserDefaultsState.cpp",
-        "  if (contents->version.compare(file_.path()) != Answer::Same) return false;\n",
+        "  if (answer != Answer::Same) return false;\n",
         "",
         "foundation_tests",
         "UserDefaults*",

@@ -102,11 +102,6 @@ FileHandle PreferencesFolder::openLock(const std::string& lockName, bool writabl
       throwLastError("opening the lock file");
     }
   }
-  struct stat status {};
-  if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at the lock file");
-  if (!S_ISREG(status.st_mode)) throwError(ENOTSUP, "the lock file is no regular file");
-  // Root once made it for itself, and the folder's owner cannot open it.
-  if (status.st_uid == 0) giveToOwnerOf(status_, file.fileDescriptor());
   return file;
 }
 
@@ -114,6 +109,9 @@ bool PreferencesFolder::isCalled(int file, const std::string& name) const {
   struct stat opened {};
   struct stat named {};
   if (fstat(file, &opened) != 0) throwLastError("looking at the lock file");
+  if (!S_ISREG(opened.st_mode)) throwError(ENOTSUP, "the lock file is no regular file");
+  // Root once made it for itself, and the folder's owner cannot open it.
+  if (opened.st_uid == 0) giveToOwnerOf(status_, file);
   if (fstatat(descriptor(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno == ENOENT) return false;
     throwLastError("looking at the lock file");
