@@ -17,13 +17,6 @@ class StreamMergedRenames : public StreamTest {
     ASSERT_EQ(process_->source(), sourceName(GetParam())) << process_->error();
     process_->flush();
   }
-  /// What is told of what `work` did while nobody read.
-  std::vector<FSEvent> toldOf(const std::function<void()>& work) {
-    process_->halt();
-    work();
-    process_->goOn();
-    return process_->flush();
-  }
   void move(const std::string& from, const std::string& to) const { moveItem(in(from), in(to)); }
   // Leaves nothing behind by which it could be found later.
   void touchAndRemove(const std::string& path) const {
@@ -42,7 +35,7 @@ class StreamMergedRenames : public StreamTest {
 KESTRINE_PER_SOURCE(StreamMergedRenames);
 
 TEST_P(StreamMergedRenames, EndWhereTheDiskHasTheFolder) {
-  const auto events = toldOf([this] {
+  const auto events = process_->toldOf([this] {
     move("one", "two");
     move("two", "one");
     move("one", "two");
@@ -54,7 +47,7 @@ TEST_P(StreamMergedRenames, EndWhereTheDiskHasTheFolder) {
 }
 
 TEST_P(StreamMergedRenames, EndWhereTheNextRenameBegins) {
-  const auto events = toldOf([this] {
+  const auto events = process_->toldOf([this] {
     move("one", "two");
     move("two", "one");
     move("one", "two");
@@ -67,7 +60,7 @@ TEST_P(StreamMergedRenames, EndWhereTheNextRenameBegins) {
 }
 
 TEST_P(StreamMergedRenames, MayHaveGoneRoundMoreThanTwoPlaces) {
-  const auto events = toldOf([this] {
+  const auto events = process_->toldOf([this] {
     move("one", "two");
     move("two", "beside/three");
     move("beside/three", "one");
@@ -79,7 +72,7 @@ TEST_P(StreamMergedRenames, MayHaveGoneRoundMoreThanTwoPlaces) {
 }
 
 TEST_P(StreamMergedRenames, ThatWereNoneAreNotMadeUp) {
-  const auto events = toldOf([this] {
+  const auto events = process_->toldOf([this] {
     move("one", "two");
     move("two", "one");
     touchAndRemove("one/file");
@@ -94,7 +87,7 @@ TEST_P(StreamMergedRenames, ThatWereNoneAreNotMadeUp) {
 TEST_P(StreamMergedRenames, TakeThePlaceOfAFolderThatIsThere) {
   makeFolder(in("other"));
   process_->flush();
-  const auto events = toldOf([this] {
+  const auto events = process_->toldOf([this] {
     move("one", "two");
     move("two", "one");
     move("one", "two");
@@ -110,7 +103,7 @@ TEST_P(StreamMergedRenames, OfManyFoldersAtOnceAreFollowedToo) {
   constexpr int kFolders = 40;
   for (int i = 0; i < kFolders; ++i) makeFolder(in("from" + std::to_string(i)));
   process_->flush();
-  const auto events = toldOf([this] {
+  const auto events = process_->toldOf([this] {
     for (int i = 0; i < kFolders; ++i) {
       const auto number = std::to_string(i);
       for (int turn = 0; turn < 3; ++turn) move((turn == 1 ? "to" : "from") + number, (turn == 1 ? "from" : "to") + number);

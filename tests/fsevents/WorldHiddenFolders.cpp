@@ -14,18 +14,20 @@ class WorldHiddenFolders : public WorldTest {
     ASSERT_EQ(process_->source(), sourceName(GetParam())) << process_->error();
     process_->flush();
   }
-  /// What is told of what `work` did while nobody read.
-  std::vector<FSEvent> toldOf(const std::function<void()>& work) {
-    process_->halt();
-    work();
-    process_->goOn();
-    return process_->flush();
-  }
   void expectWatched(const std::string& folder) {
     process_->flush();
     touchFile(in(folder + "/probe"));
     EXPECT_NE(test::flagsOf(process_->flush(), in(folder + "/probe")) & kCreated, 0U) << folder;
     removeItem(in(folder + "/probe"));
+  }
+  void expectFoundWhenUncoveredElsewhere() {
+    const auto events = process_->toldOf([this] {
+      unmountAt(in("above/hidden"));
+      moveItem(in("above"), in("elsewhere"));
+    });
+    EXPECT_EQ(allFlagsOf(events) & kMustScan, 0U);
+    expectWatched("elsewhere/hidden");
+    expectWatched("elsewhere/hidden/deep");
   }
   static FSEventStreamEventFlags allFlagsOf(const std::vector<FSEvent>& events) {
     FSEventStreamEventFlags flags = 0;
@@ -41,13 +43,7 @@ TEST_P(WorldHiddenFolders, AreFoundAfterTheFolderAboveThemHasMoved) {
     makeFolders(in("above/hidden/deep"));
     mountAt(in("above/hidden"), "tmpfs");
     begin();
-    const auto events = toldOf([this] {
-      unmountAt(in("above/hidden"));
-      moveItem(in("above"), in("elsewhere"));
-    });
-    EXPECT_EQ(allFlagsOf(events) & kMustScan, 0U);
-    expectWatched("elsewhere/hidden");
-    expectWatched("elsewhere/hidden/deep");
+    expectFoundWhenUncoveredElsewhere();
   });
 }
 
@@ -57,13 +53,7 @@ TEST_P(WorldHiddenFolders, AreFoundThereWhenTheyWereWatchedBefore) {
     begin();
     mountAt(in("above/hidden"), "tmpfs");
     EXPECT_NE(test::flagsOf(process_->flush(), in("above/hidden")) & kMount, 0U);
-    const auto events = toldOf([this] {
-      unmountAt(in("above/hidden"));
-      moveItem(in("above"), in("elsewhere"));
-    });
-    EXPECT_EQ(allFlagsOf(events) & kMustScan, 0U);
-    expectWatched("elsewhere/hidden");
-    expectWatched("elsewhere/hidden/deep");
+    expectFoundWhenUncoveredElsewhere();
   });
 }
 
@@ -72,7 +62,7 @@ TEST_P(WorldHiddenFolders, AreNotLookedForInVainByWhatMovedInThem) {
     makeFolders(in("hidden/one/deep"));
     makeFolders(in("hidden/other"));
     begin();
-    const auto events = toldOf([this] {
+    const auto events = process_->toldOf([this] {
       moveItem(in("hidden/one"), in("hidden/two"));
       moveItem(in("hidden/two/deep"), in("hidden/other/deep"));
       mountAt(in("hidden"), "tmpfs");

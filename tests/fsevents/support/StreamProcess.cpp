@@ -158,6 +158,13 @@ std::vector<FSEvent> StreamProcess::eventsOf(const std::string& command) {
   return events;
 }
 
+std::vector<FSEvent> StreamProcess::toldOf(const std::function<void()>& work) {
+  halt();
+  work();
+  goOn();
+  return flush();
+}
+
 std::vector<TimedEvent> StreamProcess::flushTimed() { return timedEventsOf("flush"); }
 
 std::vector<FSEvent> StreamProcess::flush() { return eventsOf("flush"); }

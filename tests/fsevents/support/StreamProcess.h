@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,6 +54,8 @@ class StreamProcess {
   std::vector<FSEvent> flush();
   std::vector<FSEvent> delivered();
   std::vector<TimedEvent> flushTimed();
+  /// What is told, after a flush, of what `work` did while the process was halted, so that all of it was in the queue at once.
+  std::vector<FSEvent> toldOf(const std::function<void()>& work);
   /// The same until `path` is told with all `flags`, or some seconds have passed: everything that was delivered.
   std::vector<FSEvent> until(const std::string& path, FSEventStreamEventFlags flags);
   /// Numbers of the stream's status: "foldersMarked", or the number of entries of "losses" and "unreadable".

@@ -369,8 +369,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool rootLostItem_ = false;
   bool movedFolders_ = false;
   std::vector<std::string> covered_;
-  /// Folders that a mount hides, by the path that they had when that was found: in which folder, which may be elsewhere by the time at which
-  /// they are uncovered, and under which name.
+  /// Folders that a mount hides, by the path that they had when that was found: in which folder, which may be elsewhere by the time at
+  /// which they are uncovered, and under which name.
   std::map<std::string, std::pair<Where, std::string>, std::less<>> hidden_;
   Unsettled unsettled_;
   bool isBlind_ = false;
