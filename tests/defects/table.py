@@ -142,7 +142,7 @@ DEFECTS = [
     Defect(
         "cache-misses-the-reset",
         "src/platform/foundation/preferences/UserDefaultsState.cpp",
-        "  if (contents->version.compare(file_.path()) != Answer::Same) return false;\n",
+        "  if (answer != Answer::Same) return false;\n",
         "",
         "foundation_tests",
         "UserDefaults*",
@@ -354,10 +354,26 @@ DEFECTS = [
     Defect(
         "signal-of-file-sizes-let-through",
         "src/platform/foundation/preferences/PreferencesFolder.cpp",
-        "    const FileSizeSignalTaken signal;\n",
+        "    if (error == EFBIG) signal.exceeded();\n",
         "",
         "foundation_tests",
         "UserDefaultsFailures.SurviveTheSignal*",
+    ),
+    Defect(
+        "edit-without-the-lock-overwritten",
+        "src/platform/foundation/preferences/PreferencesFile.cpp",
+        "    if (former.compare(path_) == FileVersion::Answer::Different) throw ChangedMeanwhile();\n",
+        "",
+        "foundation_tests",
+        "*UserDefaultsMeanwhile*",
+    ),
+    Defect(
+        "each-wait-for-a-kept-lock-in-full",
+        "src/platform/foundation/preferences/UserDefaultsState.cpp",
+        "(wasLocked ? bound / 10 : bound)",
+        "(wasLocked ? bound / 1 : bound)",
+        "foundation_tests",
+        "UserDefaultsLock.*",
     ),
     Defect(
         "interrupted-read-is-an-error",

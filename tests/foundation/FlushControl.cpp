@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace kestrine::test {
 
 std::atomic<int> FlushControl::files = 0;
 std::atomic<int> FlushControl::folders = 0;
 std::atomic<int> FlushControl::foldersToFail = 0;
+std::function<void()> FlushControl::beforeFile;
 
 }  // namespace kestrine::test
 
@@ -19,6 +21,7 @@ extern "C" int fsync(int descriptor) {
   using kestrine::test::FlushControl;
   struct stat status {};
   const bool isFolder = fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
+  if (!isFolder && FlushControl::beforeFile) std::exchange(FlushControl::beforeFile, nullptr)();
   ++(isFolder ? FlushControl::folders : FlushControl::files);
   if (isFolder && FlushControl::foldersToFail > 0) {
     --FlushControl::foldersToFail;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 
 namespace kestrine::test {
 
@@ -11,7 +12,11 @@ struct FlushControl {
   /// So many flushes of folders fail from now on, with EIO.
   static std::atomic<int> foldersToFail;
 
+  /// Called once, before a file is flushed; what happens on disk meanwhile. Set while no other thread flushes.
+  static std::function<void()> beforeFile;
+
   static void reset() {
+    beforeFile = nullptr;
     files = 0;
     folders = 0;
     foldersToFail = 0;

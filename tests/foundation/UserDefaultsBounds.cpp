@@ -94,7 +94,7 @@ TEST(UserDefaultsBounds, LetADomainOfSmallValuesBeChanged) {
   const TemporaryDirectory folder;
   std::string text = "<plist><dict><key>many</key>";
   for (int level = 0; level < 100; ++level) text += "<array>";
-  for (int i = 0; i < 900000; ++i) text += "<true/>";
+  for (int i = 0; i < 200000; ++i) text += "<true/>";
   for (int level = 0; level < 100; ++level) text += "</array>";
   writeFile(folder / "domain.plist", text + "</dict></plist>");
   UserDefaults defaults("domain", folder.path());

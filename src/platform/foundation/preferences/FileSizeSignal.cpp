@@ -25,12 +25,13 @@ bool isPending() {
 FileSizeSignalTaken::FileSizeSignalTaken() noexcept : former_() {
   const sigset_t set = signalOfFileSizes();
   pthread_sigmask(SIG_BLOCK, &set, &former_);
-  wasPending_ = isPending();
+  // Nothing that is not blocked waits.
+  wasPending_ = sigismember(&former_, SIGXFSZ) == 1 && isPending();
 }
 
 FileSizeSignalTaken::~FileSizeSignalTaken() {
   const sigset_t set = signalOfFileSizes();
-  if (!wasPending_ && isPending()) {
+  if (isExceeded_ && !wasPending_ && isPending()) {
     const timespec atOnce{};
     sigtimedwait(&set, nullptr, &atOnce);
   }

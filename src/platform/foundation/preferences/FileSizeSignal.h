@@ -13,9 +13,13 @@ class FileSizeSignalTaken {
   FileSizeSignalTaken(const FileSizeSignalTaken&) = delete;
   FileSizeSignalTaken& operator=(const FileSizeSignalTaken&) = delete;
 
+  /// A write has failed so: the signal is there.
+  void exceeded() noexcept { isExceeded_ = true; }
+
  private:
   sigset_t former_;
   bool wasPending_;
+  bool isExceeded_ = false;
 };
 
 }  // namespace platform

@@ -96,6 +96,7 @@ bool PreferencesChanges::areIn(const Object& values) const {
 }
 
 PreferencesDecision PreferencesChanges::decide(const Object& values, std::vector<std::string>& refused, std::string& why) const {
+  refused.clear();
   if (areIn(values)) return PreferencesDecision::keep();
   std::vector<std::map<std::string, Entry, std::less<>>::const_iterator> inOrder;
   inOrder.reserve(entries_.size());

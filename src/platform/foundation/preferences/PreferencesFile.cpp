@@ -35,6 +35,9 @@ bool isLeftover(std::string_view candidate, std::string_view name) {
   return false;
 }
 
+/// The file is not the one any more that the decision was about.
+struct ChangedMeanwhile {};
+
 void requireOurs(const PreferencesLock& lock) {
   if (!lock.isOurs()) throw PreferencesFailure(Kind::Locked, "this process was made while its parent was writing them");
 }
@@ -65,24 +68,30 @@ PreferencesFile::Outcome PreferencesFile::update(const Change& change, const Pre
 
 PreferencesFile::Outcome PreferencesFile::updateLocked(const PreferencesFolder& folder, const PreferencesLock& lock, const Change& change,
                                                        const PreferencesSnapshot& known, Clock::time_point end) const {
-  Loaded found;
-  if (known && known->version.compare(path_) == FileVersion::Answer::Same) {
-    found.contents = known;
-  } else {
-    found = loadSettled(known, end);
+  constexpr int kAttempts = 5;
+  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+    Loaded found;
+    if (known && known->version.compare(path_) == FileVersion::Answer::Same) {
+      found.contents = known;
+    } else {
+      found = loadSettled(known, end);
+    }
+    // The last good values stay in force.
+    const PreferencesSnapshot before = found.damage ? known : found.contents;
+    PreferencesDecision decision = change(before ? before->values : Object());
+    requireOurs(lock);
+    if (decision.kind == PreferencesDecision::Kind::Leave) return {found.contents, found.damage};
+    if (decision.kind == PreferencesDecision::Kind::Keep && found.damage) {
+      if (!before || before->values.isNil()) return {nullptr, found.damage};
+      // It is kept nowhere but in memory.
+      decision = PreferencesDecision::put(before->values);
+    }
+    try {
+      return apply(PreferencesPlace(folder, folder_, name_), lock, std::move(decision), found);
+    } catch (const ChangedMeanwhile&) {
+    }
   }
-  // The last good values stay in force.
-  if (found.damage) found.contents = nullptr;
-  const PreferencesSnapshot before = found.damage ? known : found.contents;
-  PreferencesDecision decision = change(before ? before->values : Object());
-  requireOurs(lock);
-  if (decision.kind == PreferencesDecision::Kind::Leave) return {found.contents, found.damage};
-  if (decision.kind == PreferencesDecision::Kind::Keep && found.damage) {
-    if (!before || before->values.isNil()) return {nullptr, found.damage};
-    // It is kept nowhere but in memory.
-    decision = PreferencesDecision::put(before->values);
-  }
-  return apply(PreferencesPlace(folder, folder_, name_), lock, std::move(decision), found);
+  throw PreferencesFailure(Kind::Refused, "somebody changes the file without the lock, again and again");
 }
 
 PreferencesFile::Outcome PreferencesFile::apply(const PreferencesPlace& place, const PreferencesLock& lock, PreferencesDecision decision,
@@ -131,6 +140,8 @@ FileVersion PreferencesFile::replace(const PreferencesPlace& place, const Prefer
     std::string aside;
     if (found.damage) aside = keepAside(place, found.damaged, temporaryAside);
     requireOurs(lock);
+    // Flushing takes a while, and not everybody asks for the lock.
+    if (former.compare(path_) == FileVersion::Answer::Different) throw ChangedMeanwhile();
     folder.rename(temporary, place.name());
     if (found.damage) {
       NSLog("The preferences " + path_ + " are no property list (" + found.damage->reason + "); they are kept as " + aside);

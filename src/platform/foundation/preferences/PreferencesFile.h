@@ -86,7 +86,8 @@ class PreferencesFile {
 
   /// Changes the file under its lock, for which it waits until `end`. `known`, when it is not null, is what was read before: it is not read
   /// again when nothing has changed, and takes the place of a damaged file. A damaged file that nobody has changed for a while is kept
-  /// aside before it is replaced. Exceptions of `change`, which is called once at most, pass.
+  /// aside before it is replaced. Exceptions of `change` pass; it is called again when somebody without the lock has changed the file
+  /// meanwhile.
   [[nodiscard]] Outcome update(const Change& change, const PreferencesSnapshot& known, Clock::time_point end) const;
   /// Makes durable what was read. An error when it cannot be.
   [[nodiscard]] std::optional<PreferencesError> flush(const PreferencesContents& contents) const;

@@ -102,11 +102,6 @@ FileHandle PreferencesFolder::openLock(const std::string& lockName, bool writabl
       throwLastError("opening the lock file");
     }
   }
-  struct stat status {};
-  if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at the lock file");
-  if (!S_ISREG(status.st_mode)) throwError(ENOTSUP, "the lock file is no regular file");
-  // Root once made it for itself, and the folder's owner cannot open it.
-  if (status.st_uid == 0) giveToOwnerOf(status_, file.fileDescriptor());
   return file;
 }
 
@@ -114,6 +109,9 @@ bool PreferencesFolder::isCalled(int file, const std::string& name) const {
   struct stat opened {};
   struct stat named {};
   if (fstat(file, &opened) != 0) throwLastError("looking at the lock file");
+  if (!S_ISREG(opened.st_mode)) throwError(ENOTSUP, "the lock file is no regular file");
+  // Root once made it for itself, and the folder's owner cannot open it.
+  if (opened.st_uid == 0) giveToOwnerOf(status_, file);
   if (fstatat(descriptor(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno == ENOENT) return false;
     throwLastError("looking at the lock file");
@@ -135,8 +133,10 @@ FileHandle PreferencesFolder::writtenBy(const Fill& fill, const std::string& tem
   }
   if (!file.isOpen()) throwLastError("making the temporary file");
   try {
-    const FileSizeSignalTaken signal;
-    if (const int error = fill(file.fileDescriptor()); error != 0) throwError(error, "writing the temporary file");
+    FileSizeSignalTaken signal;
+    const int error = fill(file.fileDescriptor());
+    if (error == EFBIG) signal.exceeded();
+    if (error != 0) throwError(error, "writing the temporary file");
     attributes.putOn(file.fileDescriptor());
     if (fsync(file.fileDescriptor()) != 0) throwLastError("flushing the temporary file");
     FileHandle reader(openat(descriptor(), temporaryName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));

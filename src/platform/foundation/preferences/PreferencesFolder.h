@@ -27,7 +27,7 @@ class PreferencesFolder {
   /// Opens a lock file, and makes it when there is none. It stays for good, is never written to, and is opened for reading, so that taking
   /// it is no change that a watcher would see; `writable` for file systems that demand it.
   [[nodiscard]] FileHandle openLock(const std::string& lockName, bool writable) const;
-  /// Whether the file that is open still has that name.
+  /// Whether the lock file that is open still has that name. Throws when it is no regular file.
   [[nodiscard]] bool isCalled(int file, const std::string& name) const;
 
   /// Writes a new file, gives it the attributes and flushes it. Returns it opened for reading.

@@ -30,10 +30,12 @@ FileHandle openForReading(const std::string& path) {
     if (errno == ENOENT) return file;
     throwLastError("opening");
   }
-  struct stat status {};
-  if (fstat(file.fileDescriptor(), &status) != 0) throwLastError("looking at it");
-  if (!S_ISREG(status.st_mode)) throwError(S_ISDIR(status.st_mode) ? EISDIR : ENOTSUP, "it is no regular file");
   return file;
+}
+
+void requireRegular(mode_t mode) {
+  if (mode == 0) throwError(EIO, "looking at it");
+  if (!S_ISREG(mode)) throwError(S_ISDIR(mode) ? EISDIR : ENOTSUP, "it is no regular file");
 }
 
 /// What is known of the same bytes under the same stamps, which are as durable as they were.
@@ -54,6 +56,7 @@ PreferencesFile::Loaded PreferencesFile::load(const PreferencesSnapshot& known) 
       contents->version = std::move(version);
       return {std::move(contents), std::nullopt, {}};
     }
+    requireRegular(version.mode());
     const auto bytes = readAll(version.descriptor(), kPropertyListMaximumSize);
     if (!bytes) throwError(bytes.error(), "reading");
     if (version.compareOpen() == FileVersion::Answer::Different && reads < kReadsAtOnce) continue;

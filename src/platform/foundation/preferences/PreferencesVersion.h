@@ -38,6 +38,8 @@ class FileVersion {
 
   /// Whether there was a file.
   [[nodiscard]] bool exists() const { return file_.isOpen(); }
+  /// st_mode, stat(2); 0 when the system did not tell.
+  [[nodiscard]] mode_t mode() const { return known_ ? status_.st_mode : 0; }
   [[nodiscard]] int descriptor() const { return file_.fileDescriptor(); }
   /// How long ago the file changed by its own stamp; zero when that lies in the future.
   [[nodiscard]] std::chrono::nanoseconds age() const;

@@ -8,7 +8,7 @@ namespace platform {
 
 Object storableValue(const Object& value, std::string_view key) {
   // Nearly all of them are texts.
-  if (value.isString() && isPropertyListText(key) && isPropertyListText(value.stringView())) return value;
+  if (value.isString() && isPropertyListText(value.stringView())) return value;
   return propertyListValue(Dictionary{{std::string(key), value}}).objectForKey(key);
 }
 

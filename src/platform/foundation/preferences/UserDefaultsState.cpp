@@ -120,7 +120,7 @@ UserDefaultsState::Clock::time_point UserDefaultsState::endOfWait() {
   return Clock::now() + (wasLocked ? bound / 10 : bound);
 }
 
-bool UserDefaultsState::isThereAlready() {
+bool UserDefaultsState::isThereAlready(std::optional<FileVersion::Answer>& answer) {
   PreferencesSnapshot contents;
   std::uint64_t latest = 0;
   {
@@ -130,7 +130,8 @@ bool UserDefaultsState::isThereAlready() {
     contents = onDisk_;
     latest = changes_.latest();
   }
-  if (contents->version.compare(file_.path()) != Answer::Same) return false;
+  answer = contents->version.compare(file_.path());
+  if (answer != Answer::Same) return false;
   const MutexLock lock(mutex_);
   changes_.dropUpTo(latest);
   readError_.reset();
@@ -139,7 +140,8 @@ bool UserDefaultsState::isThereAlready() {
 }
 
 bool UserDefaultsState::synchronize() {
-  if (isThereAlready()) return true;
+  std::optional<Answer> answer;
+  if (isThereAlready(answer)) return true;
   const auto end = endOfWait();
   const Turn turn(*this, end);
   if (!turn.isTaken()) return noteWrite(file_.path(), Turn::notTaken());
@@ -157,7 +159,8 @@ bool UserDefaultsState::synchronize() {
     return true;
   }
   // What may be the file that was read is looked at without the lock; what is another is read under it.
-  if (now.contents && now.contents->version.compare(file_.path()) != Answer::Different) now = refreshed(now.contents);
+  if (now.contents && !answer) answer = now.contents->version.compare(file_.path());
+  if (answer && answer != Answer::Different) now = refreshed(now.contents);
   if (!now.isCurrent || !pending.areIn(now.contents->values)) return write(pending, now.contents, end);
   const auto error = now.contents->durable ? std::nullopt : file_.flush(*now.contents);
   {
@@ -196,14 +199,19 @@ Object UserDefaultsState::exchange(std::string_view key, const std::function<Obj
   bool decided = false;
   std::vector<std::string> refused;
   std::string why;
+  PreferencesChanges changes;
   const auto change = [&](const Object& values) {
-    found = values.objectForKey(key);
-    asked = true;
-    const Object wanted = decide(found);
-    if (wanted.isNil()) return PreferencesDecision::leave();
-    decided = true;
-    PreferencesChanges changes;
-    changes.put(key, storableValue(wanted, key));
+    const Object now = values.objectForKey(key);
+    // It is asked once; what somebody has put there since without the lock is not overwritten by an answer that is about something else.
+    if (asked && !(now == found)) throw PreferencesFailure(Kind::Refused, "somebody changed the value without the lock");
+    if (!asked) {
+      found = now;
+      asked = true;
+      const Object wanted = decide(found);
+      if (wanted.isNil()) return PreferencesDecision::leave();
+      decided = true;
+      changes.put(key, storableValue(wanted, key));
+    }
     return changes.decide(values, refused, why);
   };
   const PreferencesFile::Outcome outcome = file_.update(change, known(), end);

@@ -53,7 +53,8 @@ class UserDefaultsState {
   Object valueOnDisk(std::string_view key) EXCLUDES(mutex_);
   void install(const PreferencesFile::Outcome& outcome) EXCLUDES(mutex_);
   /// The cheap look: the file is the one last read, is durable and holds the changes, which are forgotten then.
-  bool isThereAlready() EXCLUDES(mutex_);
+  /// `answer` is what the file's version said, if it was asked.
+  bool isThereAlready(std::optional<FileVersion::Answer>& answer) EXCLUDES(mutex_);
   bool write(const PreferencesChanges& pending, const PreferencesSnapshot& known, Clock::time_point end) EXCLUDES(mutex_);
 
   const unsigned generation_ = forkGeneration();
