@@ -5,14 +5,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 
 namespace kestrine::test {
 
 std::atomic<int> FlushControl::files = 0;
 std::atomic<int> FlushControl::folders = 0;
 std::atomic<int> FlushControl::foldersToFail = 0;
-std::function<void()> FlushControl::beforeFile;
+std::atomic<const std::function<void()>*> FlushControl::beforeFile = nullptr;
 
 }  // namespace kestrine::test
 
@@ -21,7 +20,8 @@ extern "C" int fsync(int descriptor) {
   using kestrine::test::FlushControl;
   struct stat status {};
   const bool isFolder = fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
-  if (!isFolder && FlushControl::beforeFile) std::exchange(FlushControl::beforeFile, nullptr)();
+  const auto* work = isFolder ? nullptr : FlushControl::beforeFile.exchange(nullptr);
+  if (work != nullptr) (*work)();
   ++(isFolder ? FlushControl::folders : FlushControl::files);
   if (isFolder && FlushControl::foldersToFail > 0) {
     --FlushControl::foldersToFail;

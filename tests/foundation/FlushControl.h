@@ -12,8 +12,9 @@ struct FlushControl {
   /// So many flushes of folders fail from now on, with EIO.
   static std::atomic<int> foldersToFail;
 
-  /// Called once, before a file is flushed; what happens on disk meanwhile. Set while no other thread flushes.
-  static std::function<void()> beforeFile;
+  /// Called once, before a file is flushed; what happens on disk meanwhile. Whoever sets it keeps it. A pointer, since the jobs of the
+  /// second process (UserDefaultsHelper.cpp) flush before other files' variables are made, and forked children before they could be.
+  static std::atomic<const std::function<void()>*> beforeFile;
 
   static void reset() {
     beforeFile = nullptr;

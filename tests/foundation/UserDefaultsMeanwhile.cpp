@@ -28,14 +28,16 @@ class UserDefaultsMeanwhile : public testing::TestWithParam<bool> {
 
   /// While the next file is flushed, the domain becomes this one key: edited where it stands, or replaced.
   void editMeanwhile(const std::string& key, const std::string& value) {
-    FlushControl::beforeFile = [this, text = "<plist><dict><key>" + key + "</key><string>" + value + "</string></dict></plist>"] {
+    edit_ = [this, text = "<plist><dict><key>" + key + "</key><string>" + value + "</string></dict></plist>"] {
       const std::string path = folder_ / "domain.plist";
       writeFile(GetParam() ? path : path + ".new", text);
       if (!GetParam()) std::rename((path + ".new").c_str(), path.c_str());
     };
+    FlushControl::beforeFile = &edit_;
   }
   Object domain() { return UserDefaults("domain", folder_.path()).persistentDomainForName("domain"); }
 
+  std::function<void()> edit_;
   const TemporaryDirectory folder_;
   UserDefaults defaults_{"domain", folder_.path()};
 };
