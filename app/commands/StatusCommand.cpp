@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "app/cli/CommandError.h"
 #include "app/client/ServiceReport.h"
 #include "app/client/StatusFlag.h"
 #include "app/client/WatchedFolder.h"
@@ -21,6 +22,7 @@ constexpr Option kStatusOptions[] = {
 
 constexpr ExitNote kStatusExits[] = {
     {ExitCode::Ok, "the service runs and at least one watch stands"},
+    {ExitCode::Failed, "whether the service runs cannot be told"},
     {ExitCode::NotRunning, "the service is not running"},
     {ExitCode::NotWatching, "the service runs and no watch stands"},
     {ExitCode::TimedOut, "the service runs and does not answer"},
@@ -40,7 +42,9 @@ ServiceStatus collect() {
   status.report = askService(kAnswerLimit);
   if (status.report) {
     status.process = status.report->process;
-  } else if (const auto service = platform::xpc::runningService(kServiceName); service.isAlive) {
+  } else if (const auto service = platform::xpc::runningService(kServiceName); !service.problem.empty()) {
+    throw CommandError(ExitCode::Failed, "whether the service runs cannot be told: " + service.problem);
+  } else if (service.isAlive) {
     // One that has only just taken its lock has no number yet; -1 says that it is there all the same.
     status.process = service.processIdentifier != 0 ? service.processIdentifier : -1;
   }

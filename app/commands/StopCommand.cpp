@@ -29,7 +29,7 @@ constexpr Option kStopOptions[] = {
 
 constexpr ExitNote kStopExits[] = {
     {ExitCode::Ok, "the service has ended, or was not running"},
-    {ExitCode::Failed, "the process may not be signalled"},
+    {ExitCode::Failed, "the process may not be signalled, or whether it runs cannot be told"},
     {ExitCode::TimedOut, "the service was told to end and has not, in the time allowed"},
 };
 
@@ -38,11 +38,18 @@ bool isAlive(pid_t process) {
   return service.isAlive && service.processIdentifier == process;
 }
 
-/// A lock file can be older than the process that has its number now, so a process of somebody else is never signalled.
-void checkOwner(pid_t process) {
+/// The lock file's text is a claim: the process that it names is ended only when it is this user's and has the lock. Asked while its
+/// descriptor is open, so that no other process can have its number by then. False when it is gone.
+bool isOursToEnd(pid_t process) {
   struct stat status {};
-  if (stat(fmt::format("/proc/{}", process).c_str(), &status) < 0 || status.st_uid == geteuid()) return;
-  throw CommandError(ExitCode::Failed, fmt::format("process {} belongs to user {}; only that user can end it", process, status.st_uid));
+  if (stat(fmt::format("/proc/{}", process).c_str(), &status) < 0) return false;
+  if (status.st_uid != geteuid()) {
+    throw CommandError(ExitCode::Failed, fmt::format("process {} belongs to user {}; only that user can end it", process, status.st_uid));
+  }
+  if (platform::xpc::isHolder(kServiceName, process)) return true;
+  if (!isAlive(process)) return false;
+  throw CommandError(ExitCode::Failed,
+                     fmt::format("process {} is not ended: the service's lock file names it, but it does not hold the lock", process));
 }
 
 void terminate(const ServiceProcessHandle& service) {
@@ -75,6 +82,9 @@ double stopLimit(const Arguments& arguments) {
 ExitCode runStop(const Arguments& arguments) {
   const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(stopLimit(arguments)));
   const auto deadline = Clock::now() + limit;
+  if (const auto running = platform::xpc::runningService(kServiceName); !running.problem.empty()) {
+    throw CommandError(ExitCode::Failed, "whether the service runs cannot be told: " + running.problem);
+  }
   ServiceProcessHandle service = openServiceProcess();
   // A service that has just begun holds its lock a moment before its number stands in it.
   while (service.process == 0 && platform::xpc::runningService(kServiceName).isAlive && Clock::now() < deadline) {
@@ -85,8 +95,7 @@ ExitCode runStop(const Arguments& arguments) {
     fmt::print("the service is not running\n");
     return ExitCode::Ok;
   }
-  checkOwner(service.process);
-  terminate(service);
+  if (isOursToEnd(service.process)) terminate(service);
   if (!waitUntilGone(service, deadline)) {
     throw CommandError(ExitCode::TimedOut,
                        fmt::format("the service (process {}) was told to end and still runs; 'kill -9 {}' ends it at once", service.process,

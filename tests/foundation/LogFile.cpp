@@ -1,9 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/foundation/CapturedStandardError.h"
 
 namespace platform {
@@ -107,6 +110,40 @@ TEST(LogFile, ThatCannotBeWrittenIsSaidOnceAndTriedAgain) {
   NSLog("three");
   flushLog();
   EXPECT_THAT(readFile(folder / "missing/log"), testing::EndsWith("] three\n"));
+}
+
+TEST(LogFile, ThatIsAPipeHoldsNobodyUp) {
+  const TemporaryDirectory folder;
+  const CapturedStandardError captured;
+  ASSERT_EQ(mkfifo((folder / "log").c_str(), 0600), 0);
+  {
+    const LogTo destination(folder / "log");
+    NSLog("for nobody");
+    flushLog();
+    EXPECT_THAT(captured.text(), testing::HasSubstr("cannot be written: nobody reads the pipe '" + (folder / "log") + "'"));
+  }
+  const FileHandle reader(open((folder / "log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  ASSERT_TRUE(reader.isOpen());
+  const LogTo destination(folder / "log");
+  const std::string line(4000, 'x');
+  // More than a pipe takes.
+  for (int i = 0; i < 100; ++i) NSLog(line);
+  flushLog();
+  EXPECT_THAT(captured.text(), testing::HasSubstr("cannot be written: nobody empties the pipe '" + (folder / "log") + "'"));
+}
+
+TEST(LogFile, IsNotLookedForBehindAnothersLink) {
+  if (geteuid() != 0) GTEST_SKIP() << "left out: another user's link, because this is not root and can give nothing away";
+  const TemporaryDirectory folder;
+  const CapturedStandardError captured;
+  writeFile(folder / "victim", "of root\n");
+  std::filesystem::create_symlink("victim", folder / "log");
+  ASSERT_EQ(lchown((folder / "log").c_str(), 65534, 65534), 0);
+  const LogTo destination(folder / "log");
+  NSLog("x");
+  flushLog();
+  EXPECT_EQ(readFile(folder / "victim"), "of root\n");
+  EXPECT_THAT(captured.text(), testing::HasSubstr("log' is a symbolic link that user 65534 made"));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <array>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <set>
 
@@ -108,16 +109,25 @@ TEST(Launch, KeepsItsFilesFromOthers) {
   EXPECT_EQ(socket.st_mode & 07777U, 0600U);
 }
 
-TEST(Launch, ClosesTheFolderToOthersWhenItWasOpen) {
+TEST(Launch, ChangesNoModeOfAFolderThatItDidNotMake) {
   ServiceEnvironment environment;
   environment.install(kTestService);
   makeFolder(environment.socketFolder());
-  ASSERT_EQ(chmod(environment.socketFolder().c_str(), 0755), 0);
-  Client client(kTestService);
-  ASSERT_NO_THROW(messageOf(client.ask("pid")));
-  struct stat folder {};
-  ASSERT_EQ(stat(environment.socketFolder().c_str(), &folder), 0);
-  EXPECT_EQ(folder.st_mode & 07777U, 0700U);
+  struct Row {
+    mode_t mode;
+    bool isServed;
+  };
+  for (const auto& [mode, isServed] : {Row{0777, false}, Row{01777, false}, Row{0757, false}, Row{0755, true}}) {
+    ASSERT_EQ(chmod(environment.socketFolder().c_str(), mode), 0);
+    Client client(kTestService);
+    const auto event = client.ask("pid");
+    EXPECT_EQ(errorKind(event) == std::nullopt, isServed) << std::oct << mode << ": " << errorText(event);
+    if (!isServed) EXPECT_TRUE(contains(errorText(event), "can write to it (mode ")) << errorText(event);
+    struct stat folder {};
+    ASSERT_EQ(stat(environment.socketFolder().c_str(), &folder), 0);
+    EXPECT_EQ(folder.st_mode & 07777U, mode);
+    if (!isServed) EXPECT_TRUE(std::filesystem::is_empty(environment.socketFolder())) << "something was made in it";
+  }
 }
 
 TEST(Launch, LogsToAFileInTheStateFolder) {
@@ -234,13 +244,23 @@ TEST(Launch, UsesTheStateFolderWithoutARuntimeFolder) {
     GTEST_SKIP() << "left out: the socket in the state folder, because this user has a runtime folder that would be used in its place";
   }
   ServiceEnvironment environment;
-  environment.set("XDG_RUNTIME_DIR", "relative/is/ignored");
+  environment.set("XDG_RUNTIME_DIR", "");
   environment.install(kTestService);
   Client client(kTestService);
   ASSERT_NO_THROW(messageOf(client.ask("pid")));
   std::array<char, 256> host{};
   ASSERT_EQ(gethostname(host.data(), host.size() - 1), 0);
   EXPECT_EQ(access((environment / ("state/xpc-" + std::string(host.data()) + "/" + kTestService)).c_str(), F_OK), 0);
+}
+
+TEST(Launch, RefusesARelativeRuntimeFolder) {
+  ServiceEnvironment environment;
+  environment.set("XDG_RUNTIME_DIR", "run");
+  environment.install(kTestService);
+  Client client(kTestService);
+  const auto event = client.ask("pid");
+  EXPECT_EQ(errorKind(event), ConnectionError::Kind::Invalid);
+  EXPECT_TRUE(contains(errorText(event), "XDG_RUNTIME_DIR is a relative path; let XDG_RUNTIME_DIR be a folder")) << errorText(event);
 }
 
 TEST(Launch, TellsThatTheFolderOfSocketsCannotBeUsed) {

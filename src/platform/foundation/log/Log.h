@@ -36,5 +36,7 @@ bool standardErrorIsTheJournal();
 
 /// Returns when every line logged before the call has been written. Any thread.
 void flushLog();
+/// The same for a process that is about to end, which waits a few seconds at most for a disk or a reader that takes none.
+void flushLogAtEnd();
 
 }  // namespace platform

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "platform/foundation/base/DescriptorIO.h"
+#include "platform/foundation/base/SystemError.h"
 
 namespace platform {
 
@@ -51,31 +52,42 @@ bool DescriptorSink::writeAll(std::string_view text) {
   return true;
 }
 
-int FileSink::open() {
-  handle_ = FileHandle(::open(file_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600));
-  return handle_.isOpen() ? 0 : errno;
+std::string FileSink::open() {
+  auto place = findTrustedPlace(file_);
+  if (!place) return place.error().reason;
+  auto file = openTrustedFile(*place, O_WRONLY | O_APPEND | O_CREAT);
+  // A pipe with no reader.
+  if (!file && file.error().error == ENXIO) return "nobody reads the pipe '" + place->path + "'";
+  if (!file) return file.error().reason;
+  place_ = *std::move(place);
+  handle_ = *std::move(file);
+  return {};
 }
 
-int FileSink::beginAnew() {
-  const std::string old = file_ + ".old";
+std::string FileSink::beginAnew() {
+  const std::string old = place_.name + ".old";
+  const int folder = place_.folder.fileDescriptor();
   handle_.closeFile();
-  if (std::rename(file_.c_str(), old.c_str()) != 0) return errno;
+  if (renameat(folder, place_.name.c_str(), folder, old.c_str()) != 0) return errnoText(errno);
   return open();
 }
 
-int FileSink::write(std::string_view line) {
-  if (file_.empty()) return 0;
+std::string FileSink::write(std::string_view line) {
+  if (file_.empty()) return {};
   if (!handle_.isOpen()) {
-    if (const int error = open(); error != 0) return error;
+    if (auto reason = open(); !reason.empty()) return reason;
   }
   if (line.size() > limit_) line = line.substr(0, limit_);
   struct stat status {};
-  if (fstat(handle_.fileDescriptor(), &status) != 0) return errno;
+  if (fstat(handle_.fileDescriptor(), &status) != 0) return errnoText(errno);
   // Only a regular file grows; a device or a pipe of that name is not renamed.
   if (S_ISREG(status.st_mode) && status.st_size > 0 && static_cast<std::size_t>(status.st_size) + line.size() > limit_) {
-    if (const int error = beginAnew(); error != 0) return error;
+    if (auto reason = beginAnew(); !reason.empty()) return reason;
   }
-  return writeAll(handle_.fileDescriptor(), line);
+  const int error = writeAll(handle_.fileDescriptor(), line);
+  // Opened so that it never waits.
+  if (error == EAGAIN) return "nobody empties the pipe '" + place_.path + "'";
+  return error == 0 ? std::string() : errnoText(error);
 }
 
 }  // namespace platform

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/foundation/base/FileHandle.h"
+#include "platform/foundation/base/TrustedPath.h"
 
 namespace platform {
 
@@ -29,22 +30,25 @@ class DescriptorSink {
   bool midLine_ = false;
 };
 
-/// A file that lines are appended to and that is renamed to "<file>.old" before it would grow beyond its limit. One thread; one process a
-/// file.
+/// A file that lines are appended to and that is renamed to "<file>.old" before it would grow beyond its limit. It is one that no other user
+/// can have put there (TrustedPath.h), and where something else than a file has its name, a pipe that nobody empties costs lines and no time.
+/// One thread; one process a file.
 class FileSink {
  public:
   /// An empty name: nothing is written.
   FileSink(std::string file, std::size_t limit) : file_(std::move(file)), limit_(limit) {}
 
-  /// A line longer than the limit is cut. Returns the errno of what failed, 0 when nothing did.
-  int write(std::string_view line);
+  /// A line longer than the limit is cut. Returns why it could not be written, empty when it was.
+  std::string write(std::string_view line);
 
  private:
-  int open();
-  int beginAnew();
+  std::string open();
+  std::string beginAnew();
 
   std::string file_;
   std::size_t limit_;
+  /// Where the file really is; closed like `handle_` before it was opened.
+  TrustedPlace place_;
   FileHandle handle_;
 };
 

@@ -16,7 +16,6 @@
 
 #include "platform/foundation/base/AllSignalsBlocked.h"
 #include "platform/foundation/base/ApplicationIdentifier.h"
-#include "platform/foundation/base/SystemError.h"
 
 namespace platform {
 
@@ -118,7 +117,7 @@ void LogWriter::write(const LogQueue::Batch& batch) {
     syslog_ = batch.destination->syslog;
     file_ = FileSink(batch.destination->file, batch.destination->fileLimit);
     fileName_ = batch.destination->file;
-    fileError_ = 0;
+    fileError_.clear();
   }
   for (const LogLine& line : batch.lines) writeLine(line);
   if (batch.dropped > 0) writeLine(lineOfNow(fmt::format("dropped {} log lines", batch.dropped)));
@@ -139,10 +138,10 @@ void LogWriter::writeStandardError(std::string_view text) {
   if (!standardError_.write(text)) ++lostOnStandardError_;
 }
 
-void LogWriter::reportFileError(int error) {
-  const bool isNew = error != 0 && error != fileError_;
-  fileError_ = error;
-  if (isNew) writeStandardError(formatLine(lineOfNow(fmt::format("the log file {} cannot be written: {}", fileName_, errnoText(error)))));
+void LogWriter::reportFileError(std::string reason) {
+  const bool isNew = !reason.empty() && reason != fileError_;
+  fileError_ = std::move(reason);
+  if (isNew) writeStandardError(formatLine(lineOfNow(fmt::format("the log file {} cannot be written: {}", fileName_, fileError_))));
 }
 
 }  // namespace platform

@@ -34,7 +34,7 @@ class LogWriter {
   void write(const LogQueue::Batch& batch) REQUIRES(writing_);
   void writeLine(const LogLine& line) REQUIRES(writing_);
   void writeStandardError(std::string_view text) REQUIRES(writing_);
-  void reportFileError(int error) REQUIRES(writing_);
+  void reportFileError(std::string reason) REQUIRES(writing_);
 
   LogQueue queue_;
   std::once_flag prepared_;
@@ -48,7 +48,7 @@ class LogWriter {
   FileSink file_ GUARDED_BY(writing_){{}, 0};
   std::string fileName_ GUARDED_BY(writing_);
   bool syslog_ GUARDED_BY(writing_) = false;
-  int fileError_ GUARDED_BY(writing_) = 0;
+  std::string fileError_ GUARDED_BY(writing_);
 };
 
 }  // namespace platform

@@ -8,13 +8,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "platform/foundation/base/DescriptorIO.h"
 #include "platform/foundation/base/SystemError.h"
-#include "platform/foundation/files/FileManager.h"
+#include "platform/foundation/base/TrustedPath.h"
 #include "platform/foundation/files/HomeDirectory.h"
-#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/preferences/FileSizeSignal.h"
 #include "platform/foundation/preferences/PreferencesError.h"
 #include "platform/foundation/preferences/PreferencesWrites.h"
@@ -24,7 +24,6 @@ namespace platform {
 
 namespace {
 
-FileHandle openFolder(const std::string& path) { return FileHandle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); }
 
 /// Announces the event for as long as the call that causes it has not failed.
 class Expected {
@@ -46,21 +45,30 @@ class Expected {
   bool happened_ = false;
 };
 
-/// mkdir, announced. 0 or an errno.
-int makeFolder(const std::string& path) {
+/// mkdirat, announced. 0 or an errno.
+int makeFolder(int folder, const std::string& parent, const std::string& name) {
   struct stat above {};
-  const std::string parent = stringByDeletingLastPathComponent(path);
-  if (stat(parent.c_str(), &above) != 0) return errno;
-  const std::string name = lastPathComponent(path);
+  if (fstat(folder, &above) != 0) return errno;
   Expected event(above.st_dev, above.st_ino, name);
-  if (mkdir(path.c_str(), 0700) != 0) return errno;
+  if (mkdirat(folder, name.c_str(), 0700) != 0) return errno;
   event.happened();
   UnflushedFolders::shared().add(parent);
   if (geteuid() == 0 && above.st_uid != 0) {
-    const FileHandle made(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const FileHandle made(openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (made.isOpen()) giveToOwnerOf(above, made.fileDescriptor());
   }
   return 0;
+}
+
+/// A path as the caller may give it, from the root on.
+std::string fromRoot(const std::string& path) {
+  std::error_code ignored;
+  return path.starts_with('/') ? path : std::filesystem::current_path(ignored).string() + "/" + path;
+}
+
+[[noreturn]] void throwRefusal(const PathRefusal& refusal, const std::string& step) {
+  if (refusal.isDistrust) throw PreferencesFailure(PreferencesError::Kind::Refused, refusal.reason);
+  throwError(refusal.error, step);
 }
 
 }  // namespace
@@ -75,13 +83,31 @@ std::string preferencesFolder() {
   return base + "/Preferences";
 }
 
-PreferencesFolder::PreferencesFolder(const std::string& path, bool make) : folder_(openFolder(path)) {
-  if (!folder_.isOpen() && errno == ENOENT && make) {
-    if (const int error = makeFolders(path, makeFolder); error != 0) throwError(error, "making the folder");
-    folder_ = openFolder(path);
+PreferencesFolder::PreferencesFolder(const std::string& path, bool make) {
+  TrustedWay way{.allowsHost = true, .mayEndInShared = true};
+  bool isMaking = false;
+  if (make) {
+    way.makeFolder = [&isMaking](auto&&... place) {
+      const int error = makeFolder(place...);
+      isMaking = error != 0;
+      return error;
+    };
   }
-  if (!folder_.isOpen() || fstat(descriptor(), &status_) != 0) throwLastError("opening the folder");
+  auto folder = openTrustedFolder(fromRoot(path), way);
+  if (!folder) throwRefusal(folder.error(), isMaking ? "making the folder" : "opening the folder");
+  folder_ = *std::move(folder);
+  if (fstat(descriptor(), &status_) != 0) throwLastError("opening the folder");
   if (make) UnflushedFolders::shared().flushAbove(path);
+}
+
+FileHandle openPreferencesForReading(const std::string& path) {
+  const auto place = findTrustedPlace(fromRoot(path), {.allowsHost = true});
+  if (!place && place.error().error == ENOENT) return FileHandle();
+  if (!place) throwRefusal(place.error(), "opening");
+  auto file = openTrustedFile(*place, O_RDONLY);
+  if (!file && file.error().error == ENOENT) return FileHandle();
+  if (!file) throwRefusal(file.error(), "opening");
+  return *std::move(file);
 }
 
 FileHandle PreferencesFolder::openLock(const std::string& lockName, bool writable) const {
@@ -110,6 +136,8 @@ bool PreferencesFolder::isCalled(int file, const std::string& name) const {
   struct stat named {};
   if (fstat(file, &opened) != 0) throwLastError("looking at the lock file");
   if (!S_ISREG(opened.st_mode)) throwError(ENOTSUP, "the lock file is no regular file");
+  // Somebody who may hold it for ever.
+  if (const auto refusal = refuseFile(file, name, status_.st_uid)) throwRefusal(*refusal, "looking at the lock file");
   // Root once made it for itself, and the folder's owner cannot open it.
   if (opened.st_uid == 0) giveToOwnerOf(status_, file);
   if (fstatat(descriptor(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -21,7 +21,7 @@ std::string preferencesFolder();
 class PreferencesFolder {
  public:
   /// Opens the folder at `path`; makes it, and the folders above it, with permissions 0700 when `make` is set. Those that this process made
-  /// are then durable.
+  /// are then durable. Throws PreferencesFailure (Refused) too, when somebody else could have a hand in it (TrustedPath.h).
   PreferencesFolder(const std::string& path, bool make);
 
   /// Opens a lock file, and makes it when there is none. It stays for good, is never written to, and is opened for reading, so that taking
@@ -57,6 +57,9 @@ class PreferencesFolder {
   FileHandle folder_;
   struct stat status_ {};
 };
+
+/// The preferences file at a path, which nobody else can have put there; closed when there is none. Throws as the folder's constructor.
+[[nodiscard]] FileHandle openPreferencesForReading(const std::string& path);
 
 /// fsync(2); a file system that cannot is no failure. Throws PreferencesFailure (NotFlushed) with the step.
 void flushOrThrow(int descriptor, const std::string& step);

@@ -1,5 +1,4 @@
 // What a preferences file holds: with the lock or without, and nothing is changed by it.
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -24,15 +23,6 @@ constexpr std::chrono::milliseconds kLookPause{10};
 /// A file that changes while it is read is read anew so often at once; then what was read counts, and is not believed for long.
 constexpr int kReadsAtOnce = 3;
 
-FileHandle openForReading(const std::string& path) {
-  FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file.isOpen()) {
-    if (errno == ENOENT) return file;
-    throwLastError("opening");
-  }
-  return file;
-}
-
 void requireRegular(mode_t mode) {
   if (mode == 0) throwError(EIO, "looking at it");
   if (!S_ISREG(mode)) throwError(S_ISDIR(mode) ? EISDIR : ENOTSUP, "it is no regular file");
@@ -50,7 +40,7 @@ bool takeKnown(const PreferencesSnapshot& known, PreferencesContents& now) {
 
 PreferencesFile::Loaded PreferencesFile::load(const PreferencesSnapshot& known) const {
   for (int reads = 1;; ++reads) {
-    FileVersion version(openForReading(path_));
+    FileVersion version(openPreferencesForReading(path_));
     auto contents = std::make_shared<PreferencesContents>();
     if (!version.exists()) {
       contents->version = std::move(version);
@@ -81,6 +71,8 @@ PreferencesFile::Reading PreferencesFile::read(const PreferencesSnapshot& known)
   } catch (const std::system_error& error) {
     const int number = error.code().value();
     return {nullptr, PreferencesError{number == ENOTDIR ? Kind::NoSuchDomain : Kind::Refused, errnoText(number)}, {}};
+  } catch (const PreferencesFailure& failure) {
+    return {nullptr, failure.error(), {}};
   }
 }
 

@@ -98,6 +98,8 @@ std::vector<std::string> UserDefaults::persistentDomainNames() const {
     // No folder: no domains.
     if (error.code() != std::errc::no_such_file_or_directory && error.code() != std::errc::not_a_directory)
       problem = PreferencesError{PreferencesError::Kind::Refused, error.what()};
+  } catch (const PreferencesFailure& failure) {
+    problem = failure.error();
   }
   impl_->state().noteRead(impl_->folder(), problem);
   std::sort(found.begin(), found.end());

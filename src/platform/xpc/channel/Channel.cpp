@@ -128,6 +128,10 @@ bool Channel::takeIn(Received received) {
     credentials_ = *received.credentials;
     credentials_.asid = auditSession(credentials_.pid);
     hasCredentials_ = true;
+    if (side_ == Side::Client && !isBelieved(credentials_)) {
+      end("it is neither this user's nor root's");
+      return false;
+    }
   }
   reader_.feed(std::span<const std::byte>(readBuffer()).first(received.bytes), std::move(received.descriptors));
   if (!reader_.holdsTooMuch()) return true;

@@ -17,6 +17,8 @@ struct Credentials {
   std::uint32_t asid = kNoAuditSession;
 };
 
+/// Whether a client believes a server with these: this user's own, or root's.
+bool isBelieved(const Credentials& server);
 /// The audit session of the process `pid`; kNoAuditSession when it has none or is gone.
 std::uint32_t auditSession(pid_t pid);
 /// User and group of whoever made the other end listen or connect (SO_PEERCRED, unix(7)). Its pid is left out: an inherited listener was

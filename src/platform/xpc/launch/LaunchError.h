@@ -16,8 +16,10 @@ struct LaunchError {
     NotInstalled,
     /// Its description is no description, or its program cannot be run.
     BadInstallation,
-    /// The folder of service sockets is not there, or is not one for this user.
+    /// The folder of service sockets is not there.
     NoFolder,
+    /// The folder of service sockets, or the way to it, is not this user's alone, or may not be looked at.
+    ForeignFolder,
     /// Somebody else has held one of its lock files for too long.
     Locked,
     /// Its socket has nobody behind it and is not ours to replace.
@@ -32,6 +34,8 @@ struct LaunchError {
     NotRunning,
     /// Another process is the service, or listens for it.
     AlreadyServed,
+    /// Whoever listens is neither this user nor root.
+    ForeignServer,
   };
 
   /// In words that name the thing and what to do about it.

@@ -1,12 +1,17 @@
 #include "platform/xpc/launch/LockFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 #include <utility>
+
+#include "platform/foundation/base/TrustedPath.h"
 
 namespace platform::xpc {
 
@@ -22,8 +27,11 @@ struct flock wholeFile(short type) {
 }  // namespace
 
 Result<LockFile, int> LockFile::open(int folder, const std::string& name, bool create) {
-  FileHandle handle(openat(folder, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), 0600));
+  FileHandle handle(openat(folder, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | (create ? O_CREAT : 0), 0600));
   if (!handle.isOpen()) return errno;
+  struct stat status {};
+  if (fstat(handle.fileDescriptor(), &status) != 0) return errno;
+  if (!S_ISREG(status.st_mode) || refuseFile(handle.fileDescriptor(), name)) return EPERM;
   return LockFile(std::move(handle));
 }
 
@@ -63,6 +71,24 @@ Result<bool, int> LockFile::isHeld() const {
   auto whole = wholeFile(F_WRLCK);
   if (fcntl(handle_.fileDescriptor(), F_OFD_GETLK, &whole) != 0) return errno;
   return whole.l_type != F_UNLCK;
+}
+
+// The kernel names no holder of such a lock, but for each descriptor of a process the locks that it holds (proc(5)):
+// "lock:\t1: OFDLCK ADVISORY WRITE -1 00:1b:4711 0 EOF".
+bool LockFile::isHeldBy(int process) const {
+  struct stat status {};
+  if (fstat(handle_.fileDescriptor(), &status) != 0) return false;
+  std::error_code error;
+  const std::string folder = "/proc/" + std::to_string(process);
+  for (std::filesystem::directory_iterator each(folder + "/fd", error), end; !error && each != end; each.increment(error)) {
+    struct stat other {};
+    if (stat(each->path().c_str(), &other) != 0 || other.st_dev != status.st_dev || other.st_ino != status.st_ino) continue;
+    std::ifstream about(folder + "/fdinfo/" + each->path().filename().string());
+    for (std::string line; std::getline(about, line);) {
+      if (line.starts_with("lock:") && line.find("OFDLCK") != std::string::npos && line.find("WRITE") != std::string::npos) return true;
+    }
+  }
+  return false;
 }
 
 std::string LockFile::text() const {

@@ -16,7 +16,8 @@ namespace platform::xpc {
 /// process. Unlike other locks it can be looked at without being taken. Threads: one at a time.
 class LockFile {
  public:
-  /// Opens the file in the folder, making it when asked; an errno value when that fails.
+  /// Opens the file in the folder, making it when asked; an errno value when that fails: EPERM for one that is no regular file, or that
+  /// somebody else than this user and root made or may write to.
   static Result<LockFile, int> open(int folder, const std::string& name, bool create);
   LockFile(LockFile&&) noexcept = default;
   LockFile& operator=(LockFile&&) noexcept = default;
@@ -33,6 +34,10 @@ class LockFile {
   void unlock();
   /// Whether somebody else holds it; an errno value when the system does not say.
   [[nodiscard]] Result<bool, int> isHeld() const;
+
+  /// Whether the process holds the lock by this file: what the kernel says of its descriptors (/proc/<pid>/fdinfo). False when that cannot be
+  /// read.
+  [[nodiscard]] bool isHeldBy(int process) const;
 
   /// The file's short text.
   [[nodiscard]] std::string text() const;

@@ -1,13 +1,14 @@
 #include "platform/xpc/launch/ServiceDescription.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string_view>
 
 #include "platform/foundation/base/DescriptorIO.h"
-#include "platform/foundation/base/FileHandle.h"
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/base/TrustedPath.h"
 #include "platform/foundation/formats/PropertyList.h"
 #include "platform/xpc/launch/XDGFolders.h"
 
@@ -53,10 +54,13 @@ Result<ServiceDescription, LaunchError> findServiceDescription(const std::string
   std::string searched;
   for (const std::string& folder : xdgDataFolders()) {
     const std::string path = folder + "/xpc-services/" + name + ".plist";
-    const FileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (file.isOpen()) return readDescription(file.fileDescriptor(), path);
-    if (errno != ENOENT && errno != ENOTDIR) {
-      return LaunchError{"the service description " + path + " cannot be read: " + errnoText(errno), LaunchError::Kind::BadInstallation};
+    const auto file = openTrustedFile(path, O_RDONLY);
+    if (file) return readDescription(file->fileDescriptor(), path);
+    const PathRefusal& refusal = file.error();
+    // Where somebody else could put a description, there is none as long as nobody has.
+    const bool isNone = refusal.error == ENOENT || refusal.error == ENOTDIR || (refusal.isDistrust && access(path.c_str(), F_OK) != 0);
+    if (!isNone) {
+      return LaunchError{"the service description " + path + " cannot be read: " + refusal.reason, LaunchError::Kind::BadInstallation};
     }
     searched += (searched.empty() ? "" : ", ") + folder;
   }

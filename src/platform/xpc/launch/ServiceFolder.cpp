@@ -7,14 +7,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
+#include "platform/foundation/base/Ownership.h"
 #include "platform/foundation/base/SystemError.h"
-#include "platform/foundation/files/FileManager.h"
+#include "platform/foundation/base/TrustedPath.h"
 #include "platform/xpc/launch/XDGFolders.h"
 
 namespace platform::xpc {
@@ -24,9 +26,6 @@ namespace {
 /// The name's own bytes, those of the lock files around it and NAME_MAX.
 constexpr std::size_t kMaximumNameBytes = 200;
 constexpr int kBacklog = 512;
-/// How long a caller waits for a service that is too busy to accept.
-constexpr time_t kConnectSeconds = 30;
-
 bool isOwnFolder(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
@@ -45,6 +44,17 @@ std::string folderPath() {
   return isOwnFolder(usual) ? usual + "/xpc" : xdgStateFolder() + "/xpc-" + hostName();
 }
 
+std::optional<uid_t> ownerOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? std::optional(status.st_uid) : std::nullopt;
+}
+
+std::string remedy() {
+  const std::string own = "/run/user/" + std::to_string(geteuid());
+  return "; let XDG_RUNTIME_DIR be a folder that belongs to " + userText(geteuid()) + " alone, such as " + own +
+         ", or unset it ('sudo -i' does)";
+}
+
 /// The address of what an open descriptor stands for, or of a file in the folder that it stands for: through /proc, so that no path is too
 /// long for an address (unix(7)).
 sockaddr_un addressThrough(int descriptor, const std::string& file = {}) {
@@ -53,6 +63,14 @@ sockaddr_un addressThrough(int descriptor, const std::string& file = {}) {
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   return address;
+}
+
+/// Whether the other end is this user's or root's, by what the kernel knows of whoever made it listen.
+bool isTrustedServer(int socket) {
+  ucred server{};
+  socklen_t size = sizeof server;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &server, &size) != 0) return false;
+  return server.uid == geteuid() || server.uid == 0;
 }
 
 FileHandle newSocket() { return FileHandle(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
@@ -83,39 +101,50 @@ std::optional<LaunchError> refuseName(const std::string& name) {
 }
 
 Result<ServiceFolder, LaunchError> ServiceFolder::open(bool create) {
+  using Kind = LaunchError::Kind;
   const std::string path = folderPath();
-  const auto refuse = [&path](const std::string& why) {
-    return LaunchError{"the folder of service sockets, " + path + ", cannot be used: " + why + "; see XDG_RUNTIME_DIR",
-                       LaunchError::Kind::NoFolder};
+  const auto refuse = [&path](Kind kind, const std::string& why) {
+    return LaunchError{"the folder of service sockets, " + path + ", cannot be used: " + why + remedy(), kind};
   };
-  if (create) {
-    if (const int error = makeFolders(path, 0700); error != 0) return refuse(errnoText(error));
+  const std::string runtime = xdgRuntimeFolder();
+  if (!runtime.empty()) {
+    if (runtime.front() != '/') return refuse(Kind::ForeignFolder, "XDG_RUNTIME_DIR is a relative path");
+    // Before anything is made in it: it may be another user's, as after sudo -E, or everybody's.
+    if (const auto owner = ownerOf(runtime); owner && *owner != geteuid()) {
+      return refuse(Kind::ForeignFolder, "XDG_RUNTIME_DIR belongs to " + userText(*owner) + " and this is " + userText(geteuid()));
+    }
   }
-  FileHandle handle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!handle.isOpen()) return refuse(errnoText(errno));
+  auto opened = openTrustedFolder(path, {.makeFolder = create ? folderMaker(0700) : nullptr});
+  if (!opened) {
+    const PathRefusal& refusal = opened.error();
+    const bool isNone = refusal.error == ENOENT || refusal.error == ENOTDIR;
+    return refuse(isNone ? Kind::NoFolder : Kind::ForeignFolder, refusal.reason);
+  }
+  FileHandle handle = *std::move(opened);
   struct stat status {};
-  if (fstat(handle.fileDescriptor(), &status) != 0) return refuse(errnoText(errno));
-  if (status.st_uid != geteuid()) return refuse("it belongs to another user");
-  if ((status.st_mode & 0077U) != 0 && fchmod(handle.fileDescriptor(), 0700) != 0) return refuse(errnoText(errno));
+  if (fstat(handle.fileDescriptor(), &status) != 0) return refuse(Kind::ForeignFolder, errnoText(errno));
+  if (status.st_uid != geteuid()) return refuse(Kind::ForeignFolder, "it belongs to " + userText(status.st_uid));
   return ServiceFolder(std::move(handle), path);
 }
 
 std::optional<SocketIdentity> ServiceFolder::socketIdentity(const std::string& name) const { return identityOf(descriptor(), name); }
 
-Result<FileHandle, int> ServiceFolder::connect(const std::string& name) const {
+Result<FileHandle, int> ServiceFolder::connect(const std::string& name, std::chrono::milliseconds limit) const {
   // Through the file itself, so that no path and no name is too long.
   const FileHandle file(openat(descriptor(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!file.isOpen()) return errno;
   const sockaddr_un address = addressThrough(file.fileDescriptor());
   FileHandle socket = newSocket();
   if (!socket.isOpen()) return errno;
-  const timeval limit{.tv_sec = kConnectSeconds, .tv_usec = 0};
-  setsockopt(socket.fileDescriptor(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  const auto microseconds = std::max<std::int64_t>(1, std::chrono::microseconds(limit).count());
+  const timeval time{.tv_sec = microseconds / 1'000'000, .tv_usec = microseconds % 1'000'000};
+  setsockopt(socket.fileDescriptor(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
   int result = 0;
   do {
     result = ::connect(socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   } while (result != 0 && errno == EINTR);
   if (result != 0) return errno;
+  if (!isTrustedServer(socket.fileDescriptor())) return EPERM;
   return socket;
 }
 

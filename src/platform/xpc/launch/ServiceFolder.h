@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,8 +27,8 @@ struct SocketIdentity {
 /// calls.
 class ServiceFolder {
  public:
-  /// Opens the folder, making it (mode 0700) first when asked. It must belong to this user; a mode that lets others in is corrected.
-  /// Kind NoFolder.
+  /// Opens the folder, making it (mode 0700) first when asked. It must belong to this user, and so must the runtime folder; nobody else may
+  /// have a hand in the way to it (TrustedPath.h). Nothing is made or changed where that is not so. Kinds NoFolder and ForeignFolder.
   static Result<ServiceFolder, LaunchError> open(bool create);
 
   [[nodiscard]] const std::string& path() const { return path_; }
@@ -35,8 +36,11 @@ class ServiceFolder {
   [[nodiscard]] int descriptor() const { return handle_.fileDescriptor(); }
 
   [[nodiscard]] std::optional<SocketIdentity> socketIdentity(const std::string& name) const;
-  /// A connected stream socket, or an errno value. Waits, up to a limit, while the backlog is full.
-  [[nodiscard]] Result<FileHandle, int> connect(const std::string& name) const;
+  /// A connected stream socket, or an errno value: EPERM when whoever listens is neither this user nor root. Waits up to `limit` while the
+  /// backlog is full.
+  [[nodiscard]] Result<FileHandle, int> connect(const std::string& name, std::chrono::milliseconds limit = kConnectLimit) const;
+  /// How long a caller waits for a service that is too busy to accept.
+  static constexpr std::chrono::seconds kConnectLimit{30};
   /// Makes a listening socket of mode 0600 under a temporary name; `publish` gives it its own. Both under the launch lock only.
   struct Bound {
     FileHandle socket;

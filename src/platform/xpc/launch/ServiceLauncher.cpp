@@ -32,14 +32,19 @@ LaunchError connectError(const ServiceFolder& folder, const std::string& name, i
     return {"the service " + name + " does not accept connections; see its log, " + serviceLogFile(name) + ", or end it and try again",
             Kind::NotAccepting};
   }
+  if (error == EPERM) {
+    return {"whoever listens on the socket " + folder.socketPath(name) +
+                " is neither this user nor root, and is not believed; end that process, or remove the file",
+            Kind::ForeignServer};
+  }
   // There is no socket, or a dead one.
   const bool meansNobody = error == ENOENT || error == ECONNREFUSED;
   return {"the socket " + folder.socketPath(name) + " cannot be connected to: " + errnoText(error),
           meansNobody ? Kind::NobodyListens : Kind::System};
 }
 
-Connected connectTo(const ServiceFolder& folder, const std::string& name) {
-  auto connected = folder.connect(name);
+Connected connectTo(const ServiceFolder& folder, const std::string& name, std::chrono::milliseconds limit = ServiceFolder::kConnectLimit) {
+  auto connected = folder.connect(name, limit);
   if (!connected) return connectError(folder, name, connected.error());
   return std::move(*connected);
 }
@@ -89,7 +94,9 @@ Connected connectOrLaunch(const ServiceFolder& folder, const std::string& name) 
   // Somebody else may have started it while this caller waited for the lock.
   connected = connectTo(folder, name);
   if (!meansNobodyListens(connected)) return connected;
-  if (const auto former = holderOfLifeLock(folder, name); former.isAlive) return withoutSocket(folder, name, former.processIdentifier);
+  const auto former = holderOfLifeLock(folder, name);
+  if (!former.problem.empty()) return LaunchError{former.problem};
+  if (former.isAlive) return withoutSocket(folder, name, former.processIdentifier);
   return launch(folder, *lock, name, *description);
 }
 
@@ -108,12 +115,14 @@ Connected connectToService(const std::string& name, std::chrono::milliseconds en
   }
 }
 
-Connected connectToRunningService(const std::string& name) {
+Connected connectToRunningService(const std::string& name, std::chrono::milliseconds limit) {
   if (auto refused = refuseName(name)) return std::move(*refused);
   const auto folder = ServiceFolder::open(false);
   if (!folder) return folder.error();
-  if (!holderOfLifeLock(*folder, name).isAlive) return LaunchError{"the service " + name + " does not run", LaunchError::Kind::NotRunning};
-  return connectTo(*folder, name);
+  const RunningService running = holderOfLifeLock(*folder, name);
+  if (!running.problem.empty()) return LaunchError{running.problem};
+  if (!running.isAlive) return LaunchError{"the service " + name + " does not run", LaunchError::Kind::NotRunning};
+  return connectTo(*folder, name, limit);
 }
 
 std::optional<LaunchError> checkService(const std::string& name) {
@@ -128,7 +137,14 @@ std::optional<LaunchError> checkService(const std::string& name) {
 RunningService runningService(const std::string& name) {
   if (refuseName(name)) return {};
   const auto folder = ServiceFolder::open(false);
-  return folder ? holderOfLifeLock(*folder, name) : RunningService{};
+  if (folder) return holderOfLifeLock(*folder, name);
+  // Without a folder nobody is the service; with one that may not be looked at, who knows.
+  return {.problem = folder.error().kind == LaunchError::Kind::NoFolder ? "" : folder.error().reason};
+}
+
+bool isHolder(const std::string& name, int process) {
+  const auto folder = ServiceFolder::open(false);
+  return folder && holdsLifeLock(*folder, name, process);
 }
 
 }  // namespace platform::xpc

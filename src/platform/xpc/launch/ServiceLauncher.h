@@ -16,9 +16,9 @@ namespace platform::xpc {
 /// has gone. Any thread but the channel's own.
 Result<FileHandle, LaunchError> connectToService(const std::string& name, std::chrono::milliseconds endingLimit = std::chrono::seconds(10));
 
-/// The same without ever starting anything or removing a file. Kind NotRunning when nobody is the service; a socket of systemd's, which
-/// would start it, is not even called then.
-Result<FileHandle, LaunchError> connectToRunningService(const std::string& name);
+/// The same without ever starting anything or removing a file, and within `limit` where the service does not accept. Kind NotRunning when
+/// nobody is the service; a socket of systemd's, which would start it, is not even called then.
+Result<FileHandle, LaunchError> connectToRunningService(const std::string& name, std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 /// Why `name` could not be reached at all; nothing when it has a socket or an installed description. Starts nothing.
 [[nodiscard]] std::optional<LaunchError> checkService(const std::string& name);
@@ -28,7 +28,12 @@ struct RunningService {
   bool isAlive = false;
   /// 0 when not alive, or when it did not get to write it yet.
   int processIdentifier = 0;
+  /// Why it cannot be told whether there is one; empty when it can.
+  std::string problem{};
 };
 [[nodiscard]] RunningService runningService(const std::string& name);
+
+/// Whether the process holds the service's lock file by what the kernel says, and not only by the file's text.
+[[nodiscard]] bool isHolder(const std::string& name, int process);
 
 }  // namespace platform::xpc

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <sstream>
 
 #include "platform/foundation/base/DescriptorIO.h"
@@ -43,7 +44,8 @@ int processOfMark(const std::string& mark) {
 }
 
 LaunchError cannot(const std::string& what, const std::string& path, int error) {
-  return LaunchError{"the lock file " + path + " cannot be " + what + ": " + errnoText(error)};
+  const std::string why = error == EPERM ? "it is not this user's alone" : errnoText(error);
+  return LaunchError{"the lock file " + path + " cannot be " + what + ": " + why};
 }
 
 }  // namespace
@@ -64,12 +66,19 @@ Result<LockFile, LaunchError> takeLifeLock(const ServiceFolder& folder, const st
 
 RunningService holderOfLifeLock(const ServiceFolder& folder, const std::string& name) {
   const auto lock = LockFile::open(folder.descriptor(), lifeLockName(name), false);
-  if (!lock) return {};
+  const std::string path = folder.path() + "/" + lifeLockName(name);
+  if (!lock) return {.problem = lock.error() == ENOENT ? "" : cannot("opened", path, lock.error()).reason};
   const auto held = lock->isHeld();
   // Then starting it fails too, and says so to whoever wants that.
-  if (!held) NSLog("xpc: " + cannot("looked at", folder.path() + "/" + lifeLockName(name), held.error()).reason);
-  if (!held || !*held) return {};
+  if (!held) NSLog("xpc: " + cannot("looked at", path, held.error()).reason);
+  if (!held) return {.problem = cannot("looked at", path, held.error()).reason};
+  if (!*held) return {};
   return {.isAlive = true, .processIdentifier = processOfMark(lock->text())};
+}
+
+bool holdsLifeLock(const ServiceFolder& folder, const std::string& name, int process) {
+  const auto lock = LockFile::open(folder.descriptor(), lifeLockName(name), false);
+  return lock && lock->isHeldBy(process);
 }
 
 Result<LockFile, LaunchError> openLaunchLock(const ServiceFolder& folder, const std::string& name) {

@@ -30,6 +30,9 @@ Result<LockFile, LaunchError> takeLifeLock(const ServiceFolder& folder, const st
 /// Who is the service at this moment. Takes nothing.
 RunningService holderOfLifeLock(const ServiceFolder& folder, const std::string& name);
 
+/// Whether that process really has the life lock, by the kernel's word.
+bool holdsLifeLock(const ServiceFolder& folder, const std::string& name, int process);
+
 /// Opens the launch lock and does not take it.
 Result<LockFile, LaunchError> openLaunchLock(const ServiceFolder& folder, const std::string& name);
 

@@ -18,7 +18,11 @@ std::string absolutePath(const char* variable) {
 
 }  // namespace
 
-std::string xdgRuntimeFolder() { return absolutePath("XDG_RUNTIME_DIR"); }
+// A relative one is not ignored: whoever set it meant sockets to be elsewhere than where they would be then.
+std::string xdgRuntimeFolder() {
+  const char* value = std::getenv("XDG_RUNTIME_DIR");
+  return value != nullptr ? value : "";
+}
 
 std::string xdgStateFolder() {
   const std::string folder = absolutePath("XDG_STATE_HOME");

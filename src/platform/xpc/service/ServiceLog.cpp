@@ -1,7 +1,8 @@
 #include "platform/xpc/service/ServiceLog.h"
 
-#include "platform/foundation/base/SystemError.h"
-#include "platform/foundation/files/FileManager.h"
+#include <optional>
+
+#include "platform/foundation/base/TrustedPath.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/launch/ServiceLogFile.h"
@@ -13,9 +14,12 @@ void openServiceLog() {
   destination.syslog = !standardErrorIsTheJournal();
   destination.file = takeLogFile();
   const std::string folder = destination.file.empty() ? std::string() : stringByDeletingLastPathComponent(destination.file);
-  const int error = folder.empty() ? 0 : makeFolders(folder, 0700);
+  std::optional<PathRefusal> refusal;
+  if (!folder.empty()) {
+    if (const auto made = openTrustedFolder(folder, {.makeFolder = folderMaker(0700)}); !made) refusal = made.error();
+  }
   setLogDestination(destination);
-  if (error != 0) NSLog("xpc: the folder of the log, " + folder + ", cannot be made: " + errnoText(error));
+  if (refusal) NSLog("xpc: the folder of the log, " + folder + ", cannot be " + (refusal->isDistrust ? "used: " : "made: ") + refusal->reason);
 }
 
 }  // namespace platform::xpc

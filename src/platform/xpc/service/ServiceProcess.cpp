@@ -53,7 +53,7 @@ Service*& service() {
 
 [[noreturn]] void giveUp(const LaunchError& error) {
   NSLog("xpc: " + error.reason);
-  flushLog();
+  flushLogAtEnd();
   _exit(error.kind == LaunchError::Kind::AlreadyServed ? EX_TEMPFAIL : EX_OSERR);
 }
 

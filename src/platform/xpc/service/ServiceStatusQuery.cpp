@@ -67,6 +67,7 @@ Answer readReply(int socket, Clock::time_point deadline) {
     if (!*result) continue;
     Received& received = **result;
     if (received.bytes == 0) return WireError{"it closed the connection"};
+    if (received.credentials && !isBelieved(*received.credentials)) return WireError{"it is neither this user's nor root's"};
     reader.feed(std::span<const std::byte>(buffer).first(received.bytes), std::move(received.descriptors));
   }
 }
@@ -86,7 +87,7 @@ bool meansNotRunning(LaunchError::Kind kind) {
 
 std::optional<Object> queryServiceStatus(const std::string& name, std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
-  const auto socket = connectToRunningService(name);
+  const auto socket = connectToRunningService(name, timeout);
   if (!socket && meansNotRunning(socket.error().kind)) return std::nullopt;
   auto answer = socket ? ask(socket->fileDescriptor(), deadline) : Answer(WireError{socket.error().reason});
   if (answer) return std::move(*answer);

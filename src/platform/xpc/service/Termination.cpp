@@ -25,7 +25,7 @@ void sayThatTheSocketStays(const std::string& why) { NSLog("xpc: the service lea
 
 [[noreturn]] void endProcess() {
   NSLog("xpc: the service ends");
-  flushLog();
+  flushLogAtEnd();
   // Not exit: other threads are at work and must not meet destroyed objects.
   _exit(EXIT_SUCCESS);
 }
