@@ -13,15 +13,17 @@ class FileWatcherServiceXPC;
 /// Threads: any. Each call that watches occupies its own thread.
 class FileWatcherXpcService : public FileWatcherXpcServiceProtocol {
  public:
-  /// Starts a new controller, which replaces and thereby ends the former one, and runs the calling thread's run loop for as long as its
-  /// watch lasts. Returns at once when no watch could be started.
+  /// Starts a new controller, which replaces the former one, and runs the calling thread's run loop for as long as its watch lasts. Returns
+  /// at once when no watch could be started. The former watch goes on until the new one stands or has failed, and tells what it has seen.
   void callToFileWatcher() override;
 
   [[nodiscard]] std::shared_ptr<FileWatcherServiceXPC> fileWatcherController() const;
-  /// Destroys the former controller before it returns, unless somebody else holds it.
+  /// Ends the former controller's watch, which tells what it has seen, and destroys it before it returns, unless somebody else holds it.
   void setFileWatcherController(std::shared_ptr<FileWatcherServiceXPC> controller);
 
  private:
+  std::shared_ptr<FileWatcherServiceXPC> exchangeController(std::shared_ptr<FileWatcherServiceXPC> controller);
+
   mutable platform::Mutex mutex_;
   std::shared_ptr<FileWatcherServiceXPC> fileWatcherController_ GUARDED_BY(mutex_);
 };

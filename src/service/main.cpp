@@ -1,3 +1,4 @@
+#include <chrono>
 #include <memory>
 
 #include "contract/ServiceName.h"
@@ -7,9 +8,12 @@
 #include "service/WatchOnMessage.h"
 #include "service/XPCService.h"
 #include "util/ServicesUtilities.h"
+#include "watcher/Watches.h"
 
 int main() {
   platform::xpc::ServiceProcess::begin(kestrine::kServiceName);
+  platform::xpc::ServiceProcess::setEndHandler(
+      [](std::chrono::steady_clock::time_point limit) { kestrine::Watches::ofThisProcess().endAll(limit); });
   if (kestrine::ServicesUtilities::is10_7()) kestrine::XPCService::runServiceWithConnectionHandler(kestrine::startWatchOnEveryMessage);
 
   // The listener does not keep its delegate; this variable does, for the life of the process.

@@ -8,7 +8,6 @@
 #include "contract/SharedPreferences.h"
 #include "contract/SyncFolder.h"
 #include "platform/concurrency/loop/RunLoop.h"
-#include "platform/concurrency/loop/RunLoopTimer.h"
 #include "platform/foundation/files/HomeDirectory.h"
 #include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Contained.h"
@@ -17,6 +16,7 @@
 #include "platform/foundation/url/PercentEscapes.h"
 #include "platform/foundation/value/Dictionary.h"
 #include "watcher/CDEvent.h"
+#include "watcher/FlagRaiser.h"
 #include "watcher/WatchStatus.h"
 
 namespace kestrine {
@@ -32,17 +32,8 @@ std::vector<platform::URL> listOfURL(const std::string& text) {
   return {*std::move(url)};
 }
 
-/// Nobody may change anything for a long time: a flag that could not be written does not wait for the next event. One timer for the loop.
-void synchronizeLater() {
-  constexpr double kInterval = 1.0;
-  thread_local std::weak_ptr<platform::RunLoopTimer> waiting;
-  if (const auto timer = waiting.lock(); timer && timer->isValid()) return;
-  const auto timer = platform::RunLoopTimer::create(kInterval, 0, [] {
-    if (!platform::UserDefaults::standardUserDefaults().synchronize()) synchronizeLater();
-  });
-  waiting = timer;
-  platform::RunLoop::current()->add(timer);
-}
+/// How long who lets go of a watch waits for it to tell what it has seen; after that it does so by itself.
+constexpr std::chrono::seconds kEndPatience{2};
 
 }  // namespace
 
@@ -54,17 +45,17 @@ platform::FSEventStreamCreateFlags watchCreationFlags(const std::function<bool(s
 }
 
 void raiseFileWatcherStatus(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event) {
-  platform::UserDefaults& defaults = platform::UserDefaults::standardUserDefaults();
-  defaults.setObject_forKey(kFlagRaised, kFlagKey);
-  platform::NSLog("FileWatcher 1 in filewatcher service");
-  if (!defaults.synchronize()) synchronizeLater();
+  FlagRaiser::shared().raise();
   platform::NSLog(fmt::format("[Block] URLWatcher: {}\nEvent: {}", URLWatcher.description(), event->description()));
 }
 
-FileWatcherServiceXPC::FileWatcherServiceXPC() : status_(std::make_unique<Status>()) {}
+FileWatcherServiceXPC::FileWatcherServiceXPC() : status_(std::make_unique<Status>()) { FlagRaiser::shared().prepare(); }
 
 FileWatcherServiceXPC::~FileWatcherServiceXPC() {
-  if (events_) events_->setDelegate({});
+  watching_.with([](Watching& watching) {
+    if (watching.events) watching.events->setDelegate({});
+  });
+  end(std::chrono::steady_clock::now() + kEndPatience);
 }
 
 void FileWatcherServiceXPC::initFileWatcher() {
@@ -101,11 +92,12 @@ void FileWatcherServiceXPC::run() {
   std::vector<platform::URL> excluded = listOfURL(platform::stringByAddingPercentEscapes(downloads));
 
   const platform::FSEventStreamCreateFlags creationFlags = watchCreationFlags();
-  if (events_) return;
+  if (watching_.with([](const Watching& watching) { return watching.events != nullptr; })) return;
 
-  events_ = std::make_unique<CDEvents>(std::move(watched), raiseFileWatcherStatus, platform::RunLoop::current(), kCDEventsSinceEventNow,
-                                       kNotificationLatency, false, std::move(excluded), creationFlags);
-  platform::NSLog(fmt::format("-[FileWatcherServiceXPC run]:\n{}\n------\n{}", events_->description(), events_->streamDescription()));
+  auto events = std::make_shared<CDEvents>(std::move(watched), raiseFileWatcherStatus, platform::RunLoop::current(), kCDEventsSinceEventNow,
+                                           kNotificationLatency, false, std::move(excluded), creationFlags);
+  platform::NSLog(fmt::format("-[FileWatcherServiceXPC run]:\n{}\n------\n{}", events->description(), events->streamDescription()));
+  watch(std::move(events));
 }
 
 void FileWatcherServiceXPC::URLWatcher_eventOccurred(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event) {

@@ -1,14 +1,20 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 #include "platform/foundation/base/Exception.h"
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/value/Object.h"
 #include "watcher/CDEvents.h"
 #include "watcher/CDEventsDelegate.h"
 #include "watcher/systemVersionIsAtLeast.h"
+
+namespace platform {
+class RunLoop;
+}
 
 namespace kestrine {
 
@@ -22,11 +28,13 @@ namespace kestrine {
 /// | userIdKey           | Ostrabyte.Kestrine                | the same                                                 |
 /// | FileWatcherStatusKey| the process's own                 | set to "1" for each change; never reset here             |
 ///
-/// Made once per request to watch; what is watched cannot be changed on a live controller. Destroying it ends the watch.
+/// Made once per request to watch; what is watched cannot be changed on a live controller. `end` or destroying it ends the watch: what it
+/// has seen until then is told first.
 /// While it lives, the section "watches" of the status registry holds what it is doing: "number" (of the controller, from 1 within the
 /// process), "folder", "state" ("starting", "standing" or "failed") and, when failed, "reason".
 ///
-/// Threads: everything is called on one thread, whose run loop then delivers the changes. Only the destructor may run on another.
+/// Threads: everything is called on one thread, whose run loop then delivers the changes. Only the end and the destructor may run on
+/// another.
 class FileWatcherServiceXPC : public CDEventsDelegate {
  public:
   FileWatcherServiceXPC();
@@ -40,6 +48,13 @@ class FileWatcherServiceXPC : public CDEventsDelegate {
   /// Begins to watch on the calling thread's run loop by the preferences in `iAppsPrefs`; does nothing when a stream exists. Throws
   /// platform::Exception when the base path makes no URL or the stream does not start.
   void run();
+  /// Tells what the watch has seen until now, the rest of its latency not waited for, and ends it, on its own thread; its run loop has
+  /// nothing of it then. Waits for that until `limit`; a watch that takes longer goes on with it by itself, and this returns false. The
+  /// status says nothing of the watch from the beginning of its end. A watch that has not begun never does. Any thread, any number of
+  /// times.
+  bool end(std::chrono::steady_clock::time_point limit);
+  /// The same without waiting.
+  void beginEnd() { static_cast<void>(ending()); }
   /// Tells the product's server that the watch could not be started, once and with fixed texts; what the exception says stays here. Returns
   /// when the request is on its way; its outcome is only logged. On 10.7 it throws platform::Exception when the preferences lack an
   /// identifier (see QueryParser); `initFileWatcher` logs that.
@@ -54,9 +69,20 @@ class FileWatcherServiceXPC : public CDEventsDelegate {
 
  private:
   class Status;
+  class Ending;
+  /// The stream and the loop that it is on.
+  struct Watching {
+    std::shared_ptr<CDEvents> events;
+    std::shared_ptr<platform::RunLoop> loop;
+    /// Set when the end has begun.
+    std::shared_ptr<Ending> ending;
+  };
   void report(const platform::Exception& failure);
+  /// Takes up the stream, unless the watch was ended meanwhile.
+  void watch(std::shared_ptr<CDEvents> events);
+  std::shared_ptr<Ending> ending();
 
-  std::unique_ptr<CDEvents> events_;
+  platform::Guarded<Watching> watching_;
   platform::Object iAppsPrefs_;
   std::unique_ptr<Status> status_;
 };

@@ -36,6 +36,11 @@ void FileWatcherServiceXPC::Status::failed(std::string reason) {
   reason_ = std::move(reason);
 }
 
+void FileWatcherServiceXPC::Status::ends() {
+  // Let go of without the lock, since that waits for a description that is being made.
+  const auto gone = registration_.with([](auto& registration) { return std::exchange(registration, {}); });
+}
+
 platform::Object FileWatcherServiceXPC::Status::describe() const {
   const platform::MutexLock lock(mutex_);
   platform::Dictionary entry;

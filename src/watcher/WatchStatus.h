@@ -19,6 +19,8 @@ class FileWatcherServiceXPC::Status {
   void watches(std::string folder);
   void stands();
   void failed(std::string reason);
+  /// The registry tells of it no longer.
+  void ends();
 
  private:
   [[nodiscard]] platform::Object describe() const;
@@ -29,7 +31,7 @@ class FileWatcherServiceXPC::Status {
   WatchState state_ GUARDED_BY(mutex_) = WatchState::Starting;
   std::string reason_ GUARDED_BY(mutex_);
   // Last, so that the registry has forgotten the entry before its parts go.
-  platform::StatusRegistry::Registration registration_;
+  platform::Guarded<platform::StatusRegistry::Registration> registration_;
 };
 
 }  // namespace kestrine

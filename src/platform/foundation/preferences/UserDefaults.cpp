@@ -115,6 +115,8 @@ void UserDefaults::setObject_forKey(const Object& value, std::string_view key) {
 
 void UserDefaults::removeObjectForKey(std::string_view key) { impl_->state().remember(nullptr, key); }
 
+void UserDefaults::forgetChange(std::string_view key) { impl_->state().forget(key); }
+
 bool UserDefaults::synchronize() { return impl_->state().synchronize(); }
 
 Object UserDefaults::exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed) {

@@ -55,6 +55,8 @@ class UserDefaults {
   /// that cannot be stored.
   void setObject_forKey(const Object& value, std::string_view key);
   void removeObjectForKey(std::string_view key);
+  /// Forgets a remembered change that `synchronize` has not acknowledged yet. What stands on disk stays.
+  void forgetChange(std::string_view key);
   /// Writes the remembered changes. Costs one stat when the file is the one last read and already holds them; a change that another process
   /// made since, to the same key too, is noticed and overwritten by ours. Waits 10 s at most for the domain's lock, and 1 s when the last
   /// attempt was in vain. True when the disk now holds our changes, file and folder flushed, or there are none; false, with the reason in

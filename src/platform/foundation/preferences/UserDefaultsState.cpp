@@ -77,6 +77,11 @@ void UserDefaultsState::remember(Object value, std::string_view key) {
   changes_.put(key, std::move(value));
 }
 
+void UserDefaultsState::forget(std::string_view key) {
+  const MutexLock lock(mutex_);
+  changes_.drop(key);
+}
+
 UserDefaultsState::Known UserDefaultsState::refreshed(const PreferencesSnapshot& known) {
   if (known && known->version.compare(file_.path()) == Answer::Same) {
     const MutexLock lock(mutex_);

@@ -29,6 +29,7 @@ class UserDefaultsState {
 
   Object value(std::string_view key) EXCLUDES(mutex_);
   void remember(Object value, std::string_view key) EXCLUDES(mutex_);
+  void forget(std::string_view key) EXCLUDES(mutex_);
   bool synchronize() EXCLUDES(mutex_);
   Object exchange(std::string_view key, const std::function<Object(const Object&)>& decide, bool* failed) EXCLUDES(mutex_);
 

@@ -41,6 +41,7 @@ struct Service {
   FileHandle handedOverSocket;
   StatusRegistry::Registration processSection;
   StatusRegistry::Registration channelSection{};
+  Termination::EndHandler endHandler{};
   std::optional<Termination> termination{};
   EndingSignals endingSignals{};
 };
@@ -103,12 +104,17 @@ void ServiceProcess::begin(const std::string& identifier, std::chrono::milliseco
                           .processSection = addProcessSection(identifier)};
 }
 
+void ServiceProcess::setEndHandler(Termination::EndHandler handler) {
+  if (service() == nullptr) throw Exception(NSInternalInconsistencyException, "ServiceProcess::setEndHandler was called before begin");
+  service()->endHandler = std::move(handler);
+}
+
 void ServiceProcess::serve(Listener::ConnectionFunction function) {
   if (service() == nullptr) throw Exception(NSInternalInconsistencyException, "ServiceProcess::serve was called before begin");
   Service& own = *service();
   const std::shared_ptr<Listener> listener = Listener::create(takeSocket(own), std::move(function));
   own.channelSection = addChannelSection(listener);
-  own.termination.emplace(own.folder, own.name, listener);
+  own.termination.emplace(own.folder, own.name, listener, own.endHandler);
   if (const int error = own.endingSignals.open(); error != 0) giveUp({"signals cannot be received: " + errnoText(error)});
   own.endingSignals.schedule(ioLoop(), [&own] { own.termination->begin(); });
   // The main queue is served for as long as the process lives, whether or not something is scheduled.

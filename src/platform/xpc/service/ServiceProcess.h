@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "platform/xpc/connection/Listener.h"
@@ -21,11 +22,15 @@ class ServiceProcess {
   /// the lock file or socket cannot be had.
   static void begin(const std::string& identifier, std::chrono::milliseconds formerProcessLimit = std::chrono::seconds(10));
 
+  /// What is to be done before the process ends, besides what the peers' handlers do: called once, on the main run loop, when SIGTERM has
+  /// come. It must return by `limit`, which is before the process ends; nobody waits longer for it. Between `begin` and `serve`.
+  static void setEndHandler(std::function<void(std::chrono::steady_clock::time_point limit)> handler);
+
   /// Serves until the process ends, running the main run loop (and so the main queue): peers reach `function` as a Listener's do. The
   /// listening socket is the one handed over (LISTEN_FDS), else one that the process binds itself.
   ///
   /// On SIGTERM the service stops accepting, removes its socket unless somebody else (systemd) made it, tells every peer's handler
-  /// TerminationImminent, waits a short while for the handlers to return and ends the process with status 0.
+  /// TerminationImminent, waits two seconds at most for the handlers and the end handler to return, and ends the process with status 0.
   [[noreturn]] static void serve(Listener::ConnectionFunction function);
 };
 

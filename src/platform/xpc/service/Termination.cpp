@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/channel/IOThread.h"
 #include "platform/xpc/launch/LaunchRecord.h"
@@ -19,6 +20,8 @@ namespace {
 constexpr std::chrono::seconds kLaunchLockLimit{1};
 /// How long handlers may take over the news that the process is about to end.
 constexpr double kHandlerSeconds = 2;
+/// The same for the end handler, so that there is a moment left for what it says.
+constexpr std::chrono::milliseconds kEndHandlerLimit{1800};
 
 /// Whoever starts the service next takes it away.
 void sayThatTheSocketStays(const std::string& why) { NSLog("xpc: the service leaves its socket behind: " + why); }
@@ -32,12 +35,14 @@ void sayThatTheSocketStays(const std::string& why) { NSLog("xpc: the service lea
 
 }  // namespace
 
-Termination::Termination(const ServiceFolder& folder, std::string name, std::shared_ptr<Listener> listener)
-    : folder_(folder), name_(std::move(name)), listener_(std::move(listener)) {}
+Termination::Termination(const ServiceFolder& folder, std::string name, std::shared_ptr<Listener> listener, EndHandler endHandler)
+    : folder_(folder), name_(std::move(name)), listener_(std::move(listener)), endHandler_(std::move(endHandler)) {}
 
 void Termination::begin() {
   if (std::exchange(begun_, true)) return;
   NSLog("xpc: the service was told to end");
+  everybody_ = std::shared_ptr<void>(nullptr, [](void*) { endProcess(); });
+  callEndHandler();
   auto lock = openLaunchLock(folder_, name_);
   if (!lock) {
     sayThatTheSocketStays(lock.error().reason);
@@ -54,10 +59,25 @@ void Termination::begin() {
   launchLock_->begin(ioLoop());
 }
 
+/// The I/O thread must not wait, and the main one has a loop that is always run.
+void Termination::callEndHandler() {
+  if (!endHandler_) return;
+  const auto limit = std::chrono::steady_clock::now() + kEndHandlerLimit;
+  RunLoop::main()->perform([this, limit, everybody = everybody_]() mutable {
+    runContained("xpc: an exception left the end handler", [&] { endHandler_(limit); });
+    everybody.reset();
+  });
+}
+
 void Termination::tellPeers() {
-  listener_->terminate("the service was told to end", [] { endProcess(); });
-  limit_ = RunLoopTimer::create(kHandlerSeconds, 0, [] { endProcess(); });
+  // Held until the timer stands: the handlers may return at once.
+  const auto everybody = std::exchange(everybody_, nullptr);
+  limit_ = RunLoopTimer::create(kHandlerSeconds, 0, [] {
+    NSLog("xpc: the service does not wait any longer for what is done before its end");
+    endProcess();
+  });
   ioLoop().add(limit_);
+  listener_->terminate("the service was told to end", [everybody] {});
 }
 
 }  // namespace platform::xpc
