@@ -12,7 +12,8 @@ namespace kestrine {
 void startWatchOnEveryMessage(const std::shared_ptr<XPCConnection>& connection);
 
 /// The event handler that it sets: whatever the message is, starts a watch with an exported object of its own, and stays in it for as long
-/// as it lasts. So the first watch of a connection holds up what the same peer sends later, and lasts when the peer is gone.
+/// as it lasts. So the first watch of a connection holds up what the same peer sends later, and lasts when the peer is gone, until
+/// another one of the same folder stands. Where too many calls are running, the message is logged and starts none.
 /// Threads: the connection's queue, whose thread becomes the watch's.
 void startWatch(const platform::Object& message, const std::shared_ptr<XPCConnection>& connection);
 

@@ -58,6 +58,12 @@ FileWatcherServiceXPC::~FileWatcherServiceXPC() {
   end(std::chrono::steady_clock::now() + kEndPatience);
 }
 
+std::uint64_t FileWatcherServiceXPC::number() const { return status_->number(); }
+std::optional<std::string> FileWatcherServiceXPC::standingFolder() const {
+  if (watching_.with([](const Watching& watching) { return watching.ending != nullptr; })) return std::nullopt;
+  return status_->standingFolder();
+}
+
 void FileWatcherServiceXPC::initFileWatcher() {
   platform::NSLog("inside initFilewatcher");
   setIAppsPrefs(platform::Dictionary());

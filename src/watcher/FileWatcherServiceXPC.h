@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/base/Mutex.h"
@@ -55,6 +57,10 @@ class FileWatcherServiceXPC : public CDEventsDelegate {
   bool end(std::chrono::steady_clock::time_point limit);
   /// The same without waiting.
   void beginEnd() { static_cast<void>(ending()); }
+  /// Higher than that of every controller before it. Any thread.
+  [[nodiscard]] std::uint64_t number() const;
+  /// The folder that is watched; nothing unless the watch stands. Any thread.
+  [[nodiscard]] std::optional<std::string> standingFolder() const;
   /// Tells the product's server that the watch could not be started, once and with fixed texts; what the exception says stays here. Returns
   /// when the request is on its way; its outcome is only logged. On 10.7 it throws platform::Exception when the preferences lack an
   /// identifier (see QueryParser); `initFileWatcher` logs that.

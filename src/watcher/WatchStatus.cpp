@@ -41,6 +41,11 @@ void FileWatcherServiceXPC::Status::ends() {
   const auto gone = registration_.with([](auto& registration) { return std::exchange(registration, {}); });
 }
 
+std::optional<std::string> FileWatcherServiceXPC::Status::standingFolder() const {
+  const platform::MutexLock lock(mutex_);
+  return state_ == WatchState::Standing ? std::optional(folder_) : std::nullopt;
+}
+
 platform::Object FileWatcherServiceXPC::Status::describe() const {
   const platform::MutexLock lock(mutex_);
   platform::Dictionary entry;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "contract/WatchState.h"
@@ -21,6 +22,10 @@ class FileWatcherServiceXPC::Status {
   void failed(std::string reason);
   /// The registry tells of it no longer.
   void ends();
+
+  [[nodiscard]] std::uint64_t number() const { return number_; }
+  /// The folder of a watch that stands.
+  [[nodiscard]] std::optional<std::string> standingFolder() const;
 
  private:
   [[nodiscard]] platform::Object describe() const;

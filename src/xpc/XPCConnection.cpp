@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "platform/concurrency/loop/UntilRunLoop.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/NeverReleased.h"
@@ -77,9 +78,13 @@ void XPCConnection::handleEvent(const Event& event) {
   handleMessage(objectWithXPCObject(std::get<Value>(event)));
 }
 
-void XPCConnection::handleMessage(const Object& message) {
+void XPCConnection::handleMessage(Object message) {
   if (const Object line = message.objectForKey(kDebugLogKey)) return platform::NSLog(fmt::format("LOG: {}", line.description()));
-  if (const auto handler = eventHandler()) handler(message, shared_from_this());
+  const auto handler = eventHandler();
+  if (!handler) return;
+  // The handler may stay for ever, inside its run loop.
+  Object held = std::move(message);
+  platform::holdUntilRunLoop([&] { handler(held, shared_from_this()); }, [&held] { held = Object(); });
 }
 
 void XPCConnection::invokeErrorHandlerWithObject_connection(const ConnectionError& object,

@@ -99,7 +99,7 @@ class XPCConnection : public std::enable_shared_from_this<XPCConnection> {
   [[nodiscard]] std::shared_ptr<platform::SerialQueue> queue() const;
   /// Runs `block` with this connection on the queue, and keeps it until then.
   void async(std::function<void(XPCConnection&)> block);
-  void handleMessage(const platform::Object& message);
+  void handleMessage(platform::Object message);
   [[nodiscard]] platform::Object readNumber(const std::function<std::uint32_t(const platform::xpc::Connection&)>& read);
 
   const std::shared_ptr<platform::xpc::Connection> connection_;

@@ -13,6 +13,7 @@
 #include "platform/foundation/process/NotificationCenter.h"
 #include "platform/foundation/value/Dictionary.h"
 #include "platform/xpc/connection/Listener.h"
+#include "platform/xpc/connection/RunningCall.h"
 #include "service/WatchOnMessage.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "tests/xpc/RawSocket.h"
@@ -176,6 +177,16 @@ TEST_F(WatchOnMessageTest, TakesAnyMessageForARequestAndReturnsWhenThereIsNothin
     EXPECT_EQ(beginningWith({"inside initFilewatcher"}, log.end()).size(), 1U) << message.description();
   }
   EXPECT_TRUE(statusSection("watches").empty()) << "each has a controller of its own, which is gone with it";
+}
+
+TEST_F(WatchOnMessageTest, StartsNoMoreWatchesThanCallsMayRun) {
+  std::vector<std::shared_ptr<void>> running;
+  for (int i = 0; i < platform::xpc::RunningCall::kMaximum; ++i) running.push_back(platform::xpc::RunningCall::begin());
+  ASSERT_TRUE(running.back());
+  CapturedLog log;
+  startWatch(platform::Dictionary(), nullptr);
+  EXPECT_EQ(beginningWith({"a message starts no watch: too many calls are running"}, log.end()).size(), 1U);
+  EXPECT_TRUE(statusSection("watches").empty());
 }
 
 }  // namespace

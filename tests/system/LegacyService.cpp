@@ -101,9 +101,9 @@ TEST_F(LegacyService, NeverLosesTheFirstMessageOfAConnection) {
     const auto connection = connect();
     connection->sendMessage("watch");
     waitUntilSent(*connection);
-    // And the client is gone, which ends no watch.
+    // And the client is gone, whose watch lasts until that of the next one stands.
   }
-  EXPECT_TRUE(eventuallyStanding(numbersTo(count)));
+  EXPECT_TRUE(eventuallyStanding({count}));
   makeChange("file");
   EXPECT_TRUE(eventuallyFlagged());
 }

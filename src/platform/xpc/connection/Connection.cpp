@@ -31,6 +31,7 @@ Connection::~Connection() { core_->cancel(false); }
 
 void Connection::setEventHandler(EventHandler handler) { core_->inbox().setHandler(std::move(handler)); }
 void Connection::setTargetQueue(std::shared_ptr<SerialQueue> queue) { core_->inbox().setQueue(std::move(queue)); }
+void Connection::setGoneHandler(std::function<void()> handler) { core_->setGoneHandler(std::move(handler)); }
 void Connection::resume() { core_->resume(); }
 void Connection::suspend() { core_->inbox().suspend(); }
 void Connection::cancel() { core_->cancel(true); }

@@ -48,6 +48,10 @@ class Connection {
   /// Where events from now on are delivered; a queue of the connection's own until then (and for nullptr).
   void setTargetQueue(std::shared_ptr<SerialQueue> queue);
 
+  /// Of a peer's connection: called once when its socket has closed, also while the event handler is busy or suspended, and at once when
+  /// that was before. On the channel's own thread, so it must not wait.
+  void setGoneHandler(std::function<void()> handler);
+
   void resume();
   void suspend();
   /// Ends the connection at once; what was not yet written is lost.

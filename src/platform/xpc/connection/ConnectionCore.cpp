@@ -52,6 +52,24 @@ void Connection::Core::identified(const Credentials& credentials) {
   credentials_ = credentials;
 }
 
+void Connection::Core::setGoneHandler(std::function<void()> handler) {
+  {
+    const MutexLock lock(mutex_);
+    if (!gone_) return goneHandler_.swap(handler);
+  }
+  onIOThread(std::move(handler));
+}
+
+void Connection::Core::gone() {
+  std::function<void()> handler;
+  {
+    const MutexLock lock(mutex_);
+    gone_ = true;
+    handler.swap(goneHandler_);
+  }
+  if (handler) handler();
+}
+
 void Connection::Core::resume() {
   inbox_->resume();
   {

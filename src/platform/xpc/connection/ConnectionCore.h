@@ -34,6 +34,7 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   [[nodiscard]] const std::optional<std::string>& name() const { return name_; }
   [[nodiscard]] Credentials credentials() const EXCLUDES(mutex_);
 
+  void setGoneHandler(std::function<void()> handler) EXCLUDES(mutex_);
   void resume() EXCLUDES(mutex_);
   void send(OutgoingFrame frame) EXCLUDES(sendMutex_);
   void sendBarrier(std::function<void()> block);
@@ -41,6 +42,10 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   void cancel(bool tell) EXCLUDES(mutex_);
   /// Tells the handler TerminationImminent, and calls `told` when it has returned.
   void terminate(const std::string& reason, std::function<void()> told);
+
+  // For the listener.
+  /// The peer's socket has closed.
+  void gone() EXCLUDES(mutex_);
 
   // For the link.
   /// Who is at the other end, as far as is known.
@@ -61,6 +66,8 @@ class Connection::Core : public std::enable_shared_from_this<Connection::Core> {
   Credentials credentials_ GUARDED_BY(mutex_);
   std::weak_ptr<Connection> self_ GUARDED_BY(mutex_);
   bool over_ GUARDED_BY(mutex_) = false;
+  bool gone_ GUARDED_BY(mutex_) = false;
+  std::function<void()> goneHandler_ GUARDED_BY(mutex_);
   bool resumedOnce_ GUARDED_BY(mutex_) = false;
 
   /// Held while a frame is written past the I/O thread.

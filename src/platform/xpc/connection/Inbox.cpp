@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/concurrency/loop/UntilRunLoop.h"
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Contained.h"
 
@@ -156,9 +157,15 @@ void Inbox::deliver() {
     }
   }
   if (room) room();
-  // What the message holds counts until the handler has returned.
-  if (handler) runContained(failure_, [&] { handler(item.event); });
-  item.budget = {};
+  // What the message holds is held, and counts, until the handler has returned or runs this thread's loop for as long as it likes.
+  const auto letGo = [&item] {
+    item.event = {};
+    item.budget = {};
+  };
+  const bool isSmall = item.budget.descriptors() == 0 && item.budget.bytes() <= ReceiveBudget::kExemptBytes;
+  if (handler && isSmall) runContained(failure_, [&] { handler(item.event); });
+  if (handler && !isSmall) runContained(failure_, [&] { holdUntilRunLoop([&] { handler(item.event); }, letGo); });
+  letGo();
   if (item.told) item.told();
   std::shared_ptr<SerialQueue> due;
   {

@@ -159,7 +159,11 @@ void Listener::Core::socketClosed(const Channel* channel) {
   assertOnIOThread();
   --openSockets_;
   callers_.erase(channel);
-  if (peers_.erase(channel) > 0) --peerCount_;
+  if (const auto found = peers_.find(channel); found != peers_.end()) {
+    if (const auto peer = found->second.lock()) peer->gone();
+    peers_.erase(found);
+    --peerCount_;
+  }
   if (!item_ && openSockets_ < limits_.connections) continueAccepting();
 }
 

@@ -1,6 +1,5 @@
 #include "platform/xpc/connection/XPCConnection.h"
 
-#include <atomic>
 #include <utility>
 #include <variant>
 
@@ -11,6 +10,7 @@
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/connection/Connection.h"
+#include "platform/xpc/connection/RunningCall.h"
 
 namespace platform {
 
@@ -21,22 +21,6 @@ using xpc::Value;
 
 constexpr std::string_view kInterfaceKey = "interface";
 constexpr std::string_view kSelectorKey = "selector";
-
-/// Calls that may be running at once in the process. Each takes a thread, and one that watches something never returns, so peers could
-/// otherwise use up the process's threads.
-class RunningCall {
- public:
-  static constexpr int kMaximum = 512;
-  /// Nothing when there are too many. The call has ended when the last reference is gone.
-  static std::shared_ptr<void> begin() {
-    static std::atomic<int> running{0};
-    if (running.fetch_add(1) >= kMaximum) {
-      --running;
-      return nullptr;
-    }
-    return {&running, [](void* counter) { --*static_cast<std::atomic<int>*>(counter); }};
-  }
-};
 
 /// Opens once.
 class Gate {
@@ -168,7 +152,7 @@ void XPCConnection::Incoming::handleMessage(const Value& message) {
   if (!call->interface.hasOperation(call->selector)) return ignore("the interface " + interface + " has no operation " + call->selector);
   if (exported.type != call->interface.protocolType())
     return ignore("the exported object is not of the type that the interface " + interface + " was made for");
-  call->running = RunningCall::begin();
+  call->running = xpc::RunningCall::begin();
   if (!call->running) return ignore("too many calls are running");
   call->object = exported.object;
   runAndWaitForStart(std::move(call));
@@ -217,6 +201,7 @@ void XPCConnection::setInterruptionHandler(std::function<void()> handler) {
 void XPCConnection::setInvalidationHandler(std::function<void()> handler) {
   incoming_->set(&Incoming::Settings::invalidationHandler, std::move(handler));
 }
+void XPCConnection::setGoneHandler(std::function<void()> handler) { connection_->setGoneHandler(std::move(handler)); }
 std::string XPCConnection::lastErrorDescription() const { return incoming_->get(&Incoming::Settings::lastError); }
 
 void XPCConnection::resume() {

@@ -68,6 +68,8 @@ class XPCConnection {
   void setInterruptionHandler(std::function<void()> handler);
   /// Called once: the connection is over.
   void setInvalidationHandler(std::function<void()> handler);
+  /// See xpc::Connection: the other end has gone, whatever is running here on its behalf.
+  void setGoneHandler(std::function<void()> handler);
   /// The text of the last error that the channel told (what happened and what can be done about it); empty when there was none. Set before
   /// the handlers are called.
   [[nodiscard]] std::string lastErrorDescription() const;

@@ -1,5 +1,6 @@
 #include "platform/xpc/service/ServiceProcess.h"
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sysexits.h>
 #include <unistd.h>
@@ -79,6 +80,14 @@ void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+/// A large message is gone with its handler, and so is its memory: left to itself the allocator learns from the first one to keep what is
+/// freed for the next (mallopt(3), on its moving threshold).
+void giveLargeMemoryBack() {
+  constexpr int kLarge = 256 << 10;
+  mallopt(M_MMAP_THRESHOLD, kLarge);
+  mallopt(M_TRIM_THRESHOLD, kLarge);
+}
+
 FileHandle takeSocket(Service& own) {
   if (own.handedOverSocket.isOpen()) return std::move(own.handedOverSocket);
   return orGiveUp(makeOwnSocket(own.folder, own.name, own.formerProcessLimit));
@@ -90,6 +99,7 @@ void ServiceProcess::begin(const std::string& identifier, std::chrono::milliseco
   setApplicationIdentifier(identifier);
   prepareSignals();
   raiseDescriptorLimit();
+  giveLargeMemoryBack();
   // Read and removed while there is one thread.
   auto socket = orGiveUp(takeHandedOverSocket());
   openServiceLog();
