@@ -68,8 +68,9 @@ std::string FlagRaiser::attempt(bool isNew) {
     if (defaults.synchronize()) return {};
     const auto error = defaults.lastError();
     if (error && error->kind == PreferencesError::Kind::NotFlushed) {
-      isVisible_ = true;
+      // Where the flag did not come so far, it is set again by the next attempt.
       defaults.forgetChange(kFlagKey);
+      isVisible_ = defaults.objectForKey(kFlagKey) == platform::Object(kFlagRaised);
     }
     return error && !error->reason.empty() ? error->reason : "the preferences cannot be written";
   } catch (const std::exception& error) {
