@@ -6,7 +6,10 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <set>
+#include <thread>
 #include <tuple>
 
 #include "platform/foundation/base/FileHandle.h"
@@ -206,7 +209,14 @@ TEST_P(Untold, AFlagThatIsOwedIsRaisedAtTheEndIfItCanBeByThen) {
 }
 
 /// Where a connection has a watch of its own that its next call replaces.
-class UntoldByReplacement : public Untold {};
+class UntoldByReplacement : public Untold {
+ protected:
+  static bool standsNow(std::int64_t number) {
+    return std::ranges::any_of(watches(), [number](const Object& watch) {
+      return watch.objectForKey("number").longLongValue() == number && watch.objectForKey("state") == Object("standing");
+    });
+  }
+};
 
 INSTANTIATE_TEST_SUITE_P(WithAListener, UntoldByReplacement,
                          testing::Combine(testing::Values(kListener), testing::Values("fanotify", "inotify")), nameOfRow);
@@ -235,6 +245,30 @@ TEST_P(UntoldByReplacement, AChangeRightBehindTheCallIsTold) {
     writeFile(in("file" + std::to_string(number)), "text");
     EXPECT_TRUE(eventuallyFlagged()) << number;
   }
+}
+
+TEST_P(UntoldByReplacement, WhatChangesMeanwhileIsToldByOneOfTheTwo) {
+  Application application;
+  application.callToFileWatcher();
+  ASSERT_TRUE(eventuallyStanding({1}));
+  std::vector<std::string> made;
+  for (std::int64_t number = 2; number <= 9; ++number) {
+    application.callToFileWatcher();
+    // Each of a few hundred names stands for a moment of the change from one watch to the other.
+    while (!standsNow(number)) {
+      for (int i = 0; i < 4; ++i) {
+        made.push_back(in(std::to_string(number) + "-" + std::to_string(made.size())));
+        writeFile(made.back(), "text");
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+      }
+    }
+  }
+  const auto everything = [&] {
+    const std::vector<std::string> told = toldPaths();
+    const std::set<std::string> names(told.begin(), told.end());
+    return std::ranges::all_of(made, [&names](const std::string& name) { return names.contains(name); });
+  };
+  EXPECT_TRUE(eventually(everything)) << made.size() << " files were made";
 }
 
 TEST_P(UntoldByReplacement, AWatchOfAnotherFolderLetsTheFormerTellFirst) {
