@@ -59,7 +59,10 @@ class Follower {
     const platform::Date now = platform::Date::now();
     const bool told = print(json_ ? fmt::format("{{\"time\": \"{}\", \"flag\": \"1\"}}\n", universalTimeText(now))
                                   : fmt::format("{} changed\n", localTimeText(now)));
-    if (!told) putFlagBack();
+    if (!told && !putFlagBack()) {
+      printError("kestrine: the flag was taken, and could neither be told nor be raised again; the log above says why\n");
+      result_ = ExitCode::Failed;
+    }
     if (!reading.resetFailed) return;
     printError("kestrine: the flag cannot be reset; the log above says why\n");
     result_ = ExitCode::Failed;

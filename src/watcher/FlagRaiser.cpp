@@ -135,7 +135,13 @@ void FlagRaiser::retry() {
 bool FlagRaiser::finish(Clock::time_point limit) {
   MutexLock lock(mutex_);
   isEnding_ = true;
-  if (!reason_.empty() && thread_ != nullptr) thread_->perform([this] { retry(); });
+  if (!reason_.empty() && thread_ != nullptr) {
+    thread_->perform([this] { retry(); });
+  } else if (!reason_.empty()) {
+    lock.unlock();
+    retry();
+    lock.lock();
+  }
   while (!reason_.empty() || attempts_ > 0) {
     if (changed_.waitUntil(lock, limit)) continue;
     if (reason_.empty() && attempts_ == 0) break;
