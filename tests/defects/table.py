@@ -63,7 +63,7 @@ DEFECTS = [
         "[&events] { events->flushSynchronously(); });\n",
         "[&events] { static_cast<void>(events->watchedURLs()); });\n",
         "system_tests",
-        "*/Untold.TheEndOfTheServiceTells*:*/UntoldByReplacement.ASecondCall*",
+        "*/Untold.TheEndOfTheServiceTells*",
     ),
     Defect(
         "former-watch-ends-before-the-new-one-stands",
@@ -71,7 +71,7 @@ DEFECTS = [
         "    controller->initFileWatcher();\n",
         "    if (former) static_cast<void>(former->end(Watches::Clock::now() + kEndPatience));\n    controller->initFileWatcher();\n",
         "system_tests",
-        "*/UntoldByReplacement.WhatChangesMeanwhile*",
+        "*/UntoldByReplacement.WhatChangesMeanwhile*inotify",
     ),
     Defect(
         "service-ends-without-asking-its-watches",
@@ -87,7 +87,7 @@ DEFECTS = [
         "everybody = everybody_]() mutable {\n",
         "everybody = std::shared_ptr<void>()]() mutable {\n",
         "system_tests",
-        "*/Untold.TheEndOfTheServiceWaits*:*/Untold.TheEndOfTheServiceTells*",
+        "*/Untold.TheEndOfTheServiceWaits*",
     ),
     Defect(
         "session-ends-the-service-at-once",

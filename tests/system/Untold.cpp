@@ -228,7 +228,7 @@ TEST_P(UntoldByReplacement, ASecondCallTellsWhatTheFirstWatchHasSeen) {
     resetFlag();
     writeFile(in("file" + std::to_string(number)), "text");
     application.callToFileWatcher();
-    EXPECT_TRUE(eventuallyFlagged()) << number;
+    ASSERT_TRUE(eventuallyFlagged()) << number;
   }
 }
 
@@ -242,7 +242,7 @@ TEST_P(UntoldByReplacement, AChangeRightBehindTheCallIsTold) {
     resetFlag();
     application.callToFileWatcher();
     writeFile(in("file" + std::to_string(number)), "text");
-    EXPECT_TRUE(eventuallyFlagged()) << number;
+    ASSERT_TRUE(eventuallyFlagged()) << number;
   }
 }
 
