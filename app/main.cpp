@@ -6,6 +6,7 @@
 #include "app/cli/CommandLine.h"
 #include "app/commands/Commands.h"
 #include "platform/foundation/base/ApplicationIdentifier.h"
+#include "platform/foundation/base/StandardDescriptors.h"
 
 namespace {
 
@@ -16,6 +17,7 @@ constexpr const kestrine::Command* kCommands[] = {&kestrine::kStartCommand,  &ke
 }  // namespace
 
 int main(int count, char** words) {
+  platform::openMissingStandardDescriptors();
   // A reader that goes away is an error value of the write, not a signal that ends us in the middle of one.
   std::signal(SIGPIPE, SIG_IGN);
   platform::setApplicationIdentifier("kestrine");

@@ -11,6 +11,7 @@
 #include "app/call/CallRequest.h"
 #include "app/call/CallWait.h"
 #include "app/cli/CommandError.h"
+#include "app/cli/PrintError.h"
 #include "platform/foundation/formats/JSON.h"
 #include "platform/foundation/value/Dictionary.h"
 
@@ -78,9 +79,9 @@ ExitCode run(const Arguments& arguments) {
     setenv("KESTRINE_SYSTEM_VERSION", version->c_str(), 1);
   }
   if (operation.name == kUploadOperation) {
-    fmt::print(stderr,
-               "kestrine: call: the file is uploaded through a copy of the same name in the home folder; what has that name there is "
-               "overwritten, and is removed when the upload succeeds, also when it is the file itself\n");
+    printError(
+        "kestrine: call: the file is uploaded through a copy of the same name in the home folder; what has that name there is "
+        "overwritten, and is removed when the upload succeeds, also when it is the file itself\n");
   }
 
   const std::optional<CallAnswer> answer = callAndWait(operation, records);

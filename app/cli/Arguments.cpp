@@ -6,6 +6,7 @@
 
 #include "app/cli/Command.h"
 #include "app/cli/CommandError.h"
+#include "platform/foundation/text/ASCII.h"
 
 namespace kestrine {
 
@@ -26,6 +27,12 @@ namespace {
   throw CommandError(ExitCode::Usage, fmt::format("{}: {}; see 'kestrine {} --help'", command.name, text, command.name));
 }
 
+/// "-" alone is an operand, and so is a number below zero.
+bool looksLikeOption(std::string_view word) {
+  const bool isNumber = word.size() > 1 && (platform::isASCIIDigit(word[1]) || word[1] == '.');
+  return word.starts_with('-') && word != "-" && !isNumber;
+}
+
 const Option& optionNamed(const Command& command, std::string_view name) {
   const auto found = std::ranges::find(command.options, name, &Option::name);
   if (found == command.options.end()) refuse(command, fmt::format("unknown option '{}'", name));
@@ -39,7 +46,7 @@ Arguments parseArguments(const Command& command, std::span<const std::string> wo
   bool optionsEnded = false;
   for (std::size_t i = 0; i < words.size(); ++i) {
     const std::string_view word = words[i];
-    if (optionsEnded || !word.starts_with('-') || word == "-") {
+    if (optionsEnded || !looksLikeOption(word)) {
       arguments.operands_.emplace_back(word);
       continue;
     }

@@ -8,6 +8,7 @@
 
 #include "app/cli/CommandError.h"
 #include "app/cli/Help.h"
+#include "app/cli/PrintError.h"
 
 namespace kestrine {
 
@@ -52,15 +53,15 @@ ExitCode runCommandLine(CommandTable commands, std::span<const std::string> word
   try {
     const ExitCode code = dispatch(commands, words);
     if (std::fflush(stdout) == 0) return code;
-    fmt::print(stderr, "kestrine: standard output could not be written\n");
+    printError("kestrine: standard output could not be written\n");
     return ExitCode::Failed;
   } catch (const CommandError& error) {
     std::fflush(stdout);
-    fmt::print(stderr, "kestrine: {}\n", error.what());
+    printError(fmt::format("kestrine: {}\n", error.what()));
     return error.code();
   } catch (const std::exception& error) {
     std::fflush(stdout);
-    fmt::print(stderr, "kestrine: {}\n", error.what());
+    printError(fmt::format("kestrine: {}\n", error.what()));
     return ExitCode::Failed;
   }
 }

@@ -1,5 +1,6 @@
 #include "app/cli/Output.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -17,6 +18,13 @@ namespace {
 constexpr int kPatience = 2000;
 
 }  // namespace
+
+Output::Output(int descriptor, int interrupt) : descriptor_(descriptor), interrupt_(interrupt) {
+  const int flags = fcntl(descriptor_, F_GETFL);
+  if (flags >= 0 && (flags & O_ACCMODE) != O_RDONLY) return;
+  error_ = EBADF;
+  state_ = State::Failed;
+}
 
 std::string Output::reason() const {
   switch (state_) {

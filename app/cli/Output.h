@@ -13,7 +13,8 @@ namespace kestrine {
 class Output {
  public:
   /// `descriptor` is written to; `interrupt` (not owned, -1 for none) becomes readable when the command is told to end.
-  explicit Output(int descriptor, int interrupt = -1) : descriptor_(descriptor), interrupt_(interrupt) {}
+  /// One that cannot be written to is closed from the beginning.
+  explicit Output(int descriptor, int interrupt = -1);
 
   /// False when it is closed, or has been closed by this write.
   bool write(std::string_view text);

@@ -6,10 +6,10 @@
 
 namespace kestrine {
 
-/// SIGINT and SIGTERM as an event of a run loop, so that a command can end in order.
+/// SIGINT, SIGTERM and SIGHUP as an event of a run loop, so that a command can end in order.
 ///
 /// Make it first of all: the signals are blocked in the making thread, and threads made later inherit that. The first signal calls the
-/// handler; after it both have their usual effect again, so that a second one ends a command whose orderly end takes too long.
+/// handler; after it they have their usual effect again, so that a second one ends a command whose orderly end takes too long.
 /// Threads: made, scheduled and destroyed on the thread of the run loop.
 class StopSignals {
  public:

@@ -1,5 +1,6 @@
 #include "app/client/ServiceReport.h"
 
+#include "contract/FlagEntry.h"
 #include "contract/ServiceName.h"
 #include "contract/WatchEntry.h"
 #include "platform/xpc/service/ServiceStatusQuery.h"
@@ -47,6 +48,10 @@ std::optional<ServiceReport> askService(std::chrono::milliseconds limit) {
   for (const Object& watch : dictionariesIn(*answer, kWatchesSection)) {
     report.watches.push_back({numberFor(watch, kWatchNumberKey), textFor(watch, kWatchFolderKey), textFor(watch, kWatchStateKey),
                               textFor(watch, kWatchReasonKey)});
+  }
+  for (const Object& owed : dictionariesIn(*answer, kOwedFlagSection)) {
+    const Object since = owed.objectForKey(kOwedFlagSinceKey);
+    if (since.kind() == Object::Kind::Date) report.owedFlag = {since.dateValue(), textFor(owed, kOwedFlagReasonKey)};
   }
   report.streams = dictionariesIn(*answer, "streams");
   return report;

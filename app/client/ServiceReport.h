@@ -25,11 +25,19 @@ struct WatchReport {
   [[nodiscard]] bool is(WatchState wanted) const { return state == watchStateName(wanted); }
 };
 
+/// A flag that the service has to raise and cannot.
+struct OwedFlagReport {
+  platform::Date since;
+  /// Why the last attempt failed. It goes on trying.
+  std::string reason;
+};
+
 /// What the service says of itself.
 struct ServiceReport {
   pid_t process = 0;
   std::optional<platform::Date> startedAt;
   std::vector<WatchReport> watches;
+  std::optional<OwedFlagReport> owedFlag;
   /// One dictionary per event stream; see FSEventStream::status().
   platform::Array streams;
   /// All of the above as it arrived.

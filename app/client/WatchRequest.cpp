@@ -13,6 +13,7 @@
 #include "app/client/WatchCall.h"
 #include "app/client/WatchedFolder.h"
 #include "contract/ServiceName.h"
+#include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/xpc/launch/ServiceLauncher.h"
 
 namespace kestrine {
@@ -25,6 +26,8 @@ using std::chrono::milliseconds;
 
 // The call has no reply, so its effect is looked for in the status: often enough not to be felt, for the short time that starting takes.
 constexpr milliseconds kLookAgain{20};
+// Somebody who writes the preferences has their lock for a moment.
+constexpr milliseconds kLockLimit{500};
 
 /// One request, from the preferences to the answer.
 class Request {
@@ -37,12 +40,18 @@ class Request {
   explicit Request(milliseconds limit) : deadline_(Clock::now() + limit), limit_(limit) {}
 
   WatchStart run() {
-    const auto base = basePath();
+    const auto base = baseText();
     if (!base) return finish(Outcome::UnusableBase, "no base folder is set; set one with 'kestrine start --base DIR'");
     const WatchedFolder folder = watchedFolder(*base);
     if (!folder.problem.empty()) return finish(Outcome::UnusableBase, folder.problem);
+    if (const std::string why = whyNeverABaseFolder(folder.base); !why.empty()) {
+      return finish(Outcome::UnusableBase, fmt::format("the base folder '{}' cannot be watched: {}", folder.base, why));
+    }
     result_.folder = folder.watched;
-    if (!folder.warning.empty()) result_.warnings.push_back(folder.warning);
+    if (const auto why = platform::whyPreferencesDomainCannotBeWritten(kServiceName, std::min(remaining(), kLockLimit))) {
+      result_.warnings.push_back(fmt::format(
+          "the flag cannot be raised now: {}; the service goes on trying, and 'kestrine status' tells when it has to", why->reason));
+    }
     return ask();
   }
 
@@ -61,6 +70,7 @@ class Request {
     const std::optional<ServiceReport> report = askService(remaining());
     if (!report) return Clock::now() < deadline_ ? askAndWait() : timedOut();
     result_.process = report->process;
+    noteOwedFlag(*report);
     noteOtherFolders(*report);
     if (ours(*report, WatchState::Standing) != nullptr) {
       return finish(Outcome::AlreadyWatching, fmt::format("'{}' is watched already, by process {}", result_.folder, report->process));
@@ -122,10 +132,19 @@ class Request {
 
   WatchStart timedOut() {
     const auto service = platform::xpc::runningService(kServiceName);
-    const std::string who =
-        service.isAlive ? fmt::format("the service (process {})", service.processIdentifier) : std::string("no service");
-    return finish(Outcome::TimedOut, fmt::format("{} has not said within {} ms that '{}' is watched; 'kestrine status' shows where it is",
+    if (!service.isAlive) {
+      return finish(Outcome::TimedOut,
+                    fmt::format("no service came up within {} ms that could watch '{}'", limit_.count(), result_.folder));
+    }
+    const std::string who = service.processIdentifier != 0 ? fmt::format(" (process {})", service.processIdentifier) : std::string();
+    return finish(Outcome::TimedOut, fmt::format("the service{} has not said within {} ms that '{}' is watched; 'kestrine status' shows "
+                                                 "where it is",
                                                  who, limit_.count(), result_.folder));
+  }
+
+  void noteOwedFlag(const ServiceReport& report) {
+    if (!report.owedFlag) return;
+    result_.warnings.push_back(fmt::format("the service has a flag to raise and cannot: {}; it goes on trying", report.owedFlag->reason));
   }
 
   void noteOtherFolders(const ServiceReport& report) {

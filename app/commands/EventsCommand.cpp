@@ -10,6 +10,7 @@
 #include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
 #include "app/cli/Output.h"
+#include "app/cli/PrintError.h"
 #include "app/cli/StopSignals.h"
 #include "app/commands/Commands.h"
 #include "app/commands/EventLine.h"
@@ -147,7 +148,7 @@ class EventPrinter {
  private:
   void tellReady() {
     if (!json_) {
-      fmt::print(stderr, "watching\n");
+      printError("watching\n");
       return;
     }
     std::string line = "{\"ready\": true, \"source\": ";
@@ -165,7 +166,7 @@ class EventPrinter {
     text_.clear();
     for (const platform::fsevents::LossNotice& notice : notices) writer_.append(text_, notice);
     if (!json_) {
-      fmt::print(stderr, "{}", text_);
+      printError(text_);
     } else if (!output_.write(text_)) {
       loop_->stop();
     }

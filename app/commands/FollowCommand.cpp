@@ -5,6 +5,7 @@
 
 #include "app/cli/CommandError.h"
 #include "app/cli/Output.h"
+#include "app/cli/PrintError.h"
 #include "app/cli/StopSignals.h"
 #include "app/cli/TimeText.h"
 #include "app/client/FlagMonitor.h"
@@ -32,6 +33,8 @@ class Follower {
   explicit Follower(bool json) : json_(json), output_(STDOUT_FILENO, signals_.fileDescriptor()) {}
 
   ExitCode run() {
+    // Before any flag is taken that nobody could be told of.
+    if (output_.isClosed()) refuseOutput();
     signals_.schedule(*loop_, [this] {
       output_.hurry();
       loop_->stop();
@@ -43,20 +46,25 @@ class Follower {
     lifetime_.look();
     if (lifetime_.process() == 0) tellService("not running", 0, "the service is not running; 'kestrine start' starts it");
     loop_->run();
-    if (output_.isClosed() && !output_.readerHasGone()) {
-      throw CommandError(ExitCode::Failed, fmt::format("standard output could not be written: {}", output_.reason()));
-    }
+    if (output_.isClosed() && !output_.readerHasGone()) refuseOutput();
     return result_;
   }
 
  private:
+  [[noreturn]] void refuseOutput() {
+    throw CommandError(ExitCode::Failed, fmt::format("standard output could not be written: {}", output_.reason()));
+  }
+
   void tellRaised(const FlagReading& reading) {
     const platform::Date now = platform::Date::now();
     const bool told = print(json_ ? fmt::format("{{\"time\": \"{}\", \"flag\": \"1\"}}\n", universalTimeText(now))
                                   : fmt::format("{} changed\n", localTimeText(now)));
-    if (!told) putFlagBack();
+    if (!told && !putFlagBack()) {
+      printError("kestrine: the flag was taken, and could neither be told nor be raised again; the log above says why\n");
+      result_ = ExitCode::Failed;
+    }
     if (!reading.resetFailed) return;
-    fmt::print(stderr, "kestrine: the flag cannot be reset; the log above says why\n");
+    printError("kestrine: the flag cannot be reset; the log above says why\n");
     result_ = ExitCode::Failed;
     loop_->stop();
   }
@@ -67,7 +75,7 @@ class Follower {
     if (json_) {
       print(fmt::format("{{\"time\": \"{}\", \"service\": \"{}\", \"pid\": {}}}\n", universalTimeText(now), state, process));
     } else {
-      fmt::print(stderr, "{} {}\n", localTimeText(now), text);
+      printError(fmt::format("{} {}\n", localTimeText(now), text));
     }
   }
 

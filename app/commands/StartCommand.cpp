@@ -2,11 +2,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 
 #include "app/cli/CommandError.h"
 #include "app/cli/Numbers.h"
+#include "app/cli/PrintError.h"
 #include "app/client/WatchRequest.h"
 #include "app/client/WatchedFolder.h"
 #include "app/commands/Commands.h"
@@ -18,7 +18,7 @@ namespace kestrine {
 namespace {
 
 constexpr Option kStartOptions[] = {
-    {"--base", "DIR", "the base folder, stored in the preferences; DIR/Kestrine is made if it is missing, and watched"},
+    {"--base", "DIR", "the base folder, whatever its name, stored in the preferences; DIR/Kestrine is made if it is missing, and watched"},
     {"--timeout", "S", "seconds to wait until the watch stands; 60 if not given"},
 };
 
@@ -57,7 +57,7 @@ std::chrono::milliseconds startLimit(const Arguments& arguments) {
   if (!text) return std::chrono::seconds(60);
   const auto seconds = parseSeconds(*text);
   if (!seconds || *seconds == 0) {
-    throw CommandError(ExitCode::Usage, fmt::format("start: '--timeout {}' is no number of seconds from 0 to 86400", *text));
+    throw CommandError(ExitCode::Usage, fmt::format("start: '--timeout {}' is no number of seconds above 0, up to 86400", *text));
   }
   return std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
 }
@@ -69,33 +69,34 @@ bool isFolder(const std::string& path) {
 
 void storeBase(const std::string& given) {
   const std::string base = given.starts_with('/') ? given : std::filesystem::absolute(given).string();
-  const WatchedFolder folder = watchedFolder(base);
-  if (!folder.problem.empty()) throw CommandError(ExitCode::UnusableBase, folder.problem);
+  if (const std::string why = whyNeverABaseFolder(base); !why.empty()) {
+    throw CommandError(ExitCode::UnusableBase, fmt::format("the base folder '{}' cannot be watched: {}", base, why));
+  }
   if (!isFolder(base)) {
     throw CommandError(ExitCode::UnusableBase, fmt::format("the base folder '{}' is no existing folder; make it first", base));
   }
-  if (basePath() == base || setBasePath(base)) return;
+  if (baseText() == baseTextOfPath(base) || setBasePath(base)) return;
   throw CommandError(ExitCode::Failed,
                      fmt::format("the preferences in '{}' cannot be written; see the log above", platform::preferencesFolder()));
 }
 
 /// A base folder that is not there, such as a drive that is not connected, is no error: the service waits for it.
-void makeFolder(const std::string& base) {
-  const WatchedFolder folder = watchedFolder(base);
-  if (!folder.problem.empty()) return;
-  if (!isFolder(base)) {
-    fmt::print(stderr, "kestrine: note: '{}' does not exist now; watching begins when it appears\n", base);
-  } else if (mkdir(folder.typed.c_str(), 0777) < 0 && errno != EEXIST) {
-    throw CommandError(ExitCode::Failed, fmt::format("the folder '{}' cannot be made: {}", folder.typed, platform::errnoText(errno)));
+void makeFolder(const std::string& text) {
+  const WatchedFolder folder = watchedFolder(text);
+  if (!folder.problem.empty() || !whyNeverABaseFolder(folder.base).empty()) return;
+  if (!isFolder(folder.base)) {
+    printError(fmt::format("kestrine: note: '{}' does not exist now; watching begins when it appears\n", folder.base));
+  } else if (mkdir(folder.watched.c_str(), 0777) < 0 && errno != EEXIST) {
+    throw CommandError(ExitCode::Failed, fmt::format("the folder '{}' cannot be made: {}", folder.watched, platform::errnoText(errno)));
   }
 }
 
 ExitCode runStart(const Arguments& arguments) {
   const auto limit = startLimit(arguments);
   if (const auto base = arguments.value("--base")) storeBase(*base);
-  if (const auto base = basePath()) makeFolder(*base);
+  if (const auto base = baseText()) makeFolder(*base);
   const WatchStart start = requestWatch(limit);
-  for (const std::string& warning : start.warnings) fmt::print(stderr, "kestrine: warning: {}\n", warning);
+  for (const std::string& warning : start.warnings) printError(fmt::format("kestrine: warning: {}\n", warning));
   if (!start.stands()) throw CommandError(codeOf(start.outcome), start.text);
   fmt::print("{}\n", start.text);
   return ExitCode::Ok;

@@ -49,7 +49,7 @@ ServiceStatus collect() {
     status.process = service.processIdentifier != 0 ? service.processIdentifier : -1;
   }
   status.flag = readFlag();
-  status.base = basePath();
+  status.base = baseText();
   return status;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/cli/TimeText.h"
+#include "app/client/WatchedFolder.h"
 #include "platform/foundation/text/UTF8.h"
 #include "platform/foundation/value/Dictionary.h"
 
@@ -146,6 +147,19 @@ Object withJsonKinds(const Object& value) {
   return dictionary;
 }
 
+std::string flagText(const ServiceStatus& status) {
+  if (status.flag.raised) return "raised";
+  if (!status.report || !status.report->owedFlag) return "not raised";
+  const OwedFlagReport& owed = *status.report->owedFlag;
+  return fmt::format("cannot be raised, since {}, because {}; the service goes on trying", localTimeText(owed.since), owed.reason);
+}
+
+std::string baseLine(const ServiceStatus& status) {
+  if (!status.base) return "not set; 'kestrine start --base DIR' sets it";
+  const WatchedFolder folder = watchedFolder(*status.base);
+  return folder.problem.empty() ? "'" + folder.base + "'" : folder.problem;
+}
+
 Object orNull(const Object& value) { return value.isNil() ? Object::null() : value; }
 
 }  // namespace
@@ -166,8 +180,8 @@ std::string statusText(const ServiceStatus& status) {
     lines.add("service", text);
     addWatches(lines, *status.report);
   }
-  lines.add("flag", status.flag.raised ? "raised" : "not raised");
-  lines.add("base", status.base ? "'" + *status.base + "'" : "not set; 'kestrine start --base DIR' sets it");
+  lines.add("flag", flagText(status));
+  lines.add("base", baseLine(status));
   return lines.take();
 }
 
@@ -181,6 +195,8 @@ Object statusObject(const ServiceStatus& status) {
   object["flag"] = orNull(withJsonKinds(status.flag.value));
   object["flagRaised"] = Object::numberWithBool(status.flag.raised);
   object["base"] = status.base ? withJsonKinds(*status.base) : Object::null();
+  const std::string folder = status.base ? watchedFolder(*status.base).base : std::string();
+  object["baseFolder"] = folder.empty() ? Object::null() : withJsonKinds(folder);
   return object;
 }
 

@@ -113,7 +113,8 @@ void CDEvents::createEventStream() {
 void CDEvents::startOnRunLoop(const std::shared_ptr<platform::RunLoop>& runLoop) {
   if (runLoop) impl_->eventStream->scheduleWithRunLoop(runLoop);
   if (!impl_->eventStream->start()) {
-    throw platform::Exception(CDEventsEventStreamCreationFailureException, "Failed to create event stream.");
+    const platform::Object why = impl_->eventStream->status().objectForKey("error");
+    throw CDEventsCreationFailure(why.isString() ? why.stringValue() : std::string());
   }
 }
 

@@ -6,8 +6,10 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "platform/foundation/base/Exception.h"
 #include "platform/foundation/url/URL.h"
 #include "platform/fsevents/event/FSEventStreamTypes.h"
 
@@ -28,6 +30,20 @@ inline constexpr platform::FSEventStreamCreateFlags kCDEventsDefaultEventStreamF
 inline constexpr platform::FSEventStreamEventId kCDEventsSinceEventNow = platform::kFSEventStreamEventIdSinceNow;
 /// The name of the exception that an initializer throws when the stream cannot be started.
 inline constexpr const char* CDEventsEventStreamCreationFailureException = "CDEventsEventStreamCreationFailureException";
+
+/// What an initializer throws when the stream cannot be started: the name and reason are always the same, and the platform's own reason is
+/// kept beside them.
+class CDEventsCreationFailure : public platform::Exception {
+ public:
+  explicit CDEventsCreationFailure(std::string why)
+      : Exception(CDEventsEventStreamCreationFailureException, "Failed to create event stream."), why_(std::move(why)) {}
+
+  /// What the platform's stream says of it; may be empty.
+  [[nodiscard]] const std::string& why() const noexcept { return why_; }
+
+ private:
+  std::string why_;
+};
 
 /// Called for each delivered event with the stream that delivers it.
 using CDEventsEventBlock = std::function<void(CDEvents& URLWatcher, const std::shared_ptr<const CDEvent>& event)>;

@@ -71,6 +71,9 @@ void FileWatcherServiceXPC::initFileWatcher() {
   try {
     run();
     status_->stands();
+  } catch (const CDEventsCreationFailure& failure) {
+    status_->failed(failure.why().empty() ? failure.reason() : failure.reason() + " (" + failure.why() + ")");
+    report(failure);
   } catch (const platform::Exception& exception) {
     status_->failed(exception.reason());
     report(exception);
@@ -91,7 +94,8 @@ void FileWatcherServiceXPC::run() {
   const std::string folder = syncFolderText(iAppsPrefs_.objectForKey(kBasePathKey).description());
   status_->watches(folder);
   std::vector<platform::URL> watched = listOfURL(folder);
-  status_->watches(watched.front().path());
+  // A URL without a path is told by its text.
+  if (const std::string path = watched.front().path(); !path.empty()) status_->watches(path);
 
   // Only this path is escaped; the base path is the text of a URL as it stands.
   const std::string downloads = platform::stringByAppendingPathComponent(platform::NSHomeDirectory(), "Downloads");

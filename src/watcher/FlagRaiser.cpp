@@ -68,8 +68,9 @@ std::string FlagRaiser::attempt(bool isNew) {
     if (defaults.synchronize()) return {};
     const auto error = defaults.lastError();
     if (error && error->kind == PreferencesError::Kind::NotFlushed) {
-      isVisible_ = true;
+      // Where the flag did not come so far, it is set again by the next attempt.
       defaults.forgetChange(kFlagKey);
+      isVisible_ = defaults.objectForKey(kFlagKey) == platform::Object(kFlagRaised);
     }
     return error && !error->reason.empty() ? error->reason : "the preferences cannot be written";
   } catch (const std::exception& error) {
@@ -134,7 +135,13 @@ void FlagRaiser::retry() {
 bool FlagRaiser::finish(Clock::time_point limit) {
   MutexLock lock(mutex_);
   isEnding_ = true;
-  if (!reason_.empty() && thread_ != nullptr) thread_->perform([this] { retry(); });
+  if (!reason_.empty() && thread_ != nullptr) {
+    thread_->perform([this] { retry(); });
+  } else if (!reason_.empty()) {
+    lock.unlock();
+    retry();
+    lock.lock();
+  }
   while (!reason_.empty() || attempts_ > 0) {
     if (changed_.waitUntil(lock, limit)) continue;
     if (reason_.empty() && attempts_ == 0) break;

@@ -85,7 +85,8 @@ bool Watches::endAll(Clock::time_point limit) {
   for (const auto& watch : watches) watch->beginEnd();
   const auto untold = std::ranges::count_if(watches, [limit](const auto& watch) { return !watch->end(limit); });
   if (untold > 0) {
-    platform::NSLog(fmt::format("{} watches could not tell before the end what they have seen; there may be changes without a flag", untold));
+    platform::NSLog(
+        fmt::format("{} watches could not tell before the end what they have seen; there may be changes without a flag", untold));
   }
   return FlagRaiser::shared().finish(limit) && untold == 0;
 }

@@ -1,11 +1,14 @@
 // `kestrine start` and `kestrine stop`, with the real service.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 
+#include "platform/foundation/base/FileHandle.h"
 #include "tests/app/Sandbox.h"
 
 namespace kestrine::test {
@@ -74,30 +77,103 @@ TEST(StartCommand, WarnsOfAnotherFolderThatGoesOnBeingWatched) {
   EXPECT_THAT(other.errorOutput, HasSubstr("goes on watching '" + sandbox.watched() + "' too; 'kestrine stop' ends all watches"));
 }
 
-TEST(StartCommand, WarnsWhereTheWatchedFolderIsNotTheOneTyped) {
-  const Sandbox sandbox;
-  const std::string base = sandbox.folder("a#b");
-  makeFolder(base);
-  const Outcome started = sandbox.run({"start", "--base", base});
-  EXPECT_EQ(started.status, 0) << started.errorOutput;
-  EXPECT_THAT(started.errorOutput, HasSubstr("the service will watch '" + sandbox.folder("a") + "', not '" + base + "/Kestrine'"));
-  EXPECT_THAT(started.output, HasSubstr("watching '" + sandbox.folder("a") + "'"));
+TEST(StartCommand, WatchesAFolderWhateverItsName) {
+  for (const std::string name : {"My Documents", "a%20b", "a?b", "a#b", "50%", "\xff"}) {
+    const Sandbox sandbox;
+    const std::string base = sandbox.folder(name);
+    makeFolder(base);
+    const Outcome started = sandbox.run({"start", "--base", base});
+    EXPECT_EQ(started.status, 0) << started.errorOutput;
+    EXPECT_THAT(started.output, HasSubstr("watching '" + base + "/Kestrine', by process "));
+    EXPECT_EQ(started.errorOutput, "");
+    EXPECT_TRUE(std::filesystem::is_directory(base + "/Kestrine"));
+    writeFile(base + "/Kestrine/file", "text");
+    EXPECT_TRUE(eventually([&] { return sandbox.flag() == Object("1"); }, kLongEnough)) << name;
+    const std::string status = sandbox.run({"status"}).output;
+    EXPECT_THAT(status, HasSubstr("standing, '" + base + "/Kestrine'"));
+    EXPECT_THAT(status, HasSubstr("base              '" + base + "'\n"));
+    // And what is stored is found again by the next one.
+    EXPECT_THAT(sandbox.run({"start"}).output, HasSubstr("'" + base + "/Kestrine' is watched already"));
+  }
 }
 
-TEST(StartCommand, ExplainsABaseFolderThatCannotBeWatchedAndAsksNothing) {
+TEST(StartCommand, RefusesAStoredTextThatNamesNoFolderOfThisMachine) {
   const Sandbox sandbox;
-  const std::string base = sandbox.folder("my files");
-  makeFolder(base);
-  const Outcome given = sandbox.run({"start", "--base", base});
-  EXPECT_EQ(given.status, 5);
-  EXPECT_THAT(given.errorOutput, HasSubstr("'" + base + "' cannot be watched: it holds a blank"));
-  EXPECT_EQ(sandbox.defaults("Ostrabyte.Kestrine", "kestrinePathKey"), Object());
+  for (const std::string& text : {std::string("/?x"), sandbox.base() + "?b", sandbox.base() + "#b", std::string("//h/tmp"), std::string(),
+                                  sandbox.folder("my files"), std::string("mailto:me"), std::string("/a%00b"), std::string("/")}) {
+    ASSERT_EQ(sandbox.run({"defaults", "write", "Ostrabyte.Kestrine", "kestrinePathKey", text}).status, 0);
+    const Outcome started = sandbox.run({"start"});
+    EXPECT_EQ(started.status, 5) << text << ": " << started.output;
+    EXPECT_THAT(started.errorOutput, HasSubstr("the base '" + text + "' names no folder of this machine: "));
+    EXPECT_THAT(sandbox.run({"status"}).output, HasSubstr("the base '" + text + "' names no folder of this machine: "));
+    EXPECT_EQ(sandbox.run({"status"}).status, 3);
+  }
+}
 
-  ASSERT_EQ(sandbox.run({"defaults", "write", "Ostrabyte.Kestrine", "kestrinePathKey", base}).status, 0);
+TEST(StartCommand, RefusesABaseThatCanNeverBeAFolder) {
+  const Sandbox sandbox;
+  writeFile(sandbox.folder("file"), "text");
+  for (const std::string& base : {sandbox.folder("file"), std::string("/dev/null"), sandbox.folder(std::string(300, 'x'))}) {
+    const Outcome given = sandbox.run({"start", "--base", base});
+    EXPECT_EQ(given.status, 5) << base;
+    EXPECT_THAT(given.errorOutput, HasSubstr("the base folder '" + base + "' cannot be watched: "));
+    EXPECT_EQ(sandbox.defaults("Ostrabyte.Kestrine", "kestrinePathKey"), Object());
+  }
+  ASSERT_EQ(sandbox.run({"defaults", "write", "Ostrabyte.Kestrine", "kestrinePathKey", sandbox.folder("file")}).status, 0);
   const Outcome stored = sandbox.run({"start"});
   EXPECT_EQ(stored.status, 5);
-  EXPECT_THAT(stored.errorOutput, HasSubstr("it holds a blank"));
-  EXPECT_EQ(sandbox.run({"status"}).status, 3);
+  EXPECT_THAT(stored.errorOutput, HasSubstr("'" + sandbox.folder("file") + "' is no folder"));
+  EXPECT_EQ(sandbox.run({"status"}).status, 3) << "nothing was asked";
+}
+
+TEST(StartCommand, SaysAtOnceThatTheFlagCannotBeRaised) {
+  const Sandbox sandbox;
+  const std::string file = sandbox.preferences() + "/Ostrabyte.FileWatcherXpcService.plist";
+  std::filesystem::create_directories(file);
+  const Outcome started = sandbox.start();
+  EXPECT_EQ(started.status, 0) << "the watch stands";
+  EXPECT_THAT(started.errorOutput, HasSubstr("kestrine: warning: the flag cannot be raised now: "));
+  EXPECT_THAT(sandbox.run({"status"}).output, HasSubstr("flag              not raised\n")) << "nothing has changed";
+  writeFile(sandbox.watched() + "/file", "text");
+  EXPECT_TRUE(eventually([&] {
+    const std::string status = sandbox.run({"status"}).output;
+    return status.find("flag              cannot be raised, since 20") != std::string::npos &&
+           status.find(", because ") != std::string::npos;
+  }));
+  EXPECT_THAT(sandbox.start().errorOutput, HasSubstr("kestrine: warning: the service has a flag to raise and cannot: "));
+  std::filesystem::remove(file);
+  EXPECT_TRUE(eventually([&] { return sandbox.flag() == Object("1"); }, kLongEnough));
+  EXPECT_THAT(sandbox.run({"status"}).output, HasSubstr("flag              raised\n"));
+}
+
+TEST(StartCommand, SaysNothingOfAFlagThatCanBeRaised) {
+  const Sandbox sandbox;
+  sandbox.setFlag("0");
+  EXPECT_EQ(sandbox.start().errorOutput, "");
+  EXPECT_EQ(sandbox.flag(), Object("0")) << "trying is no raising";
+}
+
+TEST(StartCommand, WaitsForALockWithoutRepeatingItself) {
+  const Sandbox sandbox;
+  // A service that holds its lock and has no socket, as one that is about to come up or to go.
+  makeFolder(sandbox.folder("run/xpc"));
+  chmod(sandbox.folder("run/xpc").c_str(), 0700);
+  const std::string lock = sandbox.folder("run/xpc/.Ostrabyte.FileWatcherXpcService.lock");
+  const platform::FileHandle file(open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(fcntl(file.fileDescriptor(), F_OFD_SETLK, &whole), 0);
+  const Outcome started = sandbox.run({"start", "--base", sandbox.base(), "--timeout", "2"});
+  EXPECT_NE(started.status, 0);
+  EXPECT_LT(std::ranges::count(started.errorOutput, '\n'), 8) << started.errorOutput;
+  EXPECT_THAT(started.errorOutput, Not(HasSubstr("no service has not said")));
+}
+
+TEST(StartCommand, RefusesATimeOfNothing) {
+  const Sandbox sandbox;
+  const Outcome outcome = sandbox.run({"start", "--timeout", "0"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.errorOutput, HasSubstr("'--timeout 0' is no number of seconds above 0, up to 86400"));
 }
 
 TEST(StartCommand, NamesTheRemedyWhereNoBaseFolderIsSetOrItDoesNotExist) {

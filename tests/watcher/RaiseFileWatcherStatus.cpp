@@ -6,6 +6,7 @@
 
 #include "platform/foundation/preferences/PreferencesDomain.h"
 #include "platform/foundation/value/Dictionary.h"
+#include "tests/foundation/FlushControl.h"
 #include "tests/watcher/WatcherFixture.h"
 #include "watcher/CDEvent.h"
 #include "watcher/FileWatcherServiceXPC.h"
@@ -81,6 +82,39 @@ TEST_F(RaiseFileWatcherStatus, GoesOnTryingWhileTheFlagCannotBeWritten) {
   EXPECT_TRUE(statusOnDisk().isNil());
   std::filesystem::remove(file);
   EXPECT_TRUE(runLoopUntil([] { return statusOnDisk() == Object("1"); }));
+}
+
+TEST_F(RaiseFileWatcherStatus, RaisesAFlagNoMoreThatTheApplicationHasTakenBeforeItWasFlushed) {
+  FlushControl::reset();
+  FlushControl::foldersToFail = 1;
+  const auto events = watch(raiseFileWatcherStatus);
+  CDEventsCallback(*events, batchWithFlags({0}));
+  ASSERT_EQ(statusOnDisk(), Object("1")) << "everybody sees it";
+  ASSERT_EQ(statusSection("owedFlag").size(), 1U);
+  platform::UserDefaults application(kServiceDomain);
+  application.setObject_forKey("0", "FileWatcherStatusKey");
+  ASSERT_TRUE(application.synchronize());
+  EXPECT_TRUE(runLoopUntil([] { return statusSection("owedFlag").empty(); }));
+  EXPECT_EQ(statusOnDisk(), Object("0"));
+  // And the next change is another matter.
+  CDEventsCallback(*events, batchWithFlags({0}));
+  EXPECT_EQ(statusOnDisk(), Object("1"));
+}
+
+TEST_F(RaiseFileWatcherStatus, SaysSinceWhenAndWhyAFlagIsOwed) {
+  const std::string file = platform::preferencesFilePath(kServiceDomain);
+  std::filesystem::create_directories(file);
+  const auto events = watch(raiseFileWatcherStatus);
+  CDEventsCallback(*events, batchWithFlags({0}));
+  ASSERT_EQ(statusSection("owedFlag").size(), 1U);
+  const Object first = statusSection("owedFlag").front();
+  EXPECT_EQ(first.objectForKey("since").kind(), Object::Kind::Date);
+  EXPECT_FALSE(first.objectForKey("reason").stringValue().empty());
+  CDEventsCallback(*events, batchWithFlags({0}));
+  EXPECT_EQ(statusSection("owedFlag").front().objectForKey("since"), first.objectForKey("since")) << "since the first of them";
+  std::filesystem::remove(file);
+  EXPECT_TRUE(runLoopUntil([] { return statusSection("owedFlag").empty(); }));
+  EXPECT_EQ(statusOnDisk(), Object("1"));
 }
 
 TEST_F(RaiseFileWatcherStatus, StoresNothingElse) {

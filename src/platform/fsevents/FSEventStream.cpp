@@ -148,8 +148,17 @@ void FSEventStream::Impl::schedule(const std::shared_ptr<RunLoop>& runLoop) {
 
 bool FSEventStream::Impl::mayStart() {
   const MutexLock lock(mutex_);
-  if (source_ && !configuration_.paths.empty()) return true;
-  status_->setError(configuration_.paths.empty() ? "no path to watch was given" : "the stream is not scheduled on a run loop");
+  const auto& paths = configuration_.paths;
+  if (paths.empty()) {
+    status_->setError("no path to watch was given");
+  } else if (std::ranges::any_of(paths, &std::string::empty)) {
+    // The kernel would take it for the process's current folder.
+    status_->setError("a path to watch is empty");
+  } else if (!source_) {
+    status_->setError("the stream is not scheduled on a run loop");
+  } else {
+    return true;
+  }
   return false;
 }
 

@@ -72,7 +72,7 @@ class FSEventStream {
   void setLossCallback(LossCallback callback);
   /// Begins watching and returns when the watch stands. A file system that does not answer is not waited for: the stream starts without it,
   /// and tells of it as a loss until it answers. False, with the reason in the log and in `status()`, when the kernel offers no
-  /// source at all (or not the one asked for), when no path was given or when the stream is not scheduled.
+  /// source at all (or not the one asked for), when no path or an empty one was given or when the stream is not scheduled.
   [[nodiscard]] bool start();
   /// Ends watching and forgets what was not delivered; the stream stays scheduled.
   void stop();

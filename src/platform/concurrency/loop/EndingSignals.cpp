@@ -17,6 +17,7 @@ namespace {
 sigset_t endingSignals() {
   sigset_t signals;
   sigemptyset(&signals);
+  sigaddset(&signals, SIGHUP);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   return signals;

@@ -10,8 +10,9 @@ namespace platform {
 class RunLoop;
 class RunLoopDescriptor;
 
-/// SIGINT and SIGTERM, which ask a process to end, as a descriptor of a run loop (signalfd(2)), so that what they start runs as ordinary
-/// code. A signal reaches it only while it is blocked in every thread.
+/// SIGINT, SIGTERM and SIGHUP, which ask a process to end (the last comes right behind SIGTERM when a session ends, systemd.kill(5)), as a
+/// descriptor of a run loop (signalfd(2)), so that what they start runs as ordinary code. A signal reaches it only while it is blocked in
+/// every thread.
 ///
 /// Ownership: its maker's. Threads: one at a time; destroyed or cancelled on the loop's thread, or when its loop does not run.
 class EndingSignals {
@@ -21,7 +22,7 @@ class EndingSignals {
   EndingSignals(const EndingSignals&) = delete;
   EndingSignals& operator=(const EndingSignals&) = delete;
 
-  /// Blocks both in the calling thread and in those that it makes later: before it has made any.
+  /// Blocks them in the calling thread and in those that it makes later: before it has made any.
   static void block();
   /// Gives them their usual effect back, if they were blocked in this thread only.
   static void unblock();

@@ -34,4 +34,10 @@ Result<Object, PreferencesError> readPreferencesDomain(std::string_view domain, 
   return reading.contents->values;
 }
 
+std::optional<PreferencesError> whyPreferencesDomainCannotBeWritten(std::string_view domain, std::chrono::milliseconds limit,
+                                                                    const std::string& folder) {
+  requirePreferencesDomainName(domain);
+  return PreferencesFile(folder.empty() ? preferencesFolder() : folder, domain).tryToWrite(PreferencesFile::Clock::now() + limit);
+}
+
 }  // namespace platform

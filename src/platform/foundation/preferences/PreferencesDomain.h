@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,5 +26,10 @@ std::string preferencesFilePath(std::string_view domain, const std::string& fold
 /// The dictionary that the domain's file holds now. A damaged file that changed within the last second, which somebody may be writing, is
 /// tried for 0.3 s. Throws Exception(NSInvalidArgumentException) for an illegal name.
 Result<Object, PreferencesError> readPreferencesDomain(std::string_view domain, const std::string& folder = {});
+
+/// Why the domain could not be written now; nothing when it could. Takes its lock, waiting for it for `limit`, and writes, flushes and
+/// removes a file beside it that is as large; the domain stays as it is. Throws Exception(NSInvalidArgumentException) for an illegal name.
+std::optional<PreferencesError> whyPreferencesDomainCannotBeWritten(std::string_view domain, std::chrono::milliseconds limit,
+                                                                    const std::string& folder = {});
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 #include "platform/foundation/preferences/PreferencesFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -154,6 +155,28 @@ FileVersion PreferencesFile::replace(const PreferencesPlace& place, const Prefer
     throw;
   }
   return file.isOpen() ? FileVersion(std::move(file)) : FileVersion();
+}
+
+std::optional<PreferencesError> PreferencesFile::tryToWrite(Clock::time_point end) const {
+  // A flag beside what is there already.
+  constexpr std::size_t kRoom = 1024;
+  try {
+    const PreferencesFolder folder(folder_, true);
+    const PreferencesLock lock(folder, name_ + ".lock", path_, end);
+    const PreferencesPlace place(folder, folder_, name_);
+    struct stat status {};
+    const bool exists = fstatat(place.folder().descriptor(), place.name().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (exists && !S_ISREG(status.st_mode)) return PreferencesError{Kind::Refused, "it is no regular file"};
+    const std::string temporary = place.name() + "." + std::to_string(getpid()) + std::string(kTemporarySuffix);
+    const std::string bytes(kRoom + (exists ? static_cast<std::size_t>(status.st_size) : 0), ' ');
+    static_cast<void>(place.folder().write(temporary, bytes, PreferencesAttributes(place.folder().status())));
+    place.folder().removeLeftover(temporary);
+    return std::nullopt;
+  } catch (const PreferencesFailure& failure) {
+    return failure.error();
+  } catch (const std::system_error& error) {
+    return PreferencesError{Kind::Refused, error.what()};
+  }
 }
 
 std::optional<PreferencesError> PreferencesFile::flush(const PreferencesContents& contents) const {

@@ -89,6 +89,8 @@ class PreferencesFile {
   /// aside before it is replaced. Exceptions of `change` pass; it is called again when somebody without the lock has changed the file
   /// meanwhile.
   [[nodiscard]] Outcome update(const Change& change, const PreferencesSnapshot& known, Clock::time_point end) const;
+  /// Does all that precedes the replacing of the file, under its lock, and takes it back. An error when it cannot be done.
+  [[nodiscard]] std::optional<PreferencesError> tryToWrite(Clock::time_point end) const;
   /// Makes durable what was read. An error when it cannot be.
   [[nodiscard]] std::optional<PreferencesError> flush(const PreferencesContents& contents) const;
 

@@ -79,8 +79,9 @@ void throwError(int error, const std::string& step) { throw std::system_error(er
 std::string preferencesFolder() {
   // The XDG Base Directory Specification has a relative path ignored.
   const char* configured = std::getenv("XDG_CONFIG_HOME");
-  const std::string base = configured != nullptr && configured[0] == '/' ? configured : NSHomeDirectory() + "/.config";
-  return base + "/Preferences";
+  const std::string base =
+      configured != nullptr && configured[0] == '/' ? configured : stringByAppendingPathComponent(NSHomeDirectory(), ".config");
+  return stringByAppendingPathComponent(base, "Preferences");
 }
 
 PreferencesFolder::PreferencesFolder(const std::string& path, bool make) {

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "platform/foundation/files/HomeDirectory.h"
+#include "platform/foundation/files/Paths.h"
 
 namespace platform::xpc {
 
@@ -26,13 +27,13 @@ std::string xdgRuntimeFolder() {
 
 std::string xdgStateFolder() {
   const std::string folder = absolutePath("XDG_STATE_HOME");
-  return folder.empty() ? NSHomeDirectory() + "/.local/state" : folder;
+  return folder.empty() ? stringByAppendingPathComponent(NSHomeDirectory(), ".local/state") : folder;
 }
 
 std::vector<std::string> xdgDataFolders() {
   std::vector<std::string> folders;
   const std::string own = absolutePath("XDG_DATA_HOME");
-  folders.push_back(own.empty() ? NSHomeDirectory() + "/.local/share" : own);
+  folders.push_back(own.empty() ? stringByAppendingPathComponent(NSHomeDirectory(), ".local/share") : own);
   const char* shared = std::getenv("XDG_DATA_DIRS");
   std::string_view rest = shared != nullptr && shared[0] != '\0' ? shared : "/usr/local/share:/usr/share";
   while (!rest.empty()) {

@@ -6,8 +6,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <string>
 #include <utility>
 
+#include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/base/Result.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/xpc/channel/Frame.h"
@@ -90,8 +92,12 @@ std::optional<Object> queryServiceStatus(const std::string& name, std::chrono::m
   const auto socket = connectToRunningService(name, timeout);
   if (!socket && meansNotRunning(socket.error().kind)) return std::nullopt;
   auto answer = socket ? ask(socket->fileDescriptor(), deadline) : Answer(WireError{socket.error().reason});
+  // Who waits for a service asks again and again.
+  static auto& said = *new Guarded<std::string>;
+  const std::string why = answer ? std::string() : answer.error().reason;
+  const bool isNew = said.with([&why](std::string& last) { return std::exchange(last, why) != why; });
   if (answer) return std::move(*answer);
-  NSLog("xpc: the service " + name + " did not tell its status: " + answer.error().reason);
+  if (isNew) NSLog("xpc: the service " + name + " did not tell its status: " + why);
   return std::nullopt;
 }
 
