@@ -15,6 +15,7 @@
 #include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/base/TrustedPath.h"
 #include "platform/foundation/files/HomeDirectory.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/preferences/FileSizeSignal.h"
 #include "platform/foundation/preferences/PreferencesError.h"
 #include "platform/foundation/preferences/PreferencesWrites.h"
