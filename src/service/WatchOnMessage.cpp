@@ -11,7 +11,7 @@ namespace kestrine {
 void startWatchOnEveryMessage(const std::shared_ptr<XPCConnection>& connection) { connection->setEventHandler(startWatch); }
 
 void startWatch(const platform::Object& /*message*/, const std::shared_ptr<XPCConnection>& connection) {
-  const auto running = platform::xpc::RunningCall::begin();
+  const auto running = platform::xpc::RunningCall::begin(connection ? connection->connection()->pid() : 0);
   if (!running) return platform::NSLog("a message starts no watch: too many calls are running");
   const auto client = std::make_shared<WatchClient>();
   if (connection) connection->connection()->setGoneHandler([client] { WatchClient::leave(client); });

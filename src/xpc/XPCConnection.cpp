@@ -9,6 +9,7 @@
 #include "platform/foundation/base/Exception.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/process/NeverReleased.h"
+#include "platform/foundation/text/Printable.h"
 #include "platform/foundation/value/Dictionary.h"
 #include "xpc/XPCParse.h"
 
@@ -79,7 +80,11 @@ void XPCConnection::handleEvent(const Event& event) {
 }
 
 void XPCConnection::handleMessage(Object message) {
-  if (const Object line = message.objectForKey(kDebugLogKey)) return platform::NSLog(fmt::format("LOG: {}", line.description()));
+  if (const Object line = message.objectForKey(kDebugLogKey)) {
+    // Within a container the description escapes its texts already, and its line ends are its own.
+    const std::string text = line.isString() ? platform::printable(line.stringValue()) : line.description();
+    return platform::NSLog(fmt::format("LOG: {}", text));
+  }
   const auto handler = eventHandler();
   if (!handler) return;
   // The handler may stay for ever, inside its run loop.

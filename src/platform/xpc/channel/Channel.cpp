@@ -46,7 +46,8 @@ Channel::Channel(FileHandle socket, Side side, StatusSource status, double stall
       stallSeconds_(stallSeconds),
       outgoing_(std::make_shared<SendQueue>(socket.fileDescriptor())),
       state_(socket.isOpen() ? State::Open : State::Draining),
-      socket_(std::move(socket)) {
+      socket_(std::move(socket)),
+      reader_(connectingProcess(socket_.fileDescriptor())) {
   enableCredentials(socket_.fileDescriptor());
   credentials_ = socketOwner(socket_.fileDescriptor());
 }
@@ -229,12 +230,14 @@ void Channel::end(const std::string& reason) {
   if (handler) handler(reason);
 }
 
+void Channel::cutOff(const std::string& reason) { end(reason); }
+
 void Channel::close() {
   const State former = std::exchange(state_, State::Ended);
   if (former == State::Ended) return;
   frameHandler_ = nullptr;
   endHandler_ = nullptr;
-  reader_ = {};
+  reader_ = FrameReader();
   if (former == State::Open) closeSocket();
 }
 

@@ -66,6 +66,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   /// Calls `block` when everything that was queued before is written, or at once when the channel ends.
   void afterWriting(std::function<void()> block) REQUIRES(kIOThread);
   void close() REQUIRES(kIOThread);
+  /// Ends the channel as if the other end had; the end handler is told.
+  void cutOff(const std::string& reason) REQUIRES(kIOThread);
 
   /// User and group from the start, all of it from the other side's first bytes on.
   [[nodiscard]] const Credentials& credentials() const REQUIRES(kIOThread) { return credentials_; }

@@ -23,10 +23,20 @@ std::uint32_t auditSession(pid_t pid) {
   return session;
 }
 
-Credentials socketOwner(int socket) {
+namespace {
+
+ucred peerOf(int socket) {
   ucred peer{};
   socklen_t size = sizeof peer;
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {};
+  return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer : ucred{};
+}
+
+}  // namespace
+
+pid_t connectingProcess(int socket) { return peerOf(socket).pid; }
+
+Credentials socketOwner(int socket) {
+  const ucred peer = peerOf(socket);
   return {.pid = 0, .euid = peer.uid, .egid = peer.gid, .asid = kNoAuditSession};
 }
 

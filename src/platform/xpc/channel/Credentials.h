@@ -24,5 +24,7 @@ std::uint32_t auditSession(pid_t pid);
 /// User and group of whoever made the other end listen or connect (SO_PEERCRED, unix(7)). Its pid is left out: an inherited listener was
 /// made by the launcher.
 Credentials socketOwner(int socket);
+/// The process that connected the other end (SO_PEERCRED), whatever it says of itself; 0 when it has no number here.
+pid_t connectingProcess(int socket);
 
 }  // namespace platform::xpc

@@ -33,8 +33,7 @@ void FrameReader::feed(std::span<const std::byte> bytes, std::vector<FileHandle>
 }
 
 bool FrameReader::holdsTooMuch() const {
-  if (ReceiveBudget::totalDescriptors() > ReceiveBudget::kMaximumDescriptors && !descriptors_.empty()) return true;
-  return ReceiveBudget::totalBytes() > ReceiveBudget::kMaximumBytes && budget_.bytes() > ReceiveBudget::kExemptBytes;
+  return ReceiveBudget::isTooMuch(sender_, budget_.descriptors(), budget_.bytes());
 }
 
 WireError FrameReader::fail(std::string reason) {
@@ -71,7 +70,7 @@ Frame FrameReader::cut(const Header& header) {
     frame.descriptors.push_back(std::move(descriptors_.front()));
     descriptors_.pop_front();
   }
-  frame.budget = ReceiveBudget(header.descriptors, header.payloadBytes);
+  frame.budget = ReceiveBudget(sender_, header.descriptors, header.payloadBytes);
   if (begin_ == buffer_.size()) {
     buffer_.clear();
     begin_ = 0;

@@ -42,13 +42,15 @@ std::array<std::byte, kHeaderBytes> frameHeader(FrameKind kind, std::size_t payl
 /// Threads: one at a time.
 class FrameReader {
  public:
+  /// Of a process's bytes, on whose share they are counted.
+  explicit FrameReader(pid_t sender = 0) : sender_(sender) {}
   /// Bytes in the order of their arrival, with the descriptors that came with them.
   void feed(std::span<const std::byte> bytes, std::vector<FileHandle> descriptors);
   /// The next complete frame; nothing while there is none; what is wrong with the stream.
   Result<std::optional<Frame>, WireError> next();
   /// Whether a frame has begun and not ended.
   [[nodiscard]] bool isInsideFrame() const { return buffer_.size() > begin_; }
-  /// Whether this connection is to be closed because the process holds too much.
+  /// Whether this connection is to be closed because too much is held (ReceiveBudget).
   [[nodiscard]] bool holdsTooMuch() const;
 
  private:
@@ -60,8 +62,9 @@ class FrameReader {
   Result<Header, WireError> readHeader() const;
   WireError fail(std::string reason);
   Frame cut(const Header& header);
-  void account() { budget_ = ReceiveBudget(descriptors_.size(), buffer_.size() - begin_); }
+  void account() { budget_ = ReceiveBudget(sender_, descriptors_.size(), buffer_.size() - begin_); }
 
+  pid_t sender_;
   std::vector<std::byte> buffer_;
   std::size_t begin_ = 0;
   std::deque<FileHandle> descriptors_;

@@ -4,14 +4,17 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
+#include <vector>
 
 #include "platform/concurrency/loop/Weakly.h"
 #include "platform/foundation/base/SystemError.h"
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
+#include "platform/xpc/channel/Credentials.h"
 #include "platform/xpc/connection/StatusAnswer.h"
 
 namespace platform::xpc {
@@ -76,7 +79,14 @@ void Listener::Core::stop() {
   if (const auto item = std::exchange(item_, nullptr)) item->invalidate();
   if (const auto timer = std::exchange(retryTimer_, nullptr)) timer->invalidate();
   socket_.closeFile();
-  for (const auto& [key, channel] : std::exchange(callers_, {})) channel->close();
+  std::vector<std::shared_ptr<Channel>> callers;
+  for (const auto& [key, client] : clients_) {
+    if (!peers_.contains(key)) callers.push_back(client.channel);
+  }
+  for (const auto& channel : callers) {
+    channel->close();
+    if (const auto found = clients_.find(channel.get()); found != clients_.end()) forget(found);
+  }
 }
 
 void Listener::Core::continueAccepting() {
@@ -90,9 +100,6 @@ void Listener::Core::continueAccepting() {
 void Listener::Core::acceptSome() {
   assertOnIOThread();
   for (int i = 0; i < kAcceptsPerTurn; ++i) {
-    if (openSockets_ >= limits_.connections) {
-      return pause("there are " + std::to_string(openSockets_) + " connections, the most there may be; further ones wait");
-    }
     const int error = acceptOne();
     if (isShortage(error)) {
       pause("a connection could not be accepted: " + errnoText(error) + "; it waits");
@@ -127,44 +134,136 @@ void Listener::Core::retryLater() {
 
 void Listener::Core::admit(FileHandle socket) {
   ++accepted_;
-  ++openSockets_;
+  const pid_t process = connectingProcess(socket.fileDescriptor());
+  const bool waits = openSockets_ >= limits_.connections && !makePlaceFor(process);
+  if (waits && !std::exchange(saidPaused_, true)) {
+    NSLog("xpc: there are " + std::to_string(openSockets_) + " connections, the most there may be; further ones wait");
+  }
+  if (waits) {
+    ++waiting_;
+  } else {
+    ++openSockets_;
+  }
   const auto channel = Channel::create(std::move(socket), Channel::Side::Service, statusAnswer, limits_.stallSeconds);
-  callers_.emplace(channel.get(), channel);
   const auto* key = channel.get();
+  clients_.emplace(key, Client{.channel = channel, .process = process, .number = ++lastNumber_, .waits = waits, .first = {}});
   channel->setClosedHandler(weakly(this, [key](Core& self) { self.socketClosed(key); }));
   channel->setHandlers(weakly(this, [key](Core& self, Frame frame) { self.receiveFrom(key, std::move(frame)); }),
                        [](const std::string&) {});
   channel->setReading(true);
+  if (waits) boundWaiting();
+}
+
+Listener::Core::Client* Listener::Core::newestOfTheGreatest(bool waits, std::size_t& count) {
+  std::unordered_map<pid_t, std::size_t> counts;
+  for (const auto& [key, client] : clients_) counts[client.process] += client.waits == waits && !client.isClosed ? 1U : 0U;
+  const auto greatest = std::ranges::max_element(counts, {}, [](const auto& each) { return each.second; });
+  count = greatest == counts.end() ? 0 : greatest->second;
+  Client* newest = nullptr;
+  for (auto& [key, client] : clients_) {
+    const bool isOne = count > 0 && client.process == greatest->first && client.waits == waits && !client.isClosed;
+    if (isOne && (newest == nullptr || client.number > newest->number)) newest = &client;
+  }
+  return newest;
+}
+
+bool Listener::Core::makePlaceFor(pid_t process) {
+  std::size_t most = 0;
+  const Client* const newest = newestOfTheGreatest(false, most);
+  const auto own = static_cast<std::size_t>(std::ranges::count_if(
+      clients_, [process](const auto& each) { return each.second.process == process && !each.second.waits && !each.second.isClosed; }));
+  if (newest == nullptr || newest->process == process || most <= own + 1) return false;
+  NSLog("xpc: process " + std::to_string(newest->process) + " has " + std::to_string(most) +
+        " connections, and one of them is closed for another process's");
+  const auto channel = newest->channel;
+  isPlaceTaken_ = true;
+  channel->cutOff("it has more connections than others, who need one");
+  isPlaceTaken_ = false;
+  return openSockets_ < limits_.connections;
+}
+
+void Listener::Core::boundWaiting() {
+  if (waiting_ <= limits_.waiting) return;
+  std::size_t most = 0;
+  Client* const newest = newestOfTheGreatest(true, most);
+  if (newest == nullptr) return;
+  const auto channel = newest->channel;
+  channel->cutOff("too many connections wait");
+  if (const auto found = clients_.find(channel.get()); found != clients_.end()) forget(found);
+}
+
+// The oldest first. Once there is room for all, the next time that there is none is said again.
+void Listener::Core::fillPlaces() {
+  if (isPlaceTaken_ || !socket_.isOpen()) return;
+  while (waiting_ > 0 && openSockets_ < limits_.connections) {
+    Client* oldest = nullptr;
+    for (auto& [key, client] : clients_) {
+      if (client.waits && (oldest == nullptr || client.number < oldest->number)) oldest = &client;
+    }
+    if (oldest == nullptr) return;
+    letIn(*oldest);
+  }
+  if (waiting_ == 0) saidPaused_ = false;
+}
+
+void Listener::Core::letIn(Client& client) {
+  client.waits = false;
+  --waiting_;
+  if (!client.isClosed) ++openSockets_;
+  if (!client.first) return;
+  const auto channel = client.channel;
+  becomePeer(channel, *std::exchange(client.first, std::nullopt));
+}
+
+void Listener::Core::forget(Clients::iterator client) {
+  if (client->second.waits) --waiting_;
+  // Kept by nothing else, perhaps, and at work.
+  const auto channel = client->second.channel;
+  clients_.erase(client);
 }
 
 void Listener::Core::receiveFrom(const Channel* caller, Frame frame) {
   assertOnIOThread();
-  const auto found = callers_.find(caller);
-  if (found == callers_.end()) return;
-  const std::shared_ptr<Channel> channel = found->second;
-  becomePeer(channel, std::move(frame));
+  const auto found = clients_.find(caller);
+  if (found == clients_.end()) return;
+  const std::shared_ptr<Channel> channel = found->second.channel;
+  if (!found->second.waits) return becomePeer(channel, std::move(frame));
+  channel->setReading(false);
+  found->second.first = std::move(frame);
 }
 
 void Listener::Core::becomePeer(const std::shared_ptr<Channel>& channel, Frame first) {
   channel->setReading(false);
   const auto core = std::make_shared<Connection::Core>(std::nullopt);
-  callers_.erase(channel.get());
-  peers_.emplace(channel.get(), core);
-  ++peerCount_;
-  core->link().connected(channel);
+  if (const auto found = clients_.find(channel.get()); found != clients_.end() && found->second.isClosed) {
+    forget(found);
+    core->link().connected(channel);
+    core->gone();
+  } else {
+    peers_.emplace(channel.get(), core);
+    ++peerCount_;
+    core->link().connected(channel);
+  }
   queue_->async(Introduction(function_, core, std::move(first)));
 }
 
 void Listener::Core::socketClosed(const Channel* channel) {
   assertOnIOThread();
-  --openSockets_;
-  callers_.erase(channel);
-  if (const auto found = peers_.find(channel); found != peers_.end()) {
-    if (const auto peer = found->second.lock()) peer->gone();
-    peers_.erase(found);
+  const auto found = clients_.find(channel);
+  const auto kept = found == clients_.end() ? nullptr : found->second.channel;
+  if (found != clients_.end()) {
+    if (!found->second.waits) --openSockets_;
+    // What it sent while it waited is handed over all the same.
+    found->second.isClosed = found->second.first.has_value();
+    if (!found->second.isClosed) forget(found);
+  }
+  if (const auto peer = peers_.find(channel); peer != peers_.end()) {
+    if (const auto core = peer->second.lock()) core->gone();
+    peers_.erase(peer);
     --peerCount_;
   }
-  if (!item_ && openSockets_ < limits_.connections) continueAccepting();
+  fillPlaces();
+  if (!item_) continueAccepting();
 }
 
 void Listener::Core::terminate(const std::string& reason, std::function<void()> done) {

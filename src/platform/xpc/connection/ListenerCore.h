@@ -3,6 +3,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -34,8 +35,31 @@ class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
   void receiveFrom(const Channel* caller, Frame frame);
   void socketClosed(const Channel* channel);
 
+  /// A socket that was accepted.
+  struct Client {
+    std::shared_ptr<Channel> channel;
+    pid_t process = 0;
+    /// Counts up, so that the newest is known.
+    std::uint64_t number = 0;
+    /// It has no place among those that are served yet.
+    bool waits = false;
+    /// What it sent meanwhile, other than status requests.
+    std::optional<Frame> first;
+    bool isClosed = false;
+  };
+  using Clients = std::unordered_map<const Channel*, Client>;
+
   int acceptOne() REQUIRES(kIOThread);
   void admit(FileHandle socket) REQUIRES(kIOThread);
+  /// Whether there is a place for another connection of the process, which one of a process that has more makes.
+  bool makePlaceFor(pid_t process) REQUIRES(kIOThread);
+  void boundWaiting() REQUIRES(kIOThread);
+  void fillPlaces() REQUIRES(kIOThread);
+  void letIn(Client& client) REQUIRES(kIOThread);
+  /// Takes it out of the books.
+  void forget(Clients::iterator client) REQUIRES(kIOThread);
+  /// The newest connection, served or waiting, of the process that has most of those.
+  Client* newestOfTheGreatest(bool waits, std::size_t& count) REQUIRES(kIOThread);
   void pause(const std::string& why) REQUIRES(kIOThread);
   void retryLater() REQUIRES(kIOThread);
   void becomePeer(const std::shared_ptr<Channel>& channel, Frame first) REQUIRES(kIOThread);
@@ -48,8 +72,11 @@ class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
   std::shared_ptr<RunLoopDescriptor> item_ GUARDED_BY(kIOThread);
   std::shared_ptr<RunLoopTimer> retryTimer_ GUARDED_BY(kIOThread);
   bool saidPaused_ GUARDED_BY(kIOThread) = false;
-  /// Sockets that have sent nothing but status requests.
-  std::unordered_map<const Channel*, std::shared_ptr<Channel>> callers_ GUARDED_BY(kIOThread);
+  Clients clients_ GUARDED_BY(kIOThread);
+  std::uint64_t lastNumber_ GUARDED_BY(kIOThread) = 0;
+  std::size_t waiting_ GUARDED_BY(kIOThread) = 0;
+  /// The place that becomes free is for somebody in particular.
+  bool isPlaceTaken_ GUARDED_BY(kIOThread) = false;
   std::unordered_map<const Channel*, std::weak_ptr<Connection::Core>> peers_ GUARDED_BY(kIOThread);
 
   std::atomic<std::size_t> openSockets_{0};

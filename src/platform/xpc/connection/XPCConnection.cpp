@@ -1,5 +1,6 @@
 #include "platform/xpc/connection/XPCConnection.h"
 
+#include <atomic>
 #include <utility>
 #include <variant>
 
@@ -9,6 +10,7 @@
 #include "platform/foundation/base/Mutex.h"
 #include "platform/foundation/log/Contained.h"
 #include "platform/foundation/log/Log.h"
+#include "platform/foundation/text/Printable.h"
 #include "platform/xpc/connection/Connection.h"
 #include "platform/xpc/connection/RunningCall.h"
 
@@ -111,12 +113,15 @@ class XPCConnection::Incoming : public std::enable_shared_from_this<XPCConnectio
   void handleMessage(const Value& message);
 
   Guarded<Settings> settings_;
+  /// The peer's process. Set before its first message.
+  std::atomic<pid_t> client_{0};
 };
 
 // A peer's connection, which the channel keeps, outlives the delegate's reference, so its handler holds this; the channel lets go of the
 // handler when the connection is over. A client's connection lives as long as its owner wants.
 void XPCConnection::Incoming::listenTo(xpc::Connection& connection) {
   if (settings_.with([](Settings& settings) { return std::exchange(settings.listens, true); })) return;
+  client_ = connection.pid();
   const auto kept = connection.name() ? nullptr : shared_from_this();
   connection.setEventHandler([weak = weak_from_this(), kept](const xpc::Event& event) {
     if (const auto self = weak.lock()) self->handle(event);
@@ -142,7 +147,7 @@ void XPCConnection::Incoming::handleError(const ConnectionError& error) {
 }
 
 void XPCConnection::Incoming::handleMessage(const Value& message) {
-  const auto ignore = [](const std::string& why) { NSLog("xpc: a message was ignored: " + why); };
+  const auto ignore = [](const std::string& why) { NSLog("xpc: a message was ignored: " + printable(why)); };
   const std::string interface = textUnder(message, kInterfaceKey);
   auto call = std::make_shared<Call>(Call{get(&Settings::exportedInterface), textUnder(message, kSelectorKey), nullptr, nullptr});
   const Exported exported = get(&Settings::exported);
@@ -152,7 +157,7 @@ void XPCConnection::Incoming::handleMessage(const Value& message) {
   if (!call->interface.hasOperation(call->selector)) return ignore("the interface " + interface + " has no operation " + call->selector);
   if (exported.type != call->interface.protocolType())
     return ignore("the exported object is not of the type that the interface " + interface + " was made for");
-  call->running = xpc::RunningCall::begin();
+  call->running = xpc::RunningCall::begin(client_);
   if (!call->running) return ignore("too many calls are running");
   call->object = exported.object;
   runAndWaitForStart(std::move(call));
