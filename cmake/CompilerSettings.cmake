@@ -29,6 +29,7 @@ if(KESTRINE_SANITIZE)
   add_link_options(-fsanitize=${KESTRINE_SANITIZE})
   add_compile_definitions(KESTRINE_SANITIZED=1)
   if(KESTRINE_SANITIZE MATCHES "address")
+    add_compile_definitions(KESTRINE_ADDRESS_SANITIZED=1)
     # GCC bug 105562: with the address sanitizer g++ 12 takes moved temporaries (of std::variant, std::function) for uninitialised.
     # The other builds keep the warning.
     add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)

@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <thread>
 
 #include "platform/foundation/preferences/UserDefaults.h"
@@ -35,15 +34,17 @@ int inChild(const Body& body, std::chrono::milliseconds limit = kPatience) {
 }
 
 TEST(UserDefaultsFork, GivesTheChildAStoreThatWorksWhateverItsParentsThreadsDid) {
+#ifdef KESTRINE_ADDRESS_SANITIZED
+  GTEST_SKIP() << "left out: a fork beside threads, because clang 14's AddressSanitizer leaves its allocator locked in the child";
+#endif
   useMemoryForTemporaryFolders();
   const TemporaryDirectory folder;
   UserDefaults shared("forked", folder.path());
-  std::atomic<bool> isEnd = false;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int number = 0; number < 4; ++number) {
-    threads.emplace_back([&, number] {
+    threads.emplace_back([&, number](const std::stop_token& end) {
       UserDefaults own("forked", folder.path());
-      for (int i = 0; !isEnd; ++i) {
+      for (int i = 0; !end.stop_requested(); ++i) {
         UserDefaults& defaults = number % 2 == 0 ? shared : own;
         defaults.setObject_forKey(Object::numberWithLongLong(i), "of thread " + std::to_string(number));
         defaults.synchronize();
@@ -68,8 +69,7 @@ TEST(UserDefaultsFork, GivesTheChildAStoreThatWorksWhateverItsParentsThreadsDid)
     });
     ASSERT_EQ(code, 0) << "child " << number;
   }
-  isEnd = true;
-  for (auto& thread : threads) thread.join();
+  threads.clear();
   UserDefaults reader("forked", folder.path());
   for (int number = 0; number < children; ++number)
     EXPECT_EQ(reader.objectForKey("of child " + std::to_string(number)), Object("exchanged"));
