@@ -68,6 +68,7 @@ bool isFolder(const std::string& path) {
 }
 
 void storeBase(const std::string& given) {
+  if (given.empty()) throw CommandError(ExitCode::UnusableBase, "the base folder given has no name");
   const std::string base = given.starts_with('/') ? given : std::filesystem::absolute(given).string();
   if (const std::string why = whyNeverABaseFolder(base); !why.empty()) {
     throw CommandError(ExitCode::UnusableBase, fmt::format("the base folder '{}' cannot be watched: {}", base, why));

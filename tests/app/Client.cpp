@@ -178,7 +178,9 @@ TEST_F(Client, LetsTheWatchGoOnWhenItIsDestroyed) {
 }
 
 TEST_F(Client, AsksNothingWhereTheBaseFolderCannotBeWatched) {
-  ASSERT_TRUE(client.setBasePath("/home/my files"));
+  ASSERT_TRUE(client.setBasePath(sandbox.folder("drive")));
+  writeFile(sandbox.folder("drive"), "text");
+  EXPECT_FALSE(client.setBasePath(sandbox.folder("drive")));
   const WatchStart start = client.startWatching();
   EXPECT_EQ(start.outcome, WatchStart::Outcome::UnusableBase);
   EXPECT_FALSE(start.stands());

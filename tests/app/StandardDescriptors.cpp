@@ -57,6 +57,19 @@ TEST(MissingStandardDescriptors, LetTheServiceKeepItsFilesClean) {
   }
 }
 
+TEST(MissingStandardDescriptors, OfACommandAreNotMissingInTheServiceThatItStarts) {
+  const Sandbox sandbox;
+  const Outcome started = runToEnd(without(kAll, Sandbox::command({"start", "--base", sandbox.base()})), sandbox.options());
+  EXPECT_EQ(started.status, 1) << "nobody could be told";
+  const pid_t service = sandbox.service();
+  ASSERT_GT(service, 0);
+  for (const char* number : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(service) + "/fd/" + number), "/dev/null") << number;
+  }
+  writeFile(sandbox.watched() + "/file", "text");
+  EXPECT_TRUE(eventually([&] { return sandbox.flag() == Object("1"); }, kLongEnough));
+}
+
 TEST(MissingStandardDescriptors, MakeACommandSayThatNobodyReadsIt) {
   const Sandbox sandbox;
   sandbox.setFlag("1");

@@ -126,6 +126,16 @@ TEST(StartCommand, RefusesABaseThatCanNeverBeAFolder) {
   EXPECT_EQ(sandbox.run({"status"}).status, 3) << "nothing was asked";
 }
 
+TEST(StartCommand, TakesAPathForAPathWhateverItsBeginning) {
+  const Sandbox sandbox;
+  const Outcome doubled = sandbox.run({"start", "--base", "/" + sandbox.base()});
+  EXPECT_EQ(doubled.status, 0) << doubled.errorOutput;
+  EXPECT_THAT(doubled.output, HasSubstr("watching '" + sandbox.watched() + "'"));
+  for (const std::string& base : {std::string(), "file://" + sandbox.base()}) {
+    EXPECT_EQ(sandbox.run({"start", "--base", base}).status, 5) << base;
+  }
+}
+
 TEST(StartCommand, SaysAtOnceThatTheFlagCannotBeRaised) {
   const Sandbox sandbox;
   const std::string file = sandbox.preferences() + "/Ostrabyte.FileWatcherXpcService.plist";

@@ -919,6 +919,14 @@ DEFECTS = [
     # What is lost, and when it is over.
     # The world under a watch.
     Defect(
+        "exclusion-not-asked-for-what-waits",
+        "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
+        "  if (look.folder != kNoNode && isExcluded(look.folder, look.place.name)) look.folder = kNoNode;\n",
+        "",
+        "fsevents_tests",
+        "WorldExclusions.HoldForW*",
+    ),
+    Defect(
         "exclusion-that-moves-along",
         "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "  if (!exclusions_.empty()) exclusionsMoved(node, from);\n",

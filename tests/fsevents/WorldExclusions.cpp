@@ -1,3 +1,5 @@
+#include "tests/fsevents/support/KernelMarks.h"
+#include "tests/fsevents/support/StreamProcess.h"
 #include "tests/fsevents/support/WorldTest.h"
 
 // An exclusion names a path. What is renamed comes under one, or leaves it, with everything below.
@@ -28,6 +30,17 @@ class WorldExclusions : public WorldTest {
     EXPECT_FALSE(stream.tellsAtOrBelow(folder)) << stream.describe();
     EXPECT_TRUE(eventually([&] { return foldersMarked(stream) == marked; }))
         << foldersMarked(stream) << " instead of " << marked << ", " << folder;
+  }
+  // What a stream without c/b tells of what `work` did before it read of any of it. Of c/b nothing, and it costs no marks.
+  std::vector<FSEvent> toldWithoutTheirs(const std::function<void()>& work) const {
+    StreamProcess process({.paths = {root_}, .exclusions = {in("c/b")}, .source = sourceName(GetParam())});
+    EXPECT_EQ(process.source(), sourceName(GetParam())) << process.error();
+    auto events = process.toldOf(work);
+    for (const auto& event : events) EXPECT_FALSE(isAtOrBelow(event.path, in("c/b"))) << event.path;
+    const auto difference = [&] { return differenceOfMarks(kernelMarks(process.pid()), {root_}, {in("c/b")}); };
+    EXPECT_TRUE(eventually([&] { return difference().empty(); })) << difference();
+    EXPECT_EQ(process.statusNumber("losses"), 0U);
+    return events;
   }
 };
 KESTRINE_PER_SOURCE(WorldExclusions);
@@ -150,6 +163,42 @@ TEST_P(WorldExclusions, FarBelowARenamedFolderEnd) {
   stream->flush();
   const auto marked = static_cast<std::int64_t>(countFolders({root_})) - 2;
   expectSilent(*stream, in("one/two/three/four/hidden"), "file", marked);
+}
+
+TEST_P(WorldExclusions, HoldForWhatIsMadeBeforeTheFolderAroundItComesUnderTheirName) {
+  const auto events = toldWithoutTheirs([this] {
+    makeFolders(in("beside/b/deep"));
+    moveItem(in("beside"), in("c"));
+    touchFile(in("c/b/deep/file"));
+    touchFile(in("c/file"));
+  });
+  EXPECT_TRUE(covered(events, in("c/file")));
+}
+
+TEST_P(WorldExclusions, HoldForWhatMovesBeforeTheFolderAroundItComesUnderTheirName) {
+  const auto events = toldWithoutTheirs([this] {
+    moveItem(in("a/b"), in("beside/b"));
+    moveItem(in("beside"), in("c"));
+    touchFile(in("c/b/deep/file"));
+    touchFile(in("c/file"));
+  });
+  EXPECT_TRUE(covered(events, in("a/b")));
+  EXPECT_TRUE(covered(events, in("c/file")));
+}
+
+TEST_P(WorldExclusions, HoldForWhatGoesToAndFroBeforeTheFolderAroundItComesUnderTheirName) {
+  const auto events = toldWithoutTheirs([this] {
+    for (const auto* from : {"a/b", "beside/b", "a/b", "beside/x"}) {
+      const std::string to = from == std::string("a/b") ? "beside/b" : from == std::string("beside/b") ? "a/b" : "beside/b";
+      if (from == std::string("beside/x")) moveItem(in("beside/b"), in(from));
+      moveItem(in(from), in(to));
+    }
+    exchangeItems(in("a"), in("beside"));
+    moveItem(in("a"), in("c"));
+    touchFile(in("c/b/deep/file"));
+    touchFile(in("c/file"));
+  });
+  EXPECT_TRUE(covered(events, in("c/file")));
 }
 
 }  // namespace

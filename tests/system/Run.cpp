@@ -125,10 +125,10 @@ TEST_F(RunScript, WatchesTheFolderGivenAndLeavesItAlone) {
 }
 
 TEST_F(RunScript, SaysWhyItCannotWatchAndLeavesNothing) {
-  makeFolder(sandbox.folder("my files"));
-  const Outcome outcome = runToEnd({kScript, sandbox.folder("my files")}, options);
+  writeFile(sandbox.folder("a file"), "text");
+  const Outcome outcome = runToEnd({kScript, sandbox.folder("a file")}, options);
   EXPECT_EQ(outcome.status, 5);
-  EXPECT_THAT(outcome.errorOutput, HasSubstr("it holds a blank"));
+  EXPECT_THAT(outcome.errorOutput, HasSubstr("is no folder"));
   expectNothingLeft();
 }
 

@@ -85,6 +85,8 @@ TEST_F(RaiseFileWatcherStatus, GoesOnTryingWhileTheFlagCannotBeWritten) {
 }
 
 TEST_F(RaiseFileWatcherStatus, RaisesAFlagNoMoreThatTheApplicationHasTakenBeforeItWasFlushed) {
+  // So that the folder is there and nothing but its flush fails.
+  setBasePath(base_.path());
   FlushControl::reset();
   FlushControl::foldersToFail = 1;
   const auto events = watch(raiseFileWatcherStatus);

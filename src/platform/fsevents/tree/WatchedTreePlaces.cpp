@@ -164,6 +164,8 @@ bool WatchedTree::lookAt(Look& look) {
     look.place.folder = whereIs(look.folder);
     look.place.name = tree_.name(node);
   }
+  // Excluded since it was put here: its folder, or one above that, has been renamed.
+  if (look.folder != kNoNode && isExcluded(look.folder, look.place.name)) look.folder = kNoNode;
   if (look.folder == kNoNode) return node != kNoNode && tree_.isDetached(node);
   look.openedAt = readQueue();
   const FileHandle above = openFolder(look.folder);
