@@ -3,9 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <sstream>
+#include <utility>
 
 #include "platform/xpc/service/ServiceStatusQuery.h"
 #include "tests/system/WatcherFixture.h"
@@ -191,6 +200,78 @@ TEST_P(WatcherClients, HoldNoMemoryOnceTheyWatch) {
   }
   if (longOrShort(1, 0) == 0) return;  // a sanitizer keeps what was freed
   EXPECT_TRUE(eventually([&] { return memory() < before + 2 * kBytes; }, std::chrono::seconds(20))) << before << " and now " << memory();
+}
+
+TEST_P(WatcherClients, ThatHoldEveryConnectionLockNobodyOut) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlim_t former = std::exchange(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 4096));
+  if (limit.rlim_cur < 2000 || setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    GTEST_SKIP() << "left out: more than a thousand connections, because this process may not have 2,000 descriptors";
+  }
+  {
+    std::vector<platform::FileHandle> held;
+    for (int i = 0; i < 1024 + 64; ++i) {
+      held.push_back(connectTo(folder("run/xpc/") + kServiceName));
+      // Some say something, some do not.
+      if (i % 2 == 0) ASSERT_TRUE(sendBytes(held.back(), frame(kHello))) << i;
+    }
+    const Outcome status = runToEnd({KESTRINE_COMMAND, "status"});
+    EXPECT_EQ(status.status, 4) << status.output << status.errorOutput;
+    const Outcome start = runToEnd({KESTRINE_COMMAND, "start"});
+    EXPECT_EQ(start.status, 0) << start.errorOutput;
+    writeFile(in("file"), "text");
+    EXPECT_TRUE(eventuallyFlagged());
+  }
+  limit.rlim_cur = former;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_P(WatcherClients, ThatHoldAllDescriptorsHaveNobodyElseCutOff) {
+  const auto handles = nullDescriptors(64);
+  std::vector<int> descriptors;
+  descriptors.reserve(handles.size());
+  for (const auto& each : handles) descriptors.push_back(each.fileDescriptor());
+  std::vector<platform::FileHandle> held;
+  for (int i = 0; i < 4; ++i) {
+    const auto before = countIn("fd");
+    held.push_back(connectTo(folder("run/xpc/") + kServiceName));
+    ASSERT_TRUE(sendBytes(held.back(), callWith(64).substr(0, 50), descriptors));
+    ASSERT_TRUE(eventually([&] { return countIn("fd") >= before + 64; })) << i;
+  }
+  const Outcome other = runToEnd({"/usr/bin/env", "python3", KESTRINE_SOURCE_DIR "/tests/system/protocol_client.py",
+                                  GetParam()[0] == '\0' ? "call" : "message"},
+                                 {});
+  EXPECT_EQ(other.status, 0) << other.output << other.errorOutput;
+  EXPECT_TRUE(eventuallyWatching(1));
+}
+
+TEST_P(WatcherClients, KeepTheTimeThatTheyWereGiven) {
+  service().signal(SIGSTOP);
+  std::vector<platform::FileHandle> waiting;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = folder("run/xpc/") + kServiceName;
+  ASSERT_LT(path.size(), sizeof address.sun_path);
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  // Until nobody else may wait.
+  for (int error = 0; error == 0;) {
+    waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connect(waiting.back().fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) error = errno;
+    ASSERT_TRUE(error == 0 || error == EAGAIN) << error;
+  }
+  const Outcome start = runToEnd({KESTRINE_COMMAND, "start", "--timeout", "2"}, {}, std::chrono::seconds(20));
+  EXPECT_EQ(start.status, 6) << start.output << start.errorOutput;
+  service().signal(SIGCONT);
+}
+
+TEST_P(WatcherClients, WriteNoLinesOfTheirOwnIntoTheLog) {
+  const std::string forged = "2026-01-01 00:00:00.000 forged[1:1] all is well";
+  const std::string text = "harmless\n" + forged + "\x1b[2J";
+  ASSERT_TRUE(client(frame(kMessage, encodedDictionary({{"interface", text}, {"selector", text}, {"XPCDebugLog", text}}))).isOpen());
+  ASSERT_TRUE(service().waitForErrorOutput("harmless"));
+  ASSERT_TRUE(service().waitForErrorOutput("harmless\\012" + forged + "\\033[2J")) << log();
+  EXPECT_EQ(log().find("\n" + forged), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, WatcherClients, testing::Values("", "10.7.5"),
