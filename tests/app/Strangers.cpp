@@ -137,7 +137,7 @@ TEST_P(Strangers, CannotLeadTheSocketElsewhere) {
 TEST_P(Strangers, CannotLeadTheSocketOfAStateFolderElsewhere) {
   requireRoot();
   if (IsSkipped()) return;
-  if (struct stat status {}; stat(("/run/user/" + std::to_string(user())).c_str(), &status) == 0) {
+  if (struct stat status{}; stat(("/run/user/" + std::to_string(user())).c_str(), &status) == 0) {
     GTEST_SKIP() << "left out: the socket in the state folder, because this user has a runtime folder that would be used in its place";
   }
   sandbox().environment["XDG_RUNTIME_DIR"] = "";
@@ -191,7 +191,9 @@ TEST_P(Strangers, AreNotServedInARuntimeFolderOfTheirs) {
   EXPECT_EQ(started.status, 7) << started.output;
   EXPECT_THAT(started.errorOutput, HasSubstr("XDG_RUNTIME_DIR belongs to " + std::string(user() == 0 ? "user 65533" : "root")));
   EXPECT_THAT(started.errorOutput, HasSubstr("or unset it"));
-  if (user() == 0) EXPECT_TRUE(fs::is_empty(at("theirs")));
+  if (user() == 0) {
+    EXPECT_TRUE(fs::is_empty(at("theirs")));
+  }
   sandbox().environment["XDG_RUNTIME_DIR"] = "run";
   const Outcome relative = start();
   EXPECT_EQ(relative.status, 7) << relative.output;
@@ -312,8 +314,7 @@ TEST_P(Strangers, AreNotTakenForNobody) {
   EXPECT_EQ(run({"status"}).status, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, Strangers,
-                         testing::Combine(testing::Values(User::Own, User::Ordinary), testing::Values("", "10.7.5")),
+INSTANTIATE_TEST_SUITE_P(Each, Strangers, testing::Combine(testing::Values(User::Own, User::Ordinary), testing::Values("", "10.7.5")),
                          [](const auto& each) {
                            return std::string(std::get<0>(each.param) == User::Own ? "Own" : "Ordinary") +
                                   (std::get<1>(each.param)[0] == '\0' ? "Listening" : "ByMessages");

@@ -17,7 +17,9 @@ TEST(Printable, LeavesTextAndEscapesWhatMovesTheCursorOrBeginsALine) {
       {"one\ntwo\r\tthree", "one\\012two\\015\\011three"},
       {"\x1b[2J\x7f", "\\033[2J\\177"},
       {std::string("\0", 1), "\\000"},
-      {"\xc2\x9b" "31m", "\\302\\23331m"},
+      {"\xc2\x9b"
+       "31m",
+       "\\302\\23331m"},
       {"cut \xc3", "cut \\303"},
       {"\xff\xfe", "\\377\\376"},
   };

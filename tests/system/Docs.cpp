@@ -5,8 +5,10 @@
 #include <cctype>
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Process.h"
@@ -118,6 +120,28 @@ TEST_P(PageWithLinks, LeadsSomewhere) {
 INSTANTIATE_TEST_SUITE_P(Docs, PageWithCommands, testing::ValuesIn(pagesWith("sh run")), nameOfPage);
 INSTANTIATE_TEST_SUITE_P(Docs, PageWithScripts, testing::ValuesIn(pagesWith("sh")), nameOfPage);
 INSTANTIATE_TEST_SUITE_P(Docs, PageWithLinks, testing::ValuesIn(pagesWithLinks()), nameOfPage);
+
+/// The cases that a page names as "program: Suite.Case", `.Case` of the same suite.
+std::vector<std::pair<std::string, std::string>> casesNamedIn(const std::string& text) {
+  static const std::regex& name = *new std::regex("`(?:([a-z]+)_tests: )?(?:([A-Za-z]+))?\\.([A-Z][A-Za-z]+)`");
+  std::vector<std::pair<std::string, std::string>> cases;
+  std::string suite;
+  for (std::sregex_iterator each(text.begin(), text.end(), name), end; each != end; ++each) {
+    if ((*each)[2].matched) suite = (*each)[2];
+    cases.emplace_back(suite, (*each)[3]);
+  }
+  return cases;
+}
+
+TEST(DocsSecurity, NamesTestsThatThereAre) {
+  std::string tests;
+  for (const auto& file : std::filesystem::recursive_directory_iterator(KESTRINE_SOURCE_DIR "/tests")) {
+    if (file.path().extension() == ".cpp") tests += readFile(file.path());
+  }
+  const auto cases = casesNamedIn(docsText("docs/security.md"));
+  EXPECT_GT(cases.size(), 25U);
+  for (const auto& [suite, name] : cases) EXPECT_NE(tests.find("(" + suite + ", " + name + ")"), std::string::npos) << suite << "." << name;
+}
 
 TEST(DocsText, FindsTheTwoCommandsFirstAndCommandsToRun) {
   const std::vector<DocsBlock> blocks = docsBlocks("README.md");

@@ -1,8 +1,7 @@
 // A client that has nothing in common with this code but docs/protocol.md starts the service and the watch.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>

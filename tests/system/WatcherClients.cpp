@@ -1,8 +1,7 @@
-// Clients that come and go: one watch of a folder for each that is there, never none because they have gone, and nothing that piles up, with
-// either way in which the service is hosted.
+// Clients that come and go: one watch of a folder for each that is there, never none because they have gone, and nothing that piles up,
+// with either way in which the service is hosted.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -97,7 +96,9 @@ TEST_P(WatcherClients, LeaveOneWatchHoweverOftenTheyComeAndGo) {
   const int count = wanted != nullptr ? std::atoi(wanted) : longOrShort(600, 60);
   for (int i = 0; i < count; ++i) {
     ASSERT_TRUE(client().isOpen()) << i;
-    if (i % 20 == 0) ASSERT_THAT(standing(), Not(IsEmpty())) << "after " << i;
+    if (i % 20 == 0) {
+      ASSERT_THAT(standing(), Not(IsEmpty())) << "after " << i;
+    }
   }
   EXPECT_TRUE(eventuallyWatching(1)) << standing().size();
   // Up to four threads are parked for the next time.
@@ -214,7 +215,9 @@ TEST_P(WatcherClients, ThatHoldEveryConnectionLockNobodyOut) {
     for (int i = 0; i < 1024 + 64; ++i) {
       held.push_back(connectTo(folder("run/xpc/") + kServiceName));
       // Some say something, some do not.
-      if (i % 2 == 0) ASSERT_TRUE(sendBytes(held.back(), frame(kHello))) << i;
+      if (i % 2 == 0) {
+        ASSERT_TRUE(sendBytes(held.back(), frame(kHello))) << i;
+      }
     }
     const Outcome status = runToEnd({KESTRINE_COMMAND, "status"});
     EXPECT_EQ(status.status, 4) << status.output << status.errorOutput;
@@ -239,11 +242,12 @@ TEST_P(WatcherClients, ThatHoldAllDescriptorsHaveNobodyElseCutOff) {
     ASSERT_TRUE(sendBytes(held.back(), callWith(64).substr(0, 50), descriptors));
     ASSERT_TRUE(eventually([&] { return countIn("fd") >= before + 64; })) << i;
   }
-  const Outcome other = runToEnd({"/usr/bin/env", "python3", KESTRINE_SOURCE_DIR "/tests/system/protocol_client.py",
-                                  GetParam()[0] == '\0' ? "call" : "message"},
-                                 {});
+  const Outcome other = runToEnd(
+      {"/usr/bin/env", "python3", KESTRINE_SOURCE_DIR "/tests/system/protocol_client.py", GetParam()[0] == '\0' ? "call" : "message"}, {});
   EXPECT_EQ(other.status, 0) << other.output << other.errorOutput;
-  if (other.status == 0) EXPECT_TRUE(eventuallyWatching(1));
+  if (other.status == 0) {
+    EXPECT_TRUE(eventuallyWatching(1));
+  }
 }
 
 TEST_P(WatcherClients, KeepTheTimeThatTheyWereGiven) {

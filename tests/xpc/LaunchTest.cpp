@@ -122,11 +122,15 @@ TEST(Launch, ChangesNoModeOfAFolderThatItDidNotMake) {
     Client client(kTestService);
     const auto event = client.ask("pid");
     EXPECT_EQ(errorKind(event) == std::nullopt, isServed) << std::oct << mode << ": " << errorText(event);
-    if (!isServed) EXPECT_TRUE(contains(errorText(event), "can write to it (mode ")) << errorText(event);
+    if (!isServed) {
+      EXPECT_TRUE(contains(errorText(event), "can write to it (mode ")) << errorText(event);
+    }
     struct stat folder {};
     ASSERT_EQ(stat(environment.socketFolder().c_str(), &folder), 0);
     EXPECT_EQ(folder.st_mode & 07777U, mode);
-    if (!isServed) EXPECT_TRUE(std::filesystem::is_empty(environment.socketFolder())) << "something was made in it";
+    if (!isServed) {
+      EXPECT_TRUE(std::filesystem::is_empty(environment.socketFolder())) << "something was made in it";
+    }
   }
 }
 

@@ -7,9 +7,9 @@
 
 namespace platform {
 
-/// Calls `body`, and `letGo` once: when `body` runs this thread's run loop, or else after it has returned. So what a body that watches needs
-/// for its beginning alone is not held for as long as it watches. What `body` throws leaves this.
-/// Threads: any; one without blocks of its own on its run loop, since those that nobody ran when `body` returns are dropped.
+/// Calls `body`, and `letGo` once: when `body` runs this thread's run loop, or else after it has returned. So what a body that watches
+/// needs for its beginning alone is not held for as long as it watches. What `body` throws leaves this. Threads: any; one without blocks of
+/// its own on its run loop, since those that nobody ran when `body` returns are dropped.
 inline void holdUntilRunLoop(const std::function<void()>& body, std::function<void()> letGo) {
   class Once {
    public:

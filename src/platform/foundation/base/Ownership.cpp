@@ -91,8 +91,7 @@ bool isOfTheSystem(uid_t user) { return user == 0 || (user == numberOfTheUnknown
 std::string userText(uid_t user) { return user == 0 ? "root" : "user " + std::to_string(user); }
 
 std::optional<std::string> otherWriters(int descriptor, const struct stat& status) {
-  const bool isPrivate =
-      (status.st_mode & S_IWGRP) == 0 || (!hasAccessList(descriptor) && isPrivateGroup(status.st_gid, status.st_uid));
+  const bool isPrivate = (status.st_mode & S_IWGRP) == 0 || (!hasAccessList(descriptor) && isPrivateGroup(status.st_gid, status.st_uid));
   if ((status.st_mode & S_IWOTH) != 0) return "everybody can write to it (mode " + modeText(status.st_mode) + ")";
   if (!isPrivate) return "group " + std::to_string(status.st_gid) + " can write to it (mode " + modeText(status.st_mode) + ")";
   return std::nullopt;

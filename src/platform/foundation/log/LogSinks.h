@@ -30,9 +30,9 @@ class DescriptorSink {
   bool midLine_ = false;
 };
 
-/// A file that lines are appended to and that is renamed to "<file>.old" before it would grow beyond its limit. It is one that no other user
-/// can have put there (TrustedPath.h), and where something else than a file has its name, a pipe that nobody empties costs lines and no time.
-/// One thread; one process a file.
+/// A file that lines are appended to and that is renamed to "<file>.old" before it would grow beyond its limit. It is one that no other
+/// user can have put there (TrustedPath.h), and where something else than a file has its name, a pipe that nobody empties costs lines and
+/// no time. One thread; one process a file.
 class FileSink {
  public:
   /// An empty name: nothing is written.

@@ -25,7 +25,6 @@ namespace platform {
 
 namespace {
 
-
 /// Announces the event for as long as the call that causes it has not failed.
 class Expected {
  public:

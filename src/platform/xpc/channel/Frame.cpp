@@ -32,9 +32,7 @@ void FrameReader::feed(std::span<const std::byte> bytes, std::vector<FileHandle>
   account();
 }
 
-bool FrameReader::holdsTooMuch() const {
-  return ReceiveBudget::isTooMuch(sender_, budget_.descriptors(), budget_.bytes());
-}
+bool FrameReader::holdsTooMuch() const { return ReceiveBudget::isTooMuch(sender_, budget_.descriptors(), budget_.bytes()); }
 
 WireError FrameReader::fail(std::string reason) {
   error_ = WireError{std::move(reason)};

@@ -28,9 +28,9 @@ struct ListenerLimits {
 /// only after that function has returned. It sets the handler and resumes the connection; a connection that it neither keeps nor resumes is
 /// closed.
 ///
-/// When its limit of connections is reached, a process that has fewer than another one goes before: the other's newest connection is closed.
-/// Else the new one waits for a place; where too many wait already, the newest of the process that has most of them is closed. So nobody
-/// locks others out. When the process has no descriptor left it accepts no more until a socket closes, and says so in the log.
+/// When its limit of connections is reached, a process that has fewer than another one goes before: the other's newest connection is
+/// closed. Else the new one waits for a place; where too many wait already, the newest of the process that has most of them is closed. So
+/// nobody locks others out. When the process has no descriptor left it accepts no more until a socket closes, and says so in the log.
 ///
 /// Ownership: shared; destroying it stops accepting and leaves existing peers alone.
 /// Threads: any thread may call anything.

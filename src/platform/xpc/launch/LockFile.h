@@ -35,8 +35,8 @@ class LockFile {
   /// Whether somebody else holds it; an errno value when the system does not say.
   [[nodiscard]] Result<bool, int> isHeld() const;
 
-  /// Whether the process holds the lock by this file: what the kernel says of its descriptors (/proc/<pid>/fdinfo). False when that cannot be
-  /// read.
+  /// Whether the process holds the lock by this file: what the kernel says of its descriptors (/proc/<pid>/fdinfo). False when that cannot
+  /// be read.
   [[nodiscard]] bool isHeldBy(int process) const;
 
   /// The file's short text.

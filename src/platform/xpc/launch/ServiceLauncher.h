@@ -18,7 +18,8 @@ Result<FileHandle, LaunchError> connectToService(const std::string& name, std::c
 
 /// The same without ever starting anything or removing a file, and within `limit` where the service does not accept. Kind NotRunning when
 /// nobody is the service; a socket of systemd's, which would start it, is not even called then.
-Result<FileHandle, LaunchError> connectToRunningService(const std::string& name, std::chrono::milliseconds limit = std::chrono::seconds(30));
+Result<FileHandle, LaunchError> connectToRunningService(const std::string& name,
+                                                        std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 /// Why `name` could not be reached at all; nothing when it has a socket or an installed description. Starts nothing.
 [[nodiscard]] std::optional<LaunchError> checkService(const std::string& name);

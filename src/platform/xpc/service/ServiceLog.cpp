@@ -19,7 +19,8 @@ void openServiceLog() {
     if (const auto made = openTrustedFolder(folder, {.makeFolder = folderMaker(0700)}); !made) refusal = made.error();
   }
   setLogDestination(destination);
-  if (refusal) NSLog("xpc: the folder of the log, " + folder + ", cannot be " + (refusal->isDistrust ? "used: " : "made: ") + refusal->reason);
+  if (refusal)
+    NSLog("xpc: the folder of the log, " + folder + ", cannot be " + (refusal->isDistrust ? "used: " : "made: ") + refusal->reason);
 }
 
 }  // namespace platform::xpc
