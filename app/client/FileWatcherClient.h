@@ -45,8 +45,8 @@ class FileWatcherClient {
   FileWatcherClient(const FileWatcherClient&) = delete;
   FileWatcherClient& operator=(const FileWatcherClient&) = delete;
 
-  /// Stores the folder in whose folder "Kestrine" the user's files are: an absolute path, whatever bytes its names are made of. Watches that
-  /// stand are not moved. False, with the reason in the log, when it can never be a folder or the preferences cannot be written.
+  /// Stores the folder in whose folder "Kestrine" the user's files are: an absolute path, whatever bytes its names are made of. Watches
+  /// that stand are not moved. False, with the reason in the log, when it can never be a folder or the preferences cannot be written.
   bool setBasePath(const std::string& path);
 
   /// Starts the service where it does not run and asks it to watch; returns when the watch stands or has failed.
