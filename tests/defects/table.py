@@ -103,7 +103,7 @@ DEFECTS = [
         "  } else if (std::ranges::any_of(paths, &std::string::empty)) {\n",
         "  } else if (paths.size() > 1000) {\n",
         "system_tests",
-        "*/NoFolder.Fails*",
+        "*/NoFolder.Fails*/Listener_inotify",
     ),
     Defect(
         "base-path-stored-as-it-stands",

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -191,6 +192,20 @@ TEST_P(Untold, AFlagThatCouldNotBeWrittenIsRaisedWhenItsFolderCanBeWrittenAgain)
   writeFile(in("file"), "text");
   ASSERT_TRUE(eventuallyOwed(""));
   std::filesystem::remove(flagFile());
+  EXPECT_TRUE(eventuallyFlagged());
+  EXPECT_TRUE(eventually([] { return owedFlag().isNil(); }));
+}
+
+TEST_P(Untold, AFlagThatCouldNotBeWrittenIsRaisedWhenItsFolderIsReadOnlyNoLonger) {
+  if (geteuid() == 0) GTEST_SKIP() << "left out: a folder that is read-only, because root writes everywhere";
+  Application application;
+  application.callToFileWatcher();
+  ASSERT_TRUE(eventuallyStanding({1}));
+  const std::filesystem::path preferences = folder("config/Preferences");
+  std::filesystem::permissions(preferences, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
+  writeFile(in("file"), "text");
+  ASSERT_TRUE(eventuallyOwed("Permission denied"));
+  std::filesystem::permissions(preferences, std::filesystem::perms::owner_all);
   EXPECT_TRUE(eventuallyFlagged());
   EXPECT_TRUE(eventually([] { return owedFlag().isNil(); }));
 }
