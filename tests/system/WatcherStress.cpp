@@ -1,6 +1,6 @@
-// Clients of every kind at random, beside changes, stops and kills: no change without a flag, one service, one watch for each client that is
-// there, and nothing that grows. KESTRINE_STRESS_SECONDS makes it longer (hours, for instance), KESTRINE_STRESS_SEED begins with the number
-// that a failure has printed.
+// Clients of every kind at random, beside changes, stops and kills: no change without a flag, one service, one watch for each client that
+// is there, and nothing that grows. KESTRINE_STRESS_SECONDS makes it longer (hours, for instance), KESTRINE_STRESS_SEED begins with the
+// number that a failure has printed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -209,10 +209,10 @@ TEST_P(WatcherStress, LosesNoChangeAndKeepsNothing) {
   changeAndTake(-1);
   // Up to four threads are parked for the next time.
   constexpr int kParked = 4;
-  EXPECT_TRUE(eventually([&] { return figures().descriptors <= before.descriptors + 2; })) << figures().descriptors << " and before "
-                                                                                            << before.descriptors;
-  EXPECT_TRUE(eventually([&] { return figures().threads <= before.threads + kParked; })) << figures().threads << " and before "
-                                                                                          << before.threads;
+  EXPECT_TRUE(eventually([&] { return figures().descriptors <= before.descriptors + 2; }))
+      << figures().descriptors << " and before " << before.descriptors;
+  EXPECT_TRUE(eventually([&] { return figures().threads <= before.threads + kParked; }))
+      << figures().threads << " and before " << before.threads;
 #ifndef KESTRINE_SANITIZED
   constexpr std::size_t kGrowth = std::size_t{16} << 20U;
   EXPECT_TRUE(eventually([&] { return figures().bytes < before.bytes + kGrowth; }, std::chrono::seconds(20)))
