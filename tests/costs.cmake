@@ -18,6 +18,12 @@ set(kestrine_costs
   fsevents_tests.WorldOverflows.OfWorkDoNotFollowFromFoldersThatMoveOutOneByOne/inotify 14
   fsevents_tests.WorldDisks.ThatFailAreAskedEverLessOften/fanotify 13
   fsevents_tests.WorldDisks.ThatFailAreAskedEverLessOften/inotify 13
+  system_tests.Each/WatcherStress.LosesNoChangeAndKeepsNothing/Listening 45
+  system_tests.Each/WatcherStress.LosesNoChangeAndKeepsNothing/ByMessages 45
+  system_tests.Each/WatcherClients.LeaveNoMomentWithoutAWatch/Listening 20
+  system_tests.Each/WatcherClients.LeaveNoMomentWithoutAWatch/ByMessages 20
+  system_tests.OtherLanguage.WaitsForTheWatchAndTakesTheFlag 20
+  system_tests.OtherLanguage.TakesTheLockAndGivesUpWhenItDoesNotComeBack 12
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/fanotify 122
   fsevents_tests.StreamModelUnread.WithoutMercyIsCovered/inotify 64
   concurrency_tests.RunLoopItem.InvalidateEndsARunThatIsAboutToSleep 60

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include "tests/support/TemporaryDirectory.h"
 
@@ -100,43 +99,6 @@ TEST(FileManager, RefusesToCopyAFolderIntoItself) {
 TEST(FileManager, TellsOfAMissingSource) {
   const TemporaryDirectory folder;
   EXPECT_EQ(copyItemAtPath_toPath(folder / "missing", folder / "b"), std::errc::no_such_file_or_directory);
-}
-
-TEST(FileManager, MakesAFolderAndThoseAboveItForTheUserAlone) {
-  const TemporaryDirectory folder;
-  EXPECT_EQ(makeFolders(folder / "a/b//c/", 0700), 0);
-  for (const char* made : {"a", "a/b", "a/b/c"}) EXPECT_EQ(statusOf(folder / made).st_mode, S_IFDIR | 0700U) << made;
-  EXPECT_EQ(makeFolders(folder / "a/b/c", 0755), 0);
-  EXPECT_EQ(statusOf(folder / "a/b/c").st_mode, S_IFDIR | 0700U);
-}
-
-TEST(FileManager, SaysWhyAFolderCannotBeMade) {
-  const TemporaryDirectory folder;
-  writeFile(folder / "file", "");
-  fs::create_symlink("nowhere", folder / "broken");
-  EXPECT_EQ(makeFolders(folder / "file", 0700), ENOTDIR);
-  EXPECT_EQ(makeFolders(folder / "file/a/b", 0700), ENOTDIR);
-  EXPECT_EQ(makeFolders(folder / "broken/a", 0700), ENOENT);
-  EXPECT_EQ(makeFolders(folder / std::string(300, 'x') + "/a", 0700), ENAMETOOLONG);
-  EXPECT_EQ(makeFolders("", 0700), ENOENT);
-}
-
-TEST(FileManager, StopsAtTheFolderThatTheCallersFunctionRefuses) {
-  const TemporaryDirectory folder;
-  std::vector<std::string> asked;
-  const auto refuseB = [&](const std::string& path) {
-    asked.push_back(path.substr(folder.path().size()));
-    if (path.ends_with("/b")) return EACCES;
-    return mkdir(path.c_str(), 0700) == 0 ? 0 : errno;
-  };
-  EXPECT_EQ(makeFolders(folder / "a/b", refuseB), EACCES);
-  EXPECT_EQ(asked, std::vector<std::string>({"/a/b"}));
-  asked.clear();
-  EXPECT_EQ(makeFolders(folder / "a/b/c", refuseB), EACCES);
-  EXPECT_EQ(asked, std::vector<std::string>({"/a/b/c", "/a/b"}));
-  asked.clear();
-  EXPECT_EQ(makeFolders(folder / "a/d", refuseB), 0);
-  EXPECT_EQ(asked, std::vector<std::string>({"/a/d", "/a", "/a/d"}));
 }
 
 }  // namespace

@@ -147,6 +147,51 @@ TEST(Listener, LetsFurtherClientsWaitWhenThereAreTooMany) {
   EXPECT_EQ(commandOf(service.peer(2).events.at(0)), "patient");
 }
 
+TEST(Listener, TellsTheStatusToWhoWaits) {
+  InProcessService service({}, {.connections = 1});
+  const FileHandle first = service.connectPeer();
+  const FileHandle waiting = service.connect();
+  ASSERT_TRUE(sendBytes(waiting, frame(kStatusRequest)));
+  const auto reply = readFrame(waiting);
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->kind, kStatusReply);
+  EXPECT_EQ(service.listener().statistics().openSockets, 1U) << "it has no place all the same";
+}
+
+TEST(Listener, HandsOverWhatAClientLeftThatIsGoneWhileItWaited) {
+  InProcessService service({}, {.connections = 1});
+  FileHandle first = service.connectPeer();
+  {
+    const FileHandle gone = service.connect();
+    ASSERT_TRUE(sendBytes(gone, commandFrame("left")));
+  }
+  const FileHandle patient = service.connect();
+  ASSERT_TRUE(sendBytes(patient, commandFrame("patient")));
+  first.closeFile();
+  EXPECT_EQ(commandOf(service.peer(1).events.at(0)), "left");
+  EXPECT_EQ(commandOf(service.peer(2).events.at(0)), "patient");
+  EXPECT_TRUE(eventually([&] { return service.listener().statistics().openSockets == 1; }));
+}
+
+TEST(Listener, ClosesTheNewestOfTooManyThatWait) {
+  InProcessService service({}, {.connections = 1, .waiting = 2});
+  FileHandle first = service.connectPeer();
+  std::vector<FileHandle> waiting;
+  for (int i = 0; i < 3; ++i) {
+    waiting.push_back(service.connect());
+    if (i < 2) {
+      ASSERT_TRUE(sendBytes(waiting.back(), commandFrame(std::to_string(i))));
+    }
+  }
+  EXPECT_TRUE(isClosed(waiting.back()));
+  first.closeFile();
+  EXPECT_EQ(commandOf(service.peer(1).events.at(0)), "0");
+  waiting[0].closeFile();
+  EXPECT_EQ(commandOf(service.peer(2).events.at(0)), "1");
+  waiting[1].closeFile();
+  EXPECT_TRUE(eventually([&] { return service.listener().statistics().openSockets == 0; }));
+}
+
 TEST(Listener, TellsEveryPeerThatTerminationIsImminent) {
   InProcessService service;
   const FileHandle first = service.connectPeer();

@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "platform/foundation/files/Paths.h"
-
 namespace platform {
 
 namespace fs = std::filesystem;
@@ -91,24 +89,6 @@ std::error_code copyItemAtPath_toPath(const std::string& source, const std::stri
     fs::remove_all(destination, ignored);
   }
   return error;
-}
-
-int makeFolders(const std::string& path, const std::function<int(const std::string& folder)>& makeFolder) {
-  int error = makeFolder(path);
-  if (error == ENOENT) {
-    const std::string above = stringByDeletingLastPathComponent(path);
-    if (above.empty() || above == path) return error;
-    if (error = makeFolders(above, makeFolder); error != 0) return error;
-    error = makeFolder(path);
-  }
-  if (error != EEXIST) return error;
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return errno;
-  return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
-}
-
-int makeFolders(const std::string& path, mode_t mode) {
-  return makeFolders(path, [mode](const std::string& folder) { return mkdir(folder.c_str(), mode) == 0 ? 0 : errno; });
 }
 
 }  // namespace platform

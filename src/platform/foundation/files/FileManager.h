@@ -1,8 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <functional>
 #include <string>
 #include <system_error>
 
@@ -18,12 +15,5 @@ bool fileExistsAtPath(const std::string& path, bool* isDirectory = nullptr);
 /// are copied as links. An error, std::errc::file_exists when anything is at the destination, even a link that leads nowhere, and
 /// std::errc::not_supported for a device, a pipe or a socket, leaves nothing behind. A folder cannot be copied into itself.
 [[nodiscard]] std::error_code copyItemAtPath_toPath(const std::string& source, const std::string& destination);
-
-/// Makes the folder at `path`, and those above it that are missing, each with permissions `mode` (of which the process's mask takes its
-/// part). 0 when the folder is there now, else the errno of the step that failed: ENOTDIR where something else has the name. What was made
-/// before a failure stays.
-[[nodiscard]] int makeFolders(const std::string& path, mode_t mode);
-/// The same with a mkdir of the caller's: makes this one folder and returns 0 or an errno, ENOENT when the one above is missing.
-[[nodiscard]] int makeFolders(const std::string& path, const std::function<int(const std::string& folder)>& makeFolder);
 
 }  // namespace platform

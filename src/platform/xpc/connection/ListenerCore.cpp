@@ -136,9 +136,7 @@ void Listener::Core::admit(FileHandle socket) {
   ++accepted_;
   const pid_t process = connectingProcess(socket.fileDescriptor());
   const bool waits = openSockets_ >= limits_.connections && !makePlaceFor(process);
-  if (waits && !std::exchange(saidPaused_, true)) {
-    NSLog("xpc: there are " + std::to_string(openSockets_) + " connections, the most there may be; further ones wait");
-  }
+  if (waits) sayFull("further ones wait");
   if (waits) {
     ++waiting_;
   } else {
@@ -173,8 +171,7 @@ bool Listener::Core::makePlaceFor(pid_t process) {
   const auto own = static_cast<std::size_t>(std::ranges::count_if(
       clients_, [process](const auto& each) { return each.second.process == process && !each.second.waits && !each.second.isClosed; }));
   if (newest == nullptr || newest->process == process || most <= own + 1) return false;
-  NSLog("xpc: process " + std::to_string(newest->process) + " has " + std::to_string(most) +
-        " connections, and one of them is closed for another process's");
+  sayFull("process " + std::to_string(newest->process) + " has " + std::to_string(most) + " of them, which are closed for others'");
   const auto channel = newest->channel;
   isPlaceTaken_ = true;
   channel->cutOff("it has more connections than others, who need one");
@@ -192,7 +189,7 @@ void Listener::Core::boundWaiting() {
   if (const auto found = clients_.find(channel.get()); found != clients_.end()) forget(found);
 }
 
-// The oldest first. Once there is room for all, the next time that there is none is said again.
+// The oldest first. Once there is room again, the next time that there is none is said again.
 void Listener::Core::fillPlaces() {
   if (isPlaceTaken_ || !socket_.isOpen()) return;
   while (waiting_ > 0 && openSockets_ < limits_.connections) {
@@ -203,7 +200,12 @@ void Listener::Core::fillPlaces() {
     if (oldest == nullptr) return;
     letIn(*oldest);
   }
-  if (waiting_ == 0) saidPaused_ = false;
+  if (waiting_ == 0 && openSockets_ <= limits_.connections / 2) saidFull_ = false;
+}
+
+void Listener::Core::sayFull(const std::string& consequence) {
+  if (std::exchange(saidFull_, true)) return;
+  NSLog("xpc: there are " + std::to_string(openSockets_) + " connections, the most there may be; " + consequence);
 }
 
 void Listener::Core::letIn(Client& client) {

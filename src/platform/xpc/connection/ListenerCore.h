@@ -54,6 +54,7 @@ class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
   /// Whether there is a place for another connection of the process, which one of a process that has more makes.
   bool makePlaceFor(pid_t process) REQUIRES(kIOThread);
   void boundWaiting() REQUIRES(kIOThread);
+  void sayFull(const std::string& consequence) REQUIRES(kIOThread);
   void fillPlaces() REQUIRES(kIOThread);
   void letIn(Client& client) REQUIRES(kIOThread);
   /// Takes it out of the books.
@@ -75,6 +76,7 @@ class Listener::Core : public std::enable_shared_from_this<Listener::Core> {
   Clients clients_ GUARDED_BY(kIOThread);
   std::uint64_t lastNumber_ GUARDED_BY(kIOThread) = 0;
   std::size_t waiting_ GUARDED_BY(kIOThread) = 0;
+  bool saidFull_ GUARDED_BY(kIOThread) = false;
   /// The place that becomes free is for somebody in particular.
   bool isPlaceTaken_ GUARDED_BY(kIOThread) = false;
   std::unordered_map<const Channel*, std::weak_ptr<Connection::Core>> peers_ GUARDED_BY(kIOThread);
