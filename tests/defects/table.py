@@ -927,6 +927,14 @@ DEFECTS = [
         "WorldExclusions.HoldForW*",
     ),
     Defect(
+        "replaced-file-system-not-read-again",
+        "src/platform/fsevents/tree/WatchedTree.cpp",
+        "  sooner(repairReplaced());\n",
+        "",
+        "fsevents_tests",
+        "WatchedTreeTest.WhoseFileSystemIsReplacedIsReadAgain/inotify",
+    ),
+    Defect(
         "exclusion-that-moves-along",
         "src/platform/fsevents/tree/WatchedTreePlaces.cpp",
         "  if (!exclusions_.empty()) exclusionsMoved(node, from);\n",

@@ -209,6 +209,8 @@ TEST_P(WorldHanging, AndDyingInstead) {
     disk.die();
     EXPECT_TRUE(isToldInTime(*stream, in("beside/dead" + std::to_string(point.size()))));
     stream->clear();
+    disk.leave();
+    ASSERT_TRUE(stream->waitFor(point, kUnmount)) << stream->describe();
     disk.comeBack();
     EXPECT_TRUE(stream->waitFor(point, kMount)) << stream->describe();
     EXPECT_TRUE(isPolled(*stream, point + "/sub/deep", "file"));

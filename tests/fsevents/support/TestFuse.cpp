@@ -129,11 +129,15 @@ void TestFuse::die() {
   output_.closeFile();
 }
 
-void TestFuse::comeBack() {
+void TestFuse::leave() {
   die();
   if (mounted_ && ::umount2(point_.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) != 0)
     throw std::system_error(errno, std::generic_category(), "unmount " + point_);
   mounted_ = false;
+}
+
+void TestFuse::comeBack() {
+  leave();
   start();
 }
 

@@ -35,7 +35,9 @@ class TestFuse {
 
   /// The server dies: every access answers ENOTCONN, and the file system stays mounted.
   void die();
-  /// The dead one is unmounted and served and mounted anew.
+  /// The server dies, and what it served is unmounted.
+  void leave();
+  /// The same where that has not been done yet; then it is served and mounted anew.
   void comeBack();
   /// Unmounts it, as umount(8) does: fails (errno) where it is busy.
   int unmount();

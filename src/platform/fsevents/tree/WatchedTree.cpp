@@ -178,6 +178,7 @@ void WatchedTree::letGo() {
   askForQueueAt_.reset();
   overflowed_ = backlogDropped_ = doubted_ = false;
   unwalked_.reset();
+  replacedAt_.reset();
   closeFolders();
   region_.reset();
   refusedFolders_ = 0;
@@ -234,6 +235,7 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::process() {
   if (overflowed_) repair(kFSEventStreamEventFlagKernelDropped);
   if (backlogDropped_) repair(kFSEventStreamEventFlagUserDropped);
   if (doubted_) repair(0);
+  sooner(repairReplaced());
   sooner(repairLater());
   sooner(retryTroubled());
   sooner(workOnRegion());

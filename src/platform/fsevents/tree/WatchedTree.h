@@ -180,6 +180,7 @@ class WatchedTree final : private PolledRegion::Host {
   /// False when it could not begin and is to be tried again.
   bool walkAgain();
   std::optional<Clock::time_point> repairLater();
+  std::optional<Clock::time_point> repairReplaced();
   /// The tree contradicts the disk, and no change to come explains it: it is walked again.
   void doubt();
   void renewQueue();
@@ -363,6 +364,8 @@ class WatchedTree final : private PolledRegion::Host {
     Clock::time_point due;
   };
   std::optional<Unwalked> unwalked_;
+  /// When the root's mark has ended: what stands there then is another folder, unless others say before that nothing does.
+  std::optional<Clock::time_point> replacedAt_;
   bool overflowed_ = false;
   bool backlogDropped_ = false;
   bool doubted_ = false;

@@ -14,6 +14,9 @@ namespace {
 /// A sixteenth of the shortest queue that the kernel has by itself.
 constexpr int kRemovalsBetweenDrains = 1024;
 
+/// The end of a mount, or of the watched folder, is others' to notice, and this is when they have.
+constexpr std::chrono::seconds kReplacedPause(1);
+
 struct FlagRow {
   std::uint32_t raw;
   FSEventStreamEventFlags flag;
@@ -38,7 +41,11 @@ void WatchedTree::apply(const RawChange& change) {
   NodeId folder = findOf(change.folder);
   if (folder != kNoNode && (change.bits & RawChange::kRenamed) == 0 && isLeftMark(folder, change)) return;
   if ((change.bits & RawChange::kForgotten) != 0) {
-    if (folder != kNoNode && folder != DirectoryTree::kRoot) forget(folder, Why::Removed);
+    if (folder == DirectoryTree::kRoot) {
+      if (!replacedAt_) replacedAt_ = Clock::now() + kReplacedPause;
+    } else if (folder != kNoNode) {
+      forget(folder, Why::Removed);
+    }
     return;
   }
   bool silent = change.own && options_.ignoreSelf;

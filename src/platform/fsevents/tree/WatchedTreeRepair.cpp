@@ -59,6 +59,13 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::repairLater() {
   return std::nullopt;
 }
 
+std::optional<WatchedTree::Clock::time_point> WatchedTree::repairReplaced() {
+  if (!replacedAt_ || *replacedAt_ > Clock::now()) return replacedAt_;
+  replacedAt_.reset();
+  if (rootIsFolder_) repair(0);
+  return std::nullopt;
+}
+
 bool WatchedTree::walkAgain() {
   if (!rootIsFolder_) return true;
   rootLostItem_ = true;
