@@ -113,7 +113,10 @@ constinit const Command kStopCommand{
     .name = "stop",
     .operands = "",
     .summary = "Ends the service and all its watches, and waits until it has ended.",
-    .details = "The flag stays as it is. An application that still wants its watch may start the service again.",
+    .details =
+        "What its watches have seen raises the flag before; else the flag stays as it is. An application that still wants its watch may "
+        "start "
+        "the service again.",
     .options = kStopOptions,
     .fewestOperands = 0,
     .mostOperands = 0,

@@ -39,7 +39,7 @@ TEST(MissingStandardDescriptors, LetNoLineOfTheLogIntoThePreferences) {
 }
 
 TEST(MissingStandardDescriptors, LetTheServiceKeepItsFilesClean) {
-  for (const char* redirections : {"<&-", "2>&-", kAll}) {
+  for (const char* redirections : {">&- 2>&-", "<&- 2>&-", kAll}) {
     const Sandbox sandbox;
     std::filesystem::create_directories(sandbox.watched());
     ASSERT_EQ(sandbox.run({"defaults", "write", "Ostrabyte.Kestrine", "kestrinePathKey", sandbox.base()}).status, 0);
