@@ -18,6 +18,8 @@ namespace {
 constexpr std::chrono::seconds kMaximumFlush(1);
 /// The same while what must be polled is looked at.
 constexpr std::chrono::seconds kMaximumPolledFlush(30);
+/// Between two looks at what could not be read for want of descriptors.
+constexpr timespec kPauseOfFlush{0, 2'000'000};
 /// Until the queues are looked at again when something waits for them to be empty.
 constexpr std::chrono::milliseconds kSoon(2);
 /// And when there are no descriptors to look with.
@@ -175,6 +177,7 @@ void WatchedTree::letGo() {
   unsettled_.clear();
   young_.clear();
   troubles_.clear();
+  quietSince_.reset();
   askForQueueAt_.reset();
   overflowed_ = backlogDropped_ = doubted_ = false;
   unwalked_.reset();
@@ -259,6 +262,11 @@ void WatchedTree::processAll() {
   while (attached_ && Clock::now() < end) {
     const bool any = drain();
     const auto again = process();
+    if (!any && !hasBacklog() && quietSince_) {
+      hastenQuiet();
+      ::nanosleep(&kPauseOfFlush, nullptr);
+      continue;
+    }
     if (!any && !hasBacklog()) {
       if (!region_) break;
       // A pass that began before a folder's move was known has missed what is in it.
@@ -279,6 +287,8 @@ void WatchedTree::processAll() {
       if (pause.tv_nsec > 0 && pause.tv_nsec < 1'000'000'000) ::nanosleep(&pause, nullptr);
     }
   }
+  if (quietSince_) tellQuiet();
+  if (isBlind_ && !unsettled_.empty() && !unwalked_) tellBlind();
   closeFolders();
 }
 

@@ -73,7 +73,10 @@ class WatchedTree final : private PolledRegion::Host {
   [[nodiscard]] bool hasBacklog() const;
   /// What came before has been handed over, when the kernel queue was last known empty at `time`: earlier where folders are compared.
   /// Milliseconds since 1970.
-  [[nodiscard]] std::uint64_t seenUpTo(std::uint64_t time) const { return region_ ? std::min(time, region_->seenUpTo()) : time; }
+  [[nodiscard]] std::uint64_t seenUpTo(std::uint64_t time) const {
+    const std::uint64_t seen = std::min(time, quietSince_.value_or(time));
+    return region_ ? std::min(seen, region_->seenUpTo()) : seen;
+  }
   /// Rebuilds what only a new kernel queue can free, if there is anything. Call when the tree has been quiet for a while.
   void tidy();
   [[nodiscard]] bool needsTidying() const;
@@ -138,7 +141,10 @@ class WatchedTree final : private PolledRegion::Host {
     std::string name;
     Clock::duration pause;
     Clock::time_point due;
-    int tries;
+    int tries = 0;
+    int error = 0;
+    /// Not told, since it may be over in a moment: then what is in the folder is told, and nothing is lost.
+    bool isQuiet = false;
   };
 
   // WatchedTree.cpp: what it is attached to.
@@ -197,6 +203,12 @@ class WatchedTree final : private PolledRegion::Host {
   /// The folder has another place: what is troubled at and below it is looked for there.
   void troublesMoved(NodeId top);
   std::optional<Clock::time_point> retryTroubled();
+  NodeId find(const Trouble& trouble) const;
+  /// For a flush: what is quiet is tried at once, and told when the flush cannot wait any longer.
+  void hastenQuiet();
+  void tellQuiet();
+  void tellBlind();
+  void countQuiet();
   void lookAgain(NodeId node);
   void lookAgainAt(NodeId folder);
   void recovered(NodeId node) override;
@@ -392,6 +404,8 @@ class WatchedTree final : private PolledRegion::Host {
   bool repairing_ = false;
   /// By their places.
   std::map<std::string, Trouble> troubles_;
+  /// While some are quiet: everything that happened before this (as `emptyAt_`) has been told.
+  std::optional<std::uint64_t> quietSince_;
   Clock::time_point renewNotBefore_{};
 
   // The path that was reported last, which the next change is usually about too.

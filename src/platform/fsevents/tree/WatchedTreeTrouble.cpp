@@ -76,10 +76,53 @@ void WatchedTree::troubled(NodeId node, int error) {
   Trouble& trouble = troubleOf(node);
   trouble.pause = std::min<Clock::duration>(trouble.pause * 2, kLastPause);
   trouble.due = Clock::now() + trouble.pause;
-  ++trouble.tries;
-  if (isShortage(error) && trouble.tries <= kQuietTries) return;
+  trouble.error = error;
+  trouble.isQuiet = ++trouble.tries <= kQuietTries && isShortage(error);
+  if (trouble.isQuiet) {
+    if (!quietSince_) quietSince_ = emptyAt_;
+    return;
+  }
   reportLoss(isLimitReached(error) && !isShortage(error) ? LossKind::MarkLimit : LossKind::InputOutput, node,
              isLimitReached(error) && !isShortage(error) ? explainMarkFailure(sourceName(), error) : explainFolderFailure(error));
+}
+
+NodeId WatchedTree::find(const Trouble& trouble) const {
+  if (trouble.name.empty()) return DirectoryTree::kRoot;
+  const NodeId folder = find(trouble.folder);
+  return folder == kNoNode ? kNoNode : tree_.child(folder, trouble.name);
+}
+
+void WatchedTree::hastenQuiet() {
+  for (auto& [at, trouble] : troubles_) {
+    if (!trouble.isQuiet) continue;
+    trouble.due = Clock::now();
+    trouble.pause = kFirstPause / 2;
+    trouble.tries = 0;
+  }
+}
+
+void WatchedTree::tellQuiet() {
+  for (auto& [at, trouble] : troubles_) {
+    const NodeId node = trouble.isQuiet ? find(trouble) : kNoNode;
+    if (node == kNoNode || (tree_.flags(node) & kTroubled) == 0) continue;
+    trouble.isQuiet = false;
+    trouble.tries = kQuietTries;
+    reportLoss(LossKind::InputOutput, node, explainFolderFailure(trouble.error));
+  }
+  countQuiet();
+}
+
+void WatchedTree::tellBlind() {
+  // Places that are still to be looked at may lie anywhere.
+  Trouble& trouble = troubleOf(DirectoryTree::kRoot);
+  trouble.isQuiet = false;
+  trouble.tries = kQuietTries;
+  tree_.setFlags(DirectoryTree::kRoot, tree_.flags(DirectoryTree::kRoot) | kTroubled);
+  reportLoss(LossKind::InputOutput, DirectoryTree::kRoot, explainFolderFailure(EMFILE));
+}
+
+void WatchedTree::countQuiet() {
+  if (std::ranges::none_of(troubles_, [](const auto& each) { return each.second.isQuiet; })) quietSince_.reset();
 }
 
 WatchedTree::Trouble& WatchedTree::troubleOf(NodeId node) {
@@ -87,7 +130,7 @@ WatchedTree::Trouble& WatchedTree::troubleOf(NodeId node) {
   Where folder = parent == kNoNode ? Where{} : whereIs(parent);
   const std::string name(tree_.name(node));
   const std::string at = folder.key + '\0' + folder.path + '\0' + name;
-  return troubles_.try_emplace(at, Trouble{std::move(folder), name, kFirstPause / 2, Clock::now() + kFirstPause, 0}).first->second;
+  return troubles_.try_emplace(at, Trouble{std::move(folder), name, kFirstPause / 2, Clock::now() + kFirstPause}).first->second;
 }
 
 void WatchedTree::troublesMoved(NodeId top) {
@@ -123,21 +166,21 @@ std::optional<WatchedTree::Clock::time_point> WatchedTree::retryTroubled() {
   for (const std::string& at : due) {
     const auto trouble = troubles_.find(at);
     if (trouble == troubles_.end()) continue;
-    const bool isRoot = trouble->second.name.empty();
-    const NodeId folder = isRoot ? DirectoryTree::kRoot : find(trouble->second.folder);
-    const std::string name = trouble->second.name;
-    const NodeId node = isRoot ? folder : folder == kNoNode ? kNoNode : tree_.child(folder, name);
+    const NodeId node = find(trouble->second);
     if (node == kNoNode || (tree_.flags(node) & kTroubled) == 0) {
       troubles_.erase(trouble);
       continue;
     }
-    const bool isQuiet = trouble->second.tries <= kQuietTries;
+    const bool isQuiet = trouble->second.isQuiet;
+    const NodeId folder = node == DirectoryTree::kRoot ? kNoNode : tree_.parent(node);
+    const std::string name = trouble->second.name;
     lookAgain(node);
     // What came and went in it meanwhile is told by nobody else, where no loss was.
-    if (isQuiet && !isRoot && tree_.child(folder, name) == node && (tree_.flags(node) & kTroubled) == 0)
+    if (isQuiet && folder != kNoNode && tree_.child(folder, name) == node && (tree_.flags(node) & kTroubled) == 0)
       report(folder, name, kFSEventStreamEventFlagItemCreated | kFSEventStreamEventFlagItemIsDir, false);
     if (const auto after = troubles_.find(at); after != troubles_.end() && after->second.due <= now) troubles_.erase(after);
   }
+  countQuiet();
   for (const auto& [at, trouble] : troubles_) next = next ? std::min(*next, trouble.due) : trouble.due;
   return next;
 }
