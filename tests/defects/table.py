@@ -1591,8 +1591,8 @@ DEFECTS = [
     Defect(
         "identifier-later-than-what-is-not-compared",
         "src/platform/fsevents/tree/WatchedTree.h",
-        "return region_ ? std::min(time, region_->seenUpTo()) : time;",
-        "return region_ ? std::max(time, region_->seenUpTo()) : time;",
+        "return region_ ? std::min(seen, region_->seenUpTo()) : seen;",
+        "return region_ ? std::max(seen, region_->seenUpTo()) : seen;",
         "fsevents_tests",
         "WorldIdentifiers.AreNotLater*",
     ),
