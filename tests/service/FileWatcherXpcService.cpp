@@ -89,7 +89,7 @@ TEST_F(FileWatcherXpcServiceTest, ReplacesTheFirstControllerOnASecondCallAndEnds
   const std::weak_ptr<FileWatcherServiceXPC> controller = service.fileWatcherController();
   const Call second(service);
   ASSERT_TRUE(eventuallyStanding({number + 1}));
-  EXPECT_TRUE(controller.expired());
+  EXPECT_TRUE(eventually([&] { return controller.expired(); }));
   EXPECT_TRUE(eventually([&] { return first.hasReturned(); }));
   EXPECT_FALSE(second.hasReturned());
   EXPECT_THAT(statusSection("streams"), SizeIs(1));
