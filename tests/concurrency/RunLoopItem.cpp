@@ -144,8 +144,8 @@ TEST(RunLoopItem, InvalidateEndsARunThatHasNothingLeft) {
 
 TEST(RunLoopItem, InvalidateEndsARunThatIsAboutToSleep) {
   // Another moment each time: the last item goes before the loop looks for one, while it looks, between that and its sleep, in its sleep.
-  // Half as many rounds notice a loop that sleeps with nothing left ten times out of ten, a fifth of them eight times.
-  const int rounds = longOrShort(20000, 2000);
+  // So many notice a loop that sleeps with nothing left ten times out of ten, two fifths of them eight times.
+  const int rounds = longOrShort(10000, 2000);
   for (int round = 0; round < rounds; ++round) {
     const auto source = RunLoopSource::create(nullptr);
     std::shared_ptr<RunLoop> loop;
