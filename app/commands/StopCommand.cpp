@@ -114,9 +114,8 @@ constinit const Command kStopCommand{
     .operands = "",
     .summary = "Ends the service and all its watches, and waits until it has ended.",
     .details =
-        "What its watches have seen raises the flag before; else the flag stays as it is. An application that still wants its watch may "
-        "start "
-        "the service again.",
+        "What its watches have seen raises the flag first; else the flag stays as it is. An application that still wants its watch\n"
+        "may start the service again.",
     .options = kStopOptions,
     .fewestOperands = 0,
     .mostOperands = 0,
