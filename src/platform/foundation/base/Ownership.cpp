@@ -5,11 +5,11 @@
 #include <sys/xattr.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <vector>
+
+#include "platform/foundation/base/UserDatabase.h"
 
 namespace platform {
 
@@ -35,20 +35,6 @@ std::optional<uid_t> numberOfTheUnknown() {
   return std::nullopt;
 }
 
-/// An entry of the user or group database, read by `lookUp`, and what `take` makes of it.
-template <class Entry, class LookUp, class Take>
-auto entryBy(LookUp lookUp, Take take) -> decltype(take(Entry{})) {
-  constexpr std::size_t kMostRoom = std::size_t{1} << 20U;
-  for (std::vector<char> room(1024); room.size() <= kMostRoom; room.resize(room.size() * 4)) {
-    Entry entry{};
-    Entry* found = nullptr;
-    if (const int error = lookUp(&entry, room.data(), room.size(), &found); error == ERANGE) continue;
-    if (found == nullptr) return {};
-    return take(*found);
-  }
-  return {};
-}
-
 struct User {
   std::string name;
   gid_t group = 0;
@@ -57,12 +43,12 @@ struct User {
 /// Whether the group is the user's own and has no other member.
 bool isPrivateGroup(gid_t group, uid_t owner) {
   const auto byNumber = [owner](auto... rest) { return getpwuid_r(owner, rest...); };
-  const auto user = entryBy<passwd>(byNumber, [](const passwd& entry) -> std::optional<User> {
+  const auto user = databaseEntry<passwd>(byNumber, [](const passwd& entry) -> std::optional<User> {
     return User{entry.pw_name != nullptr ? entry.pw_name : "", entry.pw_gid};
   });
   if (!user || user->name.empty() || user->group != group) return false;
   const auto groupByNumber = [group](auto... rest) { return getgrgid_r(group, rest...); };
-  const auto isAlone = entryBy<struct group>(groupByNumber, [&user](const struct group& entry) -> std::optional<bool> {
+  const auto isAlone = databaseEntry<struct group>(groupByNumber, [&user](const struct group& entry) -> std::optional<bool> {
     if (entry.gr_name == nullptr || user->name != entry.gr_name) return false;
     for (char* const* member = entry.gr_mem; member != nullptr && *member != nullptr; ++member) {
       if (user->name != *member) return false;

@@ -4,27 +4,21 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <vector>
+
+#include "platform/foundation/base/UserDatabase.h"
 
 namespace platform {
 
 namespace {
 
-/// Asks the password database through `lookUp`, with as much room as the entry needs.
+/// Of the user whom `lookUp` finds.
 template <class LookUp>
 std::optional<std::string> homeFolderBy(LookUp lookUp) {
-  constexpr std::size_t kMostRoom = std::size_t{1} << 20U;
-  for (std::vector<char> room(1024); room.size() <= kMostRoom; room.resize(room.size() * 2)) {
-    passwd entry{};
-    passwd* found = nullptr;
-    const int error = lookUp(&entry, room.data(), room.size(), &found);
-    if (error == ERANGE) continue;
-    if (found == nullptr || found->pw_dir == nullptr || found->pw_dir[0] != '/') return std::nullopt;
-    return found->pw_dir;
-  }
-  return std::nullopt;
+  return databaseEntry<passwd>(lookUp, [](const passwd& entry) -> std::optional<std::string> {
+    if (entry.pw_dir == nullptr || entry.pw_dir[0] != '/') return std::nullopt;
+    return entry.pw_dir;
+  });
 }
 
 }  // namespace
