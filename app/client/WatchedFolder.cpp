@@ -11,6 +11,7 @@
 #include "contract/SharedPreferences.h"
 #include "contract/SyncFolder.h"
 #include "platform/foundation/base/SystemError.h"
+#include "platform/foundation/files/Paths.h"
 #include "platform/foundation/log/Log.h"
 #include "platform/foundation/preferences/UserDefaults.h"
 #include "platform/foundation/text/ASCII.h"
@@ -57,14 +58,6 @@ std::string whyNoFolder(const std::string& text, const URL& url) {
   return {};
 }
 
-/// With one separator where several stand, and none at the end.
-std::string simplified(std::string path) {
-  // Not std::ranges::unique: clang 14 cannot read libstdc++'s subranges.
-  path.erase(std::unique(path.begin(), path.end(), [](char a, char b) { return a == '/' && b == '/'; }), path.end());
-  if (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
-
 /// Whether no file system has room for such a name, wherever on the way to it folders are missing.
 bool isTooLong(std::string_view path) {
   if (path.size() >= PATH_MAX) return true;
@@ -99,12 +92,12 @@ WatchedFolder watchedFolder(const std::string& text) {
     return folder;
   }
   folder.watched = url->path();
-  folder.base = simplified(folder.watched.substr(0, folder.watched.rfind('/') + 1));
+  folder.base = platform::collapsedPath(folder.watched.substr(0, folder.watched.rfind('/') + 1));
   return folder;
 }
 
 std::string baseTextOfPath(const std::string& path) {
-  const std::string simple = simplified(path);
+  const std::string simple = platform::collapsedPath(path);
   // Of the root the URL's path alone would be the beginning of a host's name.
   if (simple == "/") return std::string(kFileURLStart);
   return URL::fileURLWithPath(simple).absoluteString().substr(kFileURLStart.size());

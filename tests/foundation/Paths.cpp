@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 namespace platform {
 namespace {
 
@@ -179,6 +181,21 @@ TEST(Paths, LieAtOrBelowAFolderByWholeComponents) {
     EXPECT_EQ(isAtOrBelowPath(c.path, c.folder), c.place != Place::Elsewhere) << "\"" << c.path << "\" and \"" << c.folder << "\"";
     EXPECT_EQ(isBelowPath(c.path, c.folder), c.place == Place::Below) << "\"" << c.path << "\" and \"" << c.folder << "\"";
   }
+}
+
+TEST(Paths, AreMadeAbsoluteByTheCurrentFolder) {
+  const std::string former = std::filesystem::current_path();
+  EXPECT_EQ(absolutePath("/a//b/"), "/a//b/");
+  std::filesystem::current_path("/usr");
+  EXPECT_EQ(absolutePath("a/../b"), "/usr/a/../b");
+  std::filesystem::current_path("/");
+  EXPECT_EQ(absolutePath("a"), "/a");
+  std::filesystem::current_path(former);
+}
+
+TEST(Paths, AreCollapsedToSingleSeparators) {
+  for (const auto& [path, expected] : {Case{"//a///b//", "/a/b"}, Case{"/", "/"}, Case{"///", "/"}, Case{"a//", "a"}, Case{"", ""}})
+    EXPECT_EQ(collapsedPath(path), expected) << path;
 }
 
 }  // namespace

@@ -1,21 +1,12 @@
 #include "platform/foundation/files/Paths.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 namespace platform {
 
 namespace {
-
-/// `path` with repeated separators made one and without those at its end, the root's own excepted.
-std::string collapsed(std::string_view path) {
-  std::string out;
-  out.reserve(path.size() + 1);
-  for (const char c : path) {
-    if (c != '/' || !out.ends_with('/')) out += c;
-  }
-  if (out.size() > 1 && out.ends_with('/')) out.pop_back();
-  return out;
-}
 
 /// Where the extension's dot stands in the name `name`; npos when it has no extension.
 std::size_t extensionDot(std::string_view name) {
@@ -38,12 +29,12 @@ std::string_view withoutRoot(std::string_view path) { return path == "/" ? std::
 }  // namespace
 
 std::string stringByAppendingPathComponent(std::string_view path, std::string_view component) {
-  if (path.empty()) return collapsed(component);
-  return collapsed(std::string(path).append(1, '/').append(component));
+  if (path.empty()) return collapsedPath(component);
+  return collapsedPath(std::string(path).append(1, '/').append(component));
 }
 
 std::string stringByDeletingLastPathComponent(std::string_view path) {
-  std::string out = collapsed(path);
+  std::string out = collapsedPath(path);
   const std::size_t separator = out.rfind('/');
   if (separator == std::string::npos) return {};
   out.resize(std::max<std::size_t>(separator, 1));
@@ -62,7 +53,7 @@ std::string pathExtension(std::string_view path) {
 }
 
 std::string stringByDeletingPathExtension(std::string_view path) {
-  std::string out = collapsed(path);
+  std::string out = collapsedPath(path);
   const std::string_view name = lastName(out);
   if (const std::size_t dot = extensionDot(name); dot != std::string_view::npos) out.resize(out.size() - name.size() + dot);
   return out;
@@ -70,7 +61,7 @@ std::string stringByDeletingPathExtension(std::string_view path) {
 
 std::string stringByAppendingPathExtension(std::string_view path, std::string_view extension) {
   if (extension.empty() || extension.find('/') != std::string_view::npos || lastName(path).empty()) return std::string(path);
-  return collapsed(path).append(1, '.').append(extension);
+  return collapsedPath(path).append(1, '.').append(extension);
 }
 
 std::vector<std::string> pathComponents(std::string_view path) {
@@ -82,6 +73,23 @@ std::vector<std::string> pathComponents(std::string_view path) {
     path.remove_prefix(std::min(end + 1, path.size()));
   }
   return components;
+}
+
+std::string collapsedPath(std::string_view path) {
+  std::string out;
+  out.reserve(path.size() + 1);
+  for (const char c : path) {
+    if (c != '/' || !out.ends_with('/')) out += c;
+  }
+  if (out.size() > 1 && out.ends_with('/')) out.pop_back();
+  return out;
+}
+
+std::string absolutePath(const std::string& path) {
+  if (path.starts_with('/')) return path;
+  std::error_code error;
+  const std::string current = std::filesystem::current_path(error).string();
+  return (current == "/" ? "" : current) + "/" + path;
 }
 
 bool isAtOrBelowPath(std::string_view path, std::string_view folder) {

@@ -22,6 +22,11 @@ std::string stringByDeletingPathExtension(std::string_view path);
 std::string stringByAppendingPathExtension(std::string_view path, std::string_view extension);
 /// "/a/b" gives "/", "a", "b".
 std::vector<std::string> pathComponents(std::string_view path);
+/// With one separator where several stand, and none at the end but the root's own.
+std::string collapsedPath(std::string_view path);
+
+/// A relative path seen from the process's current folder, which it asks the system for; an absolute one as it stands.
+std::string absolutePath(const std::string& path);
 
 /// Whether a path is a folder or lies somewhere below it, and whether it lies strictly below it; as texts, by whole components, so that
 /// "/ab" is not below "/a". Both paths as they stand, with no separator at the end; the root may be "/" or "". Everything absolute is below

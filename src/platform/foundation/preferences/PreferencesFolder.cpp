@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 
 #include "platform/foundation/base/DescriptorIO.h"
@@ -60,12 +59,6 @@ int makeFolder(int folder, const std::string& parent, const std::string& name) {
   return 0;
 }
 
-/// A path as the caller may give it, from the root on.
-std::string fromRoot(const std::string& path) {
-  std::error_code ignored;
-  return path.starts_with('/') ? path : std::filesystem::current_path(ignored).string() + "/" + path;
-}
-
 [[noreturn]] void throwRefusal(const PathRefusal& refusal, const std::string& step) {
   if (refusal.isDistrust) throw PreferencesFailure(PreferencesError::Kind::Refused, refusal.reason);
   throwError(refusal.error, step);
@@ -94,7 +87,7 @@ PreferencesFolder::PreferencesFolder(const std::string& path, bool make) {
       return error;
     };
   }
-  auto folder = openTrustedFolder(fromRoot(path), way);
+  auto folder = openTrustedFolder(absolutePath(path), way);
   if (!folder) throwRefusal(folder.error(), isMaking ? "making the folder" : "opening the folder");
   folder_ = *std::move(folder);
   if (fstat(descriptor(), &status_) != 0) throwLastError("opening the folder");
@@ -102,7 +95,7 @@ PreferencesFolder::PreferencesFolder(const std::string& path, bool make) {
 }
 
 FileHandle openPreferencesForReading(const std::string& path) {
-  const auto place = findTrustedPlace(fromRoot(path), {.allowsHost = true});
+  const auto place = findTrustedPlace(absolutePath(path), {.allowsHost = true});
   if (!place && place.error().error == ENOENT) return FileHandle();
   if (!place) throwRefusal(place.error(), "opening");
   auto file = openTrustedFile(*place, O_RDONLY);

@@ -1,20 +1,10 @@
 #include "platform/fsevents/tree/WatchedPath.h"
 
-#include <filesystem>
-#include <system_error>
-
 #include "platform/foundation/files/Paths.h"
 #include "platform/fsevents/mounts/PathMounts.h"
 
 namespace platform::fsevents {
 namespace {
-
-std::string absolute(const std::string& path) {
-  if (!path.empty() && path.front() == '/') return path;
-  std::error_code error;
-  const std::string current = std::filesystem::current_path(error).string();
-  return (current == "/" ? "" : current) + "/" + path;
-}
 
 void dropTrailingSeparators(std::string& path) {
   while (!path.empty() && path.back() == '/') path.pop_back();
@@ -46,14 +36,14 @@ TreeOptions watchedPath(const std::string& given, const std::vector<std::string>
   TreeOptions options;
   options.reportedPath = given;
   dropTrailingSeparators(options.reportedPath);
-  options.openPath = absolute(given);
+  options.openPath = absolutePath(given);
   dropTrailingSeparators(options.openPath);
   if (options.openPath.empty()) options.openPath = "/";
   const std::string asGiven = plain(options.openPath);
   const std::string asResolved = resolved(options.openPath);
   for (const std::string& path : excluded) {
-    addExclusion(asGiven, plain(absolute(path)), options.exclusions);
-    if (asResolved != asGiven) addExclusion(asResolved, resolved(absolute(path)), options.exclusions);
+    addExclusion(asGiven, plain(absolutePath(path)), options.exclusions);
+    if (asResolved != asGiven) addExclusion(asResolved, resolved(absolutePath(path)), options.exclusions);
   }
   return options;
 }
