@@ -49,9 +49,13 @@ void FlagRaiser::raise() {
     const MutexLock lock(mutex_);
     ++attempts_;
   }
+  makeAttempt(true);
+}
+
+void FlagRaiser::makeAttempt(bool isNew) {
   {
     const MutexLock writing(writing_);
-    note(attempt(true));
+    note(attempt(isNew));
   }
   const MutexLock lock(mutex_);
   --attempts_;
@@ -123,13 +127,7 @@ void FlagRaiser::retry() {
     if (reason_.empty()) return;
     ++attempts_;
   }
-  {
-    const MutexLock writing(writing_);
-    note(attempt(false));
-  }
-  const MutexLock lock(mutex_);
-  --attempts_;
-  changed_.notifyAll();
+  makeAttempt(false);
 }
 
 bool FlagRaiser::finish(Clock::time_point limit) {

@@ -47,6 +47,8 @@ class FlagRaiser {
 
   /// One attempt. Empty when the flag stands on disk, durable, or the application has it; else why not.
   [[nodiscard]] std::string attempt(bool isNew) REQUIRES(writing_);
+  /// One that is counted in `attempts_`, and its outcome noted.
+  void makeAttempt(bool isNew) EXCLUDES(writing_, mutex_);
   void retry() EXCLUDES(writing_, mutex_);
   void note(const std::string& reason) REQUIRES(writing_) EXCLUDES(mutex_);
   void tryLater() EXCLUDES(mutex_);
