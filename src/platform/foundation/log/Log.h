@@ -36,7 +36,7 @@ bool standardErrorIsTheJournal();
 
 /// Returns when every line logged before the call has been written. Any thread.
 void flushLog();
-/// The same for a process that is about to end, which waits a few seconds at most for a disk or a reader that takes none.
+/// The same for a process that is about to end, which waits a second at most for a disk or a reader that takes none.
 void flushLogAtEnd();
 
 }  // namespace platform
